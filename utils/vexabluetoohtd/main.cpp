@@ -1,0 +1,6 @@
+// SPDX-License-Identifier: MIT
+
+int main()
+{
+    return 0;
+}
