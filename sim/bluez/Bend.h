@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/bluez/Variant.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace vexasim
+{
+
+/// A departure from how BlueZ answers a method. The first bend that matches a
+/// call applies; bends are tried newest first. Build one by its named makers:
+///
+///     sim.bend(Bend::error("Pair", "org.bluez.Error.AuthenticationFailed").on(path).times(2));
+///     sim.bend(Bend::answer("ReadValue", g_variant_new("(s)", "no bytes")).on(characteristic));
+///     sim.bend(Bend::silence("Get").property("Paired"));
+struct Bend {
+    enum class Kind {
+        Error,    ///< an error reply, nothing is carried out
+        Answer,   ///< a reply with given parameters, nothing is carried out
+        Silence,  ///< no reply ever, nothing is carried out
+        Late,     ///< the whole call is handled later
+        LateReply ///< carried out at once, but the reply comes later
+    };
+
+    static Bend error(const std::string& member, const std::string& name,
+                      const std::string& message = "bent");
+    /// `parameters` is a tuple, of any type; it needn't be the method's.
+    static Bend answer(const std::string& member, Variant parameters);
+    static Bend silence(const std::string& member);
+    static Bend late(const std::string& member, std::chrono::milliseconds delay);
+    static Bend lateReply(const std::string& member, std::chrono::milliseconds delay);
+
+    Bend& on(const std::string& objectPath); ///< only calls on this object
+    Bend& of(const std::string& interface);  ///< only calls of this interface
+    /// Only calls of org.freedesktop.DBus.Properties about this property.
+    Bend& property(const std::string& name);
+    Bend& times(int count); ///< only so many calls, then the bend is gone
+
+    Kind kind = Kind::Error;
+    std::string objectPath;    ///< "" for any
+    std::string interfaceName; ///< "" for any
+    std::string member;        ///< "" for any
+    std::string propertyName;  ///< "" for any
+    std::string errorName;
+    std::string errorMessage;
+    Variant parameters;
+    std::chrono::milliseconds delay{0};
+    int count = -1; ///< -1: until cleared
+};
+
+using BendId = uint64_t;
+
+/// One method call that reached the simulator.
+struct Call {
+    int64_t timeUs = 0; ///< monotonic clock, when it came off the socket
+    std::string sender; ///< unique name
+    std::string path;
+    std::string interface;
+    std::string member;
+    Variant parameters; ///< a tuple
+
+    /// "/org/bluez/hci0 org.bluez.Adapter1.StartDiscovery ()".
+    std::string text() const;
+};
+
+using CallPredicate = std::function<bool(const Call&)>;
+
+} // namespace vexasim
