@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdarg>
+#include <map>
+#include <string>
+
+#include "pthread_helper.h"
+
+/// How severe a message is; a lower number is more severe.
+enum STBLogLevel {
+    STBLogLevel_eNone = 0,
+    STBLogLevel_eError = 1,
+    STBLogLevel_eWarn = 2,
+    STBLogLevel_eInfo = 3,
+    STBLogLevel_eDebug = 4,
+    STBLogLevel_eTrace = 5,
+};
+
+/// What a logger is made from. Read only when the first message of an application is logged; later only
+/// `application` counts, as the key. The environment variables `<application>_LOG_...` go before it.
+struct STBLoggerLogParams {
+    const char* prefix;       ///< at the head of every line on standard error
+    const char* application;  ///< key of the logger and beginning of its environment variables' names
+    const char* defaultLevel; ///< name of a level, in any case
+    const char* warnModules;  ///< comma-separated modules that get the level WARN; may be null
+    const char* infoModules;  ///< the same for INFO
+    const char* debugModules; ///< the same for DEBUG
+    const char* traceModules; ///< the same for TRACE
+    bool lineNumbers;         ///< show the source line
+    bool threadId;            ///< show the calling thread
+    bool useColors;           ///< colour the lines on standard error
+};
+
+/// Logs one message through the logger of `params->application`, which the first call makes. `module` is the
+/// message's tag; if it is empty, the base name of `file` is. Any thread may call it, at any time of the
+/// process's life; once the exit handlers have taken the loggers down, messages are dropped.
+void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel level, int line,
+                   const char* file, const char* format, ...) __attribute__((format(printf, 6, 7)));
+
+/// The logger of one application: its settings, which never change once it is made, and its two outputs,
+/// standard error and syslog. The registry behind STBLogger_log owns it.
+class STBLogger
+{
+public:
+    /// Reads the record and the environment, and greets.
+    explicit STBLogger(STBLoggerLogParams* params);
+
+    /// Gives each module of the comma-separated list this level, in place of an earlier one.
+    void setModulesSTBLogLevel(const std::string& modules, STBLogLevel level);
+
+    /// Writes one line of at most 1023 characters to standard error.
+    void log_print(const char* module, const char* letter, int line, const char* file, const char* format,
+                   va_list arguments) __attribute__((format(printf, 6, 0)));
+
+    /// Sends the message, of at most 1023 characters, to syslog line by line.
+    void log_send_syslog(const char* module, int priority, int line, const char* file, const char* format,
+                         va_list arguments) __attribute__((format(printf, 6, 0)));
+
+    /// Filters a message and writes it to the one output that is in use. The module is taken as it is.
+    void log(const char* module, STBLogLevel level, int line, const char* file, const char* format, ...)
+        __attribute__((format(printf, 6, 7)));
+
+private:
+    friend class STBLoggerContainer;
+    friend void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel level, int line,
+                              const char* file, const char* format, ...);
+
+    void readLevel(const std::string& application, const char* defaultLevel);
+    void readModules(const std::string& application, const STBLoggerLogParams& params);
+    void readFlags(const std::string& application);
+    bool wants(const std::string& module, STBLogLevel level) const;
+    static pthread_helper::mutex& staticMutex();
+    void write(const char* module, STBLogLevel level, int line, const char* file, const char* format,
+               va_list arguments) __attribute__((format(printf, 6, 0)));
+
+    STBLogLevel _level = STBLogLevel_eInfo;
+    std::map<std::string, STBLogLevel> _moduleLevels;
+    bool _lineNumbers;
+    bool _threadId;
+    bool _useColors;
+    bool _useSyslog = false;
+    std::string _prefix;
+};
+
+// The one way in which the daemon's messages are spelled.
+#define STB_LOG(level, ...)                                                                                  \
+    do {                                                                                                     \
+        STBLoggerLogParams stbLogParams = {};                                                                \
+        stbLogParams.prefix = "    ";                                                                        \
+        stbLogParams.application = "VEXA";                                                                   \
+        stbLogParams.defaultLevel = "debug";                                                                 \
+        stbLogParams.lineNumbers = true;                                                                     \
+        stbLogParams.useColors = true;                                                                       \
+        STBLogger_log(&stbLogParams, "", level, __LINE__, __FILE__, __VA_ARGS__);                            \
+    } while (false)
+
+#define LOG_ERROR(...) STB_LOG(STBLogLevel_eError, __VA_ARGS__)
+#define LOG_WARN(...) STB_LOG(STBLogLevel_eWarn, __VA_ARGS__)
+#define LOG_INFO(...) STB_LOG(STBLogLevel_eInfo, __VA_ARGS__)
+#define LOG_DEBUG(...) STB_LOG(STBLogLevel_eDebug, __VA_ARGS__)
+#define LOG_TRACE(...) STB_LOG(STBLogLevel_eTrace, __VA_ARGS__)
