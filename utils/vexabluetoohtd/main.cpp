@@ -1,6 +1,821 @@
 // SPDX-License-Identifier: MIT
+#include "App.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "NSRegExp.h"
+#include "STBLogger.h"
+
+namespace
+{
+
+constexpr const char* kStatusFile = "/tmp/bluetooth_status";
+constexpr const char* kRcFile = "/tmp/bluetooth_rc";
+constexpr const char* kRssiFile = "/tmp/bluetooth_rc_rssi";
+constexpr const char* kBatteryFile = "/tmp/bluetooth_rc_battery";
+constexpr const char* kFwVersionFile = "/tmp/bluetooth_rc_fw_version";
+constexpr const char* kPairFlag = "/tmp/bluetooth_pair";
+constexpr const char* kResetFlag = "/tmp/bluetooth_reset";
+constexpr const char* kFirmwareLink = "/tmp/bluetooth_rc_fw";
+constexpr std::size_t kLinkBufferSize = 4096;
+
+constexpr const char* kButtonFile = "/sys/class/saradc/saradc_ch0";
+constexpr int kButtonStartLevel = 1024;   // stands when the file can't be opened: released
+constexpr int kButtonReleasedAbove = 900; // 900 itself is pressed
+constexpr std::time_t kButtonHoldSec = 1; // exceeded by whole seconds, so held for at least 2
+
+constexpr long long kPassIntervalUs = 499999; // exceeded from the start of one pass to the next
+constexpr useconds_t kPassPollUs = 100000;
+
+constexpr useconds_t kAdapterPollUs = 500000;
+constexpr std::time_t kRcStartupSec = 4; // exceeded by whole seconds
+constexpr useconds_t kRcPollUs = 100000;
+
+constexpr std::time_t kReconnectSec = 3600;
+
+constexpr std::time_t kScanSec = 59;   // exceeded by whole seconds
+constexpr std::time_t kPairingSec = 9; // exceeded by whole seconds
+constexpr unsigned int kWaitSliceMs = 100;
+
+constexpr std::time_t kReadingIntervalSec = 10800;
+constexpr std::uint16_t kLowestLevel = 1;
+constexpr std::uint16_t kHighestLevel = 100;
+constexpr std::size_t kLongestVersion = 4; // bytes
+
+constexpr const char* kRcNamePattern = "^VEXA.+$";
+constexpr const char* kFwVersionUuid = "0000ffd3-0000-1000-8000-00805f9b34fb";
+constexpr const char* kOtaUuid = "0000ffd1-0000-1000-8000-00805f9b34fb";
+
+std::time_t secondsSince(const NSTime& start)
+{
+    return (NSTime::nowRelative() - start).toTimeT();
+}
+
+int readButtonLevel()
+{
+    int level = kButtonStartLevel;
+    std::ifstream file(kButtonFile);
+    if (file) {
+        file >> level; // what isn't a number gives 0, which reads as pressed; an empty file changes nothing
+    }
+    return level;
+}
+
+bool fileExists(const char* path)
+{
+    return std::ifstream(path).is_open();
+}
+
+void removeFile(const char* path)
+{
+    LOG_WARN("REMOVE %s", path);
+    std::remove(path);
+}
+
+// Consumes a flag of the box; tells whether it was set.
+bool takeFlag(const char* path)
+{
+    if (!fileExists(path)) {
+        return false;
+    }
+    removeFile(path);
+    return true;
+}
+
+void eraseAll(std::vector<std::string>& paths, const std::string& path)
+{
+    paths.erase(std::remove(paths.begin(), paths.end(), path), paths.end());
+}
+
+} // namespace
+
+std::unique_ptr<App> gApp;
+
+void writeFile(const std::string& text, const std::string& path)
+{
+    if (text.empty() || path.empty()) {
+        return;
+    }
+    std::ofstream file(path);
+    if (file) {
+        file << text << '\n' << std::flush;
+    }
+}
+
+// --- Start and stop ---
+
+App::App() = default;
+
+App::~App()
+{
+    // Only a second interrupt comes here with the stack client alive. Its event thread then still uses the
+    // members below, may stand in a bus call for longer than the user shall wait, and the thread that was
+    // interrupted may itself be the waiter of a condition: so neither join it nor take anything from under
+    // it. App is the last of the exit handlers, nothing is lost. An interrupted holder of mMutex goes on and
+    // dies by the lock's own check.
+    if (mBluez && !mMutex.heldByCaller()) {
+        _exit(EXIT_FAILURE);
+    }
+}
+
+void App::init()
+{
+    {
+        // Held until the client is stored: its event thread may ask mBluez for a device's name before
+        // make_shared has returned.
+        const pthread_helper::scoped_lock lock(mMutex);
+        mBluez = std::make_shared<Bluez>(this);
+    }
+    writeFile("init", kStatusFile);
+    waitForAdapter();
+    waitForRc();
+}
+
+void App::waitForAdapter()
+{
+    while (!mAdapterReady && mRunning) {
+        std::vector<std::string> adapters;
+        {
+            const pthread_helper::scoped_lock lock(mMutex);
+            adapters = mAdapters;
+        }
+        if (adapters.empty()) {
+            LOG_DEBUG("Waiting adapter...");
+            usleep(kAdapterPollUs);
+            continue;
+        }
+        // Kept: an adapter that refuses is asked again at once, paced only by the calls on the bus.
+        powerAdapter(adapters.front());
+    }
+}
+
+void App::powerAdapter(const std::string& path)
+{
+    std::string address;
+    if (mBluez->adapterGetAddress(path, address)) {
+        LOG_INFO("Adapter %s found", address.c_str());
+    }
+    if (mBluez->adapterSetPowered(path, true)) {
+        LOG_INFO("Adapter powered");
+        mAdapterReady = true;
+    }
+}
+
+void App::waitForRc()
+{
+    LOG_DEBUG("Waiting RC...");
+    const NSTime start = NSTime::nowRelative();
+    while (secondsSince(start) <= kRcStartupSec && mRunning) {
+        if (bringUpRc()) {
+            return;
+        }
+        usleep(kRcPollUs);
+    }
+}
+
+// True when there is nothing more to wait for.
+bool App::bringUpRc()
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (mRc.path.empty()) {
+        return false;
+    }
+    mBluez->deviceGetAddress(mRc.path, mRc.address);
+    mBluez->deviceGetPaired(mRc.path, mRc.paired);
+    mBluez->deviceGetConnected(mRc.path, mRc.connected);
+    LOG_DEBUG("RC %s found", mRc.address.c_str());
+    if (!mRc.paired) {
+        return false;
+    }
+    if (mRc.connected) {
+        return true;
+    }
+    LOG_DEBUG("RC %s is paired and disconnected. Trying to reconnect...", mRc.address.c_str());
+    return mBluez->deviceConnect(mRc.path);
+}
+
+void App::deinit()
+{
+    // Kept: without mMutex. A handler that is under way takes the pointer once and finds the client or
+    // nothing; the release below waits for it.
+    std::shared_ptr<Bluez> client;
+    client.swap(mBluez);
+    client.reset();
+
+    for (const char* path : {kStatusFile, kRcFile, kRssiFile, kBatteryFile, kFwVersionFile}) {
+        removeFile(path);
+    }
+}
+
+// --- Main loop ---
+
+void App::process()
+{
+    LOG_DEBUG("process loop start");
+    State state = State_eIdle;
+    NSTime lastPass;
+    NSTime pressStart;
+    while (mRunning) {
+        if ((NSTime::nowRelative() - lastPass).toInt64() <= kPassIntervalUs) {
+            usleep(kPassPollUs);
+            continue;
+        }
+        lastPass = NSTime::nowRelative();
+        const int buttonLevel = readButtonLevel();
+        switch (state) {
+        case State_eIdle:
+            state = idle(buttonLevel, pressStart);
+            break;
+        case State_eActivation:
+            state = activate(buttonLevel, pressStart);
+            break;
+        case State_ePair:
+            pair();
+            LOG_INFO("Transiting to Idle...");
+            state = State_eIdle;
+            break;
+        }
+    }
+}
+
+State App::idle(int buttonLevel, NSTime& pressStart)
+{
+    LOG_TRACE("IDLING...");
+    const State next = serveRequests();
+    if (buttonLevel > kButtonReleasedAbove) {
+        return next;
+    }
+    LOG_INFO("Button pressed, transiting to Activation");
+    pressStart = NSTime::nowRelative();
+    return State_eActivation; // also over a pairing that was asked for in this pass
+}
+
+State App::activate(int buttonLevel, const NSTime& pressStart)
+{
+    LOG_TRACE("ACTIVATING...");
+    if (buttonLevel > kButtonReleasedAbove) {
+        LOG_INFO("Button released transiting to Idle");
+        return State_eIdle;
+    }
+    if (secondsSince(pressStart) > kButtonHoldSec) {
+        LOG_INFO("Button was held for 2 secs, transiting to Pairing");
+        return State_ePair;
+    }
+    return State_eActivation;
+}
+
+// --- The requests of the box ---
+
+State App::serveRequests()
+{
+    switch (whatToDo()) {
+    case Action_eConnect:
+        connectRc();
+        break;
+    case Action_ePair:
+        LOG_INFO("Pairing flag set, transiting to Pair");
+        return State_ePair;
+    case Action_eUpdate:
+        processUpdate();
+        break;
+    case Action_eRemoveDevice:
+        removeUnpairedRc();
+        break;
+    case Action_eDoNothing:
+    default:
+        LOG_TRACE("Do Action_eDoNothing");
+        writeStatus();
+        break;
+    }
+    return State_eIdle;
+}
+
+Action App::whatToDo()
+{
+    const bool pairFlag = takeFlag(kPairFlag);
+    if (takeFlag(kResetFlag)) {
+        return Action_ePair;
+    }
+    if (takeFirmwareLink()) {
+        return Action_eUpdate; // Kept: a pair flag that was taken in this pass is lost
+    }
+    return whatToDoWithRc(pairFlag);
+}
+
+// Consumes the link to an image, not the image; tells whether there was one.
+bool App::takeFirmwareLink()
+{
+    std::array<char, kLinkBufferSize> target{};
+    // Kept: a target that fills the buffer leaves no end mark; targets are to be shorter.
+    const ssize_t length = readlink(kFirmwareLink, target.data(), target.size());
+    if (length <= 0) {
+        return false;
+    }
+    const std::string path(target.data(), strnlen(target.data(), target.size()));
+    LOG_DEBUG("Firmware symlink found: %s", path.c_str());
+    LOG_WARN("REMOVE: %s", kFirmwareLink);
+    std::remove(kFirmwareLink);
+    mFirmwarePath = path;
+    return true;
+}
+
+Action App::whatToDoWithRc(bool pairFlag)
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (mRc.path.empty()) {
+        return pairFlag ? Action_ePair : Action_eDoNothing;
+    }
+    mBluez->deviceGetPaired(mRc.path, mRc.paired);
+    mBluez->deviceGetConnected(mRc.path, mRc.connected);
+    if (!mRc.paired) {
+        return Action_eRemoveDevice; // whether or not the pair flag was set
+    }
+    if (mRc.connected) {
+        // The pair flag is swallowed: only the reset flag makes a connected remote pair again.
+        mReconnectArmed = false;
+        return Action_eDoNothing;
+    }
+    return whatToDoWithAbsentRc(pairFlag);
+}
+
+// A paired remote that has dropped out is left alone for an hour, which the pair flag skips. Under mMutex.
+Action App::whatToDoWithAbsentRc(bool pairFlag)
+{
+    if (pairFlag) {
+        mReconnectArmed = false;
+        return Action_eConnect;
+    }
+    if (!mReconnectArmed) {
+        mReconnectArmed = true;
+        mReconnectSince = NSTime::nowRelative();
+        return Action_eDoNothing;
+    }
+    if (secondsSince(mReconnectSince) < kReconnectSec) {
+        return Action_eDoNothing;
+    }
+    mReconnectArmed = false;
+    return Action_eConnect;
+}
+
+void App::connectRc()
+{
+    writeFile("connecting", kStatusFile);
+    // Across the call on the bus, so that the remote stays the one that is named in the log.
+    const pthread_helper::scoped_lock lock(mMutex);
+    LOG_INFO("Trying to connect to %s", mRc.address.c_str());
+    mBluez->deviceConnect(mRc.path);
+}
+
+void App::removeUnpairedRc()
+{
+    LOG_WARN("Removing failed to pair device");
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (!mAdapters.empty()) {
+        // mRc is blanked when BlueZ reports the removal.
+        mBluez->adapterRemoveDevice(mAdapters.front(), mRc.path);
+    }
+}
+
+// --- Pairing ---
+
+void App::pair()
+{
+    LOG_DEBUG("Pairing...");
+    if (mAdapterReady) {
+        forgetAllDevices();
+    }
+    {
+        const pthread_helper::scoped_lock lock(mMutex);
+        mRc = RcInfo();
+    }
+    std::remove(kRcFile);
+    if (!startScan()) {
+        LOG_ERROR("Switching scan on failed");
+        return;
+    }
+    writeFile("scanning", kStatusFile);
+    await(mRcFoundCond, NSTime::nowRelative(), kScanSec, &App::rcFound);
+    if (!stopScan() || !reportScan()) {
+        return;
+    }
+    const NSTime pairStart = NSTime::nowRelative();
+    if (!requestPairing()) {
+        return;
+    }
+    writeFile("pairing", kStatusFile);
+    await(mRcPairedCond, pairStart, kPairingSec, &App::rcPaired);
+    reportPairing();
+}
+
+void App::forgetAllDevices()
+{
+    LOG_DEBUG("Removing all devices...");
+    const pthread_helper::scoped_lock lock(mMutex);
+    for (const std::string& path : mDevices) {
+        LOG_INFO("Removing device %s", path.c_str());
+        if (!mAdapters.empty()) {
+            mBluez->adapterRemoveDevice(mAdapters.front(), path);
+        }
+    }
+}
+
+bool App::startScan()
+{
+    LOG_DEBUG("Scanning on");
+    const pthread_helper::scoped_lock lock(mMutex);
+    return !mAdapters.empty() && mBluez->adapterScanOn(mAdapters.front());
+}
+
+// False if there is no adapter left to pair with.
+bool App::stopScan()
+{
+    LOG_DEBUG("Scanning off");
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (mAdapters.empty()) {
+        LOG_ERROR("Switching scan off failed");
+        return false;
+    }
+    // Kept: the test is the reverse of what it says. Readers of the log see this line after every scan.
+    if (mBluez->adapterScanOff(mAdapters.front())) {
+        LOG_ERROR("Switching scan off failed");
+    }
+    return true;
+}
+
+bool App::reportScan()
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (mRc.path.empty()) {
+        LOG_WARN("VEXA RC not found");
+        return false;
+    }
+    LOG_INFO("VEXA RC %s found. Trying to pair...", mRc.address.c_str());
+    return true;
+}
+
+bool App::requestPairing()
+{
+    // Kept: read without mMutex, which must not be held while devicePair polls.
+    const std::string path = mRc.path;
+    if (path.empty()) {
+        LOG_ERROR("Broken VEXA RC handle. Returning from pairing.");
+        return false;
+    }
+    if (!mBluez->devicePair(path)) {
+        LOG_ERROR("Device pairing call has failed");
+        return false;
+    }
+    return true;
+}
+
+// Waits until `reached` holds, more than `limit` whole seconds have passed since `start`, or the daemon is
+// stopped. A signal that comes while nobody waits is lost, which costs one slice at most.
+void App::await(pthread_helper::cond& condition, const NSTime& start, std::time_t limit,
+                bool (App::*reached)() const)
+{
+    while (mRunning && secondsSince(start) <= limit) {
+        const pthread_helper::scoped_lock lock(mMutex);
+        if ((this->*reached)()) {
+            return;
+        }
+        if (condition.timedWait(mMutex, kWaitSliceMs) == 0 && (this->*reached)()) {
+            return;
+        }
+    }
+}
+
+bool App::rcFound() const
+{
+    return !mRc.path.empty();
+}
+
+bool App::rcPaired() const
+{
+    return mRc.paired;
+}
+
+void App::reportPairing()
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (mRc.path.empty()) {
+        LOG_ERROR("Broken VEXA RC handle");
+    } else if (mRc.paired) {
+        LOG_INFO("VEXA RC %s has been successfully paired", mRc.address.c_str());
+    } else {
+        LOG_WARN("VEXA RC %s hasn't been paired", mRc.address.c_str());
+    }
+}
+
+// --- What BlueZ reports; event thread ---
+
+void App::onAdapterAdded(const std::string& path)
+{
+    LOG_DEBUG("Adapter: + %s", path.c_str());
+    const pthread_helper::scoped_lock lock(mMutex);
+    mAdapters.push_back(path);
+}
+
+void App::onAdapterRemoved(const std::string& path)
+{
+    LOG_DEBUG("Adapter: - %s", path.c_str());
+    const pthread_helper::scoped_lock lock(mMutex);
+    eraseAll(mAdapters, path);
+}
+
+void App::onDeviceAdded(const std::string& path)
+{
+    LOG_DEBUG("Device: + %s", path.c_str());
+    const pthread_helper::scoped_lock lock(mMutex);
+    mDevices.push_back(path);
+
+    NSRegExp pattern(kRcNamePattern, REG_EXTENDED);
+    std::string name;
+    std::string address;
+    // Kept: deinit empties mBluez without the lock, so take the pointer once. The client itself lives until
+    // it has joined this thread.
+    Bluez* const client = mBluez.get();
+    if (client != nullptr) {
+        client->deviceGetName(path, name);
+        client->deviceGetAddress(path, address);
+    }
+    std::vector<std::string> groups;
+    if (!pattern.match(name, groups, 0)) {
+        return; // and isn't looked at again, even if its name becomes known
+    }
+    LOG_DEBUG("RC found %s : %s", name.c_str(), path.c_str());
+    // The last one seen is the remote, whatever was known before.
+    mRc = RcInfo();
+    mRc.path = path;
+    mRc.address = address;
+    mRc.name = name;
+    mRcFoundCond.signal();
+}
+
+void App::onDeviceRemoved(const std::string& path)
+{
+    LOG_DEBUG("Device: - %s", path.c_str());
+    const pthread_helper::scoped_lock lock(mMutex);
+    eraseAll(mDevices, path);
+    if (path != mRc.path) {
+        return;
+    }
+    mRc = RcInfo();
+    removeFile(kRcFile);
+    mReconnectArmed = false;
+}
+
+void App::onDeviceRSSIChanged(const std::string& path, std::int16_t dBm)
+{
+    LOG_DEBUG("Device \"%s\" rssi changed to %d", path.c_str(), dBm);
+}
+
+void App::onDevicePairedStatusChanged(const std::string& path, bool paired)
+{
+    LOG_DEBUG("Device %s %s", path.c_str(), paired ? "paired" : "unpaired");
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (path == mRc.path) {
+        mRc.paired = paired;
+        mRcPairedCond.signal();
+    }
+}
+
+void App::onDeviceConnectionStatusChanged(const std::string& path, bool connected)
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (path != mRc.path) {
+        return;
+    }
+    LOG_DEBUG("VEXA RC connection status changed: %s", connected ? "connected" : "disconnected");
+    mRc.connected = connected;
+    if (connected) {
+        mBattery = BatteryInfo();
+    } else {
+        mBattery.shouldRead = false;
+        removeFile(kBatteryFile);
+    }
+}
+
+void App::onDeviceServicesResolvedStatusChanged(const std::string& path, bool resolved)
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (path == mRc.path) {
+        LOG_DEBUG("VEXA RC services resolved status changed: %s", resolved ? "resolved" : "unresolved");
+    }
+}
+
+void App::onServiceAdded(const std::string& path, const Bluez::Service& service)
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (!mRc.path.empty() && service.parent == mRc.path && service.type == Bluez::Service::Type::Battery) {
+        LOG_DEBUG("Battery service resolved");
+        mRc.hasBatteryService = true;
+        mRc.batteryServicePath = path;
+    }
+}
+
+void App::onServiceRemoved(const std::string& path)
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (path != mRc.batteryServicePath) {
+        return;
+    }
+    LOG_DEBUG("Battery service removed");
+    mRc.hasBatteryService = false;
+    mRc.batteryServicePath.clear();
+    mRc.batteryLevelPath.clear();
+    mBattery = BatteryInfo();
+    removeFile(kBatteryFile);
+}
+
+void App::onCharacteristicAdded(const std::string& path, const Bluez::Service::Characteristic& characteristic)
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    // Any characteristic of the battery service counts as the level, and the last one stands.
+    if (mRc.hasBatteryService && characteristic.parent == mRc.batteryServicePath) {
+        LOG_DEBUG("Battery level characteristic resolved");
+        mRc.batteryLevelPath = path;
+        mBattery = BatteryInfo();
+    }
+    // Kept: these two don't ask whose characteristic it is; only the remote is expected to have them.
+    if (characteristic.uuid == kFwVersionUuid) {
+        mRc.fwVersionPath = characteristic.path;
+    }
+    if (characteristic.uuid == kOtaUuid) {
+        mRc.otaPath = characteristic.path;
+    }
+}
+
+void App::onCharacteristicRemoved(const std::string& path)
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (mRc.hasBatteryService && path == mRc.batteryLevelPath) {
+        LOG_DEBUG("Batter level characteristic removed");
+        mRc.batteryLevelPath.clear();
+        mBattery = BatteryInfo();
+    }
+    if (path == mRc.fwVersionPath) {
+        mRc.fwVersionPath.clear();
+        std::remove(kFwVersionFile);
+    }
+    if (path == mRc.otaPath) {
+        mRc.otaPath.clear();
+    }
+}
+
+void App::onDescriptorAdded(const std::string& path,
+                            const Bluez::Service::Characteristic::Descriptor& /*descriptor*/)
+{
+    LOG_DEBUG("+GATT Descriptor: %s", path.c_str());
+}
+
+void App::onDescriptorRemoved(const std::string& path)
+{
+    LOG_DEBUG("-GATT Descriptor: %s", path.c_str());
+}
+
+// --- Status files ---
+
+void App::writeStatus()
+{
+    const pthread_helper::scoped_lock lock(mMutex);
+    if (mRc.path.empty()) {
+        std::remove(kRcFile);
+        writeFile("no device", kStatusFile);
+        return;
+    }
+    if (!refreshRc()) {
+        writeFile("error", kStatusFile);
+        return;
+    }
+    publishRc();
+    scheduleReading();
+    if (readingDue()) {
+        readBattery();
+        readFwVersion();
+    }
+}
+
+// Asks for all three properties, whatever comes of the first.
+bool App::refreshRc()
+{
+    const bool hasAddress = mBluez->deviceGetAddress(mRc.path, mRc.address);
+    const bool hasPaired = mBluez->deviceGetPaired(mRc.path, mRc.paired);
+    const bool hasConnected = mBluez->deviceGetConnected(mRc.path, mRc.connected);
+    return hasAddress && hasPaired && hasConnected;
+}
+
+void App::publishRc()
+{
+    if (!mRc.paired) {
+        writeFile("not paired", kStatusFile);
+        return;
+    }
+    writeFile(mRc.address, kRcFile);
+    writeFile(mRc.connected ? "connected" : "disconnected", kStatusFile);
+}
+
+// Three hours after the last reading, or when there was none, the next one waits for its delay.
+void App::scheduleReading()
+{
+    const bool never = mBattery.lastRead.toInt64() == 0;
+    if ((secondsSince(mBattery.lastRead) <= kReadingIntervalSec && !never) || !mRc.connected) {
+        return;
+    }
+    const std::time_t wait = secondsSince(mBattery.delayStart);
+    if (wait != 0 && wait > mBattery.delay) {
+        LOG_DEBUG("Should read battery level");
+        mBattery.shouldRead = true;
+        mBattery.valid = false;
+        mBattery.delay = 0;
+    } else {
+        LOG_TRACE("Read delay %lds of %ds", static_cast<long>(wait), mBattery.delay);
+    }
+}
+
+bool App::readingDue() const
+{
+    return mRc.hasBatteryService && !mRc.batteryServicePath.empty() && !mRc.batteryLevelPath.empty() &&
+           mBattery.shouldRead && mRc.connected;
+}
+
+void App::readBattery()
+{
+    // The text is one zero longer than the value, so the usual value of one byte comes as two characters.
+    const std::string text = mBluez->valueFor(mRc.batteryLevelPath);
+    if (text.size() == 1 || text.size() == 2) {
+        // Kept: or-ed into the old level, which only a fresh record clears.
+        mBattery.level = static_cast<std::uint16_t>(mBattery.level | static_cast<std::uint8_t>(text[0]));
+        if (text.size() == 2) {
+            mBattery.level =
+                static_cast<std::uint16_t>(mBattery.level | (static_cast<std::uint8_t>(text[1]) << 8U));
+        }
+        mBattery.valid = mBattery.level >= kLowestLevel && mBattery.level <= kHighestLevel;
+        mBattery.shouldRead = false;
+        mBattery.lastRead = NSTime::nowRelative();
+        LOG_DEBUG("Battery level read: %d %s", mBattery.level, mBattery.valid ? "valid" : "invalid");
+    }
+    if (mBattery.valid) {
+        writeFile(std::to_string(mBattery.level), kBatteryFile);
+    }
+}
+
+void App::readFwVersion()
+{
+    if (!mRc.fwVersionPath.empty()) {
+        const std::vector<std::uint8_t> bytes = mBluez->readCharacteristic(mRc.fwVersionPath);
+        if (bytes.size() > kLongestVersion) {
+            LOG_ERROR("Read fw version: invalid response");
+        } else {
+            std::uint32_t version = 0;
+            for (std::size_t i = bytes.size(); i > 0; --i) {
+                version = (version << 8U) | bytes[i - 1];
+            }
+            LOG_DEBUG("rc fw version: %x", version);
+            mRc.fwVersion = version; // a failed read, which gives no bytes, loses the version known so far
+        }
+    }
+    if (mRc.fwVersion != 0) {
+        std::ostringstream text;
+        text << std::hex << mRc.fwVersion;
+        writeFile(text.str(), kFwVersionFile);
+    }
+}
+
+// --- Firmware update ---
+
+void App::processUpdate() {}
+
+// --- Entry ---
+
+void signalHandler(int /*signal*/)
+{
+    // Kept: logs, although the interrupted thread may hold a lock of the logger.
+    if (!gApp) {
+        exit(EXIT_SUCCESS);
+    }
+    LOG_WARN("Interrupt!");
+    const bool first = gApp->mRunning;
+    gApp->mRunning = false;
+    if (!first) {
+        exit(EXIT_FAILURE);
+    }
+}
 
 int main()
 {
+    signal(SIGINT, signalHandler);
+    gApp = std::make_unique<App>();
+    gApp->init();
+    gApp->process();
+    gApp->deinit();
     return 0;
 }

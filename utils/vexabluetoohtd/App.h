@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Bluez.h"
+#include "NSTime.h"
+#include "pthread_helper.h"
+
+/// What the main loop is doing.
+enum State {
+    State_eIdle = 0,       ///< normal running
+    State_eActivation = 1, ///< the button is down; its hold time is being measured
+    State_ePair = 2,       ///< pairing is due at the next pass
+};
+
+/// What an idle pass finds to do.
+enum Action {
+    Action_eDoNothing = 0,    ///< nothing to do; publish the status
+    Action_eConnect = 1,      ///< try to connect the paired remote
+    Action_ePair = 2,         ///< go to State_ePair
+    Action_eUpdate = 3,       ///< update the remote's firmware
+    Action_eRemoveDevice = 4, ///< drop the known remote, which isn't paired
+};
+
+/**
+ * The daemon: looks after one remote control and serves the rest of the box by small files under /tmp.
+ *
+ * The one instance is owned by `gApp`. main() calls init, process and deinit on the main thread, in this
+ * order; the handlers of Bluez::Listener come on the stack client's event thread, record what they hear under
+ * `mMutex` and leave the decisions to the main thread.
+ */
+class App : public Bluez::Listener
+{
+public:
+    App();
+    /// After a second interrupt the stack client is still alive here; the process then ends with status 1.
+    ~App() override;
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    /// Creates the stack client, waits for an adapter as long as it takes, powers it, and gives a known
+    /// remote five seconds to come up.
+    void init();
+    /// The main loop of two passes a second; runs until an interrupt.
+    void process();
+    /// Ends the stack client and removes the published files.
+    void deinit();
+
+    void onAdapterAdded(const std::string& path) override;
+    void onAdapterRemoved(const std::string& path) override;
+    void onDeviceAdded(const std::string& path) override;
+    void onDeviceRemoved(const std::string& path) override;
+    void onDeviceRSSIChanged(const std::string& path, std::int16_t dBm) override;
+    void onDevicePairedStatusChanged(const std::string& path, bool paired) override;
+    void onDeviceConnectionStatusChanged(const std::string& path, bool connected) override;
+    void onDeviceServicesResolvedStatusChanged(const std::string& path, bool resolved) override;
+    void onServiceAdded(const std::string& path, const Bluez::Service& service) override;
+    void onServiceRemoved(const std::string& path) override;
+    void onCharacteristicAdded(const std::string& path,
+                               const Bluez::Service::Characteristic& characteristic) override;
+    void onCharacteristicRemoved(const std::string& path) override;
+    void onDescriptorAdded(const std::string& path,
+                           const Bluez::Service::Characteristic::Descriptor& descriptor) override;
+    void onDescriptorRemoved(const std::string& path) override;
+
+private:
+    friend void signalHandler(int signal);
+
+    /// The tracked remote; replaced as a whole when the remote changes or is forgotten.
+    struct RcInfo {
+        std::string path; ///< empty: no remote is known
+        std::string address;
+        std::string name;
+        std::string batteryServicePath;
+        std::string batteryLevelPath;
+        std::string fwVersionPath;
+        std::string otaPath;
+        std::uint32_t fwVersion = 0; ///< 0: unknown
+        bool paired = false;
+        bool connected = false;
+        bool hasBatteryService = false;
+    };
+
+    /// The state of the battery reading; a fresh one restarts the wait before the next reading.
+    struct BatteryInfo {
+        NSTime delayStart = NSTime::nowRelative();
+        std::uint16_t delay = 15; ///< seconds after delayStart
+        NSTime lastRead;          ///< zero: never
+        std::uint16_t level = 0;  ///< percent
+        bool shouldRead = false;
+        bool valid = false; ///< level may be published
+    };
+
+    void waitForAdapter();
+    void powerAdapter(const std::string& path);
+    void waitForRc();
+    bool bringUpRc();
+
+    State idle(int buttonLevel, NSTime& pressStart);
+    State activate(int buttonLevel, const NSTime& pressStart);
+    State serveRequests();
+    Action whatToDo();
+    Action whatToDoWithRc(bool pairFlag);
+    Action whatToDoWithAbsentRc(bool pairFlag);
+    bool takeFirmwareLink();
+    void connectRc();
+    void removeUnpairedRc();
+
+    void pair();
+    void forgetAllDevices();
+    bool startScan();
+    bool stopScan();
+    bool reportScan();
+    bool requestPairing();
+    void reportPairing();
+    void await(pthread_helper::cond& condition, const NSTime& start, std::time_t limit,
+               bool (App::*reached)() const);
+    bool rcFound() const;
+    bool rcPaired() const;
+
+    void writeStatus();
+    bool refreshRc();
+    void publishRc();
+    void scheduleReading();
+    bool readingDue() const;
+    void readBattery();
+    void readFwVersion();
+
+    void processUpdate();
+
+    std::shared_ptr<Bluez> mBluez;
+    std::vector<std::string> mAdapters; ///< only the first is used
+    std::vector<std::string> mDevices;  ///< remote or not
+    RcInfo mRc;
+    pthread_helper::mutex mMutex; ///< guards mAdapters, mDevices, mRc and mBattery
+    pthread_helper::cond mRcFoundCond;
+    pthread_helper::cond mRcPairedCond;
+    bool mAdapterReady = false;   ///< an adapter has been powered once; never cleared
+    bool mReconnectArmed = false; ///< the back-off before the next reconnection runs
+    bool mRunning = true;         ///< cleared by signalHandler alone, without a lock; the loops poll it
+    NSTime mReconnectSince;
+    BatteryInfo mBattery;
+    std::string mFirmwarePath;
+};
+
+/// The one daemon; the signal handler reaches it only through this.
+extern std::unique_ptr<App> gApp;
+
+/// Replaces the content of the file `path` by `text` and a newline. Does nothing if either is empty, and
+/// passes over a file that can't be opened.
+void writeFile(const std::string& text, const std::string& path);
+
+/// Handles SIGINT: the first stops the daemon in order, the second ends it at once with status 1.
+void signalHandler(int signal);
