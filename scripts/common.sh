@@ -61,7 +61,7 @@ needPackages() {
     step "Installing from Debian: ${missing[*]}"
     aptInstall "${missing[@]}" >/dev/null 2>&1 && return
     # A fresh machine has no package lists yet, or old ones.
-    "${elevate[@]}" apt-get -qq update || die "apt-get update failed; see the lines above"
+    "${elevate[@]}" apt-get -qq update || warn "apt-get update failed; trying with the lists as they are"
     aptInstall "${missing[@]}" || die "could not install: ${missing[*]}"
 }
 
