@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/Bytes.h"
+
+#include <memory>
+
+// The ciphers of the air, by libcrypto. Here, and only here, byte strings
+// stand with the most significant octet first, as FIPS-197, RFC 4493 and
+// FIPS 186-4 write them.
+
+namespace vexasim::air
+{
+
+using Block = std::array<uint8_t, 16>;
+using Scalar = std::array<uint8_t, 32>;
+
+/// AES-128 of one block (FIPS-197).
+Block aes128(const Block& key, const Block& block);
+
+/// AES-CMAC with a key of 128 bits (RFC 4493).
+Block aesCmac(const Block& key, const Bytes& message);
+
+/// AES-CCM with a nonce of 13 bytes and a tag of 4 (RFC 3610): the ciphertext
+/// with the tag behind it.
+Bytes aesCcmSeal(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t associated,
+                 const Bytes& plain);
+
+/// The reverse; empty if the tag doesn't fit.
+std::optional<Bytes> aesCcmOpen(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t associated,
+                                const Bytes& sealed);
+
+/// `size` bytes that nobody can foretell.
+Bytes randomBytes(size_t size);
+
+template <size_t size>
+std::array<uint8_t, size> randomArray()
+{
+    std::array<uint8_t, size> array;
+    const Bytes bytes = randomBytes(size);
+    std::copy(bytes.begin(), bytes.end(), array.begin());
+    return array;
+}
+
+/// A point of the curve P-256.
+struct Point {
+    Scalar x{};
+    Scalar y{};
+
+    bool operator==(const Point& other) const { return x == other.x && y == other.y; }
+};
+
+/// A key pair on P-256 (FIPS 186-4), for the key agreement of secure
+/// connections. Any thread.
+class KeyPair
+{
+public:
+    /// A new random pair.
+    KeyPair();
+
+    /// The pair of a known private key; throws std::invalid_argument if the
+    /// number is no private key of the curve.
+    explicit KeyPair(const Scalar& privateKey);
+
+    ~KeyPair();
+
+    Point publicKey() const { return mPublic; }
+
+    /// The shared secret with the owner of `peer`; empty if `peer` is no point
+    /// of the curve.
+    std::optional<Scalar> agree(const Point& peer) const;
+
+private:
+    struct Key;
+    std::unique_ptr<Key> mKey;
+    Point mPublic;
+};
+
+} // namespace vexasim::air

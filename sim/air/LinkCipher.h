@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/PairingToolbox.h"
+
+namespace vexasim::air
+{
+
+/// One packet of a link: whether it begins an upper packet (or is a link
+/// control packet) and what it carries. Bluetooth Core 5.3, Vol 6, B 2.4.
+struct LinkPacket {
+    enum Kind : uint8_t {
+        Continuation = 1,
+        Start = 2,
+        Control = 3,
+    };
+    Kind kind = Start;
+    Bytes payload;
+};
+
+/// What both ends contribute when encryption starts, Vol 6, B 2.4.2.4 and
+/// 2.4.2.5; least significant octet first.
+struct EncryptionHalves {
+    std::array<uint8_t, 8> centralDiversifier{};
+    std::array<uint8_t, 4> centralVector{};
+    std::array<uint8_t, 8> peripheralDiversifier{};
+    std::array<uint8_t, 4> peripheralVector{};
+};
+
+/// The cipher of one end of an encrypted link, Vol 6, E 2: it seals what this
+/// end sends, opens what the other sent, and counts both.
+class LinkCipher
+{
+public:
+    enum class End { Central, Peripheral };
+
+    LinkCipher(End end, const Key128& longTermKey, const EncryptionHalves& halves);
+
+    /// The payload as it goes on the air.
+    Bytes seal(const LinkPacket& packet);
+
+    /// The payload that was sealed; empty if it was sealed with another key,
+    /// changed under way, or a packet before it was lost.
+    std::optional<Bytes> open(const LinkPacket& packet);
+
+private:
+    std::array<uint8_t, 13> nonce(uint64_t counter, End sender) const;
+
+    End mEnd;
+    Block mKey;
+    std::array<uint8_t, 8> mVector;
+    uint64_t mSent = 0;
+    uint64_t mReceived = 0;
+};
+
+} // namespace vexasim::air
