@@ -12,6 +12,8 @@
 namespace vexasim
 {
 
+struct Call;
+
 /// A departure from how BlueZ answers a method. The first bend that matches a
 /// call applies; bends are tried newest first. Build one by its named makers:
 ///
@@ -39,7 +41,8 @@ struct Bend {
     Bend& of(const std::string& interface);  ///< only calls of this interface
     /// Only calls of org.freedesktop.DBus.Properties about this property.
     Bend& property(const std::string& name);
-    Bend& times(int count); ///< only so many calls, then the bend is gone
+    Bend& times(int times); ///< only so many calls, then the bend is gone
+    bool matches(const Call& call) const;
 
     Kind kind = Kind::Error;
     std::string objectPath;    ///< "" for any

@@ -88,7 +88,7 @@ public:
     void removePeripheral(const std::shared_ptr<Peripheral>& peripheral);
     /// Puts its device on the bus now, whether anyone scans or not.
     /// Returns the path.
-    std::string announce(const Peripheral& peripheral, const std::string& adapter = "hci0");
+    std::string announce(const std::shared_ptr<Peripheral>& peripheral, const std::string& adapter = "hci0");
 
     // ---- where things are on the bus
     std::string adapterPath(const std::string& adapter = "hci0") const;
@@ -188,6 +188,7 @@ private:
     auto run(Function function) const;
 
     std::unique_ptr<PrivateBus> mBus;
+    std::string mAddress;
     std::unique_ptr<Engine> mEngine;
 };
 

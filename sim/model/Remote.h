@@ -115,7 +115,8 @@ private:
     void buildHooks();
     GattTable updateTable(const UpdateAppearance& appearance) const;
     void after(std::chrono::milliseconds delay, std::function<void(Remote&)> action);
-    AttReply followUp(const UpdateReceiver::Outcome& outcome);
+    AttReply followUp(Peripheral& written, const UpdateReceiver::Outcome& outcome);
+    UpdateAppearance appearance() const;
     AttReply onSwitch(const Bytes& bytes);
     void sendAnswers(const UpdateReceiver::Outcome& outcome);
     void reset();

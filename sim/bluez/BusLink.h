@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/bluez/Bend.h"
+#include "sim/bluez/Variant.h"
+
+#include <gio/gio.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace vexasim
+{
+
+class Loop;
+
+/// One method call on its way to an answer. Answered at most once; further
+/// answers are dropped, and so is one to a connection that has gone.
+class Request
+{
+public:
+    Request(Loop& loop, GDBusConnection* connection, GDBusMessage* message, Call call);
+    ~Request();
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+
+    const Call& call() const { return mCall; }
+    GVariant* parameters() const { return mCall.parameters.get(); }
+    std::string signature() const;
+    bool answered() const { return mAnswered; }
+
+    /// An empty variant answers with no values.
+    void reply(const Variant& parameters = {});
+    void fail(const std::string& name, const std::string& message);
+    /// Whatever answer comes is sent this much later.
+    void delayAnswer(std::chrono::milliseconds delay) { mDelay = delay; }
+
+private:
+    void send(GDBusMessage* answer);
+
+    Loop& mLoop;
+    GDBusConnection* mConnection;
+    GDBusMessage* mMessage;
+    Call mCall;
+    std::chrono::milliseconds mDelay{0};
+    bool mAnswered = false;
+};
+
+using RequestPtr = std::shared_ptr<Request>;
+
+/// The simulator's connection to the bus and its well-known name. Used on the
+/// loop's thread, but for the handlers, which GDBus calls on its own.
+class BusLink
+{
+public:
+    using MessageHandler = std::function<void(GDBusConnection*, GDBusMessage*)>;
+    using NameHandler = std::function<void(const std::string&)>;
+
+    BusLink() = default;
+    ~BusLink();
+    BusLink(const BusLink&) = delete;
+    BusLink& operator=(const BusLink&) = delete;
+
+    /// Throws std::runtime_error. Both handlers are called on GDBus's thread:
+    /// with each method call, and with each name that lost its owner.
+    void open(const std::string& address, MessageHandler onCall, NameHandler onNameGone);
+    void close();
+    bool isOpen() const { return mConnection != nullptr; }
+    /// Throws std::runtime_error if somebody else owns it.
+    void requestName(const std::string& name);
+    void releaseName(const std::string& name);
+    void emit(const std::string& path, const std::string& interface, const std::string& member,
+              const Variant& parameters);
+    /// Returns when the bus has routed everything sent so far.
+    void roundTrip();
+
+private:
+    struct Inlet;
+    static GDBusMessage* filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
+                                gpointer inlet);
+    Variant callBus(const char* method, const Variant& parameters);
+
+    GDBusConnection* mConnection = nullptr;
+    unsigned mFilter = 0;
+};
+
+} // namespace vexasim

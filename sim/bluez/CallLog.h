@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/bluez/Bend.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace vexasim
+{
+
+/// The record of method calls. Any thread.
+class CallLog
+{
+public:
+    void add(const Call& call);
+    void clear();
+    std::vector<Call> all() const;
+    bool await(const CallPredicate& predicate, unsigned count, std::chrono::milliseconds limit) const;
+
+private:
+    mutable std::mutex mMutex;
+    mutable std::condition_variable mAdded;
+    std::vector<Call> mCalls;
+};
+
+/// The departures in force. Any thread.
+class BendTable
+{
+public:
+    BendId add(const Bend& bend);
+    void remove(BendId id);
+    void clear();
+    /// The newest bend that matches, counted down.
+    std::optional<Bend> take(const Call& call);
+
+private:
+    struct Entry {
+        BendId id;
+        Bend bend;
+    };
+
+    std::mutex mMutex;
+    std::list<Entry> mEntries; ///< newest first
+    BendId mLast = 0;
+};
+
+} // namespace vexasim

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/bluez/BusLink.h"
+#include "sim/bluez/Loop.h"
+#include "sim/model/Peripheral.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace vexasim
+{
+
+/// What the simulated bluetoothd knows of one device on one adapter.
+struct Device {
+    std::string path;
+    std::string adapterPath;
+    std::shared_ptr<Peripheral> peripheral;
+
+    bool paired = false;
+    bool connected = false;
+    bool resolved = false; ///< the attribute client is ready
+    bool exported = false; ///< GATT objects are on the bus
+    unsigned link = 0;     ///< counts the ends of links: a step of an older link is void
+
+    /// The link that is being made: who waits for it, and until when.
+    std::function<void(bool)> onLinked;
+    bool linkUnderway = false; ///< the peripheral was heard, the link comes
+    Loop::TimerId linkTimer = 0;
+    Loop::TimerId temporaryTimer = 0; ///< 0 while the device is to stay
+
+    RequestPtr pairing;
+    RequestPtr connecting;
+    std::vector<RequestPtr> disconnecting;
+    RequestPtr removing; ///< RemoveDevice of a connected device
+
+    std::map<uint16_t, std::vector<RequestPtr>> reads; ///< by value handle
+    std::map<uint16_t, RequestPtr> writes;
+    std::map<uint16_t, std::set<std::string>> notifyClients; ///< unique names by value handle
+};
+
+using DevicePtr = std::shared_ptr<Device>;
+
+} // namespace vexasim

@@ -1,0 +1,248 @@
+// SPDX-License-Identifier: MIT
+#include "sim/bluez/Devices.h"
+
+#include "sim/bluez/GattObjects.h"
+#include "sim/bluez/Links.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace vexasim
+{
+
+namespace
+{
+/// BlueZ's alias of a device without a name.
+std::string withDashes(std::string address)
+{
+    std::replace(address.begin(), address.end(), ':', '-');
+    return address;
+}
+} // namespace
+
+Devices::Devices(Core& core)
+    : mCore(core),
+      mGatt(std::make_unique<GattObjects>(core, *this)),
+      mLinks(std::make_unique<Links>(core, *this, *mGatt))
+{
+}
+
+Devices::~Devices() = default;
+
+std::string Devices::pathFor(const std::string& adapterPath, const std::string& address)
+{
+    std::string name = address;
+    std::replace(name.begin(), name.end(), ':', '_');
+    return adapterPath + "/dev_" + name;
+}
+
+std::string Devices::attributePath(const std::string& devicePath, const Peripheral& peripheral,
+                                   const std::string& uuid)
+{
+    return GattObjects::pathOf(devicePath, peripheral, uuid);
+}
+
+DevicePtr Devices::find(const std::string& path) const
+{
+    const auto found = mDevices.find(path);
+    return found != mDevices.end() ? found->second : nullptr;
+}
+
+std::vector<DevicePtr> Devices::all() const
+{
+    std::vector<DevicePtr> devices;
+    for (const auto& [path, device] : mDevices)
+        devices.push_back(device);
+    return devices;
+}
+
+DevicePtr Devices::make(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral)
+{
+    auto device = std::make_shared<Device>();
+    device->path = pathFor(adapterPath, peripheral->address());
+    device->adapterPath = adapterPath;
+    device->peripheral = peripheral;
+    device->paired = peripheral->paired();
+    mDevices[device->path] = device;
+    return device;
+}
+
+void Devices::publish(const DevicePtr& device, bool heard)
+{
+    const Peripheral& peripheral = *device->peripheral;
+    const std::string address = peripheral.address();
+    if (const auto name = peripheral.advertisedName(); name && heard)
+        mNames[address] = *name;
+    const auto name = mNames.find(address);
+    PropertyMap properties = {
+        {"Address", toVariant(address)},
+        {"AddressType", toVariant(peripheral.randomAddress() ? "random" : "public")},
+        {"Alias", toVariant(name != mNames.end() ? name->second : withDashes(address))},
+        {"Appearance", g_variant_new_uint16(peripheral.appearance())},
+        {"Paired", toVariant(device->paired)},
+        {"Bonded", toVariant(device->paired)},
+        {"Trusted", toVariant(false)},
+        {"Blocked", toVariant(false)},
+        {"LegacyPairing", toVariant(false)},
+        {"Connected", toVariant(false)},
+        {"UUIDs", Variant::strings({})},
+        {"Adapter", toObjectPath(device->adapterPath)},
+        {"ServicesResolved", toVariant(false)},
+    };
+    if (name != mNames.end())
+        properties["Name"] = toVariant(name->second);
+    if (heard) {
+        properties["RSSI"] = toVariant(peripheral.rssi());
+        properties["AdvertisingFlags"] = Variant::bytes({0x05});
+    }
+    mCore.tree.add(device->path, withStandardInterfaces(names::kDevice, properties));
+    mCore.say("device " + device->path + " appears");
+}
+
+DevicePtr Devices::seen(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral)
+{
+    DevicePtr device = find(pathFor(adapterPath, peripheral->address()));
+    if (device != nullptr) {
+        renew(device);
+    } else {
+        device = make(adapterPath, peripheral);
+        publish(device, true);
+    }
+    if (!device->connected)
+        keepForAWhile(device);
+    return device;
+}
+
+void Devices::restore(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral)
+{
+    if (const auto name = peripheral->ownName())
+        mNames.emplace(peripheral->address(), *name);
+    publish(make(adapterPath, peripheral), false);
+}
+
+void Devices::renew(const DevicePtr& device)
+{
+    learnName(device, device->peripheral->advertisedName());
+    const Variant rssi = toVariant(device->peripheral->rssi());
+    const Variant known = mCore.tree.get(device->path, names::kDevice, "RSSI");
+    if (!known || g_variant_equal(known.get(), rssi.get()) == FALSE)
+        mCore.tree.change(device->path, names::kDevice, {{"RSSI", rssi}});
+}
+
+void Devices::learnName(const DevicePtr& device, const std::optional<std::string>& name)
+{
+    const std::string address = device->peripheral->address();
+    if (!name || (mNames.count(address) != 0 && mNames[address] == *name))
+        return;
+    mNames[address] = *name;
+    mCore.tree.change(device->path, names::kDevice,
+                      {{"Name", toVariant(*name)}, {"Alias", toVariant(*name)}});
+}
+
+void Devices::keep(const DevicePtr& device)
+{
+    mCore.loop->cancel(std::exchange(device->temporaryTimer, 0));
+}
+
+void Devices::keepForAWhile(const DevicePtr& device)
+{
+    keep(device);
+    if (device->paired)
+        return;
+    device->temporaryTimer =
+        mCore.loop->after(mCore.timings.temporary, [this, weak = std::weak_ptr<Device>(device)] {
+            const DevicePtr same = weak.lock();
+            if (same != nullptr && find(same->path) == same && !same->connected)
+                remove(same);
+        });
+}
+
+void Devices::remove(const DevicePtr& device)
+{
+    keep(device);
+    mLinks->abandon(device);
+    mGatt->withdraw(device);
+    mDevices.erase(device->path);
+    device->peripheral->setPaired(false);
+    mCore.tree.remove(device->path);
+    mCore.say("device " + device->path + " is gone");
+    if (mOnRemoved)
+        mOnRemoved(device);
+}
+
+void Devices::removeByMethod(const RequestPtr& request)
+{
+    const char* path = nullptr;
+    g_variant_get(request->parameters(), "(&o)", &path);
+    const std::string& adapterPath = request->call().path;
+    const std::string prefix = adapterPath + "/";
+    if (std::string(path).compare(0, prefix.size(), prefix) != 0 || !mCore.tree.has(path, names::kDevice))
+        return fail(request, errors::kDoesNotExist);
+    const DevicePtr device = find(path);
+    if (device == nullptr) {
+        mCore.tree.remove(path); // a raw object of a test
+        return request->reply();
+    }
+    if (device->connected)
+        return mLinks->endForRemoval(device, request);
+    remove(device);
+    request->reply();
+}
+
+void Devices::discoveryEnded(const std::string& adapterPath)
+{
+    for (const DevicePtr& device : all()) {
+        if (device->adapterPath != adapterPath || !mCore.tree.get(device->path, names::kDevice, "RSSI"))
+            continue;
+        mCore.tree.drop(device->path, names::kDevice, "RSSI");
+        mCore.tree.emitChanged(device->path, names::kDevice, {}, {"RSSI"});
+    }
+}
+
+void Devices::powerOff(const std::string& adapterPath)
+{
+    for (const DevicePtr& device : all())
+        if (device->adapterPath == adapterPath)
+            mLinks->end(device);
+}
+
+void Devices::forgetAll(const std::string& adapterPath)
+{
+    for (const DevicePtr& device : all()) {
+        if (device->adapterPath != adapterPath)
+            continue;
+        keep(device);
+        mLinks->abandon(device);
+        mGatt->withdraw(device);
+        mDevices.erase(device->path);
+    }
+}
+
+void Devices::clientGone(const std::string& sender)
+{
+    for (const DevicePtr& device : all())
+        mGatt->clientGone(device, sender);
+}
+
+void Devices::onLinkLost(const Peripheral& peripheral)
+{
+    for (const DevicePtr& device : all())
+        if (device->peripheral.get() == &peripheral && device->connected)
+            mLinks->lost(device);
+}
+
+void Devices::onAdvertising(const Peripheral& peripheral)
+{
+    for (const DevicePtr& device : all())
+        if (device->peripheral.get() == &peripheral)
+            mLinks->heard(device);
+}
+
+void Devices::onNotification(const Peripheral& peripheral, uint16_t handle, const Bytes& value)
+{
+    for (const DevicePtr& device : all())
+        if (device->peripheral.get() == &peripheral && device->connected)
+            mGatt->notified(device, handle, value);
+}
+
+} // namespace vexasim

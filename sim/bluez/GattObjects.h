@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/bluez/Core.h"
+#include "sim/bluez/Device.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vexasim
+{
+
+class Devices;
+
+/// The GATT objects of connected devices and their methods. Used on the loop's
+/// thread.
+class GattObjects
+{
+public:
+    GattObjects(Core& core, Devices& devices);
+
+    /// Puts the objects on the bus, if they aren't there from an earlier link,
+    /// and renews the notifications that clients still want.
+    void publish(const DevicePtr& device);
+    /// Forgets the objects; the caller takes them off the bus with the device.
+    void withdraw(const DevicePtr& device);
+    void linkLost(const DevicePtr& device);
+    void notified(const DevicePtr& device, uint16_t handle, const Bytes& value);
+    /// A client left the bus: its notification sessions end.
+    void clientGone(const DevicePtr& device, const std::string& sender);
+
+    static std::string pathOf(const std::string& devicePath, const Peripheral& peripheral,
+                              const std::string& uuid);
+
+private:
+    struct Attribute {
+        std::weak_ptr<Device> device;
+        uint16_t handle = 0; ///< where reads and writes go
+        bool descriptor = false;
+        std::string uuid;
+        std::vector<std::string> flags;
+
+        bool has(const std::string& flag) const;
+        const char* interface() const;
+    };
+    using Objects = std::vector<std::pair<std::string, InterfaceMap>>;
+    using Operation = void (GattObjects::*)(const DevicePtr&, const Attribute&, const RequestPtr&);
+
+    void onMethod(const char* interface, const std::string& member, Operation operation);
+    void read(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request);
+    void write(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request);
+    void startNotify(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request);
+    void stopNotify(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request);
+
+    void collect(const DevicePtr& device, const GattService& service, Objects& objects);
+    void afterDelay(std::chrono::milliseconds delay, const Loop::Task& task);
+    void finishRead(const DevicePtr& device, const std::string& path, uint16_t handle, const AttReply& reply);
+    void finishWrite(const DevicePtr& device, uint16_t handle, const AttReply& reply);
+    void endSession(const DevicePtr& device, uint16_t handle);
+    void setNotifying(const DevicePtr& device, uint16_t handle, bool notifying);
+    std::string pathOfValue(const DevicePtr& device, uint16_t handle) const;
+
+    Core& mCore;
+    Devices& mDevices;
+    std::map<std::string, Attribute> mAttributes; ///< by path
+};
+
+} // namespace vexasim

@@ -1,0 +1,376 @@
+// SPDX-License-Identifier: MIT
+#include "sim/bluez/Simulator.h"
+
+#include "sim/bluez/Engine.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+#include <type_traits>
+#include <utility>
+
+namespace vexasim
+{
+
+namespace
+{
+constexpr std::chrono::milliseconds kPollInterval{2};
+
+std::string addressOf(const std::string& given, const PrivateBus* bus)
+{
+    return bus != nullptr ? bus->address() : given;
+}
+} // namespace
+
+Timings Timings::realistic()
+{
+    using std::chrono::milliseconds;
+    using std::chrono::seconds;
+    Timings timings;
+    timings.discovery = milliseconds{700};
+    timings.connect = milliseconds{400};
+    timings.resolve = milliseconds{900};
+    timings.pair = milliseconds{250};
+    timings.connectTimeout = seconds{40};
+    timings.pairTimeout = milliseconds{31500};
+    timings.resolveTimeout = seconds{31};
+    timings.removeConnected = milliseconds{2700};
+    timings.powerChange = milliseconds{150};
+    timings.temporary = seconds{30};
+    timings.rssi = seconds{1};
+    return timings;
+}
+
+/// Runs on the simulator's thread and returns what came of it.
+template <typename Function>
+auto Simulator::run(Function function) const
+{
+    using Result = std::invoke_result_t<Function>;
+    if constexpr (std::is_void_v<Result>) {
+        mEngine->loop().run(function);
+    } else {
+        Result result{};
+        mEngine->loop().run([&] { result = function(); });
+        return result;
+    }
+}
+
+Simulator::Simulator(SimulatorOptions options)
+{
+    if (options.busAddress.empty())
+        mBus = std::make_unique<PrivateBus>(options.busDirectory);
+    mEngine = std::make_unique<Engine>(options, addressOf(options.busAddress, mBus.get()));
+    mAddress = addressOf(options.busAddress, mBus.get());
+    if (options.withRemote)
+        addRemote(Remote::create(options.remote));
+    if (options.startService)
+        startService();
+}
+
+Simulator::~Simulator() = default;
+
+std::string Simulator::busAddress() const
+{
+    return mAddress;
+}
+
+PrivateBus* Simulator::bus()
+{
+    return mBus.get();
+}
+
+// ---- on the air
+
+Remote& Simulator::remote()
+{
+    return *run([this] {
+        if (mEngine->remotes().empty())
+            throw std::logic_error("there is no remote on the air");
+        return mEngine->remotes().front();
+    });
+}
+
+void Simulator::addRemote(const std::shared_ptr<Remote>& remote)
+{
+    run([&] { mEngine->addRemote(remote); });
+}
+
+void Simulator::addPeripheral(const std::shared_ptr<Peripheral>& peripheral)
+{
+    run([&] { mEngine->addPeripheral(peripheral); });
+}
+
+void Simulator::removePeripheral(const std::shared_ptr<Peripheral>& peripheral)
+{
+    run([&] { mEngine->adapters().removePeripheral(peripheral); });
+    sync();
+}
+
+std::string Simulator::announce(const std::shared_ptr<Peripheral>& peripheral, const std::string& adapter)
+{
+    return run([&] { return mEngine->devices().seen(adapterPath(adapter), peripheral)->path; });
+}
+
+// ---- where things are
+
+std::string Simulator::adapterPath(const std::string& adapter) const
+{
+    return Adapters::pathFor(adapter);
+}
+
+std::string Simulator::devicePath(const Peripheral& peripheral, const std::string& adapter) const
+{
+    return Devices::pathFor(adapterPath(adapter), peripheral.address());
+}
+
+std::string Simulator::pathOf(const Peripheral& peripheral, const std::string& uuid,
+                              const std::string& adapter) const
+{
+    return Devices::attributePath(devicePath(peripheral, adapter), peripheral, uuid);
+}
+
+std::string Simulator::remotePath() const
+{
+    return devicePath(*const_cast<Simulator*>(this)->remote().normal());
+}
+
+std::string Simulator::updateDevicePath() const
+{
+    return devicePath(*const_cast<Simulator*>(this)->remote().update());
+}
+
+// ---- adapters
+
+std::string Simulator::addAdapter(const AdapterOptions& adapter)
+{
+    const std::string path = run([&] { return mEngine->adapters().add(adapter); });
+    sync();
+    return path;
+}
+
+void Simulator::removeAdapter(const std::string& adapter)
+{
+    run([&] { mEngine->adapters().remove(adapterPath(adapter)); });
+    sync();
+}
+
+void Simulator::setPowered(bool powered, const std::string& adapter)
+{
+    run([&] { mEngine->adapters().setPowered(adapterPath(adapter), powered); });
+    sync();
+}
+
+bool Simulator::discovering(const std::string& adapter) const
+{
+    return run([&] { return mEngine->adapters().discovering(adapterPath(adapter)); });
+}
+
+// ---- bluetoothd as a process
+
+void Simulator::stopService(Stop how)
+{
+    run([&] { mEngine->stopService(how); });
+}
+
+void Simulator::startService()
+{
+    run([&] { mEngine->startService(); });
+}
+
+void Simulator::releaseName()
+{
+    run([&] { mEngine->core().bus.releaseName(names::kBlueZ); });
+}
+
+void Simulator::takeName()
+{
+    run([&] { mEngine->core().bus.requestName(names::kBlueZ); });
+}
+
+// ---- objects
+
+void Simulator::addObject(const std::string& path, const InterfaceMap& interfaces)
+{
+    addObjects({{path, interfaces}});
+}
+
+void Simulator::addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects)
+{
+    run([&] {
+        for (const auto& [path, interfaces] : objects)
+            mEngine->core().tree.add(path, interfaces);
+    });
+    sync();
+}
+
+void Simulator::addInterface(const std::string& path, const std::string& interface,
+                             const PropertyMap& properties)
+{
+    addObjects({{path, {{interface, properties}}}});
+}
+
+void Simulator::removeObject(const std::string& path, bool announce)
+{
+    run([&] { mEngine->core().tree.remove(path, announce); });
+    sync();
+}
+
+void Simulator::removeInterface(const std::string& path, const std::string& interface, bool announce)
+{
+    run([&] { mEngine->core().tree.removeInterface(path, interface, announce); });
+    sync();
+}
+
+void Simulator::setProperty(const std::string& path, const std::string& interface,
+                            const std::string& property, const Variant& value, Emit emit)
+{
+    const bool known = run([&] {
+        ObjectTree& tree = mEngine->core().tree;
+        if (!tree.set(path, interface, property, value))
+            return false;
+        if (emit == Emit::Yes)
+            tree.emitChanged(path, interface, {{property, value}});
+        return true;
+    });
+    if (!known)
+        throw std::invalid_argument("no " + interface + " on " + path);
+    sync();
+}
+
+void Simulator::dropProperty(const std::string& path, const std::string& interface,
+                             const std::string& property, Emit emit)
+{
+    run([&] {
+        mEngine->core().tree.drop(path, interface, property);
+        if (emit == Emit::Yes)
+            mEngine->core().tree.emitChanged(path, interface, {}, {property});
+    });
+    sync();
+}
+
+Variant Simulator::property(const std::string& path, const std::string& interface,
+                            const std::string& property) const
+{
+    return run([&] { return mEngine->core().tree.get(path, interface, property); });
+}
+
+std::vector<std::string> Simulator::objects() const
+{
+    return run([&] { return mEngine->core().tree.paths(); });
+}
+
+void Simulator::emitPropertiesChanged(const std::string& path, const std::string& interface,
+                                      const PropertyMap& changed, const std::vector<std::string>& invalidated)
+{
+    run([&] { mEngine->core().tree.emitChanged(path, interface, changed, invalidated); });
+    sync();
+}
+
+void Simulator::emitSignal(const std::string& path, const std::string& interface, const std::string& member,
+                           const Variant& parameters)
+{
+    run([&] { mEngine->core().bus.emit(path, interface, member, parameters); });
+    sync();
+}
+
+void Simulator::setChildrenFirst(bool childrenFirst)
+{
+    run([&] { mEngine->core().tree.setChildrenFirst(childrenFirst); });
+}
+
+// ---- methods
+
+BendId Simulator::bend(const Bend& bend)
+{
+    return mEngine->bends().add(bend);
+}
+
+void Simulator::unbend(BendId id)
+{
+    mEngine->bends().remove(id);
+}
+
+void Simulator::clearBends()
+{
+    mEngine->bends().clear();
+}
+
+// ---- the record
+
+std::vector<Call> Simulator::calls() const
+{
+    return mEngine->callLog().all();
+}
+
+namespace
+{
+CallPredicate byName(const std::string& member, const std::string& path)
+{
+    return [member, path](const Call& call) {
+        return (member.empty() || call.member == member) && (path.empty() || call.path == path);
+    };
+}
+} // namespace
+
+std::vector<Call> Simulator::calls(const std::string& member, const std::string& path) const
+{
+    const CallPredicate matches = byName(member, path);
+    std::vector<Call> found;
+    for (const Call& call : calls())
+        if (matches(call))
+            found.push_back(call);
+    return found;
+}
+
+void Simulator::clearCalls()
+{
+    mEngine->callLog().clear();
+}
+
+bool Simulator::awaitCall(const CallPredicate& predicate, unsigned count,
+                          std::chrono::milliseconds limit) const
+{
+    return mEngine->callLog().await(predicate, count, limit);
+}
+
+bool Simulator::awaitCall(const std::string& member, const std::string& path, unsigned count,
+                          std::chrono::milliseconds limit) const
+{
+    return awaitCall(byName(member, path), count, limit);
+}
+
+bool Simulator::awaitProperty(const std::string& path, const std::string& interface, const std::string& name,
+                              const Variant& value, std::chrono::milliseconds limit) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (true) {
+        const Variant current = property(path, interface, name);
+        if (current && g_variant_equal(current.get(), value.get()) != FALSE)
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(kPollInterval);
+    }
+}
+
+void Simulator::sync() const
+{
+    run([this] { mEngine->core().bus.roundTrip(); });
+}
+
+Timings Simulator::timings() const
+{
+    return run([this] { return mEngine->core().timings; });
+}
+
+void Simulator::setTimings(const Timings& timings)
+{
+    run([&] { mEngine->core().timings = timings; });
+}
+
+void Simulator::setRequireAgent(bool required)
+{
+    run([&] { mEngine->core().requireAgent = required; });
+}
+
+} // namespace vexasim

@@ -1,0 +1,454 @@
+// SPDX-License-Identifier: MIT
+#include "sim/model/UpdateReceiver.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+namespace vexasim
+{
+
+namespace
+{
+constexpr uint8_t kSwitchToUpdate = 0x01;
+constexpr uint8_t kStatusGood = 0x01;
+constexpr uint8_t kStatusBad = 0x00;
+constexpr std::size_t kCipherBlock = 16;
+constexpr std::size_t kDataBlock = 20;
+constexpr std::size_t kKeyDigits = 64;
+
+struct Command {
+    uint8_t opcode;
+    UpdateStep step;
+    std::size_t length; ///< of the whole packet
+    bool answered;      ///< a good remote notifies an answer
+};
+
+constexpr std::array<Command, 6> kCommands = {{
+    {0x01, UpdateStep::StartUpdate, 17, true},
+    {0x02, UpdateStep::ImageInfo, 7, false},
+    {0x03, UpdateStep::Verify, 3, true},
+    {0x04, UpdateStep::Reset, 1, false},
+    {0x06, UpdateStep::GetImageInfo, 3, true},
+    {0x07, UpdateStep::ConnectionParameters, 9, true},
+}};
+
+constexpr std::array<std::pair<UpdateStep, const char*>, 10> kStepWords = {{
+    {UpdateStep::Switch, "switch"},
+    {UpdateStep::StartNotify, "start-notify"},
+    {UpdateStep::ConnectionParameters, "connection-parameters"},
+    {UpdateStep::GetImageInfo, "get-image-info"},
+    {UpdateStep::StartUpdate, "start-update"},
+    {UpdateStep::ImageInfo, "image-info"},
+    {UpdateStep::Data, "data"},
+    {UpdateStep::Verify, "verify"},
+    {UpdateStep::StopNotify, "stop-notify"},
+    {UpdateStep::Reset, "reset"},
+}};
+
+uint16_t littleEndian16(const uint8_t* bytes)
+{
+    return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+}
+
+void append(Bytes& bytes, uint32_t value, std::size_t width)
+{
+    for (std::size_t i = 0; i < width; ++i)
+        bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+const Command* findCommand(const Bytes& bytes)
+{
+    const auto* found = std::find_if(kCommands.begin(), kCommands.end(), [&bytes](const Command& command) {
+        return !bytes.empty() && command.opcode == bytes[0];
+    });
+    return found != kCommands.end() ? found : nullptr;
+}
+
+uint8_t digitValue(char digit)
+{
+    return static_cast<uint8_t>(std::isdigit(static_cast<unsigned char>(digit)) != 0
+                                    ? digit - '0'
+                                    : std::tolower(static_cast<unsigned char>(digit)) - 'a' + 10);
+}
+} // namespace
+
+UpdateKey developmentKey()
+{
+    UpdateKey key{};
+    for (std::size_t i = 0; i < key.size(); ++i)
+        key[i] = static_cast<uint8_t>(i);
+    return key;
+}
+
+UpdateKey readKeyFile(const std::string& path)
+{
+    std::ifstream file(path);
+    if (!file)
+        throw std::runtime_error("can't open the key file " + path);
+    std::string text{std::istreambuf_iterator<char>(file), {}};
+    const char* const blanks = " \t\r\n";
+    text.erase(0, text.find_first_not_of(blanks));
+    text.erase(text.find_last_not_of(blanks) + 1);
+    if (text.size() != kKeyDigits)
+        throw std::runtime_error("the key file " + path + " holds " + std::to_string(text.size()) +
+                                 " characters where 64 hexadecimal digits are expected");
+    if (!std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; }))
+        throw std::runtime_error("the key file " + path + " holds something other than hexadecimal digits");
+    UpdateKey key{};
+    for (std::size_t i = 0; i < key.size(); ++i)
+        key[i] = static_cast<uint8_t>(digitValue(text[2 * i]) << 4 | digitValue(text[2 * i + 1]));
+    return key;
+}
+
+std::string toString(UpdateStep step)
+{
+    for (const auto& [known, word] : kStepWords)
+        if (known == step)
+            return word;
+    return "";
+}
+
+std::optional<UpdateStep> updateStepFrom(const std::string& word)
+{
+    for (const auto& [step, known] : kStepWords)
+        if (word == known)
+            return step;
+    return {};
+}
+
+ImageHeader ImageHeader::decode(const uint8_t* bytes)
+{
+    ImageHeader header;
+    header.offset = littleEndian16(bytes);
+    header.signature = littleEndian16(bytes + 2);
+    header.version = littleEndian16(bytes + 4);
+    header.checksum = littleEndian16(bytes + 6);
+    header.length = littleEndian16(bytes + 8);
+    header.otaFlag = bytes[10];
+    header.reserved = bytes[11];
+    return header;
+}
+
+Bytes ImageHeader::encode() const
+{
+    Bytes bytes;
+    for (const uint16_t field : {offset, signature, version, checksum, length})
+        append(bytes, field, 2);
+    bytes.push_back(otaFlag);
+    bytes.push_back(reserved);
+    return bytes;
+}
+
+UpdateReceiver::UpdateReceiver(const UpdateKey& key) : mKey(key) {}
+
+void UpdateReceiver::setKey(const UpdateKey& key)
+{
+    std::lock_guard lock(mMutex);
+    mKey = key;
+}
+
+void UpdateReceiver::setExpectedImage(Bytes image)
+{
+    std::lock_guard lock(mMutex);
+    mExpected = std::move(image);
+}
+
+void UpdateReceiver::setRunningImage(uint16_t version, uint32_t offset)
+{
+    std::lock_guard lock(mMutex);
+    mRunningVersion = version;
+    mRunningOffset = offset;
+}
+
+void UpdateReceiver::setFault(UpdateStep step, const UpdateFault& fault)
+{
+    std::lock_guard lock(mMutex);
+    mFaults[step] = fault;
+}
+
+void UpdateReceiver::clearFault(UpdateStep step)
+{
+    std::lock_guard lock(mMutex);
+    mFaults.erase(step);
+}
+
+void UpdateReceiver::clearFaults()
+{
+    std::lock_guard lock(mMutex);
+    mFaults.clear();
+}
+
+void UpdateReceiver::begin()
+{
+    std::lock_guard lock(mMutex);
+    mHeader.reset();
+    mStartBlock.clear();
+    mPayload.clear();
+    mBlocks = 0;
+    mVerified = false;
+    mComplaint.clear();
+}
+
+UpdateReceiver::Outcome UpdateReceiver::switchWritten(const Bytes& bytes)
+{
+    std::lock_guard lock(mMutex);
+    record(UpdatePacket::Channel::Switch, false, bytes);
+    Outcome outcome;
+    outcome.reset = bytes == Bytes{kSwitchToUpdate};
+    if (!outcome.reset)
+        complain("the switch wants the one byte 01");
+    const auto fault = takeFault(UpdateStep::Switch);
+    return fault ? apply(*fault, outcome) : outcome;
+}
+
+UpdateReceiver::Outcome UpdateReceiver::commandWritten(const Bytes& bytes)
+{
+    std::lock_guard lock(mMutex);
+    record(UpdatePacket::Channel::ControlPoint, false, bytes);
+    const Command* known = findCommand(bytes);
+    if (known != nullptr)
+        return command(known->step, bytes);
+    complain("an unknown command");
+    return {};
+}
+
+UpdateReceiver::Outcome UpdateReceiver::command(UpdateStep step, const Bytes& bytes)
+{
+    const auto fault = takeFault(step);
+    if (fault && fault->refuse != att::kOk)
+        return apply(*fault, {});
+    Outcome outcome;
+    const bool good = carryOut(step, bytes);
+    const Command& known = *findCommand(bytes);
+    if (known.answered || (fault && (fault->status || fault->length || fault->copies > 1)))
+        outcome.answers.push_back(answerTo(step, bytes, good));
+    outcome.reset = step == UpdateStep::Reset && good;
+    return fault ? apply(*fault, outcome) : outcome;
+}
+
+bool UpdateReceiver::carryOut(UpdateStep step, const Bytes& bytes)
+{
+    mComplaint.clear();
+    if (bytes.size() != findCommand(bytes)->length)
+        return complain(toString(step) + ": wrong length of the packet");
+    switch (step) {
+    case UpdateStep::StartUpdate:
+        return startUpdate(bytes);
+    case UpdateStep::ImageInfo:
+        if (!mHeader || littleEndian16(&bytes[1]) != mHeader->signature)
+            return complain("image-info: not the signature that was announced");
+        if (Bytes(bytes.begin() + 3, bytes.end()) != Bytes{ImageHeader::kSize, 0, 0, 0})
+            return complain("image-info: the header size isn't 12");
+        return true;
+    case UpdateStep::Verify:
+        return verify(bytes);
+    default:
+        return true;
+    }
+}
+
+bool UpdateReceiver::startUpdate(const Bytes& bytes)
+{
+    mStartBlock = decipher(&bytes[1]);
+    if (!std::all_of(mStartBlock.begin() + ImageHeader::kSize, mStartBlock.end(),
+                     [](uint8_t byte) { return byte == 0; }))
+        return complain("start-update: no zeros behind the header; another key?");
+    if (!mExpected.empty() &&
+        !std::equal(mExpected.begin(), mExpected.begin() + ImageHeader::kSize, mStartBlock.begin()))
+        return complain("start-update: not the header of the image");
+    mHeader = ImageHeader::decode(mStartBlock.data());
+    mPayload.clear();
+    mBlocks = 0;
+    mVerified = false;
+    return true;
+}
+
+UpdateReceiver::Outcome UpdateReceiver::dataWritten(const Bytes& bytes)
+{
+    std::lock_guard lock(mMutex);
+    record(UpdatePacket::Channel::Data, false, bytes);
+    const auto fault = takeFault(UpdateStep::Data);
+    if (fault && fault->refuse != att::kOk)
+        return apply(*fault, {});
+    if (bytes.empty() || bytes.size() > kDataBlock)
+        complain("data: a block has 1 to 20 bytes");
+    // A block shorter than a cipher block comes in the clear, and so does what
+    // follows the first 16 bytes.
+    std::size_t clear = 0;
+    if (bytes.size() >= kCipherBlock) {
+        const Bytes plain = decipher(bytes.data());
+        mPayload.insert(mPayload.end(), plain.begin(), plain.end());
+        clear = kCipherBlock;
+    }
+    mPayload.insert(mPayload.end(), bytes.begin() + static_cast<std::ptrdiff_t>(clear), bytes.end());
+    ++mBlocks;
+    return fault ? apply(*fault, {}) : Outcome{};
+}
+
+bool UpdateReceiver::verify(const Bytes& bytes)
+{
+    mVerified = false;
+    if (!mHeader)
+        return complain("verify: no update was started");
+    if (littleEndian16(&bytes[1]) != mHeader->signature)
+        return complain("verify: not the signature that was announced");
+    // The sender doesn't cut its last block at the announced length.
+    const std::size_t announced = mHeader->payloadBytes();
+    if (mPayload.size() < announced || mPayload.size() >= announced + kDataBlock)
+        return complain("verify: " + std::to_string(mPayload.size()) + " bytes came, " +
+                        std::to_string(announced) + " were announced");
+    if (!mExpected.empty()) {
+        const Bytes expected(mExpected.begin() + ImageHeader::kSize, mExpected.end());
+        const auto compared = static_cast<std::ptrdiff_t>(std::min(mPayload.size(), expected.size()));
+        if (!std::equal(expected.begin(), expected.begin() + compared, mPayload.begin()))
+            return complain("verify: not the bytes of the image");
+    }
+    mVerified = true;
+    return true;
+}
+
+UpdateReceiver::Outcome UpdateReceiver::notifySwitched(bool on)
+{
+    std::lock_guard lock(mMutex);
+    const auto fault = takeFault(on ? UpdateStep::StartNotify : UpdateStep::StopNotify);
+    return fault ? apply(*fault, {}) : Outcome{};
+}
+
+Bytes UpdateReceiver::answerTo(UpdateStep step, const Bytes& command, bool good) const
+{
+    Bytes answer = {command[0], 0x00, good ? kStatusGood : kStatusBad};
+    if (step == UpdateStep::GetImageInfo) {
+        append(answer, mRunningVersion, 2);
+        append(answer, mRunningOffset, 4);
+    }
+    return answer;
+}
+
+UpdateReceiver::Outcome UpdateReceiver::apply(const UpdateFault& fault, Outcome outcome) const
+{
+    constexpr std::size_t kStatusOffset = 2;
+    outcome.vanish = fault.vanish;
+    outcome.reply.error = fault.refuse;
+    if (fault.noWriteReply)
+        outcome.reply.kind = AttReply::Kind::NoAnswer;
+    if (fault.refuse != att::kOk)
+        outcome.reset = false;
+    outcome.answerDelay = fault.late;
+    for (Bytes& answer : outcome.answers) {
+        if (fault.status)
+            answer[kStatusOffset] = *fault.status;
+        if (fault.length)
+            answer.resize(*fault.length);
+    }
+    if (!outcome.answers.empty() && fault.copies > 1)
+        outcome.answers.resize(fault.copies, Bytes(outcome.answers.front()));
+    if (!fault.answers.empty())
+        outcome.answers = fault.answers;
+    if (fault.silent || fault.vanish || fault.refuse != att::kOk)
+        outcome.answers.clear();
+    return outcome;
+}
+
+std::optional<UpdateFault> UpdateReceiver::takeFault(UpdateStep step)
+{
+    const auto found = mFaults.find(step);
+    if (found == mFaults.end())
+        return {};
+    UpdateFault& fault = found->second;
+    if (step == UpdateStep::Data && fault.block && *fault.block != mBlocks)
+        return {};
+    const UpdateFault taken = fault;
+    if (fault.times > 0 && --fault.times == 0)
+        mFaults.erase(found);
+    return taken;
+}
+
+Bytes UpdateReceiver::decipher(const uint8_t* block) const
+{
+    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
+                                                                                  &EVP_CIPHER_CTX_free);
+    Bytes plain(kCipherBlock);
+    int length = 0;
+    if (context == nullptr ||
+        EVP_DecryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, mKey.data(), nullptr) != 1 ||
+        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
+        EVP_DecryptUpdate(context.get(), plain.data(), &length, block, int{kCipherBlock}) != 1)
+        throw std::runtime_error("libcrypto doesn't decipher AES-256-ECB");
+    return plain;
+}
+
+bool UpdateReceiver::complain(const std::string& text)
+{
+    mComplaint = text;
+    return false;
+}
+
+void UpdateReceiver::record(UpdatePacket::Channel channel, bool fromRemote, const Bytes& bytes)
+{
+    using namespace std::chrono;
+    const auto now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    mPackets.push_back({now, channel, fromRemote, bytes});
+}
+
+void UpdateReceiver::answered(const Bytes& bytes)
+{
+    std::lock_guard lock(mMutex);
+    record(UpdatePacket::Channel::ControlPoint, true, bytes);
+}
+
+std::optional<ImageHeader> UpdateReceiver::header() const
+{
+    std::lock_guard lock(mMutex);
+    return mHeader;
+}
+
+Bytes UpdateReceiver::startBlock() const
+{
+    std::lock_guard lock(mMutex);
+    return mStartBlock;
+}
+
+Bytes UpdateReceiver::payload() const
+{
+    std::lock_guard lock(mMutex);
+    return mPayload;
+}
+
+unsigned UpdateReceiver::blocks() const
+{
+    std::lock_guard lock(mMutex);
+    return mBlocks;
+}
+
+bool UpdateReceiver::verified() const
+{
+    std::lock_guard lock(mMutex);
+    return mVerified;
+}
+
+std::string UpdateReceiver::complaint() const
+{
+    std::lock_guard lock(mMutex);
+    return mComplaint;
+}
+
+std::vector<UpdatePacket> UpdateReceiver::packets() const
+{
+    std::lock_guard lock(mMutex);
+    return mPackets;
+}
+
+void UpdateReceiver::clearPackets()
+{
+    std::lock_guard lock(mMutex);
+    mPackets.clear();
+}
+
+} // namespace vexasim
