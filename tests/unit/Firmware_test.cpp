@@ -1,0 +1,292 @@
+// SPDX-License-Identifier: MIT
+#include "Firmware.h"
+
+#include <filesystem>
+#include <ostream>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CapturedLog.h"
+#include "FirmwareImage.h"
+#include "ScratchFolder.h"
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Bytes = std::vector<std::uint8_t>;
+
+class AFirmware : public testing::Test
+{
+protected:
+    std::unique_ptr<Firmware> open(const Bytes& content)
+    {
+        return Firmware::createWithLocation(mFolder.write("image.bin", content));
+    }
+
+    /// The next block as the update asks for it.
+    static Bytes nextBlock(Firmware& firmware)
+    {
+        Bytes buffer;
+        const int result = firmware.fillBuffer(buffer);
+        EXPECT_EQ(static_cast<int>(buffer.size()), result);
+        return buffer;
+    }
+
+    static std::vector<std::size_t> blockSizes(Firmware& firmware, std::size_t calls)
+    {
+        std::vector<std::size_t> sizes;
+        for (std::size_t i = 0; i < calls; ++i) {
+            sizes.push_back(nextBlock(firmware).size());
+        }
+        return sizes;
+    }
+
+    ScratchFolder mFolder;
+    CapturedLog mLog;
+};
+
+// -------------------------------------------------------------- What can't be opened
+
+TEST_F(AFirmware, WithAnEmptyPathIsRefusedAloud)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(""));
+    EXPECT_THAT(mLog.linesOf("Firmware"), ElementsAre("E Empty path"));
+}
+
+TEST_F(AFirmware, OfAMissingFileIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(mFolder.path("missing.bin")));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAnEmptyFileIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, open({}));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfElevenBytesIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, open(Bytes(11, 0xff)));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAFolderIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(mFolder.path()));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAFileThatFailsToReadIsRefusedInSilence)
+{
+    // Opens, but nothing is mapped at address 0: the read gives an I/O error.
+    EXPECT_EQ(nullptr, Firmware::createWithLocation("/proc/self/mem"));
+    EXPECT_EQ("", mLog.text());
+}
+
+// ------------------------------------------------------------------------ The header
+
+TEST_F(AFirmware, OfTwelveBytesIsAnImageWithoutPayload)
+{
+    const auto firmware = open(Bytes(12, 0xff));
+
+    ASSERT_NE(nullptr, firmware);
+    Bytes buffer;
+    EXPECT_EQ(0, firmware->fillBuffer(buffer));
+    EXPECT_THAT(buffer, IsEmpty());
+}
+
+TEST_F(AFirmware, DecodesItsHeaderLowByteFirst)
+{
+    const auto firmware =
+        open({0xcd, 0xab, 0x34, 0x12, 0x01, 0x80, 0xfe, 0xff, 0x00, 0x01, 0x7f, 0x80, 'p', 'a', 'y'});
+
+    ASSERT_NE(nullptr, firmware);
+    const Firmware::Header& header = firmware->header();
+    EXPECT_EQ(0xabcd, header.offset);
+    EXPECT_EQ(0x1234, header.signature);
+    EXPECT_EQ(0x8001, header.version);
+    EXPECT_EQ(0xfffe, header.checksum);
+    EXPECT_EQ(0x0100, header.length);
+    EXPECT_EQ(0x7f, header.ota_flag);
+    EXPECT_EQ(0x80, header.reserved);
+    EXPECT_THAT(mLog.linesOf("Firmware"),
+                ElementsAre("D offset: 0xabcd signature: 0x1234 version: 0x8001 checksum: 0xfffe "
+                            "length: 0x0100 ota_flag: 0x7f reserved: 0x80"));
+}
+
+TEST_F(AFirmware, PrintsItsHeaderWithLeadingZeros)
+{
+    ASSERT_NE(nullptr, open({1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 7}));
+
+    EXPECT_THAT(mLog.linesOf("Firmware"),
+                ElementsAre("D offset: 0x0001 signature: 0x0002 version: 0x0003 checksum: 0x0004 "
+                            "length: 0x0005 ota_flag: 0x06 reserved: 0x07"));
+}
+
+TEST_F(AFirmware, AcceptsALengthOfZero)
+{
+    const auto firmware = open(FirmwareImage::ofWords(0).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_EQ(0, firmware->header().length);
+}
+
+TEST_F(AFirmware, AcceptsALengthThatTheFileDoesNotHold)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(65535, 21).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_EQ(65535, firmware->header().length);
+    EXPECT_THAT(blockSizes(*firmware, 3), ElementsAre(20, 1, 0));
+}
+
+// ------------------------------------------------------------------------ The blocks
+
+TEST_F(AFirmware, HandsOutItsPayloadAsItLiesInTheFile)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(250);
+    const auto firmware = open(image.file());
+
+    ASSERT_NE(nullptr, firmware);
+    Bytes all;
+    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
+        all.insert(all.end(), block.begin(), block.end());
+    }
+    EXPECT_EQ(image.payload, all);
+}
+
+TEST_F(AFirmware, OfThirtyThreeBytesGivesTwentyThenThirteenThenNone)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(8, 33).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 4), ElementsAre(20, 13, 0, 0));
+}
+
+TEST_F(AFirmware, OfFullBlocksEndsWithAnEmptyOneAndStaysThere)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(10, 40).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 3), ElementsAre(20, 20, 0));
+    Bytes buffer(7, 0x11);
+    EXPECT_EQ(0, firmware->fillBuffer(buffer));
+    EXPECT_THAT(buffer, IsEmpty());
+}
+
+TEST_F(AFirmware, GoesOnBehindTheLengthOfItsHeader)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(1, 45).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 4), ElementsAre(20, 20, 5, 0));
+}
+
+struct Asked {
+    std::size_t size;
+    std::size_t given;
+
+    friend std::ostream& operator<<(std::ostream& out, const Asked& asked) { return out << asked.size; }
+};
+
+class ABufferOfSomeSize : public AFirmware, public testing::WithParamInterface<Asked>
+{
+};
+
+TEST_P(ABufferOfSomeSize, IsFilledUpToTwentyBytes)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(25);
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    Bytes buffer(GetParam().size, 0xee);
+
+    EXPECT_EQ(static_cast<int>(GetParam().given), firmware->fillBuffer(buffer));
+
+    const auto begin = image.payload.begin();
+    EXPECT_EQ(Bytes(begin, begin + static_cast<std::ptrdiff_t>(GetParam().given)), buffer);
+    // The file stands right behind what was given.
+    EXPECT_EQ(image.payload.at(GetParam().given), nextBlock(*firmware).at(0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ABufferOfSomeSize,
+                         testing::Values(Asked{0, 20}, Asked{1, 1}, Asked{5, 5}, Asked{19, 19}, Asked{20, 20},
+                                         Asked{21, 20}, Asked{40, 20}),
+                         [](const auto& given) { return "Of" + std::to_string(given.param.size); });
+
+TEST_F(AFirmware, TakesAnErrorOfTheDiskForTheEndOfTheFile)
+{
+    // Longer than the stream reads ahead; then its descriptor turns into a folder's, which can't be read.
+    const auto firmware = open(FirmwareImage::ofWords(10000).file());
+    ASSERT_NE(nullptr, firmware);
+    const std::string path = mFolder.path("image.bin");
+    int descriptor = -1;
+    for (const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+            descriptor = std::stoi(entry.path().filename().string());
+        }
+    }
+    ASSERT_GE(descriptor, 0);
+    const int folder = ::open(mFolder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(descriptor, dup2(folder, descriptor));
+    close(folder);
+
+    std::size_t bytes = 0;
+    Bytes block;
+    for (block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
+        bytes += block.size();
+    }
+    EXPECT_GT(bytes, 0U);
+    EXPECT_LT(bytes, 40000U);
+    EXPECT_THAT(nextBlock(*firmware), IsEmpty());
+}
+
+// -------------------------------------------------------------------- Starting again
+
+TEST_F(AFirmware, BeginsWithItsHeaderOnceReset)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(25);
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    nextBlock(*firmware);
+
+    firmware->resetStream();
+
+    const Bytes file = image.file();
+    EXPECT_EQ(Bytes(file.begin(), file.begin() + 20), nextBlock(*firmware));
+}
+
+TEST_F(AFirmware, CanBeReadAgainFromItsEndOnceReset)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(2, 8).file());
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(8, 0));
+
+    firmware->resetStream();
+
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(20, 0));
+}
+
+TEST_F(AFirmware, CanParseItsHeaderAgainOnceReset)
+{
+    const auto firmware = open(FirmwareImage::ofWords(1).file());
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_FALSE(firmware->parseHeader()) << "only 4 bytes are left";
+    EXPECT_FALSE(firmware->parseHeader()) << "the stream has failed";
+    EXPECT_EQ(1U, mLog.linesOf("Firmware").size()) << "a failure to parse says nothing";
+
+    firmware->resetStream();
+
+    EXPECT_TRUE(firmware->parseHeader());
+    EXPECT_EQ(0x1234, firmware->header().signature);
+    EXPECT_EQ(2U, mLog.linesOf("Firmware").size());
+}
+
+} // namespace

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+#include "Firmware.h"
+
+#include <array>
+#include <cstddef>
+
+#include "STBLogger.h"
+
+namespace
+{
+
+constexpr std::size_t kHeaderBytes = 12;
+constexpr std::size_t kBlockBytes = 20; // the most that the remote takes in one write
+
+using HeaderBytes = std::array<char, kHeaderBytes>;
+
+std::uint8_t byteAt(const HeaderBytes& bytes, std::size_t position)
+{
+    return static_cast<std::uint8_t>(bytes[position]);
+}
+
+std::uint16_t wordAt(const HeaderBytes& bytes, std::size_t position)
+{
+    return static_cast<std::uint16_t>(byteAt(bytes, position) | byteAt(bytes, position + 1) << 8);
+}
+
+} // namespace
+
+std::unique_ptr<Firmware> Firmware::createWithLocation(const std::string& location)
+{
+    if (location.empty()) {
+        LOG_ERROR("Empty path");
+        return nullptr;
+    }
+    std::unique_ptr<Firmware> firmware{new Firmware{location}};
+    if (!firmware->parseHeader()) {
+        return nullptr;
+    }
+    // The stream now stands at the payload, and the upload relies on nobody moving it.
+    return firmware;
+}
+
+Firmware::Firmware(const std::string& location) : mLocation{location}, mStream{location} {}
+
+bool Firmware::parseHeader()
+{
+    HeaderBytes bytes{};
+    mStream.read(bytes.data(), bytes.size());
+    if (mStream.fail()) {
+        return false;
+    }
+    mHeader.offset = wordAt(bytes, 0);
+    mHeader.signature = wordAt(bytes, 2);
+    mHeader.version = wordAt(bytes, 4);
+    mHeader.checksum = wordAt(bytes, 6);
+    mHeader.length = wordAt(bytes, 8);
+    mHeader.ota_flag = byteAt(bytes, 10);
+    mHeader.reserved = byteAt(bytes, 11);
+    LOG_DEBUG("offset: 0x%04x signature: 0x%04x version: 0x%04x checksum: 0x%04x length: 0x%04x "
+              "ota_flag: 0x%02x reserved: 0x%02x",
+              mHeader.offset, mHeader.signature, mHeader.version, mHeader.checksum, mHeader.length,
+              mHeader.ota_flag, mHeader.reserved);
+    return true;
+}
+
+int Firmware::fillBuffer(std::vector<std::uint8_t>& buffer)
+{
+    if (buffer.empty() || buffer.size() > kBlockBytes) {
+        buffer.resize(kBlockBytes);
+    }
+    if (mStream.fail()) {
+        buffer.clear();
+        return 0;
+    }
+    mStream.read(reinterpret_cast<char*>(buffer.data()), static_cast<std::streamsize>(buffer.size()));
+    buffer.resize(static_cast<std::size_t>(mStream.gcount()));
+    return static_cast<int>(buffer.size());
+}
+
+void Firmware::resetStream()
+{
+    mStream.clear();
+    // Kept: the start of the file, so the header comes first again. The update doesn't call this.
+    mStream.seekg(0);
+}
