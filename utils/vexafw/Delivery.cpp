@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#include "Delivery.h"
+
+#include <cstdint>
+
+namespace
+{
+
+constexpr std::size_t kBytesPerWord = 4;
+constexpr std::size_t kFullBlock = 20;
+constexpr std::size_t kEncipheredBytes = 16;
+
+std::string bytes(std::size_t count)
+{
+    return std::to_string(count) + (count == 1 ? " byte" : " bytes");
+}
+
+} // namespace
+
+Delivery Delivery::of(Firmware& firmware)
+{
+    Delivery delivery;
+    delivery.version = firmware.header().version;
+    delivery.announced = firmware.header().length * kBytesPerWord;
+    std::vector<std::uint8_t> block;
+    while (firmware.fillBuffer(block) > 0) {
+        delivery.present += block.size();
+        if (delivery.sent < delivery.announced) {
+            delivery.sent += block.size();
+            delivery.lastBlock = block.size();
+            ++delivery.blocks;
+        }
+        block.clear();
+    }
+    return delivery;
+}
+
+std::vector<std::string> Delivery::warnings() const
+{
+    std::vector<std::string> all;
+    if (version == 0) {
+        all.emplace_back("version 0: newer than no remote's, so the daemon cancels the update");
+    }
+    if (announced == 0) {
+        all.emplace_back("length 0: the daemon sends no data and asks the remote to verify at once");
+    }
+    if (present < announced) {
+        all.push_back("the file ends " + bytes(announced - present) +
+                      " before the announced length: the daemon sends what there is, logs \"Stream end\" and "
+                      "fails the update");
+    }
+    if (sent > announced) {
+        all.push_back(
+            "the last block carries " + bytes(sent - announced) +
+            " from behind the payload: the length isn't a multiple of 5 words and the file goes on");
+    }
+    if (sent == announced && announced % kFullBlock != 0) {
+        all.push_back(
+            "the length isn't a multiple of 5 words: the last block holds " + bytes(lastBlock) +
+            (lastBlock < kEncipheredBytes ? ", too few to be enciphered, and goes in the clear" : ""));
+    }
+    if (present > sent) {
+        all.push_back("the last " + bytes(present - sent) + " of the file are never read");
+    }
+    return all;
+}

@@ -1,0 +1,266 @@
+// SPDX-License-Identifier: MIT
+// vexafw: looks at firmware images for the remote, and makes them.
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "Delivery.h"
+#include "Firmware.h"
+
+namespace
+{
+
+enum ExitStatus {
+    Exit_eGood = 0,
+    Exit_eInexact = 1, ///< verify: the daemon would send something else, or nothing
+    Exit_eFailed = 2,  ///< the command line or a file is at fault
+};
+
+constexpr std::uintmax_t kHeaderBytes = 12;
+constexpr std::size_t kBytesPerWord = 4;
+constexpr unsigned kMostWords = 65535;
+constexpr double kSecondsPerBlock = 0.013;
+
+/// A message for the user, who can do something about it.
+class UserError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct PackOptions {
+    std::string payload;
+    std::string image;
+    unsigned offset = 0;
+    unsigned signature = 0;
+    unsigned version = 0;
+    unsigned checksum = 0;
+    unsigned length = 0;
+    unsigned otaFlag = 0;
+    unsigned reserved = 0;
+    bool lengthGiven = false;
+    bool pad = false;
+    bool force = false;
+};
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes readFile(const std::string& path)
+{
+    if (std::filesystem::is_directory(path)) {
+        throw UserError{path + " is a folder"};
+    }
+    std::ifstream file{path, std::ios::binary};
+    if (!file) {
+        throw UserError{"can't open " + path + ": " + std::strerror(errno)};
+    }
+    Bytes bytes;
+    char piece[4096];
+    while (file.read(piece, sizeof piece), file.gcount() > 0) {
+        bytes.insert(bytes.end(), piece, piece + file.gcount());
+    }
+    if (file.bad()) {
+        throw UserError{"can't read " + path + ": " + std::strerror(errno)};
+    }
+    return bytes;
+}
+
+/// Opens an image as the daemon does, which says nothing when it can't: finds out why.
+std::unique_ptr<Firmware> openImage(const std::string& path)
+{
+    auto firmware = Firmware::createWithLocation(path);
+    if (!firmware) {
+        const auto size = readFile(path).size();
+        throw UserError{path + " holds " + std::to_string(size) + (size == 1 ? " byte" : " bytes") +
+                        ", but the header of an image alone takes " + std::to_string(kHeaderBytes)};
+    }
+    return firmware;
+}
+
+void printWarnings(const Delivery& delivery)
+{
+    for (const auto& warning : delivery.warnings()) {
+        std::printf("  warning     %s\n", warning.c_str());
+    }
+}
+
+void printImage(const std::string& path, const Firmware::Header& header, const Delivery& delivery)
+{
+    std::printf("%s\n", path.c_str());
+    std::printf("  offset      0x%04x\n", header.offset);
+    std::printf("  signature   0x%04x\n", header.signature);
+    std::printf("  version     0x%04x\n", header.version);
+    std::printf("  checksum    0x%04x\n", header.checksum);
+    std::printf("  length      %u words, %zu bytes\n", header.length, delivery.announced);
+    std::printf("  ota_flag    0x%02x\n", header.ota_flag);
+    std::printf("  reserved    0x%02x\n", header.reserved);
+    std::printf("  payload     %zu bytes in the file\n", delivery.present);
+    std::printf("  transfer    %zu bytes in %zu blocks, at least %.1f s\n", delivery.sent, delivery.blocks,
+                static_cast<double>(delivery.blocks) * kSecondsPerBlock);
+    printWarnings(delivery);
+}
+
+int info(const std::string& path)
+{
+    const auto firmware = openImage(path);
+    printImage(path, firmware->header(), Delivery::of(*firmware));
+    return Exit_eGood;
+}
+
+int verify(const std::string& path)
+{
+    const auto firmware = openImage(path);
+    const Delivery delivery = Delivery::of(*firmware);
+    std::printf("%s: %s\n", path.c_str(),
+                delivery.isExact() ? "the daemon sends exactly what the header says"
+                                   : "the daemon doesn't send what the header says");
+    printWarnings(delivery);
+    return delivery.isExact() ? Exit_eGood : Exit_eInexact;
+}
+
+Bytes readPayload(const PackOptions& options)
+{
+    Bytes payload = readFile(options.payload);
+    const std::size_t odd = payload.size() % kBytesPerWord;
+    if (odd != 0 && options.pad) {
+        payload.resize(payload.size() + kBytesPerWord - odd);
+    } else if (odd != 0 && !options.lengthGiven) {
+        throw UserError{options.payload + " holds " + std::to_string(payload.size()) +
+                        " bytes, and a header counts in words of 4: let --pad append zeros"};
+    }
+    if (payload.size() > kMostWords * kBytesPerWord && !options.lengthGiven) {
+        throw UserError{options.payload + " holds " + std::to_string(payload.size()) +
+                        " bytes, but an image carries " + std::to_string(kMostWords * kBytesPerWord) +
+                        " at most"};
+    }
+    return payload;
+}
+
+Bytes makeImage(const PackOptions& options, const Bytes& payload)
+{
+    const unsigned length =
+        options.lengthGiven ? options.length : static_cast<unsigned>(payload.size() / kBytesPerWord);
+    Bytes image;
+    for (const unsigned field :
+         {options.offset, options.signature, options.version, options.checksum, length}) {
+        image.push_back(static_cast<std::uint8_t>(field & 0xff));
+        image.push_back(static_cast<std::uint8_t>(field >> 8));
+    }
+    image.push_back(static_cast<std::uint8_t>(options.otaFlag));
+    image.push_back(static_cast<std::uint8_t>(options.reserved));
+    image.insert(image.end(), payload.begin(), payload.end());
+    return image;
+}
+
+/// Writes the whole file or none of it: what stood there stays until the new one is complete.
+void writeFile(const std::string& path, const Bytes& bytes)
+{
+    const std::string part = path + ".part";
+    std::ofstream file{part, std::ios::binary | std::ios::trunc};
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    file.close();
+    const bool written = file.good();
+    if (!written || std::rename(part.c_str(), path.c_str()) != 0) {
+        const std::string reason = std::strerror(errno);
+        std::remove(part.c_str());
+        throw UserError{"can't write " + path + ": " + reason};
+    }
+}
+
+int pack(const PackOptions& options)
+{
+    if (!options.force && std::filesystem::exists(options.image)) {
+        throw UserError{options.image + " exists: give --force to replace it"};
+    }
+    writeFile(options.image, makeImage(options, readPayload(options)));
+    return info(options.image);
+}
+
+void addField(CLI::App& command, const std::string& name, unsigned& value, unsigned largest,
+              const std::string& description, bool required = false)
+{
+    auto* option = command.add_option(name, value, description);
+    option->check(CLI::Range(0U, largest))->required(required);
+    if (!required) {
+        option->capture_default_str();
+    }
+}
+
+CLI::App& addPack(CLI::App& app, PackOptions& options)
+{
+    CLI::App& command = *app.add_subcommand("pack", "Make an image of a header and a payload");
+    command.add_option("PAYLOAD", options.payload, "File with the payload")->required();
+    command.add_option("IMAGE", options.image, "File to write")->required();
+    addField(command, "--signature", options.signature, 0xffff, "Sent with most commands", true);
+    addField(command, "--version", options.version, 0xffff, "Compared with the remote's own", true);
+    addField(command, "--offset", options.offset, 0xffff, "Copied to the remote");
+    addField(command, "--checksum", options.checksum, 0xffff, "Copied to the remote, never computed here");
+    addField(command, "--ota-flag", options.otaFlag, 0xff, "Copied to the remote");
+    addField(command, "--reserved", options.reserved, 0xff, "Copied to the remote");
+    command
+        .add_option_function<unsigned>(
+            "--length",
+            [&options](const unsigned& words) {
+                options.length = words;
+                options.lengthGiven = true;
+            },
+            "Words to announce, true or not (default: those of the payload)")
+        ->check(CLI::Range(0U, kMostWords));
+    command.add_flag("--pad", options.pad, "Append zeros to a payload that ends within a word");
+    command.add_flag("--force", options.force, "Replace IMAGE if it exists");
+    command.footer("Numbers are decimal, hexadecimal with 0x or octal with a leading 0.");
+    return command;
+}
+
+int run(int argc, char** argv)
+{
+    CLI::App app{"Looks at firmware images for the remote control, and makes them.", "vexafw"};
+    app.set_version_flag("--version", "vexafw " VEXA_VERSION);
+    app.require_subcommand(1);
+    app.footer("Exit status: 0 done; 1 verify: the daemon wouldn't send exactly what the header says;\n"
+               "2 the command line or a file is at fault.");
+
+    std::string image;
+    CLI::App& infoCommand =
+        *app.add_subcommand("info", "Show an image's header and what the daemon makes of it");
+    infoCommand.add_option("IMAGE", image, "Image to look at")->required();
+    CLI::App& verifyCommand =
+        *app.add_subcommand("verify", "Tell whether the daemon would send exactly what the header says");
+    verifyCommand.add_option("IMAGE", image, "Image to look at")->required();
+    PackOptions options;
+    addPack(app, options);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? Exit_eGood : Exit_eFailed;
+    }
+    return infoCommand.parsed() ? info(image) : verifyCommand.parsed() ? verify(image) : pack(options);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // The image's reader logs as it does in the daemon; here the user asks for that by the variable.
+    setenv("VEXA_LOG_LEVEL", "ERROR", 0);
+    try {
+        return run(argc, argv);
+    } catch (const UserError& error) {
+        std::cerr << "vexafw: " << error.what() << "\n";
+    } catch (const std::exception& error) {
+        std::cerr << "vexafw: unexpected: " << error.what() << "\n";
+    }
+    return Exit_eFailed;
+}
