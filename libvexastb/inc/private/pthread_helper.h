@@ -72,7 +72,7 @@ public:
         }
     }
 
-    /// Tells whether the calling thread holds the lock, without waiting for it.
+    /// Tells whether the calling thread holds the lock. Returns at once, whoever else holds it.
     bool heldByCaller()
     {
         const timespec past{};

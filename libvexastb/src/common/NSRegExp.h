@@ -6,7 +6,7 @@
 
 #include <regex.h>
 
-/// A regular expression of POSIX (regcomp, regexec), compiled once and matched often.
+/// A regular expression of POSIX (regcomp, regexec), compiled once and matched often. Not shared by threads.
 class NSRegExp
 {
 public:

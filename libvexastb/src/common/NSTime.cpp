@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "NSTime.h"
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
-#include <vector>
+
+#include <alloca.h>
 
 namespace
 {
@@ -115,10 +118,13 @@ std::int64_t NSTime::toInt64() const
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 std::string NSTime::toString(const std::string& format) const
 {
+    constexpr std::size_t kExpansion = 5;
     const std::time_t seconds = toTimeT();
-    std::vector<char> buffer(format.size() * 5 + 1);
-    std::strftime(buffer.data(), format.size() * 5, format.c_str(), std::localtime(&seconds));
-    return buffer.data();
+    const std::size_t size = format.size() * kExpansion;
+    auto* buffer = static_cast<char*>(alloca(size + 1));
+    std::fill_n(buffer, size + 1, '\0');
+    std::strftime(buffer, size, format.c_str(), std::localtime(&seconds));
+    return buffer;
 }
 #pragma GCC diagnostic pop
 

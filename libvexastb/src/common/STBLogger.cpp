@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <cctype>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -162,8 +163,44 @@ void sendLines(int priority, char* text)
     }
 }
 
-// While the process exits, other threads still log: the event thread after a second interrupt, and App, which
-// is destroyed last. These two outlive every static object, since they need no destruction.
+// The C library's syslog holds a lock of its own that the handler of an interrupt on the same thread would
+// wait for without end, since the handler logs.
+class InterruptBlocked
+{
+public:
+    InterruptBlocked()
+    {
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &interrupt, &_before);
+    }
+    ~InterruptBlocked() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
+    InterruptBlocked(const InterruptBlocked&) = delete;
+    InterruptBlocked& operator=(const InterruptBlocked&) = delete;
+
+private:
+    sigset_t _before{};
+};
+
+// While the process exits, other threads still log, and so may the destructors of static objects. So what a
+// message needs is never destroyed: a lock that is destroyed while somebody holds it would end the process.
+template <typename T>
+union Immortal {
+    Immortal() : value() {}
+    ~Immortal() {}
+    Immortal(const Immortal&) = delete;
+    Immortal& operator=(const Immortal&) = delete;
+
+    T value;
+};
+
+// Built before all other static objects, whose constructors may log.
+#define BUILT_FIRST __attribute__((init_priority(101)))
+Immortal<pthread_helper::mutex> outputMutex BUILT_FIRST;
+Immortal<pthread_helper::mutex> registryMutex BUILT_FIRST;
+Immortal<std::map<std::string, STBLogger*>> registryLoggers BUILT_FIRST;
+
 std::atomic<bool> loggersGone{false};
 std::atomic<int> messagesInFlight{0};
 
@@ -179,7 +216,7 @@ public:
 
 } // namespace
 
-/// The registry: owns the logger of each application.
+/// The registry: owns the logger of each application, until the one instance is destroyed.
 class STBLoggerContainer
 {
 public:
@@ -188,27 +225,26 @@ public:
     STBLoggerContainer(const STBLoggerContainer&) = delete;
     STBLoggerContainer& operator=(const STBLoggerContainer&) = delete;
 
-    STBLogger& loggerFor(STBLoggerLogParams* params);
+    /// Static, and so are the members: a message may still be on its way here when the instance goes.
+    static STBLogger& loggerFor(STBLoggerLogParams* params);
 
 private:
-    static pthread_helper::mutex& mutex();
-
-    std::map<std::string, STBLogger*> _loggers;
+    static pthread_helper::mutex& _mutex; ///< guards _loggers
+    static std::map<std::string, STBLogger*>& _loggers;
 };
 
-// Never destroyed, as STBLogger::staticMutex: destroying a lock that another thread holds is fatal.
-pthread_helper::mutex& STBLoggerContainer::mutex()
-{
-    static auto& mutex = *new pthread_helper::mutex;
-    return mutex;
-}
+pthread_helper::mutex& STBLogger::_staticMutex = outputMutex.value;
+pthread_helper::mutex& STBLoggerContainer::_mutex = registryMutex.value;
+std::map<std::string, STBLogger*>& STBLoggerContainer::_loggers = registryLoggers.value;
 
 STBLoggerContainer::~STBLoggerContainer()
 {
     loggersGone = true;
-    const pthread_helper::scoped_lock lock(mutex());
-    const bool inUse = messagesInFlight != 0; // then the loggers are left to the end of the process
-    for (const auto& [application, logger] : _loggers) {
+    // A message under way may be another thread's, or of this very thread if a handler has interrupted it: so
+    // don't wait for it, but leave the loggers to the end of the process.
+    const bool inUse = messagesInFlight != 0;
+    const pthread_helper::scoped_lock lock(_mutex);
+    for (auto& [application, logger] : _loggers) {
         if (logger->_useSyslog) {
             closelog();
         }
@@ -216,16 +252,20 @@ STBLoggerContainer::~STBLoggerContainer()
             delete logger;
         }
     }
+    if (!inUse) {
+        _loggers.clear();
+    }
 }
 
 STBLogger& STBLoggerContainer::loggerFor(STBLoggerLogParams* params)
 {
-    const pthread_helper::scoped_lock lock(mutex());
-    STBLogger*& logger = _loggers[params->application];
-    if (logger == nullptr) {
-        logger = new STBLogger(params); // greets under the lock
+    const pthread_helper::scoped_lock lock(_mutex);
+    const auto found = _loggers.find(params->application);
+    if (found != _loggers.end()) {
+        return *found->second;
     }
-    return *logger;
+    auto logger = std::make_unique<STBLogger>(params); // greets under the lock
+    return *(_loggers[params->application] = logger.release());
 }
 
 void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel level, int line,
@@ -239,8 +279,8 @@ void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel l
     if (loggersGone) {
         return;
     }
-    static const std::unique_ptr<STBLoggerContainer> container(new STBLoggerContainer);
-    STBLogger& logger = container->loggerFor(params);
+    static const std::unique_ptr<STBLoggerContainer> owner(new STBLoggerContainer);
+    STBLogger& logger = STBLoggerContainer::loggerFor(params);
     if (!logger.wants(tag, level)) {
         return;
     }
@@ -277,7 +317,11 @@ STBLogger::STBLogger(STBLoggerLogParams* params)
 void STBLogger::readLevel(const std::string& application, const char* defaultLevel)
 {
     const char* fromEnvironment = environment(application, "_LOG_LEVEL");
-    const std::string text = upperCase(fromEnvironment != nullptr ? fromEnvironment : defaultLevel);
+    std::string text(defaultLevel);
+    if (fromEnvironment != nullptr) {
+        text = fromEnvironment;
+    }
+    text = upperCase(text);
     for (const STBLogLevel level :
          {STBLogLevel_eTrace, STBLogLevel_eDebug, STBLogLevel_eError, STBLogLevel_eWarn, STBLogLevel_eInfo}) {
         if (text == nameOf(level)) {
@@ -357,13 +401,6 @@ void STBLogger::log(const char* module, STBLogLevel level, int line, const char*
     va_end(arguments);
 }
 
-// Never destroyed: see STBLoggerContainer::mutex.
-pthread_helper::mutex& STBLogger::staticMutex()
-{
-    static auto& mutex = *new pthread_helper::mutex;
-    return mutex;
-}
-
 void STBLogger::write(const char* module, STBLogLevel level, int line, const char* file, const char* format,
                       va_list arguments)
 {
@@ -376,7 +413,7 @@ void STBLogger::write(const char* module, STBLogLevel level, int line, const cha
     if (_useColors && traits.color != kNoColor) {
         writeColor(traits.color);
     }
-    const pthread_helper::scoped_lock lock(staticMutex());
+    const pthread_helper::scoped_lock lock(_staticMutex);
     log_print(module, traits.letter, line, file, format, arguments);
     if (_useColors) {
         writeColor(0);
@@ -416,5 +453,6 @@ void STBLogger::log_send_syslog(const char* module, int priority, int line, cons
     text.appendTags(_threadId, _lineNumbers, module, line);
     text.appendList(format, arguments);
     text.dropNewline();
+    const InterruptBlocked blocked;
     sendLines(priority, text.text());
 }

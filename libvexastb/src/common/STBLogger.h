@@ -7,8 +7,9 @@
 
 #include "pthread_helper.h"
 
-/// How severe a message is; a lower number is more severe.
-enum STBLogLevel {
+/// How severe a message is; a lower number is more severe. The type is fixed, so that a number outside of the
+/// table is a value, too: it is written without letter and colour.
+enum STBLogLevel : int {
     STBLogLevel_eNone = 0,
     STBLogLevel_eError = 1,
     STBLogLevel_eWarn = 2,
@@ -33,8 +34,13 @@ struct STBLoggerLogParams {
 };
 
 /// Logs one message through the logger of `params->application`, which the first call makes. `module` is the
-/// message's tag; if it is empty, the base name of `file` is. Any thread may call it, at any time of the
-/// process's life; once the exit handlers have taken the loggers down, messages are dropped.
+/// message's tag; if it is empty, the base name of `file` is. `level`, `format` and what follows are those of
+/// a message; a failure to write it is never reported. A null `module`, or at the first message a null
+/// `application`, `prefix` or `defaultLevel`, throws std::logic_error.
+///
+/// Any thread may call it, at any time of the process's life, constructors and destructors of static objects
+/// included; once the exit handlers have taken the loggers down, messages are dropped. A message that is
+/// dropped, or that goes to standard error, allocates nothing as long as the module has at most 15 letters.
 void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel level, int line,
                    const char* file, const char* format, ...) __attribute__((format(printf, 6, 7)));
 
@@ -70,7 +76,6 @@ private:
     void readModules(const std::string& application, const STBLoggerLogParams& params);
     void readFlags(const std::string& application);
     bool wants(const std::string& module, STBLogLevel level) const;
-    static pthread_helper::mutex& staticMutex();
     void write(const char* module, STBLogLevel level, int line, const char* file, const char* format,
                va_list arguments) __attribute__((format(printf, 6, 0)));
 
@@ -81,6 +86,7 @@ private:
     bool _useColors;
     bool _useSyslog = false;
     std::string _prefix;
+    static pthread_helper::mutex& _staticMutex; ///< serialises writes to standard error; never destroyed
 };
 
 // The one way in which the daemon's messages are spelled.
