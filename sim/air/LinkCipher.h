@@ -48,7 +48,7 @@ private:
 
     End mEnd;
     Block mKey;
-    std::array<uint8_t, 8> mVector;
+    std::array<uint8_t, 8> mVector{};
     uint64_t mSent = 0;
     uint64_t mReceived = 0;
 };

@@ -125,7 +125,7 @@ private:
 
     void writeStatus();
     bool refreshRc();
-    void publishRc();
+    void publishRc() const;
     void scheduleReading();
     bool readingDue() const;
     void readBattery();

@@ -713,7 +713,7 @@ bool App::refreshRc()
     return hasAddress && hasPaired && hasConnected;
 }
 
-void App::publishRc()
+void App::publishRc() const
 {
     if (!mRc.paired) {
         writeFile("not paired", kStatusFile);

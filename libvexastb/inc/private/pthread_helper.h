@@ -86,7 +86,7 @@ public:
 private:
     friend class cond;
 
-    pthread_mutex_t _mutex;
+    pthread_mutex_t _mutex{};
 };
 
 /// Holds a mutex for a scope. Unlocks at the end of the scope in any case, also if the scope has done so.
@@ -158,7 +158,7 @@ private:
         return result;
     }
 
-    pthread_cond_t _cond;
+    pthread_cond_t _cond{};
 };
 
 /// The record of one started thread. Deleting it neither joins nor detaches the thread.

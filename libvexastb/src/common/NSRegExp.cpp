@@ -30,6 +30,7 @@ bool NSRegExp::match(const std::string& text, std::vector<std::string>& groups, 
     }
     groups.clear();
     const auto count = static_cast<std::size_t>(_groupCount);
+    // cppcheck-suppress allocaCalled ; a handful of groups, and a match allocates nothing
     auto* matches = static_cast<regmatch_t*>(alloca(count * sizeof(regmatch_t)));
     std::fill_n(matches, count, regmatch_t{-1, -1}); // with REG_NOSUB regexec leaves them alone
     if (regexec(&_expression, text.c_str(), count, matches, flags) != 0) {

@@ -440,7 +440,7 @@ void STBLogger::log_print(const char* module, const char* letter, int line, cons
 }
 
 void STBLogger::log_send_syslog(const char* module, int priority, int line, const char* /*file*/,
-                                const char* format, va_list arguments)
+                                const char* format, va_list arguments) const
 {
     Line text;
     timeval now{};

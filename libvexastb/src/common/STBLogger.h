@@ -61,7 +61,7 @@ public:
 
     /// Sends the message, of at most 1023 characters, to syslog line by line.
     void log_send_syslog(const char* module, int priority, int line, const char* file, const char* format,
-                         va_list arguments) __attribute__((format(printf, 6, 0)));
+                         va_list arguments) const __attribute__((format(printf, 6, 0)));
 
     /// Filters a message and writes it to the one output that is in use. The module is taken as it is.
     void log(const char* module, STBLogLevel level, int line, const char* file, const char* format, ...)
