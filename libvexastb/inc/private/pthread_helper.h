@@ -163,7 +163,7 @@ private:
 
 /// The record of one started thread. Deleting it neither joins nor detaches the thread.
 template <typename T>
-struct thread {
+struct thread { // NOLINT(readability-identifier-naming): as mutex and cond
     using Method = void (T::*)();
 
     thread(T* object, Method method) : _object(object), _method(method) {}
@@ -176,7 +176,7 @@ struct thread {
     }
 
     /// The entry for pthread_create; takes the record.
-    static void* thread_callback(void* record)
+    static void* thread_callback(void* record) // NOLINT(readability-identifier-naming): as above
     {
         auto* self = static_cast<thread*>(record);
         (self->_object->*self->_method)();

@@ -7,6 +7,7 @@
 
 #include <alloca.h>
 
+// NOLINTNEXTLINE(modernize-pass-by-value): callers pass literals and long-lived patterns alike
 NSRegExp::NSRegExp(const std::string& pattern, int flags) : _pattern(pattern)
 {
     if (regcomp(&_expression, _pattern.c_str(), flags) != 0) {

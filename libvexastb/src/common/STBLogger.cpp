@@ -108,6 +108,7 @@ public:
 
     void appendList(const char* format, va_list arguments) __attribute__((format(printf, 2, 0)))
     {
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers have started it
         std::vsnprintf(_text.data() + _length, _text.size() - _length, format, arguments);
         _length += std::strlen(_text.data() + _length);
     }
@@ -402,7 +403,7 @@ void STBLogger::log(const char* module, STBLogLevel level, int line, const char*
 }
 
 void STBLogger::write(const char* module, STBLogLevel level, int line, const char* file, const char* format,
-                      va_list arguments)
+                      va_list arguments) const
 {
     const LevelTraits& traits = traitsOf(level);
     if (_useSyslog) {
@@ -421,7 +422,7 @@ void STBLogger::write(const char* module, STBLogLevel level, int line, const cha
 }
 
 void STBLogger::log_print(const char* module, const char* letter, int line, const char* /*file*/,
-                          const char* format, va_list arguments)
+                          const char* format, va_list arguments) const
 {
     Line text;
     if (!_prefix.empty()) {

@@ -57,7 +57,7 @@ public:
 
     /// Writes one line of at most 1023 characters to standard error.
     void log_print(const char* module, const char* letter, int line, const char* file, const char* format,
-                   va_list arguments) __attribute__((format(printf, 6, 0)));
+                   va_list arguments) const __attribute__((format(printf, 6, 0)));
 
     /// Sends the message, of at most 1023 characters, to syslog line by line.
     void log_send_syslog(const char* module, int priority, int line, const char* file, const char* format,
@@ -77,7 +77,7 @@ private:
     void readFlags(const std::string& application);
     bool wants(const std::string& module, STBLogLevel level) const;
     void write(const char* module, STBLogLevel level, int line, const char* file, const char* format,
-               va_list arguments) __attribute__((format(printf, 6, 0)));
+               va_list arguments) const __attribute__((format(printf, 6, 0)));
 
     STBLogLevel _level = STBLogLevel_eInfo;
     std::map<std::string, STBLogLevel> _moduleLevels;

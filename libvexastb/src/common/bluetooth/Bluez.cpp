@@ -449,7 +449,7 @@ Record Bluez::recordFor(const std::string& path)
 
 Bluez::Service Bluez::objectForService(const std::string& path)
 {
-    Service service = recordFor<Service>(path);
+    auto service = recordFor<Service>(path);
     if (!path.empty()) {
         service.type = serviceTypeByString(service.uuid);
     }
