@@ -189,8 +189,15 @@ void BusLink::emit(const std::string& path, const std::string& interface, const 
 
 void BusLink::roundTrip()
 {
-    if (mConnection != nullptr && g_dbus_connection_is_closed(mConnection) == FALSE)
+    if (mConnection == nullptr)
+        return;
+    try {
         callBus("GetId", {});
+    } catch (const std::runtime_error&) {
+        // A bus that went away has nothing left to route.
+        if (g_dbus_connection_is_closed(mConnection) == FALSE)
+            throw;
+    }
 }
 
 } // namespace vexasim

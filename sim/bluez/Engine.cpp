@@ -138,6 +138,7 @@ void Engine::stopService(Simulator::Stop how)
     mAdapters.serviceStopped(!mWasKilled);
     mCore.tree.clear();
     mCore.agentOwners.clear();
+    mCore.bus.roundTrip(); // closing drops what isn't on the socket yet
     mCore.bus.close();
     mCore.say("org.bluez left the bus");
 }

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -26,6 +27,8 @@ namespace
 {
 constexpr const char* kSocketName = "bus";
 constexpr const char* kConfigName = "bus.conf";
+constexpr const char* kLogName = "bus.log"; ///< what dbus-daemon says on standard error
+constexpr int kReportDescriptor = 3;        ///< where dbus-daemon writes its address
 
 // ANONYMOUS lets in a client from another user namespace, whose idea of its
 // user id the bus doesn't share.
@@ -64,7 +67,7 @@ std::string makeTemporaryDirectory()
 }
 
 /// Runs in the child: nothing but calls that are safe after fork.
-[[noreturn]] void becomeBus(pid_t parent, const char* configuration, const char* report)
+[[noreturn]] void becomeBus(pid_t parent, const char* configuration, int report, int log)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent)
@@ -72,9 +75,20 @@ std::string makeTemporaryDirectory()
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", configuration, report,
-           static_cast<char*>(nullptr));
+    dup2(log, STDERR_FILENO);
+    if (report == kReportDescriptor)
+        fcntl(report, F_SETFD, 0);
+    else
+        dup2(report, kReportDescriptor);
+    execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", "--print-address=3",
+           configuration, static_cast<char*>(nullptr));
     _exit(127);
+}
+
+std::string contentOf(const std::string& path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 } // namespace
 
@@ -84,7 +98,8 @@ std::string makeTemporaryDirectory()
 class PrivateBus::Keeper
 {
 public:
-    explicit Keeper(const std::string& directory) : mConfig("--config-file=" + directory + "/" + kConfigName)
+    explicit Keeper(const std::string& directory)
+        : mConfig("--config-file=" + directory + "/" + kConfigName), mLog(directory + "/" + kLogName)
     {
         std::array<int, 2> pipes{};
         if (pipe2(pipes.data(), O_CLOEXEC) != 0)
@@ -95,7 +110,8 @@ public:
         if (ready)
             return;
         mThread.join();
-        throw std::runtime_error("dbus-daemon doesn't start; is it installed (Debian: dbus-daemon)?");
+        throw std::runtime_error(
+            "dbus-daemon doesn't start; is it installed (Debian: dbus-daemon)? It says: " + contentOf(mLog));
     }
 
     ~Keeper()
@@ -112,14 +128,12 @@ public:
 private:
     void keep(int report)
     {
-        // dbus-daemon writes its address there once it listens.
-        const std::string argument = "--print-address=" + std::to_string(report);
+        const int log = open(mLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         const pid_t parent = getpid();
         const pid_t child = fork();
-        if (child == 0) {
-            fcntl(report, F_SETFD, 0);
-            becomeBus(parent, mConfig.c_str(), argument.c_str());
-        }
+        if (child == 0)
+            becomeBus(parent, mConfig.c_str(), report, log);
+        ::close(log);
         ::close(report);
         {
             std::lock_guard lock(mMutex);
@@ -147,6 +161,7 @@ private:
     }
 
     std::string mConfig;
+    std::string mLog;
     std::mutex mMutex;
     pid_t mChild = -1;
     std::thread mThread;
