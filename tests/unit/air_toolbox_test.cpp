@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -208,7 +209,7 @@ TEST(EncryptedLink, SealsThePacketsOfTheSampleData)
 
     const std::string message = text("c", "q") + text("1", "9") + "0";
     LinkPacket data{LinkPacket::Start, {0x17, 0x00}};
-    data.payload.insert(data.payload.end(), message.begin(), message.end());
+    std::copy(message.begin(), message.end(), std::back_inserter(data.payload));
     EXPECT_EQ(toHex(central.seal(data)), "7a70d66415226df26b17839a060405596bd6564f796b5b9ce6ff32f75a6d33");
 }
 
