@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/Air.h"
+#include "sim/air/Hci.h"
+
+#include <deque>
+#include <functional>
+#include <vector>
+
+namespace vexasim::air
+{
+
+struct LinkParameters {
+    uint16_t interval = 0; ///< units of 1.25 ms
+    uint16_t latency = 0;
+    uint16_t timeout = 0; ///< units of 10 ms
+
+    bool operator==(const LinkParameters& other) const
+    {
+        return interval == other.interval && latency == other.latency && timeout == other.timeout;
+    }
+};
+
+/// How fast links run.
+enum class Pace {
+    RealTime, ///< packets wait for the connection events of the link's interval
+    Hurried,  ///< events come every millisecond, whatever the interval says
+};
+
+/// The link layer of one connection, both of its ends in one object: packets
+/// wait for the next connection event, are sealed and opened when encryption
+/// is on, and control procedures take their events. A link with nothing to
+/// carry costs nothing. Bluetooth Core 5.0, Vol 6, B 4.5 and 5. One thread.
+class Link
+{
+public:
+    /// The controller's end.
+    class Central
+    {
+    public:
+        virtual ~Central() = default;
+        virtual void linkReceived(Link& link, const LinkPacket& packet) = 0;
+        /// One packet given to sendFromCentral has arrived whole.
+        virtual void linkDelivered(Link& link) = 0;
+        /// `refreshed`: it was encrypted before, with another key.
+        virtual void linkEncrypted(Link& link, hci::Status status, bool refreshed) = 0;
+        virtual void linkUpdated(Link& link) = 0;
+        virtual void linkLengthChanged(Link& link) = 0;
+        /// The last call; the link must be given up here.
+        virtual void linkClosed(Link& link, hci::Status reason) = 0;
+    };
+
+    Link(Clock& clock, Central& central, RadioDevice& device, const Address& centralAddress, uint16_t handle,
+         const LinkParameters& parameters, Pace pace);
+
+    uint16_t handle() const { return mHandle; }
+    /// Null once the device is lost.
+    RadioDevice* device() const { return mDevice; }
+    const Address& centralAddress() const { return mCentralAddress; }
+    const Address& deviceAddress() const { return mDeviceAddress; }
+    const LinkParameters& parameters() const { return mParameters; }
+    /// The longest payload of a packet, either way.
+    uint16_t maximumPayload() const { return mMaximumPayload; }
+    bool encrypted() const { return mCentralCipher.has_value(); }
+
+    // ---- the controller's end
+    /// Sends a packet of the host's, in pieces if it is longer than a payload.
+    void sendFromCentral(LinkPacket packet);
+    void startEncryption(uint64_t random, uint16_t diversifier, const Key128& key);
+    void update(const LinkParameters& parameters);
+    void setMaximumPayload(uint16_t octets);
+    /// Has the device asked something that needs one exchange.
+    void exchange(std::function<void()> answered);
+    void endFromCentral();
+    /// The controller is reset: the device loses the link, the host isn't told.
+    void cut();
+
+    // ---- the device's end
+    /// A packet of at most maximumPayload bytes.
+    void sendFromDevice(LinkPacket packet);
+    /// Ends the link politely; the device hears linkClosed.
+    void endFromDevice(hci::Status reason);
+    /// The device is suddenly no more to be heard: out of range, or without
+    /// power. It hears nothing further; the controller notices when the
+    /// supervision timeout is over.
+    void abandon();
+
+private:
+    struct Outgoing {
+        LinkPacket packet;
+        bool last = true; ///< of the host's packet
+    };
+    struct Procedure {
+        unsigned events;
+        std::function<void()> finish;
+    };
+
+    Clock::Duration interval() const;
+    void scheduleEvent();
+    void connectionEvent();
+    void deliverToDevice(Outgoing outgoing);
+    void deliverToCentral(LinkPacket packet);
+    void advanceProcedures();
+    void after(unsigned events, std::function<void()> finish);
+    void encryptNow(uint64_t random, uint16_t diversifier, const Key128& key);
+    void close(hci::Status reason);
+
+    Clock& mClock;
+    Central& mCentral;
+    RadioDevice* mDevice; ///< null after abandon
+    const Address mCentralAddress;
+    const Address mDeviceAddress;
+    const uint16_t mHandle;
+    LinkParameters mParameters;
+    const Pace mPace;
+    uint16_t mMaximumPayload;
+    const uint16_t mDeviceMaximumPayload;
+    Clock::Time mAnchor;
+    unsigned mEvents = 0;
+    bool mClosing = false;
+    hci::Status mLossReason = hci::Status::ConnectionTimeout;
+    std::deque<Outgoing> mFromCentral;
+    std::deque<LinkPacket> mFromDevice;
+    std::vector<Procedure> mProcedures;
+    std::optional<LinkCipher> mCentralCipher;
+    std::optional<LinkCipher> mDeviceCipher;
+    Timer mEventTimer;
+    Timer mEndTimer;
+};
+
+} // namespace vexasim::air

@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: MIT
+#include "sim/air/VhciTransport.h"
+
+#include "sim/air/Hci.h"
+
+#include <fcntl.h>
+#include <glib-unix.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace vexasim::air
+{
+
+namespace
+{
+
+// The largest packet is one of data: its type, its header and a full buffer.
+constexpr size_t kLargestPacket = 2048;
+// The vendor packet by which a controller is asked for and announced.
+constexpr uint8_t kPrimaryController = 0x00;
+
+struct Announcement {
+    hci::PacketType type{};
+    uint8_t kind = 0;
+    uint16_t index = 0;
+    template <class Fields>
+    void fields(Fields& f)
+    {
+        f(type, kind, index);
+    }
+};
+
+std::string advice(int error)
+{
+    switch (error) {
+    case ENOENT:
+        return "; load the kernel's module hci_vhci (modprobe hci_vhci)";
+    case ENODEV:
+        return "; the kernel's module hci_vhci is missing (modprobe hci_vhci)";
+    case EACCES:
+    case EPERM:
+        return "; run it as root";
+    default:
+        return "";
+    }
+}
+
+gboolean onReadable(gint, GIOCondition, gpointer transport)
+{
+    static_cast<VhciTransport*>(transport)->readPackets();
+    return G_SOURCE_CONTINUE;
+}
+
+} // namespace
+
+int VhciTransport::open(const std::string& path)
+{
+    const int file = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) {
+        const int error = errno;
+        throw std::runtime_error("can't open " + path + ": " + std::strerror(error) + advice(error));
+    }
+    return file;
+}
+
+VhciTransport::VhciTransport(int file, Receive receive, Closed closed)
+    : mFile(file),
+      mReceive(std::move(receive)),
+      mClosed(std::move(closed)),
+      mSource(g_unix_fd_source_new(file, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR)))
+{
+    g_source_set_callback(mSource, G_SOURCE_FUNC(onReadable), this, nullptr);
+    g_source_attach(mSource, g_main_context_get_thread_default());
+}
+
+VhciTransport::~VhciTransport()
+{
+    g_source_destroy(mSource);
+    g_source_unref(mSource);
+    ::close(mFile);
+}
+
+void VhciTransport::createController()
+{
+    send({static_cast<uint8_t>(hci::PacketType::Vendor), kPrimaryController});
+}
+
+void VhciTransport::send(const Bytes& packet)
+{
+    ssize_t written = 0;
+    do {
+        written = ::write(mFile, packet.data(), packet.size());
+    } while (written < 0 && errno == EINTR);
+    if (written != static_cast<ssize_t>(packet.size()))
+        close(std::string("can't hand a packet to the kernel: ") +
+              (written < 0 ? std::strerror(errno) : "cut short"));
+}
+
+void VhciTransport::readPackets()
+{
+    std::array<uint8_t, kLargestPacket> buffer;
+    while (!g_source_is_destroyed(mSource)) {
+        const ssize_t size = ::read(mFile, buffer.data(), buffer.size());
+        if (size < 0 && errno == EINTR)
+            continue;
+        if (size < 0 && errno == EAGAIN)
+            return;
+        if (size <= 0)
+            return close(std::string("the kernel closed the controller: ") +
+                         (size < 0 ? std::strerror(errno) : "end of file"));
+        const Bytes packet(buffer.begin(), buffer.begin() + size);
+        if (const auto announcement = decode<Announcement>(packet);
+            announcement && announcement->type == hci::PacketType::Vendor)
+            mIndex = announcement->index;
+        else
+            mReceive(packet);
+    }
+}
+
+void VhciTransport::close(const std::string& why)
+{
+    if (g_source_is_destroyed(mSource))
+        return;
+    g_source_destroy(mSource);
+    mClosed(why);
+}
+
+} // namespace vexasim::air
