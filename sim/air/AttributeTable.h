@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/Bytes.h"
+#include "sim/model/Gatt.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vexasim::air
+{
+
+/// A UUID as the attribute protocol sends it: 2 bytes if it is one of the
+/// Bluetooth base, else 16, the least significant first. Throws
+/// std::invalid_argument if the text isn't the 36 characters of a UUID.
+Bytes uuidBytes(const std::string& text);
+
+/// The 16-byte form of either.
+Bytes longUuid(const Bytes& uuid);
+
+/// One row of the attribute table.
+struct Attribute {
+    enum class Kind {
+        Service,        ///< the value is the service's UUID
+        Characteristic, ///< the declaration: properties, value handle, UUID
+        Value,          ///< to be asked of the peripheral
+        Configuration,  ///< of a characteristic's notifications
+        Descriptor,     ///< any other, to be asked of the peripheral
+    };
+
+    uint16_t handle = 0;
+    Kind kind = Kind::Value;
+    Bytes type;                  ///< the attribute's UUID
+    Bytes value;                 ///< of services and declarations
+    uint16_t groupEnd = 0;       ///< of services
+    uint16_t valueHandle = 0;    ///< of the characteristic to which it belongs
+    bool readEncrypted = false;  ///< only over an encrypted link
+    bool writeEncrypted = false; ///< only over an encrypted link
+};
+
+/// A peripheral's services as the attribute protocol sees them: rows in the
+/// order of their handles. Made anew when the services change. Any thread.
+class AttributeTable
+{
+public:
+    explicit AttributeTable(const GattTable& services);
+
+    const Attribute* find(uint16_t handle) const;
+
+    /// The rows from `first` to `last` of that type.
+    std::vector<const Attribute*> ofType(uint16_t first, uint16_t last, const Bytes& type) const;
+
+    /// The rows from `first` to `last`.
+    std::vector<const Attribute*> between(uint16_t first, uint16_t last) const;
+
+private:
+    void addCharacteristic(const GattCharacteristic& characteristic);
+
+    std::vector<Attribute> mRows;
+};
+
+} // namespace vexasim::air

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: MIT
+#include "sim/air/L2cap.h"
+
+#include <algorithm>
+
+namespace vexasim::air
+{
+
+namespace
+{
+
+constexpr size_t kHeaderSize = 4;
+
+enum class Code : uint8_t {
+    CommandReject = 0x01,
+    ParameterUpdateRequest = 0x12,
+    ParameterUpdateResponse = 0x13,
+};
+
+constexpr uint16_t kNotUnderstood = 0;
+constexpr uint16_t kAccepted = 0;
+
+struct Command {
+    Code code{};
+    uint8_t identifier = 0;
+    uint16_t length = 0;
+    Bytes data;
+    template <class Fields>
+    void fields(Fields& f)
+    {
+        f(code, identifier, length, data);
+    }
+};
+
+struct ParameterUpdateRequest {
+    uint16_t minimum = 0;
+    uint16_t maximum = 0;
+    uint16_t latency = 0;
+    uint16_t timeout = 0;
+    template <class Fields>
+    void fields(Fields& f)
+    {
+        f(minimum, maximum, latency, timeout);
+    }
+};
+
+/// The result of a request, or the reason of a rejection.
+struct Word {
+    uint16_t value = 0;
+    template <class Fields>
+    void fields(Fields& f)
+    {
+        f(value);
+    }
+};
+
+Bytes command(Code code, uint8_t identifier, const Bytes& data)
+{
+    return encode(Command{code, identifier, static_cast<uint16_t>(data.size()), data});
+}
+
+} // namespace
+
+std::optional<Reassembler::Packet> Reassembler::add(const LinkPacket& piece)
+{
+    if (piece.kind == LinkPacket::Start)
+        mSoFar.clear();
+    else if (mSoFar.empty())
+        return std::nullopt;
+    mSoFar = std::move(mSoFar) + piece.payload;
+    if (mSoFar.size() < kHeaderSize)
+        return std::nullopt;
+
+    L2capHeader header;
+    Decoder decoder(mSoFar);
+    decoder(header);
+    if (decoder.left() < header.length)
+        return std::nullopt;
+    const bool fits = decoder.left() == header.length;
+    Packet packet{header.channel, decoder.bytes(header.length)};
+    mSoFar.clear();
+    if (!fits)
+        return std::nullopt;
+    return packet;
+}
+
+std::vector<LinkPacket> fragment(Channel channel, const Bytes& payload, size_t maximumPiece)
+{
+    const Bytes frame = encode(L2capHeader{static_cast<uint16_t>(payload.size()), channel}) + payload;
+    std::vector<LinkPacket> pieces;
+    for (size_t at = 0; at < frame.size(); at += maximumPiece) {
+        const auto from = frame.begin() + static_cast<std::ptrdiff_t>(at);
+        const auto to =
+            frame.begin() + static_cast<std::ptrdiff_t>(std::min(frame.size(), at + maximumPiece));
+        pieces.push_back({at == 0 ? LinkPacket::Start : LinkPacket::Continuation, Bytes(from, to)});
+    }
+    return pieces;
+}
+
+void Signaling::requestParameters(uint16_t minimum, uint16_t maximum, uint16_t latency, uint16_t timeout)
+{
+    // Zero is no identifier.
+    mIdentifier = mIdentifier == 0xff ? uint8_t{1} : static_cast<uint8_t>(mIdentifier + 1);
+    mSend(Channel::Signaling, command(Code::ParameterUpdateRequest, mIdentifier,
+                                      encode(ParameterUpdateRequest{minimum, maximum, latency, timeout})));
+}
+
+void Signaling::received(const Bytes& packet)
+{
+    const auto received = decode<Command>(packet);
+    if (!received || received->length != received->data.size())
+        return;
+    switch (received->code) {
+    case Code::CommandReject:
+        return;
+    case Code::ParameterUpdateResponse: {
+        const auto result = decode<Word>(received->data);
+        if (result && received->identifier == mIdentifier && mAnswer)
+            mAnswer(result->value == kAccepted);
+        return;
+    }
+    default:
+        mSend(Channel::Signaling,
+              command(Code::CommandReject, received->identifier, encode(Word{kNotUnderstood})));
+    }
+}
+
+} // namespace vexasim::air

@@ -1,0 +1,351 @@
+// SPDX-License-Identifier: MIT
+#include "sim/air/PeripheralRadio.h"
+
+#include "sim/model/Remote.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+namespace vexasim::air
+{
+
+namespace
+{
+
+constexpr std::chrono::seconds kWishDelay{1};
+
+// The parts of an advertisement, the Bluetooth core documents' supplement, A 1.
+constexpr uint8_t kFlagsPart = 0x01;
+constexpr uint8_t kShortNamePart = 0x08;
+constexpr uint8_t kNamePart = 0x09;
+constexpr uint8_t kAppearancePart = 0x19;
+constexpr uint8_t kDiscoverableWithoutClassic = 0x06;
+constexpr size_t kAdvertisementSize = 31;
+
+// The remote's own command for other connection parameters.
+constexpr uint8_t kConnectionParametersCommand = 0x07;
+
+struct ConnectionParametersCommand {
+    uint8_t code = kConnectionParametersCommand;
+    WishedParameters wishes;
+    template <class Fields>
+    void fields(Fields& f)
+    {
+        f(code, wishes.minimumInterval, wishes.maximumInterval, wishes.latency, wishes.timeout);
+    }
+};
+
+Bytes part(uint8_t kind, const Bytes& content)
+{
+    return Bytes{static_cast<uint8_t>(content.size() + 1), kind} + content;
+}
+
+// A name that is too long for what is left of an advertisement is cut, and marked so.
+Bytes namePart(const std::string& name, size_t room)
+{
+    constexpr size_t kFrame = 2;
+    Bytes text(name.begin(), name.end());
+    const bool whole = text.size() + kFrame <= room;
+    if (!whole)
+        text.resize(room - kFrame);
+    return part(whole ? kNamePart : kShortNamePart, text);
+}
+
+Address identityAddress(const Peripheral& peripheral)
+{
+    const auto kind = peripheral.randomAddress() ? AddressKind::Random : AddressKind::Public;
+    const auto address = Address::parse(peripheral.address(), kind);
+    if (!address)
+        throw std::invalid_argument("'" + peripheral.address() + "' is not a Bluetooth address");
+    return *address;
+}
+
+std::string milliseconds(unsigned units, double unit)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.4g ms", units * unit);
+    return text;
+}
+
+} // namespace
+
+// What lives as long as one link.
+struct PeripheralRadio::Session {
+    Session(Clock& clock, Signaling::Send send, SecurityManager::Surroundings forSecurity,
+            AttributeServer::Surroundings forAttributes)
+        : delayed(clock),
+          signaling(std::move(send)),
+          security(clock, std::move(forSecurity)),
+          attributes(clock, std::move(forAttributes))
+    {
+    }
+
+    DelayedCalls delayed;
+    Reassembler reassembler;
+    Signaling signaling;
+    SecurityManager security;
+    AttributeServer attributes;
+};
+
+std::shared_ptr<PeripheralRadio> PeripheralRadio::create(Clock& clock, Air& air,
+                                                         const std::shared_ptr<Peripheral>& peripheral,
+                                                         const RadioOptions& options, OnEvent onEvent)
+{
+    std::shared_ptr<PeripheralRadio> radio(
+        new PeripheralRadio(clock, air, peripheral, options, std::move(onEvent)));
+    peripheral->addListener(radio);
+    air.add(*radio);
+    return radio;
+}
+
+PeripheralRadio::PeripheralRadio(Clock& clock, Air& air, std::shared_ptr<Peripheral> peripheral,
+                                 const RadioOptions& options, OnEvent onEvent)
+    : mClock(clock),
+      mAir(air),
+      mPeripheral(std::move(peripheral)),
+      mOptions(options),
+      mOnEvent(std::move(onEvent)),
+      mIdentityAddress(identityAddress(*mPeripheral)),
+      mIdentityKey(randomArray<16>()),
+      mSessionEnd(clock)
+{
+    // A malformed UUID is found here and not by the first central.
+    static_cast<void>(AttributeTable(mPeripheral->services()));
+    renewAddress();
+}
+
+PeripheralRadio::~PeripheralRadio()
+{
+    mAir.remove(*this);
+}
+
+void PeripheralRadio::renewAddress()
+{
+    mAddress = mIdentityAddress;
+    if (!mOptions.privateAddress)
+        return;
+    constexpr uint8_t kResolvable = 0x40;
+    auto random = randomArray<3>();
+    random[2] = static_cast<uint8_t>((random[2] & 0x3f) | kResolvable);
+    const auto hash = ah(mIdentityKey, random);
+    mAddress.kind = AddressKind::Random;
+    std::copy(hash.begin(), hash.end(), mAddress.octets.begin());
+    std::copy(random.begin(), random.end(), mAddress.octets.begin() + hash.size());
+}
+
+void PeripheralRadio::hangUp()
+{
+    if (mLink != nullptr)
+        mLink->endFromDevice(hci::Status::RemoteUserEnded);
+}
+
+// ---- what the controller's radio asks
+
+std::optional<Advertisement> PeripheralRadio::advertisement() const
+{
+    if (!mPeripheral->advertising())
+        return std::nullopt;
+    Advertisement advertisement;
+    Encoder appearance;
+    appearance(mPeripheral->appearance());
+    advertisement.data =
+        part(kFlagsPart, {kDiscoverableWithoutClassic}) + part(kAppearancePart, appearance.take());
+    const auto name = mPeripheral->advertisedName();
+    if (name) {
+        Bytes& place = mOptions.nameInScanResponse ? advertisement.scanResponse : advertisement.data;
+        place = place + namePart(*name, kAdvertisementSize - place.size());
+    }
+    return advertisement;
+}
+
+int8_t PeripheralRadio::rssi() const
+{
+    return static_cast<int8_t>(std::clamp<int16_t>(mPeripheral->rssi(), -127, 20));
+}
+
+bool PeripheralRadio::linkOpened(Link& link)
+{
+    if (!mPeripheral->connect())
+        return false;
+    mSessionEnd.stop();
+    mLink = &link;
+    if (mPeripheral->forgotBond())
+        forgetBonds();
+    const auto toCentral = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
+    mSession =
+        std::make_unique<Session>(mClock, toCentral, securitySurroundings(link), attributeSurroundings());
+    mSession->signaling.onAnswer([this](bool accepted) {
+        say(accepted ? "its wish for connection parameters is granted"
+                     : "its wish for connection parameters is refused");
+    });
+    say("connected by " + link.centralAddress().text());
+    if (mOptions.asksForSecurity)
+        mSession->security.requestSecurity();
+    if (mOptions.wishes)
+        mSession->delayed.after(kWishDelay, [this] { wishForParameters(); });
+    return true;
+}
+
+SecurityManager::Surroundings PeripheralRadio::securitySurroundings(Link& link)
+{
+    SecurityManager::Surroundings surroundings;
+    surroundings.central = link.centralAddress();
+    surroundings.self = link.deviceAddress();
+    surroundings.bonds = &mBonds;
+    if (mOptions.privateAddress)
+        surroundings.identity = Identity{mIdentityKey, mIdentityAddress};
+    surroundings.manner = [this] { return manner(); };
+    surroundings.send = [this](Channel channel, const Bytes& packet) {
+        mSession->delayed.after(mPeripheral->answerDelay(),
+                                [this, channel, packet] { send(channel, packet); });
+    };
+    surroundings.paired = [this](bool secure) {
+        mPeripheral->pair();
+        say(secure ? "paired with secure connections" : "paired in the legacy way");
+    };
+    return surroundings;
+}
+
+AttributeServer::Surroundings PeripheralRadio::attributeSurroundings()
+{
+    AttributeServer::Surroundings surroundings;
+    surroundings.peripheral = mPeripheral.get();
+    surroundings.send = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
+    surroundings.encrypted = [this] { return mLink != nullptr && mLink->encrypted(); };
+    surroundings.written = [this](uint16_t handle, const Bytes& value) { written(handle, value); };
+    return surroundings;
+}
+
+PairingManner PeripheralRadio::manner()
+{
+    using Temper = PairingManner::Temper;
+    PairingManner manner;
+    manner.secureConnections = mOptions.secureConnections;
+    if (mOptions.failsConfirm)
+        manner.temper = Temper::FailsConfirm;
+    if (mOptions.refusesRepeated)
+        manner.temper = Temper::RefusesRepeated;
+    switch (mPeripheral->pairing()) {
+    case Peripheral::Pairing::Willing:
+        break;
+    case Peripheral::Pairing::Refuses:
+        manner.temper = Temper::Refuses;
+        break;
+    case Peripheral::Pairing::Silent:
+        manner.temper = Temper::Silent;
+        break;
+    case Peripheral::Pairing::DropsLink:
+        mPeripheral->pair();
+        manner.temper = Temper::Silent;
+        break;
+    }
+    return manner;
+}
+
+void PeripheralRadio::linkReceived(const LinkPacket& packet)
+{
+    const auto complete = mSession->reassembler.add(packet);
+    if (!complete)
+        return;
+    switch (complete->channel) {
+    case Channel::Attributes:
+        return mSession->attributes.received(complete->payload);
+    case Channel::Signaling:
+        return mSession->signaling.received(complete->payload);
+    case Channel::Security:
+        return mSession->security.received(complete->payload);
+    }
+}
+
+std::optional<Key128> PeripheralRadio::longTermKey(uint64_t random, uint16_t diversifier)
+{
+    if (mPeripheral->forgotBond())
+        forgetBonds();
+    const auto key = mSession->security.longTermKey(random, diversifier);
+    if (!key)
+        say("asked to encrypt with a key that it doesn't know");
+    return key;
+}
+
+void PeripheralRadio::linkEncrypted()
+{
+    say("encrypted");
+    mSession->security.encrypted();
+}
+
+void PeripheralRadio::linkParametersChanged()
+{
+    const LinkParameters& parameters = mLink->parameters();
+    say("interval now " + milliseconds(parameters.interval, 1.25) + ", timeout " +
+        milliseconds(parameters.timeout, 10));
+}
+
+void PeripheralRadio::linkClosed()
+{
+    mLink = nullptr;
+    mSession.reset();
+    renewAddress();
+    say("disconnected");
+    mPeripheral->disconnect();
+}
+
+// ---- what the model tells
+
+void PeripheralRadio::onLinkLost(Peripheral&)
+{
+    if (mLink == nullptr)
+        return;
+    say("off the air with its link");
+    mLink->abandon();
+    mLink = nullptr;
+    renewAddress();
+    // The session may be the one that led here.
+    mSessionEnd.start(Clock::Duration{0}, [this] { mSession.reset(); });
+}
+
+void PeripheralRadio::onNotification(Peripheral&, uint16_t valueHandle, const Bytes& value)
+{
+    if (mLink != nullptr)
+        mSession->attributes.notify(valueHandle, value);
+}
+
+// ---- inside
+
+void PeripheralRadio::wishForParameters()
+{
+    const WishedParameters& wishes = *mOptions.wishes;
+    mSession->signaling.requestParameters(wishes.minimumInterval, wishes.maximumInterval, wishes.latency,
+                                          wishes.timeout);
+}
+
+void PeripheralRadio::send(Channel channel, const Bytes& packet)
+{
+    if (mLink == nullptr)
+        return;
+    for (auto& piece : fragment(channel, packet, mLink->maximumPayload()))
+        mLink->sendFromDevice(std::move(piece));
+}
+
+void PeripheralRadio::written(uint16_t valueHandle, const Bytes& value)
+{
+    // The update personality's firmware turns this command into a request to
+    // the central; the model, which knows no links, leaves it to its faces.
+    const auto command = decode<ConnectionParametersCommand>(value);
+    const bool toControlPoint = mPeripheral->handleOf(uuid::kControlPoint) == valueHandle;
+    if (!command || command->code != kConnectionParametersCommand || !toControlPoint)
+        return;
+    mSession->signaling.requestParameters(command->wishes.minimumInterval, command->wishes.maximumInterval,
+                                          command->wishes.latency, command->wishes.timeout);
+}
+
+void PeripheralRadio::say(const std::string& what) const
+{
+    if (!mOnEvent)
+        return;
+    const auto name = mPeripheral->ownName();
+    mOnEvent(mIdentityAddress.text() + (name ? " \"" + *name + "\"" : std::string()) + ": " + what);
+}
+
+} // namespace vexasim::air

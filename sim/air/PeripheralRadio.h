@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/Air.h"
+#include "sim/air/AttributeServer.h"
+#include "sim/air/L2cap.h"
+#include "sim/air/SecurityManager.h"
+#include "sim/model/Peripheral.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace vexasim::air
+{
+
+/// What a peripheral asks its central to change about the link.
+struct WishedParameters {
+    uint16_t minimumInterval = 0; ///< units of 1.25 ms
+    uint16_t maximumInterval = 0;
+    uint16_t latency = 0;
+    uint16_t timeout = 0; ///< units of 10 ms
+};
+
+/// What only the air shows of a peripheral. May be changed while it runs.
+struct RadioOptions {
+    bool nameInScanResponse = false; ///< else in the advertisement itself
+    std::chrono::milliseconds advertisingInterval{100};
+    uint16_t maximumPayload = 27;  ///< bytes of a link packet; up to 251
+    bool secureConnections = true; ///< else it knows legacy pairing alone
+    bool refusesRepeated = false;  ///< won't pair again with a central that it knows
+    bool failsConfirm = false;     ///< agrees to pair and then finds the proof wrong
+    bool asksForSecurity = false;  ///< has the central pair or encrypt after each connection
+    bool privateAddress = false;   ///< a resolvable private one, new for each link
+    /// Asked for a second after each connection.
+    std::optional<WishedParameters> wishes;
+};
+
+/// The air's face of one peripheral of the model: its advertisements, its end
+/// of a link, pairing and attributes. Everything on the air's one thread, on
+/// which the model must be used too.
+class PeripheralRadio : public RadioDevice,
+                        public PeripheralListener,
+                        public std::enable_shared_from_this<PeripheralRadio>
+{
+public:
+    /// Hears one line of text for each thing that happens.
+    using OnEvent = std::function<void(const std::string&)>;
+
+    /// On the air from here to the destructor. Throws std::invalid_argument if
+    /// the peripheral's address or one of its UUIDs is malformed.
+    static std::shared_ptr<PeripheralRadio> create(Clock& clock, Air& air,
+                                                   const std::shared_ptr<Peripheral>& peripheral,
+                                                   const RadioOptions& options = {}, OnEvent onEvent = {});
+    ~PeripheralRadio() override;
+
+    const RadioOptions& options() const { return mOptions; }
+    /// The next advertisement, link or pairing goes by them.
+    void setOptions(const RadioOptions& options) { mOptions = options; }
+
+    /// Forgets all keys. The model's own way is Peripheral::setForgotBond.
+    void forgetBonds() { mBonds.clear(); }
+
+    /// Ends the link as a device does that has had enough of it.
+    void hangUp();
+
+    // ---- RadioDevice
+    Address address() const override { return mAddress; }
+    std::optional<Advertisement> advertisement() const override;
+    std::chrono::milliseconds advertisingInterval() const override { return mOptions.advertisingInterval; }
+    int8_t rssi() const override;
+    uint16_t maximumPayload() const override { return mOptions.maximumPayload; }
+    bool linkOpened(Link& link) override;
+    void linkReceived(const LinkPacket& packet) override;
+    std::optional<Key128> longTermKey(uint64_t random, uint16_t diversifier) override;
+    void linkEncrypted() override;
+    void linkParametersChanged() override;
+    void linkClosed() override;
+
+    // ---- PeripheralListener
+    void onLinkLost(Peripheral& peripheral) override;
+    void onNotification(Peripheral& peripheral, uint16_t valueHandle, const Bytes& value) override;
+
+private:
+    struct Session;
+
+    PeripheralRadio(Clock& clock, Air& air, std::shared_ptr<Peripheral> peripheral,
+                    const RadioOptions& options, OnEvent onEvent);
+    void renewAddress();
+    SecurityManager::Surroundings securitySurroundings(Link& link);
+    AttributeServer::Surroundings attributeSurroundings();
+    PairingManner manner();
+    void wishForParameters();
+    void send(Channel channel, const Bytes& packet);
+    void written(uint16_t valueHandle, const Bytes& value);
+    void say(const std::string& what) const;
+
+    Clock& mClock;
+    Air& mAir;
+    const std::shared_ptr<Peripheral> mPeripheral;
+    RadioOptions mOptions;
+    const OnEvent mOnEvent;
+    const Address mIdentityAddress;
+    const Key128 mIdentityKey;
+    Address mAddress;
+    BondStore mBonds;
+    Link* mLink = nullptr;
+    std::unique_ptr<Session> mSession;
+    Timer mSessionEnd;
+};
+
+} // namespace vexasim::air

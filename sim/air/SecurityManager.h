@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/Clock.h"
+#include "sim/air/L2cap.h"
+#include "sim/air/PairingToolbox.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+
+namespace vexasim::air
+{
+
+/// The keys that a peripheral keeps of one central.
+struct Bond {
+    Key128 key{};
+    uint64_t random = 0;
+    uint16_t diversifier = 0;
+};
+
+/// What a peripheral remembers from pairing to pairing, by the central's address.
+using BondStore = std::map<Address, Bond>;
+
+/// How the peripheral pairs.
+struct PairingManner {
+    enum class Temper {
+        Willing,
+        Refuses,         ///< answers the request with a failure
+        RefusesRepeated, ///< does so to centrals to which it is bonded
+        Silent,          ///< never answers the request
+        FailsConfirm,    ///< agrees, and then finds the central's proof wrong
+    };
+    Temper temper = Temper::Willing;
+    bool secureConnections = true; ///< else legacy pairing alone
+};
+
+/// What a peripheral with a private address gives to those that it pairs with.
+struct Identity {
+    Key128 key{};
+    Address address;
+};
+
+/// The security manager of a peripheral without keys or display: answers
+/// pairing, legacy or with secure connections, always "just works"; hands out
+/// and takes keys; knows the key when the link is to be encrypted. One per
+/// link. Bluetooth Core 5.3, Vol 3, H 2 and 3. One thread.
+class SecurityManager
+{
+public:
+    struct Surroundings {
+        Address central;                       ///< as the link knows it
+        Address self;                          ///< as the link knows it
+        BondStore* bonds = nullptr;            ///< outlives this object
+        std::optional<Identity> identity;      ///< only with a private address
+        std::function<PairingManner()> manner; ///< asked at every pairing request
+        std::function<void(Channel, const Bytes&)> send;
+        std::function<void(bool secure)> paired; ///< after the last key is exchanged
+    };
+
+    SecurityManager(Clock& clock, Surroundings surroundings);
+
+    void received(const Bytes& packet);
+
+    /// The key that the central means by these two numbers; empty if unknown.
+    std::optional<Key128> longTermKey(uint64_t random, uint16_t diversifier) const;
+
+    /// The link is encrypted from here.
+    void encrypted();
+
+    /// Asks the central to pair or to encrypt.
+    void requestSecurity();
+
+private:
+    using Value = Key128;
+    enum class Awaiting {
+        Request,
+        LegacyConfirm,
+        LegacyRandom,
+        PublicKey,
+        SecureRandom,
+        SecureCheck,
+        Encryption,
+        CentralKeys,
+    };
+
+    void onRequest(const Bytes& packet);
+    void onLegacyConfirm(const Value& confirm);
+    void onLegacyRandom(const Value& random);
+    void onPublicKey(const Point& onAir);
+    void onSecureRandom(const Value& random);
+    void onSecureCheck(const Value& check);
+    void onCentralKey(uint8_t code);
+    void distributeKeys();
+    void finish();
+    void fail(uint8_t reason);
+    void sendValue(uint8_t code, const Value& value);
+    void await(Awaiting what);
+
+    const Surroundings mSurroundings;
+    Awaiting mAwaiting = Awaiting::Request;
+    Timer mTimeout;
+    PairingManner mManner;
+    bool mSecure = false;
+    bool mBonding = false;
+    std::array<uint8_t, 7> mRequest{};
+    std::array<uint8_t, 7> mResponse{};
+    Value mCentralConfirm{};
+    Value mCentralRandom{};
+    Value mOwnRandom{};
+    std::unique_ptr<KeyPair> mKeyPair;
+    Scalar mSharedSecret{};
+    Key128 mMacKey{};
+    Key128 mKey{};
+    uint8_t mKeysToCome = 0;
+};
+
+} // namespace vexasim::air
