@@ -1,0 +1,222 @@
+// SPDX-License-Identifier: MIT
+#include "Box.h"
+
+#include <algorithm>
+#include <iostream>
+
+namespace vexabox
+{
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr const char* kRoot = "/org/bluez/";
+constexpr const char* kBlueZ = "org.bluez.";
+constexpr const char* kFreedesktop = "org.freedesktop.";
+
+std::string without(const std::string& beginning, const std::string& text)
+{
+    return text.compare(0, beginning.size(), beginning) == 0 ? text.substr(beginning.size()) : text;
+}
+
+GDBusConnection* connectTo(const std::string& address)
+{
+    GError* error = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (connection == nullptr) {
+        const std::string text = error->message;
+        g_error_free(error);
+        throw std::runtime_error("the box's bus: " + text);
+    }
+    return connection;
+}
+
+bool isOfGDBus(const vexasim::Call& call)
+{
+    return call.member == "GetAll" || call.member == "GetManagedObjects" || call.member == "Introspect";
+}
+
+LogPredicate passBegins()
+{
+    return isLog(TRACE, "main", "IDLING...");
+}
+
+} // namespace
+
+std::string shortText(const vexasim::Call& call)
+{
+    return without(kRoot, call.path) + " " + without(kFreedesktop, without(kBlueZ, call.interface)) + "." +
+           call.member + " " + call.parameters.text();
+}
+
+Box::Box(BoxOptions options) : mOptions(std::move(options))
+{
+    mOptions.simulator.busDirectory = runFolder() + "/dbus";
+    mSimulator = std::make_unique<vexasim::Simulator>(mOptions.simulator);
+    mAnother = connectTo(mSimulator->busAddress());
+    g_dbus_connection_set_exit_on_close(mAnother, FALSE); // some tests stop the bus
+}
+
+Box::~Box()
+{
+    g_object_unref(mAnother);
+}
+
+void Box::startDaemon()
+{
+    Environment environment = mOptions.environment;
+    environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/run/dbus/bus";
+    startOwn(VEXABOX_DAEMON, environment);
+}
+
+bool Box::startAndSkipWait()
+{
+    startDaemon();
+    const LogPredicate loop = isLog(DEBUG, "main", "process loop start");
+    if (!log().await(isLog(DEBUG, "main", "Waiting RC..."))) {
+        return false;
+    }
+    // The daemon notes the time behind that line, perhaps only now: ask again.
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    do {
+        clock().advance(5s);
+        if (log().await(loop, 200ms)) {
+            return true;
+        }
+    } while (std::chrono::steady_clock::now() < end && program().running());
+    return false;
+}
+
+bool Box::startToIdle()
+{
+    return startAndSkipWait() && awaitPasses(1);
+}
+
+bool Box::awaitPasses(unsigned count)
+{
+    // The pass that is under way may have looked at things before they changed,
+    // and the next one's beginning is the end of the one before.
+    const std::size_t begun = log().count(passBegins());
+    return log().awaitCount(passBegins(), begun + count + 1);
+}
+
+::testing::AssertionResult Box::stops()
+{
+    interrupt();
+    const auto exit = awaitExit();
+    if (exit && *exit == Exit::with(0)) {
+        return ::testing::AssertionSuccess();
+    }
+    auto failure = ::testing::AssertionFailure();
+    return exit ? failure << "ended by " << *exit : failure << "still runs";
+}
+
+bool Box::awaitLog(Level level, const std::string& module, const std::string& text,
+                   std::chrono::milliseconds limit)
+{
+    return log().await(isLog(level, module, text), limit);
+}
+
+std::size_t Box::countLog(Level level, const std::string& module, const std::string& text)
+{
+    return log().count(isLog(level, module, text));
+}
+
+std::vector<std::string> Box::logOf(const std::string& module, Level upTo)
+{
+    static const std::string order = "EWIDT";
+    std::vector<std::string> lines;
+    for (const LogRecord& record : log().records()) {
+        if (!record.foreign && record.module == module && order.find(record.level) <= order.find(upTo)) {
+            lines.push_back(std::string(1, static_cast<char>(record.level)) + " " + record.text);
+        }
+    }
+    return lines;
+}
+
+bool Box::awaitStatus(const std::string& word)
+{
+    return files().await("bluetooth_status", word);
+}
+
+bool Box::isOfDaemon(const vexasim::Call& call) const
+{
+    return call.sender != g_dbus_connection_get_unique_name(mAnother);
+}
+
+std::vector<std::string> Box::busCalls() const
+{
+    std::vector<std::string> texts;
+    for (const vexasim::Call& call : mSimulator->calls()) {
+        if (isOfDaemon(call) && !isOfGDBus(call)) {
+            texts.push_back(shortText(call));
+        }
+    }
+    return texts;
+}
+
+std::vector<std::string> Box::busCalls(const std::vector<std::string>& members) const
+{
+    std::vector<std::string> texts;
+    for (const vexasim::Call& call : mSimulator->calls()) {
+        if (isOfDaemon(call) && std::find(members.begin(), members.end(), call.member) != members.end()) {
+            texts.push_back(shortText(call));
+        }
+    }
+    return texts;
+}
+
+std::string Box::pathOf(const std::string& uuid)
+{
+    return mSimulator->pathOf(*remote().normal(), uuid);
+}
+
+bool Box::callAsAnother(const std::string& path, const std::string& interface, const std::string& member)
+{
+    GVariant* reply =
+        g_dbus_connection_call_sync(mAnother, "org.bluez", path.c_str(), interface.c_str(), member.c_str(),
+                                    nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    if (reply == nullptr) {
+        return false;
+    }
+    g_variant_unref(reply);
+    return true;
+}
+
+void Box::connectRemote()
+{
+    callAsAnother(remotePath(), "org.bluez.Device1", "Connect");
+    mSimulator->awaitProperty(remotePath(), "org.bluez.Device1", "ServicesResolved",
+                              g_variant_new_boolean(TRUE), kPatience);
+}
+
+void Box::disconnectRemote()
+{
+    callAsAnother(remotePath(), "org.bluez.Device1", "Disconnect");
+    mSimulator->awaitProperty(remotePath(), "org.bluez.Device1", "Connected", g_variant_new_boolean(FALSE),
+                              kPatience);
+}
+
+std::string Box::describe()
+{
+    std::string text = Room::describe() + "  the calls to BlueZ:\n";
+    for (const std::string& call : busCalls()) {
+        text += "    " + call + "\n";
+    }
+    return text;
+}
+
+void InABox::TearDown()
+{
+    if (HasFailure()) {
+        std::cerr << "What was seen:\n" << box.describe();
+    }
+}
+
+} // namespace vexabox

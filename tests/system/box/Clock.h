@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "ClockPage.h"
+
+#include <chrono>
+#include <string>
+
+namespace vexabox
+{
+
+/// The clocks of the program in the box. Only what the program's own code reads
+/// is moved; GLib's timers, sleeps and waits on conditions keep the true time.
+class Clock
+{
+public:
+    using Duration = std::chrono::nanoseconds;
+
+    /// Makes the file `path`, which the program maps.
+    explicit Clock(const std::string& path);
+    ~Clock();
+    Clock(const Clock&) = delete;
+    Clock& operator=(const Clock&) = delete;
+
+    /// Lets the monotonic clock stand still; only advance moves it then, so a
+    /// test can stop on either side of a threshold.
+    void stop();
+    /// Lets it run on from where it stands.
+    void run();
+    void advance(Duration duration);
+    /// Steps the wall clock alone, as a correction of the time of day does.
+    void stepWallClock(std::chrono::microseconds step);
+
+private:
+    ClockPage* mPage = nullptr;
+};
+
+} // namespace vexabox

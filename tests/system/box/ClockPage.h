@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace vexabox
+{
+
+/// The page through which a test moves the clocks of the program in the box:
+/// mapped by both, written by the test alone.
+struct ClockPage {
+    std::atomic<int64_t> monotonicOffsetNs; ///< added to CLOCK_MONOTONIC
+    std::atomic<int64_t> stoppedAtNs;       ///< if not 0, what CLOCK_MONOTONIC shows instead
+    std::atomic<int64_t> wallOffsetUs;      ///< added to gettimeofday
+};
+
+/// Where the program in the box finds the page's file.
+constexpr const char* kClockVariable = "VEXABOX_CLOCK";
+
+} // namespace vexabox

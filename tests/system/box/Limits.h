@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <chrono>
+
+namespace vexabox
+{
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kSlowness = 3;
+#else
+constexpr int kSlowness = 1;
+#endif
+
+/// How long a test waits for an event before it gives up. Far longer than
+/// anything takes on a healthy machine: it decides only when a test is told to
+/// have failed, never whether.
+constexpr std::chrono::milliseconds kPatience = std::chrono::seconds{30} * kSlowness;
+
+} // namespace vexabox

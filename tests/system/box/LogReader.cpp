@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: MIT
+#include "LogReader.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <regex>
+
+namespace vexabox
+{
+
+namespace
+{
+
+std::string withoutColors(const std::string& raw)
+{
+    static const std::regex color("\x1b\\[[0-9]*m");
+    return std::regex_replace(raw, color, "");
+}
+
+} // namespace
+
+std::string LogRecord::summary() const
+{
+    if (foreign) {
+        return "! " + text;
+    }
+    return std::string(1, static_cast<char>(level)) + " " + (module.empty() ? "" : module + " ") + text;
+}
+
+LogRecord parseLogLine(const std::string& raw)
+{
+    // Four blanks, the time, the letter, the tag if there is one, the message.
+    static const std::regex form(
+        "    (\\d\\d:\\d\\d:\\d\\d\\.\\d{3}) ([EWIDT]?) (?:\\[([^:\\]]*)(?::(\\d+))?\\] )?(.*)");
+    LogRecord record;
+    record.arrival = std::chrono::steady_clock::now();
+    record.raw = raw;
+    const std::string plain = withoutColors(raw);
+    std::smatch parts;
+    if (!std::regex_match(plain, parts, form)) {
+        record.foreign = true;
+        record.text = plain;
+        return record;
+    }
+    record.time = parts[1];
+    record.level = parts[2].length() == 0 ? NONE : static_cast<Level>(parts[2].str().front());
+    record.module = parts[3];
+    record.line = parts[4].matched ? std::stoi(parts[4]) : 0;
+    record.text = parts[5];
+    return record;
+}
+
+LogPredicate isLog(Level level, std::string module, std::string text)
+{
+    return [=](const LogRecord& record) {
+        return !record.foreign && record.level == level && record.module == module && record.text == text;
+    };
+}
+
+LogPredicate beginsLog(Level level, std::string module, std::string beginning)
+{
+    return [=](const LogRecord& record) {
+        return !record.foreign && record.level == level && record.module == module &&
+               record.text.compare(0, beginning.size(), beginning) == 0;
+    };
+}
+
+LogReader::LogReader(Handle source) : mSource(std::move(source)), mThread([this] { read(); }) {}
+
+LogReader::~LogReader()
+{
+    mThread.join();
+}
+
+// Ends when the program has closed its side, which its end does.
+void LogReader::read()
+{
+    std::string line;
+    std::array<char, 4096> buffer{};
+    for (;;) {
+        const ssize_t size = ::read(mSource.get(), buffer.data(), buffer.size());
+        if (size < 0 && errno == EINTR) {
+            continue;
+        }
+        if (size <= 0) { // a terminal whose other side is closed answers EIO
+            break;
+        }
+        for (const char* c = buffer.data(); c != buffer.data() + size; ++c) {
+            if (*c == '\n') {
+                append(line);
+                line.clear();
+            } else {
+                line += *c;
+            }
+        }
+    }
+    append(line);
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mEnded = true;
+    mChanged.notify_all();
+}
+
+void LogReader::append(const std::string& raw)
+{
+    LogRecord record = parseLogLine(raw);
+    if (record.foreign && record.text.empty()) {
+        return; // GLib begins its warnings with an empty line
+    }
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mRecords.push_back(std::move(record));
+    mChanged.notify_all();
+}
+
+template <typename Condition>
+bool LogReader::awaitLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds limit,
+                            Condition condition) const
+{
+    bool found = false;
+    mChanged.wait_for(lock, limit, [&] { return (found = condition()) || mEnded; });
+    return found;
+}
+
+bool LogReader::await(const LogPredicate& predicate, std::chrono::milliseconds limit)
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    std::size_t next = mCursor;
+    return awaitLocked(lock, limit, [&] {
+        for (; next < mRecords.size(); ++next) {
+            if (predicate(mRecords[next])) {
+                mCursor = next + 1;
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
+bool LogReader::awaitCount(const LogPredicate& predicate, std::size_t count,
+                           std::chrono::milliseconds limit) const
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    return awaitLocked(lock, limit, [&] {
+        return static_cast<std::size_t>(std::count_if(mRecords.begin(), mRecords.end(), predicate)) >= count;
+    });
+}
+
+bool LogReader::awaitEnd(std::chrono::milliseconds limit) const
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    return mChanged.wait_for(lock, limit, [&] { return mEnded; });
+}
+
+void LogReader::skip()
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mCursor = mRecords.size();
+}
+
+std::vector<LogRecord> LogReader::records() const
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mRecords;
+}
+
+std::size_t LogReader::count(const LogPredicate& predicate) const
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return static_cast<std::size_t>(std::count_if(mRecords.begin(), mRecords.end(), predicate));
+}
+
+std::string LogReader::tail(std::size_t lines) const
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    std::string text;
+    for (std::size_t i = mRecords.size() - std::min(lines, mRecords.size()); i < mRecords.size(); ++i) {
+        text += "    " + (mRecords[i].foreign ? "            " : mRecords[i].time) + " " +
+                mRecords[i].summary() + "\n";
+    }
+    return text;
+}
+
+} // namespace vexabox
