@@ -96,6 +96,16 @@ private:
         bool valid = false; ///< level may be published
     };
 
+    /// What an update needs to know, taken under mMutex.
+    struct UpdateRequest {
+        std::string adapterPath;
+        std::string rcAddress;
+        std::string otaPath;
+        std::string firmwareLocation;
+        std::uint32_t rcVersion = 0;
+        std::uint16_t batteryLevel = 0;
+    };
+
     void waitForAdapter();
     void powerAdapter(const std::string& path);
     void waitForRc();
@@ -132,6 +142,7 @@ private:
     void readFwVersion();
 
     void processUpdate();
+    void updateRc(const UpdateRequest& request);
 
     std::shared_ptr<Bluez> mBluez;
     std::vector<std::string> mAdapters; ///< only the first is used

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "NSRegExp.h"
+#include "RcuOtaUpdater.h"
 #include "STBLogger.h"
 
 namespace
@@ -50,6 +51,9 @@ constexpr std::time_t kReadingIntervalSec = 10800;
 constexpr std::uint16_t kLowestLevel = 1;
 constexpr std::uint16_t kHighestLevel = 100;
 constexpr std::size_t kLongestVersion = 4; // bytes
+
+constexpr std::uint16_t kLowestUpdateLevel = 16;
+constexpr unsigned int kUpdatePauseSec = 3;
 
 constexpr const char* kRcNamePattern = "^VEXA.+$";
 constexpr const char* kFwVersionUuid = "0000ffd3-0000-1000-8000-00805f9b34fb";
@@ -89,6 +93,11 @@ bool takeFlag(const char* path)
     }
     removeFile(path);
     return true;
+}
+
+std::string firstOf(const std::vector<std::string>& paths)
+{
+    return paths.empty() ? std::string() : paths.front();
 }
 
 void eraseAll(std::vector<std::string>& paths, const std::string& path)
@@ -792,7 +801,53 @@ void App::readFwVersion()
 
 // --- Firmware update ---
 
-void App::processUpdate() {}
+void App::processUpdate()
+{
+    UpdateRequest request;
+    // Kept: this guard outlives the unlock below and releases once more at the end, which unlock() passes
+    // over.
+    const pthread_helper::scoped_lock lock(mMutex);
+    request.adapterPath = firstOf(mAdapters);
+    request.rcAddress = mRc.address;
+    request.otaPath = mRc.otaPath;
+    request.firmwareLocation.swap(mFirmwarePath); // each link serves for one attempt
+    request.rcVersion = mRc.fwVersion;
+    request.batteryLevel = mBattery.level;
+    // Not held during the update, whose events come through the handlers above.
+    mMutex.unlock();
+
+    updateRc(request);
+    sleep(kUpdatePauseSec); // so that readers see the outcome before the ordinary words come back
+}
+
+void App::updateRc(const UpdateRequest& request)
+{
+    if (request.batteryLevel < kLowestUpdateLevel || request.batteryLevel > kHighestLevel ||
+        request.rcVersion == 0) {
+        LOG_WARN("Update canceled: invalid state: battery: %u%% version: %x", request.batteryLevel,
+                 request.rcVersion);
+        writeFile("rc_fw_update_canceled", kStatusFile);
+        return;
+    }
+    // Called on the update's thread. Needs no lock: nobody else writes the file meanwhile.
+    const auto publish = [](const std::string& word) { writeFile(word, kStatusFile); };
+    const std::unique_ptr<RcuOtaUpdater> updater = RcuOtaUpdater::create(
+        mBluez, request.adapterPath, request.rcAddress, request.firmwareLocation, request.otaPath, publish);
+    if (!updater || request.rcVersion >= updater->getFirmwareInfo().version) {
+        LOG_WARN("RC update is unnecessary"); // also when the image couldn't be read
+        writeFile("rc_fw_update_canceled", kStatusFile);
+        return;
+    }
+    LOG_INFO("Updating RC firmware from %x to %x", request.rcVersion, updater->getFirmwareInfo().version);
+    if (updater->update()) {
+        writeFile("rc_fw_update_succeed", kStatusFile);
+        LOG_INFO("Firmware updated");
+        std::remove(kFwVersionFile); // what it holds is obsolete
+    } else {
+        writeFile("rc_fw_update_failed", kStatusFile);
+        LOG_ERROR("Firmware update failed");
+    }
+}
 
 // --- Entry ---
 
