@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/bluez/Simulator.h"
+
+#include <map>
+#include <string>
+
+/// The dictionaries of the control interface, read into the simulator's
+/// records. Each throws std::invalid_argument that names the key it doesn't
+/// know or whose value has another type than it wants.
+namespace vexasim::control
+{
+
+/// The elements of an "a{sv}".
+std::map<std::string, Variant> dictionary(GVariant* value);
+/// The elements of an "a{sa{sv}}".
+InterfaceMap interfaces(GVariant* value);
+
+UpdateFault updateFault(GVariant* dictionary);
+UpdateAppearance updateAppearance(GVariant* dictionary);
+Bend bend(const std::string& member, GVariant* dictionary);
+Peripheral::Pairing pairing(const std::string& word);
+Simulator::Stop stop(const std::string& word);
+Bytes bytes(GVariant* array);
+
+} // namespace vexasim::control
