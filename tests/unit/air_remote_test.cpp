@@ -155,7 +155,7 @@ TEST_F(ARemoteOnTheAir, AsksForTheParametersThatItsUpdateIsToldToUse)
                                "0000"
                                "f401");
     host.sendOn(Channel::Signaling, fromHex("13 01 0200 0000"));
-    EXPECT_EQ(host.ask("0a 0300"), "0b" + toHex(std::string("VEXA BeeTgt")));
+    EXPECT_EQ(host.ask("0a 0300"), "0b" + toHex(std::string("BeeTgt")));
 }
 
 TEST_F(ARemoteOnTheAir, RejectsWhatItIsAskedOnTheSignalingChannel)
