@@ -95,7 +95,9 @@ void Dispatcher::handle(const RequestPtr& request)
         return failUnknown(request, errors::kDBusUnknownObject);
     const auto handler = mMethods.find({call.interface, call.member});
     const GDBusMethodInfo* method = introspection::findMethod(call.interface, call.member);
-    if (!mTree.has(call.path, call.interface) || handler == mMethods.end() || method == nullptr ||
+    // Properties are served on raw objects too, which don't list the interface.
+    const bool offered = call.interface == names::kProperties || mTree.has(call.path, call.interface);
+    if (!offered || handler == mMethods.end() || method == nullptr ||
         introspection::inSignature(method) != request->signature())
         return failUnknown(request, errors::kDBusUnknownMethod);
     handler->second(request);

@@ -43,7 +43,7 @@ struct UpdateAppearance {
 struct RemoteOptions {
     std::string name = "VEXA RC";
     std::string address = "C0:FF:EE:00:00:01";
-    std::string updateName = "BeeTgt";
+    std::string updateName = "BeeTgt"; ///< not VEXA..., or the box takes it for a remote
     std::string updateAddress = "C0:FF:EE:00:00:02";
     int16_t rssi = -52;
     bool paired = false;

@@ -184,16 +184,16 @@ TEST_F(ABoxWithARemoteInRange, PairsInBlueZsOrder)
     ASSERT_EQ(client.call(kDevice, kPair).error, "");
     const std::string device = kDevice;
     const std::string changed = "PropertiesChanged " + device + " ('org.bluez.Device1', ";
-    EXPECT_THAT(client.story(), ElementsAre(changed + "{'Connected': <true>}, [])",
-                                            changed + "{'Bonded': <true>}, [])",
-                                            "InterfacesAdded " + device + "/service0010",
-                                            "InterfacesAdded " + device + "/service0010/char0011",
-                                            "InterfacesAdded " + device + "/service0010/char0011/desc0013",
-                                            "InterfacesAdded " + device + "/service0020",
-                                            "InterfacesAdded " + device + "/service0020/char0021",
-                                            "InterfacesAdded " + device + "/service0020/char0023",
-                                            AllOf(HasSubstr(changed), HasSubstr("'Paired': <true>"),
-                                                  HasSubstr("'ServicesResolved': <true>"))));
+    EXPECT_THAT(client.story(),
+                ElementsAre(changed + "{'Connected': <true>}, [])", changed + "{'Bonded': <true>}, [])",
+                            "InterfacesAdded " + device + "/service0010",
+                            "InterfacesAdded " + device + "/service0010/char0011",
+                            "InterfacesAdded " + device + "/service0010/char0011/desc0013",
+                            "InterfacesAdded " + device + "/service0020",
+                            "InterfacesAdded " + device + "/service0020/char0021",
+                            "InterfacesAdded " + device + "/service0020/char0023",
+                            AllOf(HasSubstr(changed), HasSubstr("'Paired': <true>"),
+                                  HasSubstr("'ServicesResolved': <true>"))));
     EXPECT_TRUE(sim.remote().normal()->paired());
 }
 

@@ -1,0 +1,508 @@
+// SPDX-License-Identifier: MIT
+// The receiving side of the update, with packets made by hand.
+#include "sim/model/Remote.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <cstdio>
+#include <deque>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using vexasim::AttReply;
+using vexasim::Bytes;
+using vexasim::ImageHeader;
+using vexasim::Peripheral;
+using vexasim::Remote;
+using vexasim::RemoteOptions;
+using vexasim::UpdateAppearance;
+using vexasim::UpdateFault;
+using vexasim::UpdatePacket;
+using vexasim::UpdateStep;
+
+namespace
+{
+Bytes operator+(Bytes left, const Bytes& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Bytes part(const Bytes& bytes, std::size_t from, std::size_t to)
+{
+    return {bytes.begin() + static_cast<std::ptrdiff_t>(from),
+            bytes.begin() + static_cast<std::ptrdiff_t>(to)};
+}
+
+/// One block of AES-256-ECB.
+Bytes enciphered(const vexasim::UpdateKey& key, const Bytes& block)
+{
+    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
+                                                                                  &EVP_CIPHER_CTX_free);
+    Bytes out(16);
+    int length = 0;
+    EVP_EncryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr);
+    EVP_CIPHER_CTX_set_padding(context.get(), 0);
+    EVP_EncryptUpdate(context.get(), out.data(), &length, block.data(), 16);
+    return out;
+}
+
+Bytes imageOf(std::size_t words, std::size_t payloadBytes)
+{
+    ImageHeader header;
+    header.signature = 0x1234;
+    header.version = 0x01a4;
+    header.length = static_cast<uint16_t>(words);
+    header.otaFlag = 1;
+    Bytes image = header.encode();
+    for (std::size_t i = 0; i < payloadBytes; ++i)
+        image.push_back(static_cast<uint8_t>(i * 7));
+    return image;
+}
+
+/// Hears what the remote shows of itself.
+class Air : public vexasim::PeripheralListener
+{
+public:
+    void onLinkLost(Peripheral&) override { ++linksLost; }
+    void onAdvertisingChanged(Peripheral& peripheral) override
+    {
+        if (peripheral.advertising())
+            appeared.push_back(peripheral.advertisedName().value_or("nameless"));
+    }
+    void onNotification(Peripheral&, uint16_t, const Bytes& value) override { answers.push_back(value); }
+
+    int linksLost = 0;
+    std::vector<std::string> appeared;
+    std::vector<Bytes> answers;
+};
+} // namespace
+
+/// Time passes only by the test's hand.
+class ARemoteInTheHand : public testing::Test
+{
+protected:
+    ARemoteInTheHand()
+    {
+        remote->setSchedule([this](std::chrono::milliseconds delay, std::function<void()> action) {
+            delays.push_back(delay);
+            pending.push_back(std::move(action));
+        });
+        remote->normal()->addListener(air);
+        remote->update()->addListener(air);
+    }
+
+    void letTimePass()
+    {
+        while (!pending.empty()) {
+            const auto action = pending.front();
+            pending.pop_front();
+            action();
+        }
+    }
+
+    AttReply writeSwitch(const Bytes& bytes = {0x01})
+    {
+        remote->normal()->connect();
+        return remote->normal()->write(remote->normal()->handleOf(vexasim::uuid::kSwitch), bytes);
+    }
+
+    void enterUpdateMode()
+    {
+        ASSERT_EQ(writeSwitch().error, 0);
+        letTimePass();
+        ASSERT_TRUE(remote->update()->connect());
+        ASSERT_EQ(remote->update()->subscribe(controlPoint(), true).error, 0);
+    }
+
+    uint16_t controlPoint() const { return remote->update()->handleOf(vexasim::uuid::kControlPoint); }
+
+    AttReply command(const Bytes& bytes)
+    {
+        const AttReply reply = remote->update()->write(controlPoint(), bytes);
+        letTimePass();
+        return reply;
+    }
+
+    AttReply data(const Bytes& bytes)
+    {
+        return remote->update()->write(remote->update()->handleOf(vexasim::uuid::kData), bytes);
+    }
+
+    void start(const Bytes& image) { command(Bytes{0x01} + enciphered(key, part(image, 0, 12) + Bytes(4))); }
+
+    void upload(const Bytes& image)
+    {
+        for (std::size_t at = ImageHeader::kSize; at < image.size(); at += 20) {
+            Bytes block = part(image, at, std::min(image.size(), at + 20));
+            if (block.size() >= 16)
+                block = enciphered(key, part(block, 0, 16)) + part(block, 16, block.size());
+            data(block);
+        }
+    }
+
+    vexasim::UpdateKey key = vexasim::developmentKey();
+    std::shared_ptr<Remote> remote = Remote::create();
+    std::shared_ptr<Air> air = std::make_shared<Air>();
+    std::deque<std::function<void()>> pending;
+    std::vector<std::chrono::milliseconds> delays;
+};
+
+const Bytes kVerify = {0x03, 0x34, 0x12};
+const Bytes kReset = {0x04};
+const Bytes kGetImageInfo = {0x06, 0x34, 0x12};
+const Bytes kImageInfo = {0x02, 0x34, 0x12, 12, 0, 0, 0};
+const Bytes kConnectionParameters = {0x07, 0x06, 0x00, 0x11, 0x00, 0x00, 0x00, 0xf4, 0x01};
+
+TEST_F(ARemoteInTheHand, ChangesItsPersonalityOnTheSwitchByte)
+{
+    ASSERT_EQ(writeSwitch().error, 0);
+    EXPECT_TRUE(remote->normal()->connected());
+    letTimePass();
+    EXPECT_TRUE(remote->inUpdateMode());
+    EXPECT_EQ(air->linksLost, 1);
+    EXPECT_THAT(air->appeared, ElementsAre("BeeTgt"));
+    EXPECT_NE(remote->update()->address(), remote->normal()->address());
+}
+
+TEST_F(ARemoteInTheHand, StaysAsItIsOnAnyOtherByte)
+{
+    writeSwitch({0x02});
+    letTimePass();
+    EXPECT_FALSE(remote->inUpdateMode());
+}
+
+TEST_F(ARemoteInTheHand, AnswersTheCommandsOfAnUpdate)
+{
+    enterUpdateMode();
+    const Bytes image = imageOf(10, 40);
+    remote->receiver().setExpectedImage(image);
+    command(kConnectionParameters);
+    command(kGetImageInfo);
+    start(image);
+    command(kImageInfo);
+    upload(image);
+    command(kVerify);
+    EXPECT_THAT(air->answers, ElementsAre(Bytes{0x07, 0, 1}, Bytes{0x06, 0, 1, 0xa3, 0x01, 0, 0, 0, 0},
+                                          Bytes{0x01, 0, 1}, Bytes{0x03, 0, 1}));
+    EXPECT_EQ(remote->receiver().payload(), part(image, 12, 52));
+    EXPECT_EQ(remote->receiver().blocks(), 2U);
+    EXPECT_EQ(remote->receiver().header()->version, 0x01a4);
+    EXPECT_EQ(remote->receiver().startBlock(), part(image, 0, 12) + Bytes(4));
+}
+
+TEST_F(ARemoteInTheHand, ComesBackWithTheNewVersionAfterAReset)
+{
+    enterUpdateMode();
+    const Bytes image = imageOf(10, 40);
+    start(image);
+    upload(image);
+    command(kVerify);
+    command(kReset);
+    EXPECT_FALSE(remote->inUpdateMode());
+    EXPECT_EQ(remote->versionBytes(), (Bytes{0xa4, 0x01}));
+    EXPECT_THAT(air->appeared.back(), "VEXA RC");
+}
+
+TEST_F(ARemoteInTheHand, ComesBackWithTheOldVersionIfNothingWasVerified)
+{
+    enterUpdateMode();
+    start(imageOf(10, 40));
+    command(kReset);
+    EXPECT_FALSE(remote->inUpdateMode());
+    EXPECT_EQ(remote->versionBytes(), (Bytes{0xa3, 0x01}));
+}
+
+class AnImageThatEndsIn : public ARemoteInTheHand, public testing::WithParamInterface<std::size_t>
+{
+};
+
+TEST_P(AnImageThatEndsIn, ABlockOfThisSizeArrivesWhole)
+{
+    enterUpdateMode();
+    const Bytes image = imageOf((20 + GetParam()) / 4, 20 + GetParam());
+    remote->receiver().setExpectedImage(image);
+    start(image);
+    upload(image);
+    EXPECT_EQ(remote->receiver().payload(), part(image, 12, image.size()));
+    command(kVerify);
+    EXPECT_TRUE(remote->receiver().verified()) << remote->receiver().complaint();
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, AnImageThatEndsIn, testing::Values(0, 1, 4, 15, 16, 17, 19),
+                         testing::PrintToStringParamName());
+
+TEST_F(ARemoteInTheHand, AcceptsALastBlockThatGoesOnBehindTheAnnouncedLength)
+{
+    enterUpdateMode();
+    const Bytes image = imageOf(1, 20);
+    start(image);
+    upload(image);
+    command(kVerify);
+    EXPECT_TRUE(remote->receiver().verified());
+}
+
+TEST_F(ARemoteInTheHand, RejectsAnImageThatIsTooShort)
+{
+    enterUpdateMode();
+    const Bytes image = imageOf(10, 20);
+    start(image);
+    upload(image);
+    command(kVerify);
+    EXPECT_EQ(air->answers.back(), (Bytes{0x03, 0, 0}));
+    EXPECT_THAT(remote->receiver().complaint(), HasSubstr("20 bytes came, 40 were announced"));
+}
+
+TEST_F(ARemoteInTheHand, RejectsAnImageWithAWrongByte)
+{
+    enterUpdateMode();
+    const Bytes image = imageOf(10, 40);
+    Bytes other = image;
+    other.back() ^= 1;
+    remote->receiver().setExpectedImage(other);
+    start(image);
+    upload(image);
+    command(kVerify);
+    EXPECT_EQ(air->answers.back(), (Bytes{0x03, 0, 0}));
+}
+
+TEST_F(ARemoteInTheHand, RejectsAStartWithAnotherKey)
+{
+    enterUpdateMode();
+    key[0] ^= 1;
+    start(imageOf(10, 40));
+    EXPECT_EQ(air->answers.back(), (Bytes{0x01, 0, 0}));
+    EXPECT_THAT(remote->receiver().complaint(), HasSubstr("another key"));
+}
+
+TEST_F(ARemoteInTheHand, RejectsAnotherSignatureThanAnnounced)
+{
+    enterUpdateMode();
+    const Bytes image = imageOf(10, 40);
+    start(image);
+    upload(image);
+    command({0x03, 0x35, 0x12});
+    EXPECT_EQ(air->answers.back(), (Bytes{0x03, 0, 0}));
+}
+
+TEST_F(ARemoteInTheHand, AnswersOnlySubscribers)
+{
+    enterUpdateMode();
+    remote->update()->subscribe(controlPoint(), false);
+    command(kConnectionParameters);
+    EXPECT_TRUE(air->answers.empty());
+}
+
+TEST_F(ARemoteInTheHand, RecordsEachPacketWithItsTime)
+{
+    enterUpdateMode();
+    remote->receiver().clearPackets();
+    command(kConnectionParameters);
+    data(Bytes(20));
+    const std::vector<UpdatePacket> packets = remote->receiver().packets();
+    ASSERT_EQ(packets.size(), 3U);
+    EXPECT_EQ(packets[0].bytes, kConnectionParameters);
+    EXPECT_FALSE(packets[0].fromRemote);
+    EXPECT_TRUE(packets[1].fromRemote);
+    EXPECT_EQ(packets[2].channel, UpdatePacket::Channel::Data);
+    EXPECT_LE(packets[0].timeUs, packets[1].timeUs);
+    EXPECT_LE(packets[1].timeUs, packets[2].timeUs);
+}
+
+// ---- faults
+
+class ARemoteWithAFault : public ARemoteInTheHand
+{
+protected:
+    /// Sets a fault on GetImageInfo and sends it.
+    AttReply ask(const UpdateFault& withFault)
+    {
+        enterUpdateMode();
+        remote->receiver().setFault(UpdateStep::GetImageInfo, withFault);
+        delays.clear();
+        return command(kGetImageInfo);
+    }
+
+    UpdateFault fault;
+};
+
+TEST_F(ARemoteWithAFault, IsSilent)
+{
+    fault.silent = true;
+    EXPECT_EQ(ask(fault).error, 0);
+    EXPECT_TRUE(air->answers.empty());
+}
+
+TEST_F(ARemoteWithAFault, IsLate)
+{
+    fault.late = std::chrono::milliseconds{1500};
+    ask(fault);
+    EXPECT_THAT(delays, ElementsAre(std::chrono::milliseconds{1500}));
+    EXPECT_EQ(air->answers.size(), 1U);
+}
+
+TEST_F(ARemoteWithAFault, AnswersWithAWrongStatus)
+{
+    fault.status = 2;
+    ask(fault);
+    EXPECT_EQ(air->answers.at(0)[2], 2);
+}
+
+TEST_F(ARemoteWithAFault, AnswersTooShort)
+{
+    fault.length = 8;
+    ask(fault);
+    EXPECT_EQ(air->answers.at(0), (Bytes{0x06, 0, 1, 0xa3, 0x01, 0, 0, 0}));
+}
+
+TEST_F(ARemoteWithAFault, AnswersTwice)
+{
+    fault.copies = 2;
+    ask(fault);
+    EXPECT_EQ(air->answers.size(), 2U);
+}
+
+TEST_F(ARemoteWithAFault, AnswersAsTold)
+{
+    fault.answers = {{1, 2, 3}, {4}};
+    ask(fault);
+    EXPECT_THAT(air->answers, ElementsAre(Bytes{1, 2, 3}, Bytes{4}));
+}
+
+TEST_F(ARemoteWithAFault, RefusesTheWrite)
+{
+    fault.refuse = 0x80;
+    EXPECT_EQ(ask(fault).error, 0x80);
+    EXPECT_TRUE(air->answers.empty());
+}
+
+TEST_F(ARemoteWithAFault, NeverAnswersTheWrite)
+{
+    fault.noWriteReply = true;
+    EXPECT_EQ(ask(fault).kind, AttReply::Kind::NoAnswer);
+}
+
+TEST_F(ARemoteWithAFault, RecoversAfterTheGivenTimes)
+{
+    fault.silent = true;
+    fault.times = 1;
+    ask(fault);
+    command(kGetImageInfo);
+    EXPECT_EQ(air->answers.size(), 1U);
+}
+
+TEST_F(ARemoteWithAFault, VanishesAtTheGivenBlock)
+{
+    enterUpdateMode();
+    fault.vanish = true;
+    fault.block = 2;
+    remote->receiver().setFault(UpdateStep::Data, fault);
+    EXPECT_EQ(data(Bytes(20)).kind, AttReply::Kind::Answer);
+    EXPECT_EQ(data(Bytes(20)).kind, AttReply::Kind::Answer);
+    EXPECT_EQ(data(Bytes(20)).kind, AttReply::Kind::LinkLost);
+    EXPECT_FALSE(remote->update()->reachable());
+}
+
+TEST_F(ARemoteWithAFault, RefusesTheSwitchAndStays)
+{
+    fault.refuse = vexasim::att::kInsufficientAuthentication;
+    remote->receiver().setFault(UpdateStep::Switch, fault);
+    EXPECT_EQ(writeSwitch().error, fault.refuse);
+    letTimePass();
+    EXPECT_FALSE(remote->inUpdateMode());
+}
+
+TEST_F(ARemoteWithAFault, RefusesNotifications)
+{
+    fault.refuse = 0x80;
+    remote->receiver().setFault(UpdateStep::StartNotify, fault);
+    writeSwitch();
+    letTimePass();
+    remote->update()->connect();
+    EXPECT_EQ(remote->update()->subscribe(controlPoint(), true).error, 0x80);
+    EXPECT_FALSE(remote->update()->subscribed(controlPoint()));
+}
+
+// ---- how it appears
+
+TEST_F(ARemoteInTheHand, CanFailToAppear)
+{
+    UpdateAppearance appearance;
+    appearance.never = true;
+    remote->setUpdateAppearance(appearance);
+    writeSwitch();
+    letTimePass();
+    EXPECT_TRUE(remote->inUpdateMode());
+    EXPECT_FALSE(remote->update()->reachable());
+}
+
+TEST_F(ARemoteInTheHand, CanAppearWithoutAName)
+{
+    UpdateAppearance appearance;
+    appearance.nameless = true;
+    remote->setUpdateAppearance(appearance);
+    writeSwitch();
+    letTimePass();
+    EXPECT_EQ(air->appeared.back(), "nameless");
+}
+
+TEST_F(ARemoteInTheHand, CanAppearBeforeTheSwitchIsAnswered)
+{
+    UpdateAppearance appearance;
+    appearance.beforeScan = true;
+    remote->setUpdateAppearance(appearance);
+    writeSwitch();
+    EXPECT_TRUE(remote->update()->advertising());
+    EXPECT_TRUE(remote->update()->announcesUnasked());
+}
+
+TEST_F(ARemoteInTheHand, CanOfferOneOfItsTwoCharacteristics)
+{
+    UpdateAppearance appearance;
+    appearance.withoutData = true;
+    remote->setUpdateAppearance(appearance);
+    EXPECT_EQ(remote->update()->handleOf(vexasim::uuid::kData), 0);
+    EXPECT_NE(controlPoint(), 0);
+    appearance = {};
+    appearance.withoutControlPoint = true;
+    remote->setUpdateAppearance(appearance);
+    EXPECT_NE(remote->update()->handleOf(vexasim::uuid::kData), 0);
+    EXPECT_EQ(controlPoint(), 0);
+}
+
+// ---- the key
+
+class AKeyFile : public testing::Test
+{
+protected:
+    ~AKeyFile() override { std::remove(path.c_str()); }
+
+    void write(const std::string& text)
+    {
+        std::ofstream file(path);
+        file << text;
+    }
+
+    std::string path = testing::TempDir() + "sim_update_key";
+    const std::string digits = "000102030405060708090a0b0c0d0e0f101112131415161718191A1B1C1D1E1F";
+};
+
+TEST_F(AKeyFile, MayHaveBlanksAround)
+{
+    write(" \t" + digits + " \n\n");
+    EXPECT_EQ(vexasim::readKeyFile(path), vexasim::developmentKey());
+}
+
+TEST_F(AKeyFile, IsRefusedWithTheReason)
+{
+    EXPECT_THROW(vexasim::readKeyFile(path + ".missing"), std::runtime_error);
+    write(digits + "0");
+    EXPECT_THROW(vexasim::readKeyFile(path), std::runtime_error);
+    write("x" + digits.substr(1));
+    EXPECT_THROW(vexasim::readKeyFile(path), std::runtime_error);
+}
