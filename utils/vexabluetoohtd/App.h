@@ -38,7 +38,7 @@ class App : public Bluez::Listener
 {
 public:
     App();
-    /// After a second interrupt the stack client is still alive here; the process then ends with status 1.
+    /// After a second interrupt the event thread still runs; the process then ends here with status 1.
     ~App() override;
     App(const App&) = delete;
     App& operator=(const App&) = delete;

@@ -59,6 +59,9 @@ constexpr const char* kRcNamePattern = "^VEXA.+$";
 constexpr const char* kFwVersionUuid = "0000ffd3-0000-1000-8000-00805f9b34fb";
 constexpr const char* kOtaUuid = "0000ffd1-0000-1000-8000-00805f9b34fb";
 
+// Set by the second interrupt, whose exit handlers run while the event thread goes on.
+bool endingAtOnce = false;
+
 std::time_t secondsSince(const NSTime& start)
 {
     return (NSTime::nowRelative() - start).toTimeT();
@@ -126,12 +129,11 @@ App::App() = default;
 
 App::~App()
 {
-    // Only a second interrupt comes here with the stack client alive. Its event thread then still uses the
-    // members below, may stand in a bus call for longer than the user shall wait, and the thread that was
-    // interrupted may itself be the waiter of a condition: so neither join it nor take anything from under
-    // it. App is the last of the exit handlers, nothing is lost. An interrupted holder of mMutex goes on and
-    // dies by the lock's own check.
-    if (mBluez && !mMutex.heldByCaller()) {
+    // After a second interrupt the event thread still uses the members below, may stand in a bus call for
+    // longer than the user shall wait, and the thread that was interrupted may itself be the waiter of a
+    // condition: so neither join it nor take anything from under it. App is the last of the exit handlers,
+    // nothing is lost. An interrupted holder of mMutex goes on and dies by the lock's own check.
+    if (endingAtOnce && !mMutex.heldByCaller()) {
         _exit(EXIT_FAILURE);
     }
 }
@@ -861,6 +863,7 @@ void signalHandler(int /*signal*/)
     const bool first = gApp->mRunning;
     gApp->mRunning = false;
     if (!first) {
+        endingAtOnce = true;
         exit(EXIT_FAILURE);
     }
 }
