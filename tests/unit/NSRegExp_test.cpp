@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
+#include "NamedCase.h"
 
 namespace
 {
@@ -20,8 +21,7 @@ using Groups = std::vector<std::string>;
 
 // --- Matching
 
-struct MatchCase {
-    const char* name;
+struct MatchCase : NamedCase {
     const char* pattern;
     const char* text;
     bool matches;
@@ -65,8 +65,7 @@ const MatchCase kMatches[] = {
     {"OnAnEmptyTextCanMatch", "^$", "", true, {""}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, APattern, testing::ValuesIn(kMatches),
-                         [](const auto& given) { return std::string(given.param.name); });
+INSTANTIATE_TEST_SUITE_P(Table, APattern, testing::ValuesIn(kMatches), named);
 
 TEST(AnExpression, MatchesOneTextAfterTheOther)
 {

@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include "NamedCase.h"
+
 // The linker sends the library's calls of these functions here (--wrap).
 int realGettimeofday(timeval* now, void* zone) __asm__("__real_gettimeofday");
 int realClockGettime(clockid_t clock, timespec* now) __asm__("__real_clock_gettime");
@@ -46,8 +48,6 @@ namespace
 
 constexpr long long kDayUs = 86400000000;
 constexpr long long kLargest = std::numeric_limits<std::int64_t>::max();
-
-const auto named = [](const auto& given) { return std::string(given.param.name); };
 
 // --- Clocks and values
 
@@ -123,8 +123,7 @@ TEST(AnAssignedTime, IsACopy)
     EXPECT_EQ(42, original.toInt64());
 }
 
-struct ComparisonCase {
-    const char* name;
+struct ComparisonCase : NamedCase {
     long long left;
     long long right;
     int order; ///< below, at or above zero
@@ -188,8 +187,7 @@ TEST(Arithmetic, WithTimesGivesTheirSumAndDifference)
     EXPECT_EQ(-7, (NSTime(3) - NSTime(10)).toInt64());
 }
 
-struct UnitCase {
-    const char* name;
+struct UnitCase : NamedCase {
     void (NSTime::*add)(int);
     long long us;
 };
@@ -238,8 +236,7 @@ INSTANTIATE_TEST_SUITE_P(Table, AddingAUnit, testing::ValuesIn(kUnits), named);
 
 // --- Other forms
 
-struct FormCase {
-    const char* name;
+struct FormCase : NamedCase {
     long long us;
     std::time_t seconds;
     long remainder;
@@ -269,8 +266,7 @@ const FormCase kForms[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, TheSecondsOf, testing::ValuesIn(kForms), named);
 
-struct IntervalCase {
-    const char* name;
+struct IntervalCase : NamedCase {
     long long us;
     const char* text;
 };

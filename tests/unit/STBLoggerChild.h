@@ -19,9 +19,6 @@ constexpr const char* kHead = "    12:34:56.789 ";
 constexpr const char* kReset = "\x1b[0m";
 const std::string kGreeting = "Logger for application \"VEXA\" was successfully initialized (level:DEBUG)";
 
-/// Names the cases of a table by their member `name`.
-constexpr auto named = [](const auto& given) { return std::string(given.param.name); };
-
 /// The record that the daemon passes.
 STBLoggerLogParams daemonParams();
 

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "NamedCase.h"
 #include "STBLoggerChild.h"
 
 namespace
@@ -18,8 +19,7 @@ using testing::HasSubstr;
 
 // --- Yes and no
 
-struct FlagCase {
-    const char* name;
+struct FlagCase : NamedCase {
     const char* value; ///< null: not set
     bool on;           ///< for a record that says no
     bool onByRecord;   ///< for a record that says yes
@@ -94,8 +94,7 @@ INSTANTIATE_TEST_SUITE_P(Table, AFlagOfTheEnvironment, testing::ValuesIn(kAFlagO
 
 // --- Lists of modules
 
-struct ListCase {
-    const char* name;
+struct ListCase : NamedCase {
     const char* list;
     std::vector<const char*> modules; ///< in the order of the announcements
 };
@@ -254,8 +253,7 @@ TEST(EachApplication, HasALoggerAndVariablesOfItsOwn)
                 ElementsAre("E [Bluez:42] of the other", "I " + kGreeting, "I [Bluez:42] of the daemon"));
 }
 
-struct NullCase {
-    const char* name;
+struct NullCase : NamedCase {
     void (*spoil)(STBLoggerLogParams& params, const char*& module);
 };
 
@@ -345,8 +343,7 @@ TEST(Syslog, IsLeftAloneWhileItIsOff)
     EXPECT_EQ("", outcome.output);
 }
 
-struct PriorityCase {
-    const char* name;
+struct PriorityCase : NamedCase {
     STBLogLevel level;
     int priority;
     const char* text;
@@ -377,8 +374,7 @@ const PriorityCase kAPriorityCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, APriority, testing::ValuesIn(kAPriorityCases), named);
 
-struct SegmentCase {
-    const char* name;
+struct SegmentCase : NamedCase {
     const char* text;
     std::vector<const char*> records;
 };

@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "NamedCase.h"
 #include "STBLoggerChild.h"
 
 namespace
@@ -59,9 +60,8 @@ TEST(EachMacro, LogsAtItsLevelWithAndWithoutArguments)
     EXPECT_EQ(expected, toldBehindGreeting(outcome));
 }
 
-struct ColourCase {
+struct ColourCase : NamedCase {
     STBLogLevel level;
-    const char* name;
     const char* before;
     const char* letterAndBlank;
 };
@@ -92,13 +92,13 @@ TEST_P(AMessage, HasNoColourButItsLetterWithColoursOff)
 }
 
 const ColourCase kColours[] = {
-    {STBLogLevel_eNone, "OfLevelNone", "", " "},
-    {STBLogLevel_eError, "OfLevelError", "\x1b[31m", "E "},
-    {STBLogLevel_eWarn, "OfLevelWarn", "\x1b[33m", "W "},
-    {STBLogLevel_eInfo, "OfLevelInfo", "\x1b[34m", "I "},
-    {STBLogLevel_eDebug, "OfLevelDebug", "\x1b[0m", "D "},
-    {STBLogLevel_eTrace, "OfLevelTrace", "\x1b[0m", "T "},
-    {static_cast<STBLogLevel>(-1), "OfLevelMinusOne", "", " "},
+    {"OfLevelNone", STBLogLevel_eNone, "", " "},
+    {"OfLevelError", STBLogLevel_eError, "\x1b[31m", "E "},
+    {"OfLevelWarn", STBLogLevel_eWarn, "\x1b[33m", "W "},
+    {"OfLevelInfo", STBLogLevel_eInfo, "\x1b[34m", "I "},
+    {"OfLevelDebug", STBLogLevel_eDebug, "\x1b[0m", "D "},
+    {"OfLevelTrace", STBLogLevel_eTrace, "\x1b[0m", "T "},
+    {"OfLevelMinusOne", static_cast<STBLogLevel>(-1), "", " "},
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, AMessage, testing::ValuesIn(kColours), named);
@@ -167,8 +167,7 @@ TEST(AModuleThatIsGiven, StandsInTheTagInsteadOfTheFiles)
     EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Given:42] text"));
 }
 
-struct PathCase {
-    const char* name;
+struct PathCase : NamedCase {
     const char* path;
     const char* module;
 };
@@ -203,8 +202,7 @@ const PathCase kTheModuleOfAPathCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, TheModuleOfAPath, testing::ValuesIn(kTheModuleOfAPathCases), named);
 
-struct TagCase {
-    const char* name;
+struct TagCase : NamedCase {
     const char* lineNumbers;
     const char* module;
     int line;
@@ -237,8 +235,7 @@ const TagCase kTheTagCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, TheTag, testing::ValuesIn(kTheTagCases), named);
 
-struct EndCase {
-    const char* name;
+struct EndCase : NamedCase {
     const char* text;
     const char* written;
 };
@@ -297,8 +294,7 @@ TEST(ATextThatFillsTheBuffer, LosesItsNewlineByTheCutAndNotOnceMore)
 
 // --- The filter
 
-struct FilterCase {
-    const char* name;
+struct FilterCase : NamedCase {
     Environment environment;
     STBLogLevel level;
     const char* module;
@@ -336,8 +332,7 @@ const FilterCase kFilters[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, TheFilter, testing::ValuesIn(kFilters), named);
 
-struct LevelNameCase {
-    const char* name;
+struct LevelNameCase : NamedCase {
     const char* value;
     std::vector<const char*> letters; ///< of the levels that pass
 };
@@ -381,13 +376,18 @@ const LevelNameCase kTheLevelVariableCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, TheLevelVariable, testing::ValuesIn(kTheLevelVariableCases), named);
 
-class AnUnknownLevel : public testing::TestWithParam<std::pair<const char*, const char*>>
+struct UnknownLevelCase : NamedCase {
+    const char* value;
+    const char* upperCase;
+};
+
+class AnUnknownLevel : public testing::TestWithParam<UnknownLevelCase>
 {
 };
 
 TEST_P(AnUnknownLevel, IsReportedInUpperCaseAndMeansInfo)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LEVEL", GetParam().first}}), [] {
+    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LEVEL", GetParam().value}}), [] {
         say(STBLogLevel_eDebug, "dropped");
         say(STBLogLevel_eInfo, "passed");
     });
@@ -397,23 +397,20 @@ TEST_P(AnUnknownLevel, IsReportedInUpperCaseAndMeansInfo)
     // The colours are still those of the record here, and the tag has a line but no module.
     EXPECT_THAT(lines[0],
                 testing::MatchesRegex("\x1b\\[31m    12:34:56.789 E \\[:[0-9]+\\] Unknown log level: '" +
-                                      std::string(GetParam().second) + "', setting to 'INFO'"));
+                                      std::string(GetParam().upperCase) + "', setting to 'INFO'"));
     EXPECT_EQ("\x1b[0m    12:34:56.789 I Logger for application \"VEXA\" was successfully initialized "
               "(level:INFO)",
               lines[1]);
     EXPECT_EQ("    12:34:56.789 I [Bluez:42] passed", lines[2]);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, AnUnknownLevel,
-                         testing::Values(std::make_pair("none", "NONE"), std::make_pair("", ""),
-                                         std::make_pair("verbose", "VERBOSE"), std::make_pair("3", "3"),
-                                         std::make_pair(" debug", " DEBUG"),
-                                         std::make_pair("warning", "WARNING")),
-                         [](const auto& given) {
-                             std::string name = *given.param.first == '\0' ? "Empty" : given.param.first;
-                             std::replace(name.begin(), name.end(), ' ', '_');
-                             return name;
-                         });
+const UnknownLevelCase kUnknownLevels[] = {
+    {"None", "none", "NONE"},           {"Empty", "", ""},
+    {"Verbose", "verbose", "VERBOSE"},  {"ANumber", "3", "3"},
+    {"WithABlank", " debug", " DEBUG"}, {"Longer", "warning", "WARNING"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, AnUnknownLevel, testing::ValuesIn(kUnknownLevels), named);
 
 TEST(AnUnknownDefaultLevel, IsReportedToo)
 {

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <ostream>
+#include <string>
+
+/// The base of a row in a table of cases: its name, by which the row appears among the tests.
+struct NamedCase {
+    const char* name;
+
+    friend std::ostream& operator<<(std::ostream& out, const NamedCase& row) { return out << row.name; }
+};
+
+/// Names the tests of a table, as the last argument of INSTANTIATE_TEST_SUITE_P.
+constexpr auto named = [](const auto& given) { return std::string(given.param.name); };

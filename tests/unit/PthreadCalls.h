@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <atomic>
+#include <ctime>
+
+#include <sys/time.h>
+
+// What a test sees and bends of the system calls below the locks and threads. The linker sends the calls of
+// the program and its static libraries here (--wrap); those of shared libraries go their usual way.
+
+/// The C function whose calls do nothing but give `injectedResult`; null: none.
+extern std::atomic<const char*> injectedFunction;
+extern std::atomic<int> injectedResult;
+
+/// What gettimeofday gives: this, if it isn't null, or else the clock and so many microseconds more.
+extern std::atomic<const timeval*> fixedClock;
+extern std::atomic<long long> clockAheadUs;
+
+/// Called on the calling thread before a timed wait and before a join; null: nothing.
+extern std::atomic<void (*)()> onTimedwait;
+extern std::atomic<void (*)()> onJoin;
+
+/// The deadline of this thread's last timed wait.
+extern thread_local timespec givenDeadline;
+
+/// Arguments of the last call, or counts of calls within the test.
+extern std::atomic<int> mutexKind;
+extern std::atomic<int> attributeDestructions;
+extern std::atomic<const void*> condAttributes;
+extern std::atomic<const void*> threadAttributes;
+extern std::atomic<int> timedwaits;
+extern std::atomic<int> joins;
+extern std::atomic<int> namings;
+
+/// What setpriority was asked for last. The call is only recorded.
+struct PriorityCall {
+    int which;
+    int who;
+    int nice;
+};
+extern thread_local PriorityCall givenPriority;
