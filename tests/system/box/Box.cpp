@@ -44,7 +44,9 @@ bool isOfGDBus(const vexasim::Call& call)
 
 LogPredicate passBegins()
 {
-    return isLog(TRACE, "main", "IDLING...");
+    return [](const LogRecord& record) {
+        return record.level == TRACE && (record.text == "IDLING..." || record.text == "ACTIVATING...");
+    };
 }
 
 } // namespace
@@ -53,6 +55,25 @@ std::string shortText(const vexasim::Call& call)
 {
     return without(kRoot, call.path) + " " + without(kFreedesktop, without(kBlueZ, call.interface)) + "." +
            call.member + " " + call.parameters.text();
+}
+
+std::string busError(const std::string& name, const std::string& message)
+{
+    return "GDBus.Error:" + name + ": " + message;
+}
+
+BoxOptions pairedRemote()
+{
+    BoxOptions options;
+    options.simulator.remote.paired = true;
+    return options;
+}
+
+BoxOptions noRemote()
+{
+    BoxOptions options;
+    options.simulator.withRemote = false;
+    return options;
 }
 
 Box::Box(BoxOptions options) : mOptions(std::move(options))
@@ -68,11 +89,11 @@ Box::~Box()
     g_object_unref(mAnother);
 }
 
-void Box::startDaemon()
+void Box::startDaemon(const std::vector<std::string>& arguments)
 {
     Environment environment = mOptions.environment;
     environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/run/dbus/bus";
-    startOwn(VEXABOX_DAEMON, environment);
+    startOwn(VEXABOX_DAEMON, arguments, environment);
 }
 
 bool Box::startAndSkipWait()
@@ -98,12 +119,46 @@ bool Box::startToIdle()
     return startAndSkipWait() && awaitPasses(1);
 }
 
+bool Box::startConnected()
+{
+    startDaemon();
+    return mSimulator->awaitProperty(remotePath(), "org.bluez.Device1", "ServicesResolved",
+                                     g_variant_new_boolean(TRUE), kPatience) &&
+           log().awaitCount(isLog(DEBUG, "main", "VEXA RC services resolved status changed: resolved"), 1) &&
+           awaitStatus("connected");
+}
+
 bool Box::awaitPasses(unsigned count)
 {
     // The pass that is under way may have looked at things before they changed,
     // and the next one's beginning is the end of the one before.
-    const std::size_t begun = log().count(passBegins());
-    return log().awaitCount(passBegins(), begun + count + 1);
+    return log().awaitCount(passBegins(), passesBegun() + count + 1);
+}
+
+std::size_t Box::passesBegun()
+{
+    return log().count(passBegins());
+}
+
+bool Box::stopClock()
+{
+    clock().stop();
+    return program().awaitMainThreadInNextSleep();
+}
+
+bool Box::pass(std::chrono::microseconds step)
+{
+    const std::size_t begun = passesBegun();
+    clock().advance(step);
+    // Between passes the loop only sleeps, so its next sleep is the pass's end.
+    return log().awaitCount(passBegins(), begun + 1) && program().awaitMainThreadInUsleep();
+}
+
+bool Box::makesNoPass()
+{
+    const std::size_t begun = passesBegun();
+    return program().awaitMainThreadInNextSleep() && program().awaitMainThreadInNextSleep() &&
+           passesBegun() == begun;
 }
 
 ::testing::AssertionResult Box::stops()

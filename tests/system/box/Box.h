@@ -22,6 +22,11 @@ struct BoxOptions {
     Environment environment = {{"VEXA_LOG_TRACE_MODULES", "main"}};
 };
 
+/// With a remote that has been paired before.
+BoxOptions pairedRemote();
+/// With nothing on the air.
+BoxOptions noRemote();
+
 /// A set-top box for one daemon: the room, a bus, and the simulated BlueZ with
 /// its remote. The daemon's real binary runs in it.
 class Box : public Room
@@ -35,14 +40,25 @@ public:
     BoxOptions& options() { return mOptions; }
 
     /// Starts the daemon and returns at once.
-    void startDaemon();
+    void startDaemon(const std::vector<std::string>& arguments = {});
     /// Starts it and has its start-up behind it: returns in the main loop, after
     /// the first pass. The five seconds for the remote pass at once.
     bool startToIdle();
     /// Starts it and lets the five seconds pass; nothing of the main loop is awaited.
     bool startAndSkipWait();
+    /// Starts it with a remote that is paired (see pairedRemote()): returns when
+    /// the daemon has connected it, knows its services and publishes it.
+    bool startConnected();
     /// Until `count` idle passes have begun and ended from now on.
     bool awaitPasses(unsigned count = 2);
+    /// Stops the daemon's clock between two passes of its main loop. From here on
+    /// it makes one only when pass() lets it.
+    bool stopClock();
+    /// Moves the stopped clock on and sees one pass in State_eIdle or
+    /// State_eActivation through.
+    bool pass(std::chrono::microseconds step = std::chrono::milliseconds{500});
+    /// Sees that the loop looks at the stopped clock again and makes no pass.
+    bool makesNoPass();
     /// An interrupt, and the end with status 0.
     ::testing::AssertionResult stops();
 
@@ -74,6 +90,7 @@ public:
     std::string describe() override;
 
 private:
+    std::size_t passesBegun();
     bool isOfDaemon(const vexasim::Call& call) const;
 
     BoxOptions mOptions;
@@ -83,6 +100,9 @@ private:
 
 /// "/org/bluez/hci0/dev_X" becomes "hci0/dev_X", "org.bluez.Device1" "Device1".
 std::string shortText(const vexasim::Call& call);
+
+/// How GDBus words an error of BlueZ in the daemon's log.
+std::string busError(const std::string& name, const std::string& message);
 
 /// The fixture of all cases: one box, and a report of what was seen on failure.
 class InABox : public ::testing::Test

@@ -156,6 +156,13 @@ void resetSignals()
     fail(launch, Step::Execute);
 }
 
+std::string ofMainThread(pid_t pid, const char* file)
+{
+    const std::string id = std::to_string(pid);
+    std::ifstream stream("/proc/" + id + "/task/" + id + "/" + file);
+    return std::string((std::istreambuf_iterator<char>(stream)), {});
+}
+
 void require(bool good, const char* what)
 {
     if (!good) {
@@ -249,23 +256,67 @@ void Program::signalMainThread(int number) const
 
 char Program::mainThreadState() const
 {
-    const std::string id = std::to_string(mPid);
-    std::ifstream file("/proc/" + id + "/task/" + id + "/stat");
-    const std::string line((std::istreambuf_iterator<char>(file)), {});
+    const std::string line = ofMainThread(mPid, "stat");
     const std::size_t name = line.rfind(')'); // which may contain anything
     return name != std::string::npos && name + 2 < line.size() ? line[name + 2] : '?';
 }
 
-bool Program::awaitMainThreadAsleep(std::chrono::milliseconds limit) const
+bool Program::mainThreadIsInUsleep() const
+{
+    const std::string call = ofMainThread(mPid, "syscall");
+    if (call.empty()) {
+        return mainThreadState() == 'S'; // a kernel that doesn't tell; any wait has to do
+    }
+    const long number = std::strtol(call.c_str(), nullptr, 10); // 0 for "running"
+#ifdef SYS_clock_nanosleep_time64
+    return number == SYS_clock_nanosleep || number == SYS_clock_nanosleep_time64;
+#else
+    return number == SYS_clock_nanosleep;
+#endif
+}
+
+// How often it has gone to wait in the kernel, for whatever reason.
+long Program::mainThreadWaits() const
+{
+    const std::string status = ofMainThread(mPid, "status");
+    static const std::string key = "\nvoluntary_ctxt_switches:";
+    const std::size_t at = status.find(key);
+    return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + key.size(), nullptr, 10);
+}
+
+// The kernel tells of neither of these by an event.
+template <typename Condition>
+bool Program::poll(std::chrono::milliseconds limit, Condition condition) const
 {
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (mainThreadState() != 'S') {
+    while (!condition()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
-        std::this_thread::sleep_for(kLookInterval); // there is no event to wait for
+        std::this_thread::sleep_for(kLookInterval);
     }
     return true;
+}
+
+bool Program::awaitMainThreadAsleep(std::chrono::milliseconds limit) const
+{
+    return poll(limit, [this] { return mainThreadState() == 'S'; });
+}
+
+bool Program::awaitMainThreadInUsleep(std::chrono::milliseconds limit) const
+{
+    return poll(limit, [this] { return mainThreadIsInUsleep(); });
+}
+
+bool Program::awaitMainThreadInNextSleep(std::chrono::milliseconds limit) const
+{
+    long before = 0;
+    return poll(limit,
+                [&] {
+                    before = mainThreadWaits();
+                    return mainThreadIsInUsleep();
+                }) &&
+           poll(limit, [&] { return mainThreadWaits() > before && mainThreadIsInUsleep(); });
 }
 
 void Program::freeze() const
@@ -309,7 +360,7 @@ std::optional<Exit> Program::awaitExit(std::chrono::milliseconds limit)
         if (left.count() < 0) {
             return {};
         }
-        poll(&watched, 1, static_cast<int>(left.count()) + 1);
+        ::poll(&watched, 1, static_cast<int>(left.count()) + 1);
     }
     return mExit;
 }

@@ -63,6 +63,10 @@ public:
     /// logs, and kills the process if the thread that it interrupts is in the
     /// logger itself: no test wants to meet that by chance.
     bool awaitMainThreadAsleep(std::chrono::milliseconds limit = kPatience) const;
+    bool awaitMainThreadInUsleep(std::chrono::milliseconds limit = kPatience) const;
+    /// Until the main thread has come to a usleep that began after this call: it
+    /// has gone through its loop at least once since.
+    bool awaitMainThreadInNextSleep(std::chrono::milliseconds limit = kPatience) const;
     /// Stops every thread of it; returns when it stands.
     void freeze() const;
     void thaw() const;
@@ -74,6 +78,10 @@ private:
     void start(const ProgramOptions& options);
     void readExit(int status);
     char mainThreadState() const;
+    bool mainThreadIsInUsleep() const;
+    long mainThreadWaits() const;
+    template <typename Condition>
+    bool poll(std::chrono::milliseconds limit, Condition condition) const;
 
     pid_t mPid = -1;
     std::optional<Exit> mExit;

@@ -155,7 +155,8 @@ void Room::start(const std::string& path, const std::vector<std::string>& argume
     launch(options);
 }
 
-void Room::startOwn(const std::string& path, const Environment& extra)
+void Room::startOwn(const std::string& path, const std::vector<std::string>& arguments,
+                    const Environment& extra)
 {
     ProgramOptions options;
     Environment all = extra;
@@ -168,6 +169,7 @@ void Room::startOwn(const std::string& path, const Environment& extra)
     all["LD_PRELOAD"] = "/run/own/" + nameOf(VEXABOX_CLOCK_PRELOAD);
     all[kClockVariable] = "/run/clock";
     options.path = "/run/own/" + nameOf(path);
+    options.arguments = arguments;
     options.environment = environment(all);
     launch(options);
 }

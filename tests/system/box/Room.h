@@ -34,7 +34,8 @@ public:
                const Environment& environment = {});
     /// Starts a program of the build, wherever it lies, with the test's clock.
     /// After the end of one another may be started.
-    void startOwn(const std::string& path, const Environment& environment = {});
+    void startOwn(const std::string& path, const std::vector<std::string>& arguments = {},
+                  const Environment& environment = {});
 
     Program& program() { return *mProgram; }
     LogReader& log() { return *mLog; }

@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: MIT
+// How the daemon ends: by one interrupt, by two, and by other signals, wherever
+// its main thread stands.
+
+#include "box/Box.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+
+using namespace vexabox;
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using vexasim::Bend;
+
+namespace
+{
+
+const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
+const std::vector<std::string> kPublished = {"bluetooth_status", "bluetooth_rc", "bluetooth_rc_rssi",
+                                             "bluetooth_rc_battery", "bluetooth_rc_fw_version"};
+
+class ADaemon : public InABox
+{
+protected:
+    std::vector<std::string> published()
+    {
+        std::vector<std::string> there;
+        for (const std::string& name : kPublished) {
+            if (box.exists(name)) {
+                there.push_back(name);
+            }
+        }
+        return there;
+    }
+
+    /// Until pair() waits for a remote, with nothing on the air.
+    void startScanning()
+    {
+        ASSERT_TRUE(box.startToIdle());
+        box.remote().leave();
+        box.setFlag("reset");
+        ASSERT_TRUE(box.awaitStatus("scanning"));
+    }
+
+    /// The stack says that it is paired, but never tells of the change.
+    void claimPaired()
+    {
+        box.sim().bend(
+            Bend::answer("Get", g_variant_new("(v)", g_variant_new_boolean(TRUE))).property("Paired"));
+        box.sim().bend(Bend::silence("Pair"));
+    }
+};
+
+// ---- one interrupt
+
+TEST_F(ADaemon, EndsItsClientAndThenRemovesItsFilesOnAnInterrupt)
+{
+    for (const std::string& name : kPublished) {
+        box.writeText(name, "of an earlier run\n");
+    }
+    ASSERT_TRUE(box.startToIdle());
+    box.log().skip();
+    box.interrupt();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(0));
+    EXPECT_LOG(box, WARN, "main", "Interrupt!");
+    EXPECT_LOG(box, DEBUG, "Bluez", "Stopping loop task");
+    EXPECT_LOG(box, DEBUG, "Bluez", "Deiniting Bluez..");
+    EXPECT_LOG(box, DEBUG, "Bluez", "Deiniting Bluez completed");
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_status");
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc_rssi");
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc_battery");
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc_fw_version");
+    EXPECT_EQ(box.log().records().back().text, "REMOVE /tmp/bluetooth_rc_fw_version");
+    EXPECT_THAT(published(), IsEmpty());
+}
+
+TEST_F(ADaemon, LeavesTheRequestsOfTheBoxAloneWhenItStops)
+{
+    box.sim().removeAdapter(); // so that it never comes to serve them
+    box.setFlag("pair");
+    box.setFlag("reset");
+    box.linkFirmware("/nowhere");
+    box.startDaemon();
+    ASSERT_LOG(box, DEBUG, "main", "Waiting adapter...");
+
+    EXPECT_TRUE(box.stops());
+    EXPECT_TRUE(box.exists("bluetooth_pair"));
+    EXPECT_TRUE(box.exists("bluetooth_reset"));
+    EXPECT_TRUE(box.exists("bluetooth_rc_fw"));
+}
+
+TEST_F(ADaemon, TakesNoArguments)
+{
+    box.startDaemon({"--help", "--version", "stop"});
+
+    EXPECT_LOG(box, DEBUG, "main", "process loop start");
+    EXPECT_TRUE(box.stops());
+    EXPECT_THAT(box.output().records(), IsEmpty());
+}
+
+TEST_F(ADaemon, EndsAnInterruptedPauseEarly)
+{
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.stopClock()); // so that it only sleeps
+
+    EXPECT_TRUE(box.stops());
+}
+
+TEST_F(ADaemon, StopsAlthoughTheBusIsGone)
+{
+    ASSERT_TRUE(box.startToIdle());
+    box.sim().stopService(vexasim::Simulator::Stop::Kill);
+
+    EXPECT_TRUE(box.stops());
+}
+
+// ---- two interrupts
+
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInTheMainLoop)
+{
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.stopClock()); // not in the middle of a write
+    box.interruptTwice();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+    EXPECT_EQ(box.content("bluetooth_status"), "no device\n");
+    EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_status");
+}
+
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInTheScanWait)
+{
+    startScanning();
+    box.interruptTwice();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+    EXPECT_EQ(box.content("bluetooth_status"), "scanning\n");
+}
+
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInThePairingWait)
+{
+    claimPaired();
+    ASSERT_TRUE(box.startToIdle());
+    box.setFlag("reset");
+    ASSERT_TRUE(box.awaitStatus("pairing"));
+    box.interruptTwice();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+    EXPECT_EQ(box.content("bluetooth_status"), "pairing\n");
+}
+
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItPollsForThePairing)
+{
+    box.sim().bend(Bend::silence("Pair"));
+    ASSERT_TRUE(box.startToIdle());
+    box.setFlag("reset");
+    ASSERT_TRUE(box.sim().awaitCall("Pair", kRemote, 1, kPatience));
+    box.interrupt();
+    ASSERT_LOG(box, WARN, "main", "Interrupt!"); // the polls go on, since nobody stops the client
+    box.interrupt();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+}
+
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInACallThatIsNeverAnswered)
+{
+    box.sim().bend(Bend::silence("Get").property("Paired"));
+    ASSERT_TRUE(box.startToIdle());
+    box.setFlag("reset");
+    ASSERT_TRUE(box.sim().awaitCall(
+        [](const vexasim::Call& call) { return call.text().find("'Paired'") != std::string::npos; }, 1,
+        kPatience));
+    box.interrupt();
+    ASSERT_LOG(box, WARN, "main", "Interrupt!");
+    box.interrupt();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+}
+
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForAHandlersLock)
+{
+    ASSERT_TRUE(box.startToIdle());
+    box.sim().bend(Bend::silence("Get").property("Name"));
+    box.sim().announce(box.remote().normal());
+    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
+    ASSERT_LOG(box, TRACE, "main", "IDLING..."); // the handler's call hangs under the lock that this pass wants
+    box.interrupt();
+    ASSERT_LOG(box, WARN, "main", "Interrupt!");
+    box.interrupt();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+}
+
+TEST_F(ADaemon, EndsWithinASecondOnTheSecondInterrupt)
+{
+    startScanning();
+    box.program().awaitMainThreadAsleep();
+    const auto start = std::chrono::steady_clock::now();
+    box.interruptTwice();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s * kSlowness);
+}
+
+// ---- two interrupts of the thread that holds the lock
+
+class ADaemonThatHoldsItsLock : public InABox
+{
+protected:
+    ADaemonThatHoldsItsLock() : InABox(pairedRemote()) {}
+
+    void expectKill()
+    {
+        box.interrupt();
+        ASSERT_LOG(box, WARN, "main", "Interrupt!");
+        box.interrupt();
+        EXPECT_EQ(box.awaitExit(), Exit::by(SIGKILL));
+        ASSERT_TRUE(box.output().awaitEnd());
+        EXPECT_THAT(box.output().tail(10), HasSubstr(" ASSERT (res != 16) ret=16 on "));
+        EXPECT_TRUE(box.exists("bluetooth_status"));
+    }
+};
+
+TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItSwitchesTheScanOn)
+{
+    ASSERT_TRUE(box.startConnected());
+    box.sim().bend(Bend::silence("StartDiscovery"));
+    box.setFlag("reset");
+    ASSERT_TRUE(box.sim().awaitCall("StartDiscovery", "", 1, kPatience));
+    expectKill();
+}
+
+TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItForgetsADevice)
+{
+    ASSERT_TRUE(box.startConnected());
+    box.sim().bend(Bend::silence("RemoveDevice"));
+    box.setFlag("reset");
+    ASSERT_TRUE(box.sim().awaitCall("RemoveDevice", "", 1, kPatience));
+    expectKill();
+}
+
+TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItConnects)
+{
+    box.sim().bend(Bend::silence("Connect"));
+    box.startDaemon();
+    ASSERT_TRUE(box.sim().awaitCall("Connect", "", 1, kPatience));
+    expectKill();
+}
+
+TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItReadsTheBattery)
+{
+    ASSERT_TRUE(box.startConnected());
+    box.sim().bend(Bend::silence("ReadValue"));
+    box.clock().advance(16s);
+    ASSERT_TRUE(box.sim().awaitCall("ReadValue", "", 1, kPatience));
+    expectKill();
+}
+
+TEST_F(ADaemonThatHoldsItsLock, PrintsItsStackWithTheNamesOfItsFunctions)
+{
+    ASSERT_TRUE(box.startConnected());
+    box.sim().bend(Bend::silence("RemoveDevice"));
+    box.setFlag("reset");
+    ASSERT_TRUE(box.sim().awaitCall("RemoveDevice", "", 1, kPatience));
+    expectKill();
+
+    std::string stack;
+    for (const LogRecord& record : box.log().records()) {
+        stack += record.foreign ? record.text + "\n" : "";
+    }
+    EXPECT_THAT(stack, HasSubstr("AppD")) << "App::~App";
+    EXPECT_THAT(stack, HasSubstr("App7process"));
+}
+
+// ---- other signals
+
+class ASignalLeftAtItsDefault : public ADaemon, public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(ASignalLeftAtItsDefault, EndsTheDaemonAtOnceAndLeavesItsFiles)
+{
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.stopClock()); // not in the middle of a write
+    box.program().signal(GetParam());
+
+    EXPECT_EQ(box.awaitExit(), Exit::by(GetParam()));
+    EXPECT_EQ(box.content("bluetooth_status"), "no device\n");
+    EXPECT_NO_LOG(box, WARN, "main", "Interrupt!");
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ASignalLeftAtItsDefault,
+                         ::testing::Values(SIGTERM, SIGHUP, SIGUSR1, SIGALRM),
+                         [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
+
+} // namespace
