@@ -196,6 +196,21 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForAHandlersLock)
     EXPECT_EQ(box.awaitExit(), Exit::with(1));
 }
 
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForItsClientsEnd)
+{
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.stopClock());
+    box.sim().bend(Bend::silence("Get").property("Name"));
+    box.sim().announce(box.remote().normal());
+    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
+    box.interrupt();
+    ASSERT_LOG(box, WARN, "main", "Interrupt!");
+    EXPECT_EQ(box.awaitExit(500ms), std::nullopt) << "the handler's call hangs, and the client with it";
+    box.interrupt();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+}
+
 TEST_F(ADaemon, EndsWithinASecondOnTheSecondInterrupt)
 {
     startScanning();
