@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Simulator.h"
 #include "sim/control/Control.h"
+#include "sim/control/Narrator.h"
+#include "sim/control/RemoteSettings.h"
 
 #include <CLI/CLI.hpp>
 #include <glib-unix.h>
 
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 
 #include <array>
 #include <chrono>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,22 +29,14 @@ constexpr int kFailure = 1;
 constexpr const char* kDefaultAdapter = "hci0";
 
 /// What the command line says.
-struct Settings {
+struct Settings : vexasim::RemoteSettings {
     SimulatorOptions simulator;
-    vexasim::BoxFiles files;
     std::vector<std::string> adapters = {kDefaultAdapter};
     bool noAdapter = false;
     bool unpowered = false;
     bool noRemote = false;
-    bool away = false;
-    bool asleep = false;
     bool realistic = false;
     bool noAutoEnable = false;
-    bool quiet = false;
-    unsigned battery = 80;
-    std::string version = "1a3";
-    std::string keyFile;
-    std::string image;
     std::vector<std::string> timings;
 };
 
@@ -81,45 +73,11 @@ void addStackOptions(CLI::App& app, Settings& settings)
         ->group(group);
 }
 
-void addRemoteOptions(CLI::App& app, Settings& settings)
+void addSimulatedRemoteOptions(CLI::App& app, Settings& settings)
 {
     const char* group = "Remote";
-    vexasim::RemoteOptions& remote = settings.simulator.remote;
-    app.add_option("--name", remote.name, "its name")->capture_default_str()->group(group);
-    app.add_option("--remote-address", remote.address, "its Bluetooth address")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--update-name", remote.updateName, "its name in update mode")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--update-address", remote.updateAddress, "its address in update mode")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--rssi", remote.rssi, "signal strength in dBm")->capture_default_str()->group(group);
-    app.add_option("--battery", settings.battery, "battery level in percent")
-        ->check(CLI::Range(0, 255))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--fw-version", settings.version, "firmware version, hexadecimal")
-        ->capture_default_str()
-        ->group(group);
-    app.add_flag("--paired", remote.paired, "it is paired already")->group(group);
-    app.add_flag("--away", settings.away, "it starts out of range")->group(group);
-    app.add_flag("--asleep", settings.asleep, "it starts asleep")->group(group);
+    app.add_flag("--paired", settings.remote.paired, "it is paired already")->group(group);
     app.add_flag("--no-remote", settings.noRemote, "there is no remote")->group(group);
-    app.add_option("--key-file", settings.keyFile,
-                   "file with the update key, 64 hexadecimal digits; without it the development key");
-    app.add_option("--image", settings.image, "image file to which an update is compared byte by byte");
-}
-
-void addBoxOptions(CLI::App& app, Settings& settings)
-{
-    const char* group = "Box";
-    app.add_option("--adc-file", settings.files.adcFile, "file that stands for the button")->group(group);
-    app.add_option("--tmp", settings.files.tmpDirectory, "folder that the daemon has as /tmp")
-        ->check(CLI::ExistingDirectory)
-        ->group(group);
-    app.add_flag("-q,--quiet", settings.quiet, "print the address of the bus and nothing else");
 }
 
 void setTiming(Timings& timings, const std::string& text)
@@ -146,15 +104,6 @@ void setTiming(Timings& timings, const std::string& text)
     throw std::invalid_argument("--timing " + text + ": NAME=MILLISECONDS is wanted, see --help");
 }
 
-vexasim::Bytes versionBytes(const std::string& hexadecimal)
-{
-    std::size_t used = 0;
-    const unsigned long version = std::stoul(hexadecimal, &used, 16);
-    if (used != hexadecimal.size() || version > 0xffff)
-        throw std::invalid_argument("--fw-version " + hexadecimal + ": 0 to ffff is wanted");
-    return {static_cast<uint8_t>(version & 0xff), static_cast<uint8_t>(version >> 8)};
-}
-
 /// "00:1A:7D:DA:71:13" for the first adapter, one more for each next.
 std::string adapterAddress(std::size_t index)
 {
@@ -164,7 +113,7 @@ std::string adapterAddress(std::size_t index)
     return text.data();
 }
 
-void complete(Settings& settings)
+void completeAll(Settings& settings)
 {
     SimulatorOptions& options = settings.simulator;
     if (settings.realistic)
@@ -174,10 +123,8 @@ void complete(Settings& settings)
     options.autoEnable = !settings.noAutoEnable;
     options.withRemote = !settings.noRemote;
     options.startService = false;
-    options.remote.battery = {static_cast<uint8_t>(settings.battery)};
-    options.remote.version = versionBytes(settings.version);
-    if (!settings.keyFile.empty())
-        options.remote.key = vexasim::readKeyFile(settings.keyFile);
+    vexasim::complete(settings);
+    options.remote = settings.remote;
     options.adapters.clear();
     if (settings.noAdapter)
         return;
@@ -185,110 +132,26 @@ void complete(Settings& settings)
         options.adapters.push_back({settings.adapters[i], adapterAddress(i), !settings.unpowered});
 }
 
-/// Prints what happens, one line each, and passes it to the control object
-/// once there is one.
-class Narrator
-{
-public:
-    explicit Narrator(bool quiet) : mQuiet(quiet) {}
-
-    void hear(Control* control)
-    {
-        std::lock_guard lock(mMutex);
-        mControl = control;
-    }
-
-    void tell(const std::string& what)
-    {
-        std::lock_guard lock(mMutex);
-        if (!mBegun)
-            mHeld.push_back(what);
-        else if (!mQuiet)
-            print(what);
-        if (mControl != nullptr)
-            mControl->tell(what);
-    }
-
-    /// The address first of all, for scripts that read one line and go on; then
-    /// what has happened so far.
-    void begin(const std::string& address)
-    {
-        std::lock_guard lock(mMutex);
-        std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", address.c_str());
-        std::fflush(stdout);
-        mBegun = true;
-        for (const std::string& what : mHeld)
-            if (!mQuiet)
-                print(what);
-        mHeld.clear();
-    }
-
-private:
-    static void print(const std::string& what)
-    {
-        using namespace std::chrono;
-        const auto now = system_clock::now();
-        const std::time_t seconds = system_clock::to_time_t(now);
-        const auto fraction = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
-        std::tm local{};
-        localtime_r(&seconds, &local);
-        std::array<char, 16> text{};
-        std::strftime(text.data(), text.size(), "%H:%M:%S", &local);
-        std::printf("%s.%03d %s\n", text.data(), static_cast<int>(fraction), what.c_str());
-        std::fflush(stdout);
-    }
-
-    bool mQuiet;
-    std::mutex mMutex;
-    bool mBegun = false;
-    std::vector<std::string> mHeld;
-    Control* mControl = nullptr;
-};
-
-/// The narrator passes things on for as long as this lives.
-class Hearing
-{
-public:
-    Hearing(Narrator& narrator, Control& control) : mNarrator(narrator) { mNarrator.hear(&control); }
-    ~Hearing() { mNarrator.hear(nullptr); }
-    Hearing(const Hearing&) = delete;
-    Hearing& operator=(const Hearing&) = delete;
-
-private:
-    Narrator& mNarrator;
-};
-
 gboolean onSignal(gpointer loop)
 {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
     return G_SOURCE_CONTINUE;
 }
 
-void prepareRemote(Simulator& simulator, const Settings& settings)
-{
-    if (settings.noRemote)
-        return;
-    if (!settings.image.empty())
-        simulator.remote().receiver().setExpectedImage(vexasim::readFile(settings.image));
-    if (settings.away)
-        simulator.remote().leave();
-    if (settings.asleep)
-        simulator.remote().sleep();
-}
-
 void play(Settings& settings)
 {
-    Narrator narrator(settings.quiet);
+    vexasim::Narrator narrator(settings.quiet);
     settings.simulator.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
     Simulator simulator(settings.simulator);
-    prepareRemote(simulator, settings);
+    if (!settings.noRemote)
+        prepare(simulator.remote(), settings);
     const std::shared_ptr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
     Control control(simulator, settings.files, [&loop] { g_main_loop_quit(loop.get()); });
     g_unix_signal_add(SIGINT, onSignal, loop.get());
     g_unix_signal_add(SIGTERM, onSignal, loop.get());
-    const Hearing hearing(narrator, control);
+    const vexasim::Hearing hearing(narrator, control.object());
     simulator.startService();
-    narrator.begin(simulator.busAddress());
+    narrator.begin("DBUS_SYSTEM_BUS_ADDRESS=" + simulator.busAddress());
     g_main_loop_run(loop.get());
     simulator.stopService(Simulator::Stop::Terminate);
 }
@@ -302,11 +165,12 @@ int main(int argc, char** argv)
     Settings settings;
     addBusOptions(app, settings);
     addStackOptions(app, settings);
+    addSimulatedRemoteOptions(app, settings);
     addRemoteOptions(app, settings);
     addBoxOptions(app, settings);
     CLI11_PARSE(app, argc, argv);
     try {
-        complete(settings);
+        completeAll(settings);
         play(settings);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vexasim: %s\n", error.what());
