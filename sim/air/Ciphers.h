@@ -36,7 +36,7 @@ Bytes randomBytes(size_t size);
 template <size_t size>
 std::array<uint8_t, size> randomArray()
 {
-    std::array<uint8_t, size> array;
+    std::array<uint8_t, size> array{};
     const Bytes bytes = randomBytes(size);
     std::copy(bytes.begin(), bytes.end(), array.begin());
     return array;

@@ -27,7 +27,7 @@ public:
     std::string add(const AdapterOptions& options);
     /// Takes it off the bus with its devices, children first.
     void remove(const std::string& path);
-    void setPowered(const std::string& path, bool powered);
+    void setPowered(const std::string& path, bool on);
     bool discovering(const std::string& path) const;
 
     void addPeripheral(const std::shared_ptr<Peripheral>& peripheral);

@@ -79,7 +79,7 @@ public:
 private:
     struct Inlet;
     static GDBusMessage* filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
-                                gpointer inlet);
+                                gpointer data);
     Variant callBus(const char* method, const Variant& parameters);
 
     GDBusConnection* mConnection = nullptr;

@@ -40,7 +40,7 @@ public:
 
 private:
     struct Entry {
-        BendId id;
+        BendId id = 0;
         Bend bend;
     };
 

@@ -5,13 +5,11 @@
 
 #include <string>
 
-namespace vexasim
-{
-
 /// What is known of BlueZ's interfaces: members, signatures, access. Immutable,
 /// any thread.
-namespace introspection
+namespace vexasim::introspection
 {
+
 /// Null for an interface that isn't BlueZ's.
 GDBusInterfaceInfo* find(const std::string& interface);
 /// Null if the interface has no such method.
@@ -21,6 +19,4 @@ const GDBusPropertyInfo* findProperty(const std::string& interface, const std::s
 std::string inSignature(const GDBusMethodInfo* method);
 /// "<interface ...>...</interface>", empty of members if it isn't BlueZ's.
 std::string xml(const std::string& interface);
-} // namespace introspection
-
-} // namespace vexasim
+} // namespace vexasim::introspection

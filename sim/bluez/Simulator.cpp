@@ -55,7 +55,7 @@ auto Simulator::run(Function function) const
     }
 }
 
-Simulator::Simulator(SimulatorOptions options)
+Simulator::Simulator(const SimulatorOptions& options)
 {
     if (options.busAddress.empty())
         mBus = std::make_unique<PrivateBus>(options.busDirectory);

@@ -70,7 +70,7 @@ class Simulator
 {
 public:
     /// Returns when org.bluez has an owner. Throws std::runtime_error.
-    explicit Simulator(SimulatorOptions options = {});
+    explicit Simulator(const SimulatorOptions& options = {});
     ~Simulator();
     Simulator(const Simulator&) = delete;
     Simulator& operator=(const Simulator&) = delete;
@@ -170,7 +170,7 @@ public:
                    std::chrono::milliseconds limit = std::chrono::seconds{10}) const;
     /// Waits until a property on the bus has a value, for steps that take time
     /// in the simulator (for instance a connection made by the daemon).
-    bool awaitProperty(const std::string& path, const std::string& interface, const std::string& property,
+    bool awaitProperty(const std::string& path, const std::string& interface, const std::string& name,
                        const Variant& value,
                        std::chrono::milliseconds limit = std::chrono::seconds{10}) const;
 

@@ -121,6 +121,7 @@ std::string NSTime::toString(const std::string& format) const
     constexpr std::size_t kExpansion = 5;
     const std::time_t seconds = toTimeT();
     const std::size_t size = format.size() * kExpansion;
+    // cppcheck-suppress allocaCalled ; five times a format that the program wrote
     auto* buffer = static_cast<char*>(alloca(size + 1));
     std::fill_n(buffer, size + 1, '\0');
     std::strftime(buffer, size, format.c_str(), std::localtime(&seconds));

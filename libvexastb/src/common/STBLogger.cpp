@@ -189,7 +189,7 @@ private:
 template <typename T>
 union Immortal {
     Immortal() : value() {}
-    ~Immortal() {}
+    ~Immortal() {} // NOLINT(modernize-use-equals-default): that would delete it
     Immortal(const Immortal&) = delete;
     Immortal& operator=(const Immortal&) = delete;
 
