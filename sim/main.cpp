@@ -95,13 +95,15 @@ void setTiming(Timings& timings, const std::string& text)
         {"temporary", &Timings::temporary},
         {"rssi", &Timings::rssi},
     };
+    const std::string complaint = "--timing " + text + ": NAME=MILLISECONDS is wanted, see --help";
     const auto equals = text.find('=');
     for (const auto& [name, member] : known)
         if (equals != std::string::npos && text.substr(0, equals) == name) {
-            timings.*member = std::chrono::milliseconds{std::stoul(text.substr(equals + 1))};
+            timings.*member =
+                std::chrono::milliseconds{vexasim::wholeNumber(text.substr(equals + 1), 10, complaint)};
             return;
         }
-    throw std::invalid_argument("--timing " + text + ": NAME=MILLISECONDS is wanted, see --help");
+    throw std::invalid_argument(complaint);
 }
 
 /// "00:1A:7D:DA:71:13" for the first adapter, one more for each next.
@@ -146,11 +148,11 @@ void play(Settings& settings)
     if (!settings.noRemote)
         prepare(simulator.remote(), settings);
     const std::shared_ptr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
+    simulator.startService();
     Control control(simulator, settings.files, [&loop] { g_main_loop_quit(loop.get()); });
     g_unix_signal_add(SIGINT, onSignal, loop.get());
     g_unix_signal_add(SIGTERM, onSignal, loop.get());
     const vexasim::Hearing hearing(narrator, control.object());
-    simulator.startService();
     narrator.begin("DBUS_SYSTEM_BUS_ADDRESS=" + simulator.busAddress());
     g_main_loop_run(loop.get());
     simulator.stopService(Simulator::Stop::Terminate);

@@ -12,13 +12,25 @@ namespace
 {
 Bytes versionBytes(const std::string& hexadecimal)
 {
-    std::size_t used = 0;
-    const unsigned long version = std::stoul(hexadecimal, &used, 16);
-    if (used != hexadecimal.size() || version > 0xffff)
-        throw std::invalid_argument("--fw-version " + hexadecimal + ": 0 to ffff is wanted");
+    const std::string complaint = "--fw-version " + hexadecimal + ": 0 to ffff is wanted";
+    const unsigned long version = wholeNumber(hexadecimal, 16, complaint);
+    if (version > 0xffff)
+        throw std::invalid_argument(complaint);
     return {static_cast<uint8_t>(version & 0xff), static_cast<uint8_t>(version >> 8)};
 }
 } // namespace
+
+unsigned long wholeNumber(const std::string& text, int base, const std::string& complaint)
+{
+    try {
+        std::size_t used = 0;
+        const unsigned long value = std::stoul(text, &used, base);
+        if (used == text.size())
+            return value;
+    } catch (const std::logic_error&) { // NOLINT(bugprone-empty-catch): its text helps nobody
+    }
+    throw std::invalid_argument(complaint);
+}
 
 void addRemoteOptions(CLI::App& app, RemoteSettings& settings)
 {

@@ -31,6 +31,10 @@ struct RemoteSettings {
 void addRemoteOptions(CLI::App& app, RemoteSettings& settings);
 void addBoxOptions(CLI::App& app, RemoteSettings& settings);
 
+/// The whole text as a number of that base. Throws std::invalid_argument with
+/// `complaint`.
+unsigned long wholeNumber(const std::string& text, int base, const std::string& complaint);
+
 /// Fills in `remote` what the options only say in words. Throws
 /// std::invalid_argument or std::runtime_error.
 void complete(RemoteSettings& settings);
