@@ -17,10 +17,13 @@
 _Unwind_Ptr realGetIp(_Unwind_Context*) __asm__("__real__Unwind_GetIP");
 _Unwind_Ptr wrappedGetIp(_Unwind_Context*) __asm__("__wrap__Unwind_GetIP");
 
+// At an even address, since the trace leaves out the lowest bit of an address.
+#define TRACED_FUNCTION __attribute__((noinline, aligned(16)))
+
 // Exported, so that the stack trace knows them.
 extern "C" {
-__attribute__((noinline)) int innerFunction(std::FILE* stream);
-__attribute__((noinline)) int outerFunction(std::FILE* stream);
+TRACED_FUNCTION int innerFunction(std::FILE* stream);
+TRACED_FUNCTION int outerFunction(std::FILE* stream);
 }
 
 namespace
@@ -53,7 +56,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 
 // Not exported, so dladdr doesn't know it.
-__attribute__((noinline)) int hiddenFunction()
+TRACED_FUNCTION int hiddenFunction()
 {
     return std::rand();
 }

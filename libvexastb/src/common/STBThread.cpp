@@ -54,8 +54,13 @@ void STBThread::start(OnThreadCompletedListener* listener)
 void STBThread::thread()
 {
     run();
-    if (_listener != nullptr) {
-        _listener->onThreadCompleted(this);
+    OnThreadCompletedListener* listener = nullptr;
+    {
+        const pthread_helper::scoped_lock lock(_sleepMutex); // a refused start may be replacing it
+        listener = _listener;
+    }
+    if (listener != nullptr) {
+        listener->onThreadCompleted(this);
     }
 }
 
