@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+
+/**
+ * Stands between the code under test and GIO: notes the arguments of the calls that don't show on the bus
+ * (flags, timeouts, cancellables), and can answer a call with what no bus would ever deliver. Linked into a
+ * test, its functions take the place of GIO's own of the same name and pass each call on to them.
+ */
+class GioSpy
+{
+public:
+    struct Call {
+        std::string function;   ///< "g_dbus_proxy_call_sync"
+        std::string path;       ///< the object
+        std::string interface;  ///< of a proxy, or as given
+        std::string method;     ///< empty where the function has none
+        std::string parameters; ///< as GVariant text, "null" for none
+        int flags = 0;
+        int timeoutMs = 0;
+        bool cancellable = false; ///< whether one was given
+        bool error = false;       ///< whether a place for the error was given
+    };
+    /// Takes the place of a synchronous method call: a reply of any type, or null.
+    using Stand = std::function<GVariant*(GError**)>;
+
+    /// From here on calls to org.bluez are noted; a spy at a time.
+    GioSpy();
+    ~GioSpy();
+    GioSpy(const GioSpy&) = delete;
+    GioSpy& operator=(const GioSpy&) = delete;
+
+    /// In the order in which they were made.
+    std::vector<Call> calls() const;
+    /// Those with that method.
+    std::vector<Call> calls(const std::string& method) const;
+    /// How often this process has given back a reference to a main context by its own code.
+    int contextUnrefs() const;
+    /// Answers every synchronous call of this method on a proxy without going to the bus.
+    void answer(const std::string& method, Stand stand);
+    /// From here on no proxy can be made.
+    void failNewProxies();
+    /// Calls with the library's default timeout get this one, so that nobody has to wait for 25 s.
+    void setDefaultTimeout(std::chrono::milliseconds timeout);
+};
+
+std::ostream& operator<<(std::ostream& out, const GioSpy::Call& call);
