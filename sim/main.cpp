@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "sim/air/AirCommand.h"
 #include "sim/bluez/Simulator.h"
 #include "sim/control/Control.h"
 #include "sim/control/Narrator.h"
@@ -170,8 +171,13 @@ int main(int argc, char** argv)
     addSimulatedRemoteOptions(app, settings);
     addRemoteOptions(app, settings);
     addBoxOptions(app, settings);
+    vexasim::air::AirCommand air(app);
     CLI11_PARSE(app, argc, argv);
     try {
+        if (air.chosen()) {
+            air.run();
+            return 0;
+        }
         completeAll(settings);
         play(settings);
     } catch (const std::exception& error) {

@@ -61,6 +61,10 @@ constexpr const char* kXml = R"xml(<node>
    <arg name="adapter" type="s" direction="in"/><arg name="powered" type="b" direction="in"/>
   </method>
 
+  <!-- What only the air shows of the remote. -->
+  <method name="SetRadio"><arg name="radio" type="a{sv}" direction="in"/></method>
+  <method name="HangUp"/>
+
   <!-- bluetoothd itself. -->
   <method name="StopService"><arg name="how" type="s" direction="in"/></method>
   <method name="StartService"/>

@@ -157,6 +157,21 @@ UpdateAppearance updateAppearance(GVariant* source)
     return appearance;
 }
 
+void changeRadio(air::RadioOptions& options, GVariant* source)
+{
+    const auto flag = [](bool& target) { return [&target](GVariant* value) { target = boolean(value); }; };
+    apply(source, {
+                      {"name-in-scan-response", flag(options.nameInScanResponse)},
+                      {"secure-connections", flag(options.secureConnections)},
+                      {"refuses-repeated", flag(options.refusesRepeated)},
+                      {"fails-confirm", flag(options.failsConfirm)},
+                      {"asks-for-security", flag(options.asksForSecurity)},
+                      {"private-address", flag(options.privateAddress)},
+                      {"advertising-interval",
+                       [&](GVariant* value) { options.advertisingInterval = milliseconds(value); }},
+                  });
+}
+
 Bend bend(const std::string& member, GVariant* source)
 {
     Bend result = Bend::silence(member);

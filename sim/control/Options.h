@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "sim/air/PeripheralRadio.h"
 #include "sim/bluez/Simulator.h"
 
 #include <map>
@@ -19,6 +20,8 @@ InterfaceMap interfaces(GVariant* value);
 
 UpdateFault updateFault(GVariant* dictionary);
 UpdateAppearance updateAppearance(GVariant* dictionary);
+/// Changes what the dictionary names, leaves the rest.
+void changeRadio(air::RadioOptions& options, GVariant* dictionary);
 Bend bend(const std::string& member, GVariant* dictionary);
 Peripheral::Pairing pairing(const std::string& word);
 Simulator::Stop stop(const std::string& word);

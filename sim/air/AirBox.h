@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/Air.h"
+#include "sim/air/Controller.h"
+#include "sim/air/PeripheralRadio.h"
+#include "sim/air/VhciTransport.h"
+#include "sim/model/Remote.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vexasim::air
+{
+
+struct AirBoxOptions {
+    std::string device = "/dev/vhci";
+    std::string address = "00:1A:7D:DA:71:13"; ///< of the box's adapter
+    Pace pace = Pace::RealTime;
+    RemoteOptions remote;
+    RadioOptions radio; ///< of every remote at its beginning
+    /// Hears one line of text for each thing that happens.
+    std::function<void(const std::string&)> onEvent;
+    /// The kernel gave up the controller without being asked to.
+    std::function<void(const std::string&)> onLost;
+};
+
+/// A box's Bluetooth adapter with remotes around it, for the kernel of the
+/// machine it runs on. Lives on the GLib main context that is the thread's
+/// default when it is made; the remotes must be used on that thread too.
+class AirBox
+{
+public:
+    /// A remote and its two radios, one for each personality.
+    struct RemoteOnAir {
+        std::shared_ptr<Remote> remote;
+        std::shared_ptr<PeripheralRadio> normal;
+        std::shared_ptr<PeripheralRadio> update;
+    };
+
+    /// Without the adapter at first. Throws std::invalid_argument for options
+    /// that make no sense.
+    explicit AirBox(AirBoxOptions options);
+    ~AirBox();
+    AirBox(const AirBox&) = delete;
+    AirBox& operator=(const AirBox&) = delete;
+
+    /// The first is the one of the options.
+    const std::vector<RemoteOnAir>& remotes() const { return mRemotes; }
+    /// Throws std::invalid_argument if its address is malformed or taken.
+    const RemoteOnAir& addRemote(const RemoteOptions& options);
+    /// Off the air for good; throws std::invalid_argument if none has that address.
+    void removeRemote(const std::string& address);
+
+    /// Takes the adapter away, links and all, as one pulls a dongle. The
+    /// remotes stay where they are.
+    void unplug();
+    /// Puts it in; nothing happens if it is there. The main context must run
+    /// from then on, since the kernel waits only two seconds for an answer.
+    /// Throws std::runtime_error if the kernel gives no controller.
+    void plug();
+    bool plugged() const { return mTransport != nullptr; }
+
+    /// The number in hciN; empty until the kernel has told it.
+    std::optional<unsigned> index() const;
+
+private:
+    std::vector<RemoteOnAir>::iterator find(const std::string& address);
+    void say(const std::string& text) const;
+
+    const AirBoxOptions mOptions;
+    const Address mAddress;
+    MainLoopClock mClock;
+    Air mAir;
+    std::vector<RemoteOnAir> mRemotes;
+    std::unique_ptr<VhciTransport> mTransport;
+    std::unique_ptr<Controller> mController;
+};
+
+} // namespace vexasim::air
