@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+// Runs every example of docs/simulator.md that is marked for it, in order, in
+// one shell against one simulator.
+#include "sim/bluez/PrivateBus.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace
+{
+constexpr const char* kMark = "<!-- run -->\n```sh\n";
+constexpr const char* kEnd = "```";
+
+std::string contentOf(const std::string& path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string examples()
+{
+    const std::string manual = contentOf(SIMULATOR_MANUAL);
+    std::string script;
+    for (auto at = manual.find(kMark); at != std::string::npos; at = manual.find(kMark, at)) {
+        at += std::string(kMark).size();
+        script += manual.substr(at, manual.find(kEnd, at) - at);
+    }
+    return script;
+}
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to)
+{
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+        text.replace(at, from.size(), to);
+}
+} // namespace
+
+TEST(TheManual, HasExamplesThatRun)
+{
+    std::string pattern = testing::TempDir() + "sim_manual_XXXXXX";
+    const std::string folder = mkdtemp(pattern.data());
+    const vexasim::PrivateBus bus;
+    std::string script = examples();
+    ASSERT_THAT(script, testing::HasSubstr("sim Quit"));
+    replaceAll(script, "/tmp/evening", folder);
+    replaceAll(script, "build/debug/utils/vexafw/vexafw", VEXAFW_PROGRAM);
+    // The simulator that the examples talk to, ready when its first line is there.
+    std::ofstream(folder + "/script")
+        << "set -e\nDBUS_SYSTEM_BUS_ADDRESS=" << bus.address() << "\n"
+        << VEXASIM_PROGRAM << " --address \"$DBUS_SYSTEM_BUS_ADDRESS\" --adc-file " << folder
+        << "/button --tmp " << folder << " > " << folder << "/log &\n"
+        << "until grep -q DBUS " << folder << "/log; do sleep 0.02; done\n"
+        << "set -x\n"
+        << script << "wait\n";
+    const int status = std::system(("bash " + folder + "/script > " + folder + "/said 2>&1").c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 0) << contentOf(folder + "/said");
+    std::filesystem::remove_all(folder);
+}
