@@ -43,7 +43,7 @@ protected:
         ASSERT_TRUE(box.startToIdle());
         box.remote().leave();
         box.setFlag("reset");
-        ASSERT_TRUE(box.awaitStatus("scanning"));
+        ASSERT_TRUE(box.awaitWaitAt("scanning"));
     }
 
     /// The stack says that it is paired, but never tells of the change.
@@ -147,7 +147,7 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInThePairingWait)
     claimPaired();
     ASSERT_TRUE(box.startToIdle());
     box.setFlag("reset");
-    ASSERT_TRUE(box.awaitStatus("pairing"));
+    ASSERT_TRUE(box.awaitWaitAt("pairing"));
     box.interruptTwice();
 
     EXPECT_EQ(box.awaitExit(), Exit::with(1));
@@ -188,7 +188,8 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForAHandlersLock)
     box.sim().bend(Bend::silence("Get").property("Name"));
     box.sim().announce(box.remote().normal());
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
-    ASSERT_LOG(box, TRACE, "main", "IDLING..."); // the handler's call hangs under the lock that this pass wants
+    ASSERT_LOG(box, TRACE, "main",
+               "IDLING..."); // the handler's call hangs under the lock that this pass wants
     box.interrupt();
     ASSERT_LOG(box, WARN, "main", "Interrupt!");
     box.interrupt();

@@ -157,15 +157,18 @@ TEST_F(ARoom, AwaitsLogLinesInTheirOrder)
 
 TEST_F(ARoom, KeepsTheCourseOfAFile)
 {
-    ASSERT_EQ(mkfifo(room.file("p1").c_str(), 0600), 0);
-    sh("cd /tmp; echo one > f; read x < p1; echo two > f; read x < p1; rm f; read x < p1; echo two > f");
+    for (const char* gate : {"gate1", "gate2", "gate3"}) {
+        ASSERT_EQ(mkfifo(room.file(gate).c_str(), 0600), 0);
+    }
+    sh("cd /tmp; echo one > f; read x < gate1; echo two > f; read x < gate2; rm f; read x < gate3; echo two "
+       "> f");
 
     EXPECT_TRUE(room.files().await("f", "one"));
-    room.writeText("p1", "go\n");
+    room.writeText("gate1", "go\n");
     EXPECT_TRUE(room.files().await("f", "two"));
-    room.writeText("p1", "go\n");
+    room.writeText("gate2", "go\n");
     EXPECT_TRUE(room.files().awaitGone("f"));
-    room.writeText("p1", "go\n");
+    room.writeText("gate3", "go\n");
     EXPECT_EQ(room.awaitExit(), Exit::with(0));
     EXPECT_THAT(room.files().course("f"), ElementsAre("one", "two", kGone, "two"));
     EXPECT_EQ(room.files().writes("f"), 3U);
@@ -174,11 +177,11 @@ TEST_F(ARoom, KeepsTheCourseOfAFile)
 
 TEST_F(ARoom, NeverLosesTheLastContentBeforeARemoval)
 {
-    ASSERT_EQ(mkfifo(room.file("p1").c_str(), 0600), 0);
-    sh("cd /tmp; echo one > f; read x < p1; echo two > f; echo three > f; rm f");
+    ASSERT_EQ(mkfifo(room.file("gate").c_str(), 0600), 0);
+    sh("cd /tmp; echo one > f; read x < gate; echo two > f; echo three > f; rm f");
 
     EXPECT_TRUE(room.files().await("f", "one"));
-    room.writeText("p1", "go\n");
+    room.writeText("gate", "go\n");
     EXPECT_EQ(room.awaitExit(), Exit::with(0));
     const std::vector<std::string> course = room.files().course("f");
     ASSERT_GE(course.size(), 3U);

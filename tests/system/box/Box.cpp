@@ -205,6 +205,11 @@ bool Box::isOfDaemon(const vexasim::Call& call) const
     return call.sender != g_dbus_connection_get_unique_name(mAnother);
 }
 
+bool Box::awaitWaitAt(const std::string& word)
+{
+    return awaitStatus(word) && program().awaitMainThreadOnCondition();
+}
+
 std::vector<std::string> Box::busCalls() const
 {
     std::vector<std::string> texts;

@@ -68,6 +68,8 @@ public:
     /// Summaries of one module's records up to a level, in order.
     std::vector<std::string> logOf(const std::string& module, Level upTo = DEBUG);
     bool awaitStatus(const std::string& word);
+    /// Until pair() has published "scanning" or "pairing" and waits behind that.
+    bool awaitWaitAt(const std::string& word);
     /// The course of /tmp/bluetooth_status.
     std::vector<std::string> statusCourse() { return files().course("bluetooth_status"); }
 

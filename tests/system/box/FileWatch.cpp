@@ -173,6 +173,7 @@ bool FileWatch::awaitWrites(const std::string& name, std::size_t count, std::chr
 
 std::size_t FileWatch::writes(const std::string& name) const
 {
+    sync();
     const std::lock_guard<std::mutex> lock(mMutex);
     const auto file = mFiles.find(name);
     return file == mFiles.end() ? 0 : file->second.writes;

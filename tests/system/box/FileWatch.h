@@ -44,6 +44,8 @@ public:
     /// also with what it held already.
     bool awaitWrites(const std::string& name, std::size_t count,
                      std::chrono::milliseconds limit = kPatience) const;
+    // These first see to it that everything that has happened so far is recorded.
+
     std::size_t writes(const std::string& name) const;
     /// What a file came to hold, in order; empty if it was never there.
     std::vector<std::string> course(const std::string& name) const;

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "LogReader.h"
 
+#include <poll.h>
+#include <sys/ioctl.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -76,40 +79,57 @@ LogReader::~LogReader()
 // Ends when the program has closed its side, which its end does.
 void LogReader::read()
 {
-    std::string line;
-    std::array<char, 4096> buffer{};
-    for (;;) {
-        const ssize_t size = ::read(mSource.get(), buffer.data(), buffer.size());
-        if (size < 0 && errno == EINTR) {
-            continue;
-        }
-        if (size <= 0) { // a terminal whose other side is closed answers EIO
-            break;
-        }
-        for (const char* c = buffer.data(); c != buffer.data() + size; ++c) {
-            if (*c == '\n') {
-                append(line);
-                line.clear();
-            } else {
-                line += *c;
-            }
-        }
+    pollfd watched{mSource.get(), POLLIN, 0};
+    bool open = true;
+    while (open) {
+        poll(&watched, 1, -1);
+        // Held from the pipe to the records: what isn't in the one is in the other.
+        const std::lock_guard<std::mutex> lock(mMutex);
+        open = readSome();
+        mEnded = !open;
+        mChanged.notify_all();
     }
-    append(line);
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mEnded = true;
-    mChanged.notify_all();
 }
 
-void LogReader::append(const std::string& raw)
+bool LogReader::readSome()
 {
-    LogRecord record = parseLogLine(raw);
-    if (record.foreign && record.text.empty()) {
-        return; // GLib begins its warnings with an empty line
+    std::array<char, 4096> buffer{};
+    const ssize_t size = ::read(mSource.get(), buffer.data(), buffer.size());
+    if (size < 0 && errno == EINTR) {
+        return true;
     }
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mRecords.push_back(std::move(record));
-    mChanged.notify_all();
+    if (size <= 0) { // a terminal whose other side is closed answers EIO
+        append();
+        return false;
+    }
+    for (const char* c = buffer.data(); c != buffer.data() + size; ++c) {
+        if (*c == '\n') {
+            append();
+        } else {
+            mLine += *c;
+        }
+    }
+    return true;
+}
+
+void LogReader::append()
+{
+    LogRecord record = parseLogLine(mLine);
+    mLine.clear();
+    if (!record.foreign || !record.text.empty()) { // GLib begins its warnings with an empty line
+        mRecords.push_back(std::move(record));
+    }
+}
+
+// Waits until all that the program has written is in the records.
+std::unique_lock<std::mutex> LogReader::lockAfterReading() const
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    mChanged.wait_for(lock, kPatience, [&] {
+        int unread = 0;
+        return mEnded || (ioctl(mSource.get(), FIONREAD, &unread) == 0 && unread == 0);
+    });
+    return lock;
 }
 
 template <typename Condition>
@@ -153,25 +173,25 @@ bool LogReader::awaitEnd(std::chrono::milliseconds limit) const
 
 void LogReader::skip()
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const auto lock = lockAfterReading();
     mCursor = mRecords.size();
 }
 
 std::vector<LogRecord> LogReader::records() const
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const auto lock = lockAfterReading();
     return mRecords;
 }
 
 std::size_t LogReader::count(const LogPredicate& predicate) const
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const auto lock = lockAfterReading();
     return static_cast<std::size_t>(std::count_if(mRecords.begin(), mRecords.end(), predicate));
 }
 
 std::string LogReader::tail(std::size_t lines) const
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const auto lock = lockAfterReading();
     std::string text;
     for (std::size_t i = mRecords.size() - std::min(lines, mRecords.size()); i < mRecords.size(); ++i) {
         text += "    " + (mRecords[i].foreign ? "            " : mRecords[i].time) + " " +

@@ -62,6 +62,8 @@ public:
     /// Waits for the program to close its side.
     bool awaitEnd(std::chrono::milliseconds limit = kPatience) const;
 
+    // These first see to it that all that the program has written so far is read.
+
     /// Awaits what comes from now on; what came is passed over.
     void skip();
     std::vector<LogRecord> records() const;
@@ -70,7 +72,9 @@ public:
 
 private:
     void read();
-    void append(const std::string& raw);
+    bool readSome();
+    void append();
+    std::unique_lock<std::mutex> lockAfterReading() const;
     template <typename Condition>
     bool awaitLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds limit,
                      Condition condition) const;
@@ -78,6 +82,7 @@ private:
     Handle mSource;
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;
+    std::string mLine; ///< begun, not ended
     std::vector<LogRecord> mRecords;
     std::size_t mCursor = 0;
     bool mEnded = false;

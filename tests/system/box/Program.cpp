@@ -261,17 +261,25 @@ char Program::mainThreadState() const
     return name != std::string::npos && name + 2 < line.size() ? line[name + 2] : '?';
 }
 
-bool Program::mainThreadIsInUsleep() const
+// The number of the system call that it is in; 0 or less if it is in none.
+long Program::mainThreadCall() const
 {
     const std::string call = ofMainThread(mPid, "syscall");
     if (call.empty()) {
-        return mainThreadState() == 'S'; // a kernel that doesn't tell; any wait has to do
+        throw std::runtime_error(
+            "/proc/PID/syscall can't be read: the kernel is to have CONFIG_HAVE_ARCH_TRACEHOOK, "
+            "and the tests need leave to trace their own children");
     }
-    const long number = std::strtol(call.c_str(), nullptr, 10); // 0 for "running"
+    return std::strtol(call.c_str(), nullptr, 10); // 0 for "running"
+}
+
+bool Program::mainThreadIsInUsleep() const
+{
+    const long call = mainThreadCall();
 #ifdef SYS_clock_nanosleep_time64
-    return number == SYS_clock_nanosleep || number == SYS_clock_nanosleep_time64;
+    return call == SYS_clock_nanosleep || call == SYS_clock_nanosleep_time64;
 #else
-    return number == SYS_clock_nanosleep;
+    return call == SYS_clock_nanosleep;
 #endif
 }
 
@@ -301,6 +309,18 @@ bool Program::poll(std::chrono::milliseconds limit, Condition condition) const
 bool Program::awaitMainThreadAsleep(std::chrono::milliseconds limit) const
 {
     return poll(limit, [this] { return mainThreadState() == 'S'; });
+}
+
+bool Program::awaitMainThreadOnCondition(std::chrono::milliseconds limit) const
+{
+    return poll(limit, [this] {
+        const long call = mainThreadCall();
+#ifdef SYS_futex_time64
+        return call == SYS_futex || call == SYS_futex_time64;
+#else
+        return call == SYS_futex;
+#endif
+    });
 }
 
 bool Program::awaitMainThreadInUsleep(std::chrono::milliseconds limit) const

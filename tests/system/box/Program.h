@@ -63,6 +63,8 @@ public:
     /// logs, and kills the process if the thread that it interrupts is in the
     /// logger itself: no test wants to meet that by chance.
     bool awaitMainThreadAsleep(std::chrono::milliseconds limit = kPatience) const;
+    /// Until the main thread waits on a condition, or for a lock.
+    bool awaitMainThreadOnCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInUsleep(std::chrono::milliseconds limit = kPatience) const;
     /// Until the main thread has come to a usleep that began after this call: it
     /// has gone through its loop at least once since.
@@ -78,6 +80,7 @@ private:
     void start(const ProgramOptions& options);
     void readExit(int status);
     char mainThreadState() const;
+    long mainThreadCall() const;
     bool mainThreadIsInUsleep() const;
     long mainThreadWaits() const;
     template <typename Condition>
