@@ -1,0 +1,275 @@
+// SPDX-License-Identifier: MIT
+#include "Agent.h"
+
+#include "STBLogger.h"
+
+#include <memory>
+#include <vector>
+
+namespace
+{
+
+constexpr const char* kStack = "org.bluez";
+constexpr const char* kManagerPath = "/org/bluez";
+constexpr const char* kManager = "org.bluez.AgentManager1";
+constexpr const char* kDevice = "org.bluez.Device1";
+constexpr const char* kPath = "/org/vexabluetoohtd/agent";
+constexpr const char* kCapability = "NoInputNoOutput";
+constexpr const char* kRejected = "org.bluez.Error.Rejected";
+
+// The remote's name in normal mode and, as it takes new firmware, in its update mode.
+constexpr const char* kRemoteName = "^VEXA.+$|BeeTgt";
+
+constexpr guint kRetrySeconds = 1;
+constexpr int kCallTimeoutMs = 5000;
+
+constexpr const char* kInterfaces = R"xml(<node>
+ <interface name="org.bluez.Agent1">
+  <method name="Release"/>
+  <method name="RequestPinCode">
+   <arg name="device" type="o" direction="in"/><arg name="code" type="s" direction="out"/>
+  </method>
+  <method name="DisplayPinCode">
+   <arg name="device" type="o" direction="in"/><arg name="code" type="s" direction="in"/>
+  </method>
+  <method name="RequestPasskey">
+   <arg name="device" type="o" direction="in"/><arg name="passkey" type="u" direction="out"/>
+  </method>
+  <method name="DisplayPasskey">
+   <arg name="device" type="o" direction="in"/><arg name="passkey" type="u" direction="in"/>
+   <arg name="entered" type="q" direction="in"/>
+  </method>
+  <method name="RequestConfirmation">
+   <arg name="device" type="o" direction="in"/><arg name="passkey" type="u" direction="in"/>
+  </method>
+  <method name="RequestAuthorization"><arg name="device" type="o" direction="in"/></method>
+  <method name="AuthorizeService">
+   <arg name="device" type="o" direction="in"/><arg name="uuid" type="s" direction="in"/>
+  </method>
+  <method name="Cancel"/>
+ </interface>
+</node>)xml";
+
+template <auto release>
+struct Release {
+    template <class T>
+    void operator()(T* object) const
+    {
+        release(object);
+    }
+};
+using ErrorOwner = std::unique_ptr<GError, Release<g_error_free>>;
+using VariantOwner = std::unique_ptr<GVariant, Release<g_variant_unref>>;
+
+bool isCancelled(const GError& error)
+{
+    return g_error_matches(&error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
+}
+
+void refuse(GDBusMethodInvocation* invocation, const char* why)
+{
+    g_dbus_method_invocation_return_dbus_error(invocation, kRejected, why);
+}
+
+} // namespace
+
+/// A request of bluetoothd that waits for the name of a device.
+struct Agent::Question {
+    Agent* agent;
+    GDBusMethodInvocation* invocation;
+    std::string device;
+};
+
+Agent::Agent()
+    : mInterfaces(g_dbus_node_info_new_for_xml(kInterfaces, nullptr)), mName(kRemoteName, REG_EXTENDED)
+{
+}
+
+Agent::~Agent()
+{
+    if (mRetry != 0)
+        g_source_remove(mRetry);
+    leave();
+    g_dbus_node_info_unref(mInterfaces);
+}
+
+// ---- the bus
+
+void Agent::start()
+{
+    if (!connect())
+        retryLater();
+}
+
+void Agent::retryLater()
+{
+    if (mRetry == 0)
+        mRetry = g_timeout_add_seconds(kRetrySeconds, onRetry, this);
+}
+
+gboolean Agent::onRetry(gpointer self)
+{
+    auto* agent = static_cast<Agent*>(self);
+    if (!agent->connect())
+        return G_SOURCE_CONTINUE;
+    agent->mRetry = 0;
+    return G_SOURCE_REMOVE;
+}
+
+bool Agent::connect()
+{
+    GError* failure = nullptr;
+    const std::unique_ptr<char, Release<g_free>> address(
+        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &failure));
+    const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    if (address)
+        mConnection =
+            g_dbus_connection_new_for_address_sync(address.get(), flags, nullptr, nullptr, &failure);
+    const ErrorOwner error(failure);
+    if (mConnection == nullptr) {
+        if (!mWaiting)
+            LOG_WARN("no system bus yet, waiting for it: %s", error->message);
+        mWaiting = true;
+        return false;
+    }
+    mWaiting = false;
+    mCancellable = g_cancellable_new();
+    g_signal_connect(mConnection, "closed", G_CALLBACK(onBusClosed), this);
+    const GDBusInterfaceVTable table{onCall, nullptr, nullptr, {}};
+    mObject = g_dbus_connection_register_object(mConnection, kPath, mInterfaces->interfaces[0], &table, this,
+                                                nullptr, nullptr);
+    mWatch = g_bus_watch_name_on_connection(mConnection, kStack, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                            onStackAppeared, onStackVanished, this, nullptr);
+    return true;
+}
+
+void Agent::leave()
+{
+    if (mConnection == nullptr)
+        return;
+    g_cancellable_cancel(mCancellable);
+    g_clear_object(&mCancellable);
+    g_signal_handlers_disconnect_by_data(mConnection, this);
+    g_bus_unwatch_name(mWatch);
+    g_dbus_connection_unregister_object(mConnection, mObject);
+    // bluetoothd forgets the agent of a connection that is gone.
+    g_dbus_connection_close_sync(mConnection, nullptr, nullptr);
+    g_clear_object(&mConnection);
+}
+
+void Agent::onBusClosed(GDBusConnection*, gboolean, GError*, gpointer self)
+{
+    auto* agent = static_cast<Agent*>(self);
+    LOG_WARN("the system bus is gone, waiting for it");
+    agent->mWaiting = true;
+    agent->leave();
+    agent->retryLater();
+}
+
+// ---- bluetoothd
+
+void Agent::onStackAppeared(GDBusConnection*, const char*, const char*, gpointer self)
+{
+    static_cast<Agent*>(self)->callManager("RegisterAgent", g_variant_new("(os)", kPath, kCapability),
+                                           onRegistered);
+}
+
+void Agent::onStackVanished(GDBusConnection* connection, const char*, gpointer)
+{
+    // Without a connection it is the bus that has vanished, and that is said elsewhere.
+    if (connection != nullptr)
+        LOG_INFO("bluetoothd isn't there; registering when it comes");
+}
+
+void Agent::callManager(const char* method, GVariant* parameters, GAsyncReadyCallback done)
+{
+    g_dbus_connection_call(mConnection, kStack, kManagerPath, kManager, method, parameters, nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, mCancellable, done, this);
+}
+
+void Agent::onRegistered(GObject* connection, GAsyncResult* result, gpointer self)
+{
+    GError* failure = nullptr;
+    const VariantOwner reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
+    const ErrorOwner error(failure);
+    if (error && isCancelled(*error))
+        return;
+    if (error) {
+        LOG_ERROR("bluetoothd doesn't take the agent: %s", error->message);
+        return;
+    }
+    static_cast<Agent*>(self)->callManager("RequestDefaultAgent", g_variant_new("(o)", kPath), onMadeDefault);
+}
+
+void Agent::onMadeDefault(GObject* connection, GAsyncResult* result, gpointer)
+{
+    GError* failure = nullptr;
+    const VariantOwner reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
+    const ErrorOwner error(failure);
+    if (error && isCancelled(*error))
+        return;
+    if (error)
+        LOG_ERROR("bluetoothd doesn't make it the default agent: %s", error->message);
+    else
+        LOG_INFO("registered as the default agent");
+}
+
+// ---- what bluetoothd asks
+
+void Agent::onCall(GDBusConnection*, const char*, const char*, const char*, const char* method,
+                   GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self)
+{
+    const std::string asked = method;
+    if (asked == "Release")
+        LOG_INFO("bluetoothd released the agent");
+    if (asked == "Release" || asked == "Cancel")
+        return g_dbus_method_invocation_return_value(invocation, nullptr);
+
+    const char* device = nullptr;
+    g_variant_get_child(parameters, 0, "&o", &device);
+    if (asked == "RequestAuthorization")
+        return static_cast<Agent*>(self)->askForName(device, invocation);
+    LOG_WARN("%s refused to %s: this box has neither keys nor display", method, device);
+    refuse(invocation, "this box pairs its remote without a passkey, and nothing else");
+}
+
+void Agent::askForName(const char* device, GDBusMethodInvocation* invocation)
+{
+    // Not the alias, which anybody who may use the bus can set.
+    g_dbus_connection_call(mConnection, kStack, device, "org.freedesktop.DBus.Properties", "Get",
+                           g_variant_new("(ss)", kDevice, "Name"), G_VARIANT_TYPE("(v)"),
+                           G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, mCancellable, onName,
+                           new Question{this, invocation, device});
+}
+
+void Agent::onName(GObject* connection, GAsyncResult* result, gpointer data)
+{
+    const std::unique_ptr<Question> question(static_cast<Question*>(data));
+    GError* failure = nullptr;
+    const VariantOwner reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
+    const ErrorOwner error(failure);
+    if (error) {
+        if (!isCancelled(*error))
+            LOG_WARN("pairing refused to %s, whose name can't be read: %s", question->device.c_str(),
+                     error->message);
+        return refuse(question->invocation, "a device without a name isn't the remote");
+    }
+    GVariant* boxed = nullptr;
+    g_variant_get(reply.get(), "(v)", &boxed);
+    const VariantOwner value(boxed);
+    const bool isText = g_variant_is_of_type(boxed, G_VARIANT_TYPE_STRING) != FALSE;
+    const std::string name = isText ? g_variant_get_string(boxed, nullptr) : "";
+    if (!question->agent->isRemote(name)) {
+        LOG_WARN("pairing refused to %s \"%s\": not the remote", question->device.c_str(), name.c_str());
+        return refuse(question->invocation, "not the remote");
+    }
+    LOG_INFO("pairing granted to %s \"%s\"", question->device.c_str(), name.c_str());
+    g_dbus_method_invocation_return_value(question->invocation, nullptr);
+}
+
+bool Agent::isRemote(const std::string& name)
+{
+    std::vector<std::string> groups;
+    return mName.match(name, groups, 0);
+}

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "NSRegExp.h"
+
+#include <gio/gio.h>
+
+#include <string>
+
+/// The pairing agent of a box without keys or display. bluetoothd pairs nothing
+/// unless some program has registered one, and asks it when a device wants to
+/// pair of its own accord. This one registers as the default agent whenever
+/// bluetoothd appears, lets devices with the remote's name pair without a
+/// passkey, and refuses everything else.
+///
+/// Sources: org.bluez.AgentManager1 and org.bluez.Agent1. All of it runs on the
+/// thread of the default main context.
+class Agent
+{
+public:
+    Agent();
+    ~Agent();
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    /// Joins the system bus, and again whenever it was lost; until it is there,
+    /// one attempt a second.
+    void start();
+
+private:
+    struct Question;
+
+    static gboolean onRetry(gpointer self);
+    static void onBusClosed(GDBusConnection*, gboolean, GError*, gpointer self);
+    static void onStackAppeared(GDBusConnection*, const char*, const char*, gpointer self);
+    static void onStackVanished(GDBusConnection*, const char*, gpointer self);
+    static void onRegistered(GObject* connection, GAsyncResult* result, gpointer self);
+    static void onMadeDefault(GObject* connection, GAsyncResult* result, gpointer self);
+    static void onCall(GDBusConnection*, const char*, const char*, const char*, const char* method,
+                       GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self);
+    static void onName(GObject* connection, GAsyncResult* result, gpointer question);
+
+    bool connect();
+    void leave();
+    void retryLater();
+    void callManager(const char* method, GVariant* parameters, GAsyncReadyCallback done);
+    void askForName(const char* device, GDBusMethodInvocation* invocation);
+    bool isRemote(const std::string& name);
+
+    GDBusConnection* mConnection = nullptr;
+    GDBusNodeInfo* mInterfaces;
+    GCancellable* mCancellable = nullptr; ///< of the calls under way
+    NSRegExp mName;
+    guint mObject = 0;
+    guint mWatch = 0;
+    guint mRetry = 0;
+    bool mWaiting = false; ///< it has been said that the bus is missing
+};
