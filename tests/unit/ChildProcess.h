@@ -33,8 +33,15 @@ struct Outcome {
             out << "ended with status " << WEXITSTATUS(outcome.status);
         }
         return out << "\n-- standard output:\n"
-                   << outcome.output << "-- standard error:\n"
-                   << outcome.errors << "--\n";
+                   << endOf(outcome.output) << "-- standard error:\n"
+                   << endOf(outcome.errors) << "--\n";
+    }
+
+    /// What fits on a screen.
+    static std::string endOf(const std::string& text)
+    {
+        constexpr std::size_t kShown = 4000;
+        return text.size() <= kShown ? text : "...\n" + text.substr(text.size() - kShown);
     }
 };
 

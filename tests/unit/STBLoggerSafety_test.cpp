@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <future>
 #include <new>
 #include <string>
 #include <thread>
@@ -14,7 +17,7 @@
 
 #include "STBLoggerChild.h"
 
-// --- Allocations, counted
+// --- Memory: allocations are counted, and what is freed is spoilt
 
 namespace
 {
@@ -36,8 +39,9 @@ void operator delete(void* memory) noexcept
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t) noexcept
+void operator delete(void* memory, std::size_t size) noexcept
 {
+    std::memset(memory, 'Z', size); // so that nobody goes on using it unnoticed
     std::free(memory);
 }
 // NOLINTEND(cppcoreguidelines-no-malloc)
@@ -286,6 +290,41 @@ TEST(StaticObjects, LogInTheirConstructorsAndUntilTheRegistryIsGone)
     EXPECT_THAT(lines[0], testing::EndsWith(kGreeting));
     EXPECT_THAT(lines[1], testing::EndsWith("[STBLoggerSafety_test] early"));
     EXPECT_THAT(lines[2], testing::EndsWith("[STBLoggerSafety_test] late"));
+}
+
+// A message that waits, in the middle of its line, for the loggers' end on another thread.
+std::promise<void> lineBegun;
+std::promise<void> registryGone;
+std::promise<void> lineWritten;
+
+void waitInLine()
+{
+    onClockRead = nullptr;
+    lineBegun.set_value();
+    registryGone.get_future().wait();
+}
+
+void letLineGoOn()
+{
+    registryGone.set_value();
+    lineWritten.get_future().wait_for(std::chrono::seconds(60));
+}
+
+TEST(AMessageUnderWay, IsWrittenToItsEndAlthoughTheProcessExits)
+{
+    const Outcome outcome = withEnvironment(plain(), [] {
+        std::atexit(letLineGoOn); // runs after the registry's end
+        say(STBLogLevel_eInfo, "first");
+        onClockRead = waitInLine;
+        std::thread([] {
+            say(STBLogLevel_eInfo, "second");
+            lineWritten.set_value();
+        }).detach();
+        lineBegun.get_future().wait();
+        std::exit(0);
+    });
+
+    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] first", "I [Bluez:42] second"));
 }
 
 // Each round ends at another moment of the messages of the threads beside it.
