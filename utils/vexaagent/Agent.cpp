@@ -177,8 +177,8 @@ void Agent::onStackAppeared(GDBusConnection*, const char*, const char*, gpointer
 
 void Agent::onStackVanished(GDBusConnection* connection, const char*, gpointer)
 {
-    // Without a connection it is the bus that has vanished, and that is said elsewhere.
-    if (connection != nullptr)
+    // It may be the bus that has vanished, and that is said elsewhere.
+    if (connection != nullptr && g_dbus_connection_is_closed(connection) == FALSE)
         LOG_INFO("bluetoothd isn't there; registering when it comes");
 }
 
