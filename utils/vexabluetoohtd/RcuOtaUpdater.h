@@ -51,8 +51,9 @@ public:
     bool update();
 
 private:
-    /// Shared with the remote's firmware; its definition is made at configure time.
-    static const std::array<unsigned char, 32> AES_KEY;
+    /// Shared with the remote's firmware; its definition is made at configure time. Hidden, since the daemon
+    /// exports its other symbols by name for its stack traces.
+    [[gnu::visibility("hidden")]] static const std::array<unsigned char, 32> AES_KEY;
 
     RcuOtaUpdater() = default;
 
