@@ -28,12 +28,7 @@ class AMainLoop : public InABox
 protected:
     explicit AMainLoop(BoxOptions options = noRemote()) : InABox(std::move(options)) {}
 
-    void SetUp() override
-    {
-        ASSERT_TRUE(box.startToIdle());
-        ASSERT_TRUE(box.stopClock());
-        box.log().skip();
-    }
+    void SetUp() override { startAtRest(); }
 
     /// Until the main thread is in pair(), where with nothing on the air it stays.
     void expectPairing()

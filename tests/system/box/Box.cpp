@@ -272,6 +272,35 @@ std::string Box::describe()
     return text;
 }
 
+void InABox::startAtRest()
+{
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.stopClock());
+    box.log().skip();
+}
+
+void InABox::startConnectedAtRest()
+{
+    ASSERT_TRUE(box.startConnected());
+    ASSERT_TRUE(box.awaitPasses(1));
+    ASSERT_TRUE(box.stopClock());
+    box.log().skip();
+    box.sim().clearCalls();
+}
+
+void InABox::startDisconnectedAtRest()
+{
+    const vexasim::BendId bend = box.sim().bend(vexasim::Bend::answer("Connect", g_variant_new("()")));
+    box.clock().stop();
+    box.startDaemon();
+    ASSERT_LOG(box, TRACE, "main", "IDLING...");
+    ASSERT_TRUE(box.awaitStatus("disconnected"));
+    ASSERT_TRUE(box.program().awaitMainThreadInUsleep());
+    box.sim().unbend(bend);
+    box.log().skip();
+    box.sim().clearCalls();
+}
+
 void InABox::TearDown()
 {
     if (HasFailure()) {

@@ -113,6 +113,14 @@ protected:
     explicit InABox(BoxOptions options = {}) : box(std::move(options)) {}
     void TearDown() override;
 
+    /// The daemon in its main loop, its clock stopped between two passes.
+    void startAtRest();
+    /// The same with a remote that it has connected; see pairedRemote().
+    void startConnectedAtRest();
+    /// The same with a paired remote that is away. The first pass, at which the
+    /// daemon saw that, was at the time that the clock shows.
+    void startDisconnectedAtRest();
+
     Box box;
 };
 

@@ -283,6 +283,16 @@ bool Program::mainThreadIsInUsleep() const
 #endif
 }
 
+bool Program::mainThreadIsOnCondition() const
+{
+    const long call = mainThreadCall();
+#ifdef SYS_futex_time64
+    return call == SYS_futex || call == SYS_futex_time64;
+#else
+    return call == SYS_futex;
+#endif
+}
+
 // How often it has gone to wait in the kernel, for whatever reason.
 long Program::mainThreadWaits() const
 {
@@ -313,14 +323,7 @@ bool Program::awaitMainThreadAsleep(std::chrono::milliseconds limit) const
 
 bool Program::awaitMainThreadOnCondition(std::chrono::milliseconds limit) const
 {
-    return poll(limit, [this] {
-        const long call = mainThreadCall();
-#ifdef SYS_futex_time64
-        return call == SYS_futex || call == SYS_futex_time64;
-#else
-        return call == SYS_futex;
-#endif
-    });
+    return poll(limit, [this] { return mainThreadIsOnCondition(); });
 }
 
 bool Program::awaitMainThreadInUsleep(std::chrono::milliseconds limit) const
@@ -328,15 +331,21 @@ bool Program::awaitMainThreadInUsleep(std::chrono::milliseconds limit) const
     return poll(limit, [this] { return mainThreadIsInUsleep(); });
 }
 
+bool Program::awaitAnew(bool (Program::*place)() const, std::chrono::milliseconds limit) const
+{
+    const long before = mainThreadWaits();
+    // Two more: the first may have been on its way there already.
+    return poll(limit, [&] { return mainThreadWaits() >= before + 2 && (this->*place)(); });
+}
+
+bool Program::awaitMainThreadOnNextCondition(std::chrono::milliseconds limit) const
+{
+    return awaitAnew(&Program::mainThreadIsOnCondition, limit);
+}
+
 bool Program::awaitMainThreadInNextSleep(std::chrono::milliseconds limit) const
 {
-    long before = 0;
-    return poll(limit,
-                [&] {
-                    before = mainThreadWaits();
-                    return mainThreadIsInUsleep();
-                }) &&
-           poll(limit, [&] { return mainThreadWaits() > before && mainThreadIsInUsleep(); });
+    return awaitAnew(&Program::mainThreadIsInUsleep, limit);
 }
 
 void Program::freeze() const

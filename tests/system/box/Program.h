@@ -66,8 +66,8 @@ public:
     /// Until the main thread waits on a condition, or for a lock.
     bool awaitMainThreadOnCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInUsleep(std::chrono::milliseconds limit = kPatience) const;
-    /// Until the main thread has come to a usleep that began after this call: it
-    /// has gone through its loop at least once since.
+    /// Until it does so anew: it has gone through its loop at least once since.
+    bool awaitMainThreadOnNextCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInNextSleep(std::chrono::milliseconds limit = kPatience) const;
     /// Stops every thread of it; returns when it stands.
     void freeze() const;
@@ -82,6 +82,8 @@ private:
     char mainThreadState() const;
     long mainThreadCall() const;
     bool mainThreadIsInUsleep() const;
+    bool mainThreadIsOnCondition() const;
+    bool awaitAnew(bool (Program::*place)() const, std::chrono::milliseconds limit) const;
     long mainThreadWaits() const;
     template <typename Condition>
     bool poll(std::chrono::milliseconds limit, Condition condition) const;
