@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: MIT
+// Whether an offered image is sent to the remote at all, and what each outcome
+// leaves behind.
+
+#include "UpdateStory.h"
+
+#include <gmock/gmock.h>
+
+#include <ostream>
+
+using namespace vexabox;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+
+namespace
+{
+
+constexpr const char* kVersionFile = "bluetooth_rc_fw_version";
+constexpr std::chrono::milliseconds kStay = 3s;
+constexpr std::chrono::milliseconds kObserverDelay = 500ms; // the watch notes a word late on a busy machine
+
+class AnOfferedImage : public UpdateStory
+{
+protected:
+    void expectCanceled(const Lines& log)
+    {
+        ASSERT_TRUE(ends("canceled"));
+        ASSERT_TRUE(idlesWith("connected"));
+        EXPECT_THAT(course(), ElementsAre("connected", "rc_fw_update_canceled", "connected"));
+        EXPECT_THAT(updateLog(), ElementsAreArray(log));
+        EXPECT_THAT(exchange(), IsEmpty());
+        EXPECT_FALSE(box.exists("bluetooth_rc_fw"));
+        EXPECT_TRUE(box.exists("image.bin")); // the link goes, not the image
+    }
+};
+
+const Lines kLinkTaken = {"D Firmware symlink found: /tmp/image.bin", "W REMOVE: /tmp/bluetooth_rc_fw"};
+
+// ---- the state of the remote
+
+struct Refusal {
+    const char* name;
+    uint8_t battery;
+    uint16_t version;
+    const char* log;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Refusal& refusal)
+{
+    return stream << refusal.log;
+}
+
+class AnImageForARemote : public AnOfferedImage, public ::testing::WithParamInterface<Refusal>
+{
+};
+
+TEST_P(AnImageForARemote, IsRefused)
+{
+    ASSERT_TRUE(remoteIsRead(GetParam().battery, GetParam().version));
+    const auto version = box.content(kVersionFile);
+
+    offer(newerImage(5));
+
+    expectCanceled(kLinkTaken + Lines{GetParam().log});
+    EXPECT_EQ(box.content(kVersionFile), version);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Update, AnImageForARemote,
+    ::testing::Values(
+        Refusal{"WithABatteryAt0", 0, 0x1a3, "W Update canceled: invalid state: battery: 0% version: 1a3"},
+        Refusal{"WithABatteryAt15", 15, 0x1a3, "W Update canceled: invalid state: battery: 15% version: 1a3"},
+        Refusal{"WithABatteryAt101", 101, 0x1a3,
+                "W Update canceled: invalid state: battery: 101% version: 1a3"},
+        Refusal{"WithABatteryAt255", 255, 0x1a3,
+                "W Update canceled: invalid state: battery: 255% version: 1a3"},
+        Refusal{"OfUnknownVersion", 80, 0, "W Update canceled: invalid state: battery: 80% version: 0"}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(AnOfferedImage, IsRefusedBeforeTheFirstReading)
+{
+    ASSERT_TRUE(box.startConnected());
+
+    offer(newerImage(5));
+
+    expectCanceled(kLinkTaken + Lines{"W Update canceled: invalid state: battery: 0% version: 0"});
+    EXPECT_FALSE(box.exists(kVersionFile));
+}
+
+class AnImageForABattery : public AnOfferedImage, public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(AnImageForABattery, IsSent)
+{
+    ASSERT_TRUE(remoteIsRead(static_cast<uint8_t>(GetParam())));
+
+    offer(newerImage(5));
+
+    ASSERT_TRUE(ends("succeed"));
+    EXPECT_LOG(box, INFO, "main", "Firmware updated");
+}
+
+INSTANTIATE_TEST_SUITE_P(At, AnImageForABattery, ::testing::Values(16, 100));
+
+// ---- the version of the image
+
+class AnImageOfVersion : public AnOfferedImage, public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(AnImageOfVersion, IsUnnecessary)
+{
+    ASSERT_TRUE(remoteIsRead());
+    FirmwareImage image = newerImage(5);
+    image.version = static_cast<uint16_t>(GetParam());
+
+    offer(image);
+
+    expectCanceled(logOfStart(image) + Lines{"W RC update is unnecessary"});
+    EXPECT_EQ(box.content(kVersionFile), "1a3\n");
+}
+
+// The same, one below, and one that is greater only if bytes are swapped.
+INSTANTIATE_TEST_SUITE_P(Number, AnImageOfVersion, ::testing::Values(0x1a3, 0x1a2, 0x0f, 0));
+
+class ARemoteWithALongVersion : public AnOfferedImage
+{
+};
+
+TEST_F(ARemoteWithALongVersion, IsNewerThanAnyImage)
+{
+    box.remote().setBattery(80);
+    box.remote().setVersionBytes({0x00, 0x00, 0x01});
+    ASSERT_TRUE(box.startConnected());
+    box.clock().advance(20s);
+    ASSERT_LOG(box, DEBUG, "main", "rc fw version: 10000");
+    FirmwareImage image = newerImage(5);
+    image.version = 0xffff;
+
+    offer(image);
+
+    expectCanceled(logOfStart(image) + Lines{"W RC update is unnecessary"});
+}
+
+// ---- the file
+
+TEST_F(AnOfferedImage, IsUnnecessaryIfItsFileIsMissing)
+{
+    ASSERT_TRUE(remoteIsRead());
+
+    box.linkFirmware("/tmp/nowhere.bin");
+
+    ASSERT_TRUE(ends("canceled"));
+    ASSERT_TRUE(idlesWith("connected"));
+    EXPECT_THAT(updateLog(), ElementsAre("D Firmware symlink found: /tmp/nowhere.bin",
+                                         "W REMOVE: /tmp/bluetooth_rc_fw", "W RC update is unnecessary"));
+    EXPECT_THAT(exchange(), IsEmpty());
+    EXPECT_EQ(box.content(kVersionFile), "1a3\n");
+}
+
+TEST_F(AnOfferedImage, IsUnnecessaryIfItsHeaderIsCutOff)
+{
+    ASSERT_TRUE(remoteIsRead());
+    box.writeText("short.bin", "eleven byte");
+
+    box.linkFirmware("/tmp/short.bin");
+
+    ASSERT_TRUE(ends("canceled"));
+    EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
+    EXPECT_THAT(updateLog(), ElementsAre("D Firmware symlink found: /tmp/short.bin",
+                                         "W REMOVE: /tmp/bluetooth_rc_fw", "W RC update is unnecessary"));
+}
+
+TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteHasNoUpdateSwitch)
+{
+    ASSERT_TRUE(remoteIsRead());
+    box.sim().removeObject(box.pathOf(vexasim::uuid::kSwitch));
+    ASSERT_TRUE(box.awaitPasses(1));
+
+    offer(newerImage(5));
+
+    expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
+}
+
+// ---- attempts
+
+TEST_F(AnOfferedImage, IsServedOnceForEachLink)
+{
+    ASSERT_TRUE(remoteIsRead());
+    FirmwareImage first = newerImage(5);
+    first.version = 0x1a2;
+    FirmwareImage second = newerImage(5);
+    second.version = 0x1a3;
+
+    offer(first, "first.bin");
+    ASSERT_TRUE(ends("canceled"));
+    offer(second, "second.bin"); // while the word of the first still stands
+    ASSERT_TRUE(box.log().awaitCount(isLog(WARN, "main", "RC update is unnecessary"), 2));
+    ASSERT_TRUE(idlesWith("connected"));
+    ASSERT_TRUE(box.awaitPasses(2));
+
+    EXPECT_THAT(updateLog(),
+                ElementsAreArray(logOfStart(first, "first.bin") + Lines{"W RC update is unnecessary"} +
+                                 logOfStart(second, "second.bin") + Lines{"W RC update is unnecessary"}));
+}
+
+TEST_F(AnOfferedImage, LeavesItsOutcomeInSightForThreeSeconds)
+{
+    ASSERT_TRUE(remoteIsRead());
+
+    box.linkFirmware("/tmp/nowhere.bin");
+    ASSERT_TRUE(ends("canceled"));
+    ASSERT_TRUE(idlesWith("connected"));
+
+    const auto moments = box.files().moments("bluetooth_status");
+    ASSERT_GE(moments.size(), 2U);
+    EXPECT_EQ(moments[moments.size() - 2].content, "rc_fw_update_canceled");
+    EXPECT_GE(moments.back().time - moments[moments.size() - 2].time, kStay - kObserverDelay);
+}
+
+TEST_F(AnOfferedImage, ReplacesThePublishedVersionWhenItIsInTheRemote)
+{
+    ASSERT_TRUE(remoteIsRead());
+    EXPECT_EQ(box.content(kVersionFile), "1a3\n");
+
+    offer(newerImage(5));
+    ASSERT_TRUE(ends("succeed"));
+    EXPECT_LOG(box, INFO, "main", "Firmware updated");
+    ASSERT_TRUE(box.files().awaitGone(kVersionFile));
+    ASSERT_TRUE(idlesWith("disconnected"));
+    EXPECT_THAT(course(), ElementsAreArray(words({100}, {"rc_fw_update_succeed", "disconnected"})));
+
+    box.setFlag("pair"); // asks for the connection at once instead of in an hour
+    ASSERT_TRUE(box.awaitStatus("connected"));
+    box.clock().advance(20s);
+    ASSERT_LOG(box, DEBUG, "main", "rc fw version: 1a4");
+    EXPECT_TRUE(box.files().await(kVersionFile, "1a4"));
+}
+
+} // namespace
