@@ -5,10 +5,6 @@
 #include <iterator>
 #include <map>
 #include <mutex>
-#include <stdexcept>
-#include <typeinfo>
-
-#include <dlfcn.h>
 
 namespace
 {
@@ -19,7 +15,7 @@ struct Record {
     std::vector<GioSpy::Call> calls;
     std::map<std::string, GioSpy::Stand> stands;
     std::vector<GMainLoop*> loops;
-    int contextUnrefs = 0;
+    Lines releases;
     int defaultTimeout = -1;
     bool failNewProxies = false;
 };
@@ -28,26 +24,6 @@ Record& theRecord()
 {
     static Record& record = *new Record; // calls come until the process has ended
     return record;
-}
-
-// GIO's own function of that name.
-template <typename Function>
-Function original(const char* name)
-{
-    void* const symbol = dlsym(RTLD_NEXT, name);
-    if (symbol == nullptr) {
-        throw std::runtime_error(std::string("GIO has no ") + name);
-    }
-    return reinterpret_cast<Function>(symbol);
-}
-
-// GIO gives references to the context back, too, by the same function.
-bool isOurs(const void* address)
-{
-    Dl_info caller{};
-    Dl_info own{};
-    return dladdr(address, &caller) != 0 && dladdr(&typeid(Record), &own) != 0 &&
-           caller.dli_fbase == own.dli_fbase;
 }
 
 std::string textOf(GVariant* parameters)
@@ -72,6 +48,15 @@ void note(const GioSpy::Call& call)
     const std::lock_guard lock(record.mutex);
     if (record.on) {
         record.calls.push_back(call);
+    }
+}
+
+void noteRelease(const std::string& type)
+{
+    Record& record = theRecord();
+    const std::lock_guard lock(record.mutex);
+    if (record.on) {
+        record.releases.push_back(type);
     }
 }
 
@@ -105,7 +90,7 @@ GioSpy::GioSpy()
     const std::lock_guard lock(record.mutex);
     record.on = true;
     record.calls.clear();
-    record.contextUnrefs = 0;
+    record.releases.clear();
 }
 
 GioSpy::~GioSpy()
@@ -134,11 +119,11 @@ std::vector<GioSpy::Call> GioSpy::calls(const std::string& method) const
     return wanted;
 }
 
-int GioSpy::contextUnrefs() const
+Lines GioSpy::releases() const
 {
     Record& record = theRecord();
     const std::lock_guard lock(record.mutex);
-    return record.contextUnrefs;
+    return record.releases;
 }
 
 void GioSpy::answer(const std::string& method, Stand stand)
@@ -173,11 +158,20 @@ std::ostream& operator<<(std::ostream& out, const GioSpy::Call& call)
 
 extern "C" {
 
-GVariant* g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method, GVariant* parameters,
-                                 GDBusCallFlags flags, gint timeout, GCancellable* cancellable,
-                                 GError** error)
+// GIO's own, as the linker names it for a program in which calls of it are wrapped.
+decltype(g_dbus_proxy_call_sync) __real_g_dbus_proxy_call_sync;
+decltype(g_dbus_proxy_call) __real_g_dbus_proxy_call;
+decltype(g_dbus_connection_call_sync) __real_g_dbus_connection_call_sync;
+decltype(g_dbus_proxy_new_sync) __real_g_dbus_proxy_new_sync;
+decltype(g_bus_get_sync) __real_g_bus_get_sync;
+decltype(g_dbus_object_manager_client_new_sync) __real_g_dbus_object_manager_client_new_sync;
+decltype(g_object_unref) __real_g_object_unref;
+decltype(g_main_context_unref) __real_g_main_context_unref;
+
+GVariant* __wrap_g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method, GVariant* parameters,
+                                        GDBusCallFlags flags, gint timeout, GCancellable* cancellable,
+                                        GError** error)
 {
-    static const auto call = original<decltype(&g_dbus_proxy_call_sync)>("g_dbus_proxy_call_sync");
     if (proxy != nullptr) {
         note({"g_dbus_proxy_call_sync", g_dbus_proxy_get_object_path(proxy),
               g_dbus_proxy_get_interface_name(proxy), method, textOf(parameters), static_cast<int>(flags),
@@ -186,24 +180,25 @@ GVariant* g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method, GVarian
     if (const GioSpy::Stand stand = standFor(method)) {
         return stand(error);
     }
-    return call(proxy, method, parameters, flags, timeoutFor(timeout), cancellable, error);
+    return __real_g_dbus_proxy_call_sync(proxy, method, parameters, flags, timeoutFor(timeout), cancellable,
+                                         error);
 }
 
-void g_dbus_proxy_call(GDBusProxy* proxy, const gchar* method, GVariant* parameters, GDBusCallFlags flags,
-                       gint timeout, GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data)
+void __wrap_g_dbus_proxy_call(GDBusProxy* proxy, const gchar* method, GVariant* parameters,
+                              GDBusCallFlags flags, gint timeout, GCancellable* cancellable,
+                              GAsyncReadyCallback callback, gpointer data)
 {
-    static const auto call = original<decltype(&g_dbus_proxy_call)>("g_dbus_proxy_call");
     note({"g_dbus_proxy_call", g_dbus_proxy_get_object_path(proxy), g_dbus_proxy_get_interface_name(proxy),
           method, textOf(parameters), static_cast<int>(flags), timeout, cancellable != nullptr, false});
-    call(proxy, method, parameters, flags, timeout, cancellable, callback, data);
+    __real_g_dbus_proxy_call(proxy, method, parameters, flags, timeout, cancellable, callback, data);
 }
 
-GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* bus, const gchar* path,
-                                      const gchar* interface, const gchar* method, GVariant* parameters,
-                                      const GVariantType* type, GDBusCallFlags flags, gint timeout,
-                                      GCancellable* cancellable, GError** error)
+GVariant* __wrap_g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* bus, const gchar* path,
+                                             const gchar* interface, const gchar* method,
+                                             GVariant* parameters, const GVariantType* type,
+                                             GDBusCallFlags flags, gint timeout, GCancellable* cancellable,
+                                             GError** error)
 {
-    static const auto call = original<decltype(&g_dbus_connection_call_sync)>("g_dbus_connection_call_sync");
     int limit = timeout;
     if (orEmpty(bus) == "org.bluez") { // the simulator's own calls are none of our business
         note({"g_dbus_connection_call_sync", orEmpty(path), orEmpty(interface), orEmpty(method),
@@ -211,14 +206,14 @@ GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* 
               error != nullptr});
         limit = timeoutFor(timeout);
     }
-    return call(connection, bus, path, interface, method, parameters, type, flags, limit, cancellable, error);
+    return __real_g_dbus_connection_call_sync(connection, bus, path, interface, method, parameters, type,
+                                              flags, limit, cancellable, error);
 }
 
-GDBusProxy* g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags flags,
-                                  GDBusInterfaceInfo* info, const gchar* name, const gchar* path,
-                                  const gchar* interface, GCancellable* cancellable, GError** error)
+GDBusProxy* __wrap_g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags flags,
+                                         GDBusInterfaceInfo* info, const gchar* name, const gchar* path,
+                                         const gchar* interface, GCancellable* cancellable, GError** error)
 {
-    static const auto call = original<decltype(&g_dbus_proxy_new_sync)>("g_dbus_proxy_new_sync");
     note({"g_dbus_proxy_new_sync", orEmpty(path), orEmpty(interface), orEmpty(name),
           info == nullptr ? "null" : "info", static_cast<int>(flags), 0, cancellable != nullptr,
           error != nullptr});
@@ -226,56 +221,51 @@ GDBusProxy* g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxyFlags f
         g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "no proxy today");
         return nullptr;
     }
-    return call(connection, flags, info, name, path, interface, cancellable, error);
+    return __real_g_dbus_proxy_new_sync(connection, flags, info, name, path, interface, cancellable, error);
 }
 
-GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error)
+GDBusConnection* __wrap_g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error)
 {
-    static const auto call = original<decltype(&g_bus_get_sync)>("g_bus_get_sync");
     if (cancellable != nullptr) { // the test's own come without one
         note({"g_bus_get_sync", "", "", type == G_BUS_TYPE_SYSTEM ? "SystemBus" : "OtherBus", "", 0, 0,
               cancellable != nullptr, error != nullptr});
     }
-    return call(type, cancellable, error);
+    return __real_g_bus_get_sync(type, cancellable, error);
 }
 
-GDBusObjectManager* g_dbus_object_manager_client_new_sync(GDBusConnection* connection,
-                                                          GDBusObjectManagerClientFlags flags,
-                                                          const gchar* name, const gchar* path,
-                                                          GDBusProxyTypeFunc proxyType, gpointer data,
-                                                          GDestroyNotify destroy, GCancellable* cancellable,
-                                                          GError** error)
+GDBusObjectManager* __wrap_g_dbus_object_manager_client_new_sync(GDBusConnection* connection,
+                                                                 GDBusObjectManagerClientFlags flags,
+                                                                 const gchar* name, const gchar* path,
+                                                                 GDBusProxyTypeFunc proxyType, gpointer data,
+                                                                 GDestroyNotify destroy,
+                                                                 GCancellable* cancellable, GError** error)
 {
-    static const auto call =
-        original<decltype(&g_dbus_object_manager_client_new_sync)>("g_dbus_object_manager_client_new_sync");
     note({"g_dbus_object_manager_client_new_sync", orEmpty(path), "", orEmpty(name), "",
           static_cast<int>(flags), 0, cancellable != nullptr, error != nullptr});
-    return call(connection, flags, name, path, proxyType, data, destroy, cancellable, error);
+    return __real_g_dbus_object_manager_client_new_sync(connection, flags, name, path, proxyType, data,
+                                                        destroy, cancellable, error);
+}
+
+void __wrap_g_object_unref(gpointer object)
+{
+    noteRelease(object != nullptr ? G_OBJECT_TYPE_NAME(object) : "null");
+    __real_g_object_unref(object);
 }
 
 // Loops of this program's own live on. A stopping task that nobody needed any more stays in the context and
 // points to its loop. The daemon, with its one client, never looks there again; a test with a second one
 // does.
-void g_main_loop_unref(GMainLoop* loop)
+void __wrap_g_main_loop_unref(GMainLoop* loop)
 {
-    static const auto call = original<decltype(&g_main_loop_unref)>("g_main_loop_unref");
-    if (isOurs(__builtin_return_address(0))) {
-        Record& record = theRecord();
-        const std::lock_guard lock(record.mutex);
-        record.loops.push_back(loop);
-        return;
-    }
-    call(loop);
+    noteRelease("GMainLoop");
+    Record& record = theRecord();
+    const std::lock_guard lock(record.mutex);
+    record.loops.push_back(loop);
 }
 
-void g_main_context_unref(GMainContext* context)
+void __wrap_g_main_context_unref(GMainContext* context)
 {
-    static const auto call = original<decltype(&g_main_context_unref)>("g_main_context_unref");
-    if (context == g_main_context_default() && isOurs(__builtin_return_address(0))) {
-        Record& record = theRecord();
-        const std::lock_guard lock(record.mutex);
-        record.contextUnrefs += record.on ? 1 : 0;
-    }
-    call(context);
+    noteRelease("GMainContext");
+    __real_g_main_context_unref(context);
 }
 }

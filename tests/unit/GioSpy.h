@@ -9,10 +9,13 @@
 
 #include <gio/gio.h>
 
+#include "LogRecorder.h"
+
 /**
  * Stands between the code under test and GIO: notes the arguments of the calls that don't show on the bus
- * (flags, timeouts, cancellables), and can answer a call with what no bus would ever deliver. Linked into a
- * test, its functions take the place of GIO's own of the same name and pass each call on to them.
+ * (flags, timeouts, cancellables), and can answer a call with what no bus would ever deliver. The linker
+ * leads the calls of the test program and its static libraries to it (--wrap); those within GIO stay as they
+ * are.
  */
 class GioSpy
 {
@@ -41,8 +44,8 @@ public:
     std::vector<Call> calls() const;
     /// Those with that method.
     std::vector<Call> calls(const std::string& method) const;
-    /// How often this process has given back a reference to a main context by its own code.
-    int contextUnrefs() const;
+    /// The types of what this program's own code has given a reference back to, in that order.
+    Lines releases() const;
     /// Answers every synchronous call of this method on a proxy without going to the bus.
     void answer(const std::string& method, Stand stand);
     /// From here on no proxy can be made.
