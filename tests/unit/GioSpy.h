@@ -9,6 +9,7 @@
 
 #include <gio/gio.h>
 
+#include "Bluez.h"
 #include "LogRecorder.h"
 
 /**

@@ -117,9 +117,7 @@ gboolean quit_task(gpointer loop)
 void Bluez::run()
 {
     LOG_DEBUG("Initing Bluez..");
-    _loop = g_main_loop_new(nullptr, TRUE);
-    _context = g_main_loop_get_context(_loop);
-    _cancellable = g_cancellable_new();
+    createLoop();
     if (!connectToBlueZ()) {
         // Kept: nothing is released and nothing tried again; the client stays without objects.
         return;
@@ -132,6 +130,13 @@ void Bluez::run()
     LOG_DEBUG("Deiniting Bluez..");
     releaseConnection();
     LOG_DEBUG("Deiniting Bluez completed");
+}
+
+void Bluez::createLoop()
+{
+    _loop = g_main_loop_new(nullptr, TRUE);
+    _context = g_main_loop_get_context(_loop); // no reference is taken
+    _cancellable = g_cancellable_new();
 }
 
 bool Bluez::connectToBlueZ()

@@ -286,6 +286,7 @@ private:
     static void propertiesChanged(GDBusProxy* proxy, GVariant* changed, const gchar* const* invalidated,
                                   gpointer self);
 
+    void createLoop();
     bool connectToBlueZ();
     void releaseConnection();
     void fetchObjects();
