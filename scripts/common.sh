@@ -75,6 +75,8 @@ aptInstall() {
 useCompilerCache() {
     if [[ -z ${CMAKE_CXX_COMPILER_LAUNCHER:-} ]] && command -v ccache >/dev/null; then
         export CMAKE_CXX_COMPILER_LAUNCHER=ccache
+        # Another clone of the same sources finds what this one has compiled.
+        export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$project} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
     fi
 }
 
