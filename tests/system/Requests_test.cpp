@@ -209,6 +209,7 @@ TEST_F(ABoxWithAConnectedRemote, TakesNoActionInThePassInWhichItIsFoundAway)
 {
     box.disconnectRemote();
     ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
+    ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass());
 
     EXPECT_LOG(box, TRACE, "main", kNothing);
@@ -220,6 +221,7 @@ TEST_F(ABoxWithAConnectedRemote, LeavesItAloneForAnHourAfterItHasGone)
 {
     box.disconnectRemote();
     ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
+    ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass());
     ASSERT_TRUE(box.pass(3599999999us));
     EXPECT_THAT(box.busCalls(), IsEmpty());
@@ -320,10 +322,12 @@ TEST_F(ARemoteThatIsPairedAndAway, EndsItsHourByComingBackByItself)
     ASSERT_TRUE(box.pass(1800s));
     box.connectRemote();
     ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: connected");
+    ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass());
     EXPECT_TRUE(box.awaitStatus("connected"));
     box.disconnectRemote();
     ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
+    ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass()); // begins a new hour
     ASSERT_TRUE(box.pass(1800s));
 
@@ -340,6 +344,7 @@ TEST_F(ARemoteThatIsPairedAndAway, EndsItsHourByBeingForgotten)
     remote->setPaired(true);
     box.sim().addPeripheral(remote);
     ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC : /org/bluez/" + kDevice);
+    ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass()); // begins a new hour
     ASSERT_TRUE(box.pass(1800s));
 
@@ -364,6 +369,7 @@ protected:
         startAtRest();
         box.sim().announce(box.remote().normal());
         ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC : /org/bluez/" + kDevice);
+        ASSERT_TRUE(box.awaitEvents());
         box.sim().clearCalls();
     }
 };
@@ -434,8 +440,10 @@ TEST_F(ABoxWithoutARemote, KeepsAnUnpairedRemoteThatItHasNoAdapterFor)
                            {"Paired", g_variant_new_boolean(FALSE)},
                            {"Connected", g_variant_new_boolean(FALSE)}}}});
     ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC : /org/bluez/hci7/dev_C0_FF_EE_00_00_07");
+    ASSERT_TRUE(box.awaitEvents());
     box.sim().removeAdapter();
     ASSERT_LOG(box, DEBUG, "main", "Adapter: - /org/bluez/hci0");
+    ASSERT_TRUE(box.awaitEvents());
     box.sim().clearCalls();
     ASSERT_TRUE(box.pass());
 

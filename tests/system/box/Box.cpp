@@ -2,6 +2,8 @@
 #include "Box.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <iostream>
 
 namespace vexabox
@@ -138,6 +140,16 @@ bool Box::awaitPasses(unsigned count)
 std::size_t Box::passesBegun()
 {
     return log().count(passBegins());
+}
+
+bool Box::awaitEvents()
+{
+    // An object of which the daemon only logs the arrival; its event thread
+    // deals with one thing after the other.
+    std::array<char, 40> path{};
+    std::snprintf(path.data(), path.size(), "/org/bluez/marker/desc%04x", ++mMarkers);
+    mSimulator->addObject(path.data(), {{"org.bluez.GattDescriptor1", {{"UUID", g_variant_new_string("")}}}});
+    return log().awaitCount(isLog(DEBUG, "main", std::string("+GATT Descriptor: ") + path.data()), 1);
 }
 
 bool Box::stopClock()

@@ -51,6 +51,9 @@ public:
     bool startConnected();
     /// Until `count` idle passes have begun and ended from now on.
     bool awaitPasses(unsigned count = 2);
+    /// Until the daemon has dealt with everything that BlueZ has told so far. A line of
+    /// the log may come before what it tells of: a handler logs, and then does it.
+    bool awaitEvents();
     /// Stops the daemon's clock between two passes of its main loop. From here on
     /// it makes one only when pass() lets it.
     bool stopClock();
@@ -98,6 +101,7 @@ private:
     BoxOptions mOptions;
     std::unique_ptr<vexasim::Simulator> mSimulator;
     GDBusConnection* mAnother = nullptr;
+    unsigned mMarkers = 0;
 };
 
 /// "/org/bluez/hci0/dev_X" becomes "hci0/dev_X", "org.bluez.Device1" "Device1".
