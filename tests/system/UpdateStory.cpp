@@ -303,6 +303,8 @@ Lines words(const std::vector<int>& numbers, const Lines& rest)
     for (const int number : numbers) {
         all.push_back("rc_fw_update_uploading_" + std::to_string(number));
     }
+    // A word that is published twice in a row changes nothing in the file.
+    all.erase(std::unique(all.begin(), all.end()), all.end());
     return all + rest;
 }
 
