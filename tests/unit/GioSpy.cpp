@@ -178,7 +178,8 @@ GVariant* __wrap_g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method, 
               timeout, cancellable != nullptr, error != nullptr});
     }
     if (const GioSpy::Stand stand = standFor(method)) {
-        const Bluez::GVariantHolder consumed(parameters != nullptr ? g_variant_ref_sink(parameters) : nullptr);
+        const Bluez::GVariantHolder consumed(parameters != nullptr ? g_variant_ref_sink(parameters)
+                                                                   : nullptr);
         return stand(error);
     }
     return __real_g_dbus_proxy_call_sync(proxy, method, parameters, flags, timeoutFor(timeout), cancellable,
