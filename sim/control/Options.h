@@ -18,11 +18,11 @@ std::map<std::string, Variant> dictionary(GVariant* value);
 /// The elements of an "a{sa{sv}}".
 InterfaceMap interfaces(GVariant* value);
 
-UpdateFault updateFault(GVariant* dictionary);
-UpdateAppearance updateAppearance(GVariant* dictionary);
+UpdateFault updateFault(GVariant* source);
+UpdateAppearance updateAppearance(GVariant* source);
 /// Changes what the dictionary names, leaves the rest.
-void changeRadio(air::RadioOptions& options, GVariant* dictionary);
-Bend bend(const std::string& member, GVariant* dictionary);
+void changeRadio(air::RadioOptions& options, GVariant* source);
+Bend bend(const std::string& member, GVariant* source);
 Peripheral::Pairing pairing(const std::string& word);
 Simulator::Stop stop(const std::string& word);
 Bytes bytes(GVariant* array);

@@ -72,7 +72,7 @@ void RemoteControl::addBoxMethods()
     mObject.action("OfferImage", [this](GVariant* arguments) { offerImage(control::text(arguments, 0)); });
 }
 
-void RemoteControl::pressButton(bool pressed)
+void RemoteControl::pressButton(bool pressed) const
 {
     if (mFiles.adcFile.empty())
         throw std::runtime_error("no button: start vexasim with --adc-file");
@@ -102,7 +102,7 @@ void RemoteControl::holdButton(unsigned milliseconds)
         this);
 }
 
-void RemoteControl::setFlag(const std::string& flag)
+void RemoteControl::setFlag(const std::string& flag) const
 {
     if (flag != "pair" && flag != "reset")
         throw std::invalid_argument("\"" + flag + "\" is no flag; flags are pair and reset");

@@ -32,9 +32,9 @@ private:
     void addRemoteMethods();
     void addUpdateMethods();
 
-    void pressButton(bool pressed);
+    void pressButton(bool pressed) const;
     void holdButton(unsigned milliseconds);
-    void setFlag(const std::string& flag);
+    void setFlag(const std::string& flag) const;
     void offerImage(const std::string& file);
     Variant status();
     Variant packets();
