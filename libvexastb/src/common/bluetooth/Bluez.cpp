@@ -89,6 +89,8 @@ Bluez::Bluez(Listener* listener)
 
 Bluez::~Bluez()
 {
+    _stopping = true;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
     // Kept: these pointers belong to the event thread and are read here without a lock. One that isn't set
     // yet posts nothing; the cleared running mark then keeps the event thread out of its loop.
     if (_cancellable != nullptr) {
@@ -124,7 +126,8 @@ void Bluez::run()
     }
     LOG_DEBUG("Init Bluez completed");
     fetchObjects();
-    if (isRunning()) {
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (isRunning() && !_stopping) {
         g_main_loop_run(_loop);
     }
     LOG_DEBUG("Deiniting Bluez..");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -336,6 +337,9 @@ private:
     ProxyMap _characteristicProxies;
     std::map<std::string, Service> _services;
     mutable pthread_helper::mutex _mutex;
+    /// Set first in the destructor: an event thread that comes to its loop later stays out of it, one that
+    /// came before has made _loop visible.
+    std::atomic<bool> _stopping{false};
 
     /// Never destroyed: the event thread may still read it when a second interrupt runs the exit handlers.
     static const std::map<std::uint32_t, Service::Type>& _codeToServiceType;
