@@ -79,10 +79,11 @@ void AirCommand::run()
 
     Narrator narrator(mSettings.quiet);
     const std::shared_ptr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
-    std::string lost;
+    // Outlives the box, like all that its settings refer to.
+    const auto lost = std::make_shared<std::string>();
     mBox.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
-    mBox.onLost = [&](const std::string& why) {
-        lost = why;
+    mBox.onLost = [lost, loop](const std::string& why) {
+        *lost = why;
         g_main_loop_quit(loop.get());
     };
     AirBox box(mBox);
@@ -99,8 +100,8 @@ void AirCommand::run()
     box.plug();
     narrator.begin("VEXASIM_BUS_ADDRESS=" + address);
     g_main_loop_run(loop.get());
-    if (!lost.empty())
-        throw std::runtime_error(lost);
+    if (!lost->empty())
+        throw std::runtime_error(*lost);
 }
 
 } // namespace vexasim::air

@@ -53,10 +53,10 @@ class AQuietBoxForLong : public AQuietBox
 TEST_F(AQuietBoxForLong, HearsNoMessageOfTheDaemonInTenMinutes)
 {
     const BusMonitor monitor(box.sim().busAddress());
-    const auto passes =
-        static_cast<unsigned>(10min / 500ms) - 100; // each takes up to a tenth of a second more
+    const auto passes = static_cast<unsigned>(std::chrono::minutes{10} / 500ms) -
+                        100; // each takes up to a tenth of a second more
     const std::size_t begun = box.log().count(isLog(TRACE, "main", "IDLING..."));
-    const auto end = std::chrono::steady_clock::now() + 10min;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes{10};
     ASSERT_TRUE(box.log().awaitCount(isLog(TRACE, "main", "IDLING..."), begun + passes, 12min * kSlowness));
     std::this_thread::sleep_until(end);
 

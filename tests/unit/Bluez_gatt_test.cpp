@@ -30,8 +30,8 @@ Characteristic recordOf(const std::string& path, const std::string& value = "")
 /// The reply of ReadValue.
 Variant reply(const Bytes& bytes)
 {
-    GVariant* value = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
-    return {g_variant_new_tuple(&value, 1)};
+    return {g_variant_new("(@ay)",
+                          g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1))};
 }
 
 class ACharacteristic : public ABusWithBlueZ

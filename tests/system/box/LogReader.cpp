@@ -54,14 +54,14 @@ LogRecord parseLogLine(const std::string& raw)
     return record;
 }
 
-LogPredicate isLog(Level level, std::string module, std::string text)
+LogPredicate isLog(Level level, const std::string& module, const std::string& text)
 {
     return [=](const LogRecord& record) {
         return !record.foreign && record.level == level && record.module == module && record.text == text;
     };
 }
 
-LogPredicate beginsLog(Level level, std::string module, std::string beginning)
+LogPredicate beginsLog(Level level, const std::string& module, const std::string& beginning)
 {
     return [=](const LogRecord& record) {
         return !record.foreign && record.level == level && record.module == module &&

@@ -39,9 +39,9 @@ LogRecord parseLogLine(const std::string& raw);
 using LogPredicate = std::function<bool(const LogRecord&)>;
 
 /// Matches level, module and the whole text.
-LogPredicate isLog(Level level, std::string module, std::string text);
+LogPredicate isLog(Level level, const std::string& module, const std::string& text);
 /// Matches level, module and the text's beginning.
-LogPredicate beginsLog(Level level, std::string module, std::string beginning);
+LogPredicate beginsLog(Level level, const std::string& module, const std::string& beginning);
 
 /// Reads a log as it comes, on a thread of its own. Every method may be called
 /// on any thread.
