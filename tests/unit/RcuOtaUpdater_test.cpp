@@ -641,12 +641,14 @@ TEST_F(AnUpdate, IsPacedAndItsWordsRiseByOne)
     std::nth_element(intervals.begin(), intervals.begin() + 100, intervals.end());
     const std::int64_t median = intervals[100];
     const std::int64_t writing = medianWriteTime(*mBluez, updatePath(vexasim::uuid::kData));
+    // Without the bus, whose time in a row of writes can be more than in a paced one; never under the pace.
+    const std::int64_t own = std::max<std::int64_t>(median - writing, 13'000);
     std::printf("a write takes %ld microseconds; the upload keeps %.1f %% of the rate, %.1f %% if the bus "
                 "answered at once\n",
                 static_cast<long>(writing), 100.0 * 13'000.0 / static_cast<double>(median),
-                100.0 * 13'000.0 / static_cast<double>(median - writing));
+                100.0 * 13'000.0 / static_cast<double>(own));
     // A machine that others keep busy gets a wide bound: it shows what the machine does, not the updater.
-    EXPECT_LE(median - writing, machineIsBusy() ? 26'000 : 13'000 * 100 / 95);
+    EXPECT_LE(own, machineIsBusy() ? 26'000 : 13'000 * 100 / 95);
     EXPECT_GE(median, 12'500);
 }
 
@@ -951,7 +953,7 @@ TEST_F(AnUpdate, FailsIfTheConnectionIsRefusedAndLeavesDiscoveryOn)
 
 TEST_F(AnUpdate, FailsIfItsAdapterGoesWhileItConnects)
 {
-    mSimulator->bend(Bend::lateReply("Connect", 500ms));
+    mSimulator->bend(Bend::lateReply("Connect", 4s));
     auto result = begin(FirmwareImage::ofWords(5));
     ASSERT_TRUE(mSimulator->awaitProperty(mSimulator->updateDevicePath(), "org.bluez.Device1", "Connected",
                                           g_variant_new_boolean(TRUE)));
