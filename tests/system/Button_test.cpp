@@ -10,8 +10,6 @@
 
 using namespace vexabox;
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using vexasim::Bend;
 
 namespace
@@ -90,9 +88,9 @@ struct Sample {
     bool pressed;
 };
 
-void PrintTo(const Sample& sample, std::ostream* stream)
+std::ostream& operator<<(std::ostream& stream, const Sample& sample)
 {
-    *stream << sample.name;
+    return stream << sample.name;
 }
 
 class AButtonFile : public AMainLoop, public ::testing::WithParamInterface<Sample>

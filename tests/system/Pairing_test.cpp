@@ -12,7 +12,6 @@ using namespace std::chrono_literals;
 using ::testing::AnyOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::Not;
 using vexasim::Bend;
 using vexasim::Peripheral;

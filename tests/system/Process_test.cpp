@@ -10,8 +10,6 @@
 
 using namespace vexabox;
 using namespace std::chrono_literals;
-using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using vexasim::Bend;

@@ -432,7 +432,6 @@ TEST_F(ARemoteThatIsKnownAndNotPaired, LeavesTheStatusAsItWas)
 
 TEST_F(ABoxWithoutARemote, KeepsAnUnpairedRemoteThatItHasNoAdapterFor)
 {
-    using vexasim::Variant;
     box.sim().addObject("/org/bluez/hci7/dev_C0_FF_EE_00_00_07",
                         {{"org.bluez.Device1",
                           {{"Name", g_variant_new_string("VEXA RC")},

@@ -147,7 +147,7 @@ TEST_F(ARoom, ParsesTheLogAsItComes)
 
 TEST_F(ARoom, AwaitsLogLinesInTheirOrder)
 {
-    sh("for i in 1 2 3; do printf \"    12:34:56.789 I [main:$i] line $i\\n\" >&2; done");
+    sh(R"(for i in 1 2 3; do printf "    12:34:56.789 I [main:$i] line $i\n" >&2; done)");
 
     EXPECT_TRUE(room.log().await(isLog(INFO, "main", "line 1")));
     EXPECT_TRUE(room.log().await(isLog(INFO, "main", "line 3")));

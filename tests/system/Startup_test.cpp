@@ -10,11 +10,9 @@
 
 using namespace vexabox;
 using namespace std::chrono_literals;
-using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
-using ::testing::SizeIs;
 using vexasim::Bend;
 
 namespace

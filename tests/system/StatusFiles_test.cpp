@@ -9,10 +9,7 @@
 
 using namespace vexabox;
 using namespace std::chrono_literals;
-using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 using vexasim::Bend;
 using vexasim::Bytes;
 
@@ -295,9 +292,9 @@ struct BatteryLevel {
     std::vector<std::string> file;
 };
 
-void PrintTo(const BatteryLevel& level, std::ostream* stream)
+std::ostream& operator<<(std::ostream& stream, const BatteryLevel& level)
 {
-    *stream << level.name;
+    return stream << level.name;
 }
 
 class ABatteryLevel : public AConnectedRemote, public ::testing::WithParamInterface<BatteryLevel>
@@ -404,9 +401,9 @@ struct Version {
     std::vector<std::string> file;
 };
 
-void PrintTo(const Version& version, std::ostream* stream)
+std::ostream& operator<<(std::ostream& stream, const Version& version)
 {
-    *stream << version.name;
+    return stream << version.name;
 }
 
 class AFirmwareVersion : public AConnectedRemote, public ::testing::WithParamInterface<Version>

@@ -9,8 +9,6 @@ using namespace vexabox;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using vexasim::Peripheral;
-using vexasim::PropertyMap;
 
 namespace
 {
@@ -64,9 +62,9 @@ struct Name {
     bool remote;
 };
 
-void PrintTo(const Name& name, std::ostream* stream)
+std::ostream& operator<<(std::ostream& stream, const Name& name)
 {
-    *stream << name.name;
+    return stream << name.name;
 }
 
 class ADevice : public InABox, public ::testing::WithParamInterface<Name>

@@ -34,6 +34,7 @@ uintptr_t programEnd = 0;
 
 void findProgram()
 {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel gives addresses as numbers
     const auto* headers = reinterpret_cast<const ElfW(Phdr)*>(getauxval(AT_PHDR));
     const auto* const end = headers + getauxval(AT_PHNUM);
     uintptr_t base = 0;
@@ -64,7 +65,7 @@ __attribute__((constructor)) void setUp()
     syscall(SYS_close, file);
     if (address != -1) {
         findProgram();
-        page = reinterpret_cast<const ClockPage*>(address);
+        page = reinterpret_cast<const ClockPage*>(address); // NOLINT(performance-no-int-to-ptr)
     }
 }
 
@@ -76,6 +77,8 @@ bool isMoved(const void* caller)
 
 } // namespace
 
+// The C library names its parameters in ways that are reserved to it.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept
 {
     const void* caller = __builtin_return_address(0);
@@ -104,3 +107,4 @@ extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* time
     time->tv_usec = us % kUsPerSecond;
     return 0;
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -18,7 +18,10 @@ public:
     Handle(Handle&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
     Handle& operator=(Handle&& other) noexcept
     {
-        std::swap(mFd, other.mFd);
+        if (this != &other) {
+            reset();
+            mFd = std::exchange(other.mFd, -1);
+        }
         return *this;
     }
     Handle(const Handle&) = delete;

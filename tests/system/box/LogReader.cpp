@@ -17,7 +17,8 @@ namespace
 
 std::string withoutColors(const std::string& raw)
 {
-    static const std::regex color("\x1b\\[[0-9]*m");
+    static const std::regex color("\x1b"
+                                  R"(\[[0-9]*m)");
     return std::regex_replace(raw, color, "");
 }
 
@@ -35,7 +36,7 @@ LogRecord parseLogLine(const std::string& raw)
 {
     // Four blanks, the time, the letter, the tag if there is one, the message.
     static const std::regex form(
-        "    (\\d\\d:\\d\\d:\\d\\d\\.\\d{3}) ([EWIDT]?) (?:\\[([^:\\]]*)(?::(\\d+))?\\] )?(.*)");
+        R"(    (\d\d:\d\d:\d\d\.\d{3}) ([EWIDT]?) (?:\[([^:\]]*)(?::(\d+))?\] )?(.*))");
     LogRecord record;
     record.arrival = std::chrono::steady_clock::now();
     record.raw = raw;

@@ -212,7 +212,9 @@ Program::~Program()
 {
     if (mPid > 0) {
         kill(-mPid, SIGKILL); // with its children, which may hold its streams
-        awaitExit();
+        if (!mExit) {
+            waitpid(mPid, nullptr, 0);
+        }
     }
 }
 

@@ -111,7 +111,7 @@ Room::~Room()
 
 // ---- the program
 
-std::vector<std::string> Room::environment(const Environment& extra) const
+std::vector<std::string> Room::wholeEnvironment(const Environment& extra) const
 {
     Environment all;
     for (const char* name : kInherited) {
@@ -127,7 +127,7 @@ std::vector<std::string> Room::environment(const Environment& extra) const
     }
     std::vector<std::string> list;
     for (const auto& [name, value] : all) {
-        list.push_back(name + "=" + value);
+        list.push_back(std::string(name).append("=").append(value));
     }
     return list;
 }
@@ -146,20 +146,21 @@ void Room::launch(ProgramOptions options)
     mOutput = std::make_unique<LogReader>(mProgram->takeOutput());
 }
 
-void Room::start(const std::string& path, const std::vector<std::string>& arguments, const Environment& extra)
+void Room::start(const std::string& path, const std::vector<std::string>& arguments,
+                 const Environment& environment)
 {
     ProgramOptions options;
     options.path = path;
     options.arguments = arguments;
-    options.environment = environment(extra);
+    options.environment = wholeEnvironment(environment);
     launch(options);
 }
 
 void Room::startOwn(const std::string& path, const std::vector<std::string>& arguments,
-                    const Environment& extra)
+                    const Environment& environment)
 {
     ProgramOptions options;
-    Environment all = extra;
+    Environment all = environment;
     // Shown below /run, since the build may lie under the /tmp that is hidden.
     for (const std::string& own : {path, std::string(VEXABOX_CLOCK_PRELOAD)}) {
         const std::string shown = runFolder() + "/own/" + nameOf(own);
@@ -170,7 +171,7 @@ void Room::startOwn(const std::string& path, const std::vector<std::string>& arg
     all[kClockVariable] = "/run/clock";
     options.path = "/run/own/" + nameOf(path);
     options.arguments = arguments;
-    options.environment = environment(all);
+    options.environment = wholeEnvironment(all);
     launch(options);
 }
 

@@ -79,7 +79,7 @@ protected:
     std::string runFolder() const { return mFolder + "/run"; }
 
 private:
-    std::vector<std::string> environment(const Environment& extra) const;
+    std::vector<std::string> wholeEnvironment(const Environment& extra) const;
     void launch(ProgramOptions options);
 
     std::string mFolder;
