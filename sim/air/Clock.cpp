@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "sim/air/Clock.h"
 
-#include <glib.h>
-
 #include <algorithm>
 
 namespace vexasim::air

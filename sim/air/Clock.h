@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <glib.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
-
-struct _GMainContext;
-struct _GSource;
 
 namespace vexasim::air
 {
@@ -98,7 +97,7 @@ protected:
     void rescheduled() override;
 
 private:
-    _GSource* mSource;
+    GSource* mSource;
 };
 
 } // namespace vexasim::air

@@ -3,11 +3,11 @@
 
 #include "sim/air/Bytes.h"
 
+#include <glib.h>
+
 #include <functional>
 #include <optional>
 #include <string>
-
-struct _GSource;
 
 namespace vexasim::air
 {
@@ -51,7 +51,7 @@ private:
     const Receive mReceive;
     const Closed mClosed;
     std::optional<unsigned> mIndex;
-    _GSource* mSource;
+    GSource* mSource;
 };
 
 } // namespace vexasim::air
