@@ -237,6 +237,9 @@ void Bluez::fanOut(Callback callback) const
 
 void Bluez::objectAdded(GDBusObjectManager* /*manager*/, GDBusObject* object, gpointer self)
 {
+    if (static_cast<Bluez*>(self)->_stopping) {
+        return; // what a storm of events has left in the queue doesn't hold up the end
+    }
     const std::string path = g_dbus_object_get_object_path(object);
     LOG_TRACE("+ %s", path.c_str());
     static_cast<Bluez*>(self)->onObjectAdded(path);
@@ -244,6 +247,9 @@ void Bluez::objectAdded(GDBusObjectManager* /*manager*/, GDBusObject* object, gp
 
 void Bluez::objectRemoved(GDBusObjectManager* /*manager*/, GDBusObject* object, gpointer self)
 {
+    if (static_cast<Bluez*>(self)->_stopping) {
+        return; // what a storm of events has left in the queue doesn't hold up the end
+    }
     const std::string path = g_dbus_object_get_object_path(object);
     LOG_TRACE("- %s", path.c_str());
     static_cast<Bluez*>(self)->onObjectRemoved(path);
@@ -252,7 +258,9 @@ void Bluez::objectRemoved(GDBusObjectManager* /*manager*/, GDBusObject* object, 
 void Bluez::propertiesChanged(GDBusProxy* proxy, GVariant* changed, const gchar* const* invalidated,
                               gpointer self)
 {
-    static_cast<Bluez*>(self)->onPropertiesChanged(proxy, changed, invalidated);
+    if (!static_cast<Bluez*>(self)->_stopping) {
+        static_cast<Bluez*>(self)->onPropertiesChanged(proxy, changed, invalidated);
+    }
 }
 
 void Bluez::onObjectAdded(const std::string& path)
