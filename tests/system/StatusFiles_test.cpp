@@ -75,7 +75,10 @@ TEST_F(AConnectedRemote, IsPublishedWithItsAddress)
 {
     EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
     EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
-    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "connected"));
+    EXPECT_THAT(
+        box.statusCourse(),
+        // The first pass may come before BlueZ has reported the connection.
+        ::testing::AnyOf(ElementsAre("init", "connected"), ElementsAre("init", "disconnected", "connected")));
 }
 
 TEST_F(AConnectedRemote, IsPublishedAgainOnEachPass)
