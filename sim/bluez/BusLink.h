@@ -34,8 +34,8 @@ public:
     /// An empty variant answers with no values.
     void reply(const Variant& parameters = {});
     void fail(const std::string& name, const std::string& message);
-    /// Whatever answer comes is sent this much later.
-    void delayAnswer(std::chrono::milliseconds delay) { mDelay = delay; }
+    /// Whatever answer comes is sent this much later; several delays add up.
+    void delayAnswer(std::chrono::milliseconds delay) { mDelay += delay; }
 
 private:
     void send(GDBusMessage* answer);

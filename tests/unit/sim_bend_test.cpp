@@ -79,6 +79,22 @@ TEST_F(ABentBlueZ, DoesAtOnceButAnswersLate)
     EXPECT_EQ(start.get(), "");
 }
 
+// The remote has a delay of its own here, which must not replace the bend's.
+TEST_F(ABentBlueZ, AnswersLateThatNotificationsAreOnOrOff)
+{
+    ASSERT_EQ(client.call(kAdapter, kStart).error, "");
+    ASSERT_TRUE(client.await("/", "InterfacesAdded", kDevice));
+    ASSERT_EQ(client.call(kDevice, "org.bluez.Device1.Pair").error, "");
+    const std::string battery = sim.pathOf(*sim.remote().normal(), vexasim::uuid::kBatteryLevel);
+    for (const char* member : {"StartNotify", "StopNotify"}) {
+        SCOPED_TRACE(member);
+        sim.bend(Bend::lateReply(member, kShort));
+        const auto before = std::chrono::steady_clock::now();
+        EXPECT_EQ(client.call(battery, std::string("org.bluez.GattCharacteristic1.") + member).error, "");
+        EXPECT_GE(std::chrono::steady_clock::now() - before, kShort);
+    }
+}
+
 TEST_F(ABentBlueZ, BendsOneObjectAndInterfaceOnly)
 {
     sim.addAdapter({"hci1", "00:1A:7D:DA:71:14", true});
