@@ -13,6 +13,7 @@ from pathlib import Path
 
 PROJECT = Path(sys.argv[1])  # as it is called in here
 OUTSIDE = Path(sys.argv[2])  # as the person in front of it calls it
+KEY = os.environ.get("VEXA_DEMO_KEY")  # open file with the update key, if the build has one of its own
 BUILD = PROJECT / "build/release"
 DAEMON_LOG = "build/demo/daemon.log"
 SIM_LOG = "build/demo/vexasim.log"
@@ -99,7 +100,7 @@ def await_that(condition, limit, what):
     raise DidNotHappen(f"{what}: not within {limit} seconds")
 
 
-def start(program, log, **environment):
+def start(program, log, pass_fds=(), **environment):
     """A program that doesn't outlive this one."""
     with open(PROJECT / log, "w", encoding="utf-8") as output:
         return subprocess.Popen(
@@ -109,6 +110,7 @@ def start(program, log, **environment):
             stderr=output,
             env={**os.environ, **environment},
             start_new_session=True,  # a key press of Ctrl-C is this program's to handle
+            pass_fds=pass_fds,
         )
 
 
@@ -122,7 +124,9 @@ class Box:
                                    ("pair", 1000), ("pair-timeout", 10000),
                                    ("resolve", 400), ("resolve-timeout", 10000)):
             options += ["--timing", f"{what}={milliseconds}"]
-        self.process = start([BUILD / "sim/vexasim", *options], SIM_LOG)
+        key = [int(KEY)] if KEY else []
+        options += [f"--key-file=/dev/fd/{descriptor}" for descriptor in key]
+        self.process = start([BUILD / "sim/vexasim", *options], SIM_LOG, pass_fds=key)
         self.bus = await_that(self.find_bus, 10, "the software box starts")
 
     def find_bus(self):

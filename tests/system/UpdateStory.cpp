@@ -25,23 +25,6 @@ constexpr const char* kStatus = "bluetooth_status";
 constexpr std::size_t kCipherBytes = 16;
 constexpr std::size_t kBlockBytes = 20;
 
-vexasim::UpdateKey sharedKey()
-{
-    const std::string file = VEXA_OTA_KEY_FILE;
-    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
-}
-
-std::string toHex(const Bytes& bytes)
-{
-    std::string text;
-    for (const uint8_t byte : bytes) {
-        std::array<char, 4> digits{};
-        std::snprintf(digits.data(), digits.size(), " %02x", byte);
-        text += digits.data();
-    }
-    return text;
-}
-
 bool begins(const std::string& text, const std::string& beginning)
 {
     return text.compare(0, beginning.size(), beginning) == 0;
@@ -60,6 +43,23 @@ bool isAboutUpdate(const LogRecord& record)
     return record.module == "main" &&
            std::any_of(kBeginnings.begin(), kBeginnings.end(),
                        [&record](const std::string& beginning) { return begins(record.text, beginning); });
+}
+
+enum class Direction { Decipher, Encipher }; // as libcrypto numbers them
+
+Bytes cipherBlock(const Bytes& block, const vexasim::UpdateKey& key, Direction direction)
+{
+    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
+                                                                                  &EVP_CIPHER_CTX_free);
+    Bytes result(kCipherBytes);
+    int length = 0;
+    if (EVP_CipherInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr,
+                          static_cast<int>(direction)) != 1 ||
+        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
+        EVP_CipherUpdate(context.get(), result.data(), &length, block.data(), int{kCipherBytes}) != 1) {
+        throw std::runtime_error("libcrypto has no AES-256-ECB");
+    }
+    return result;
 }
 
 std::string signatureOf(const FirmwareImage& image)
@@ -218,19 +218,31 @@ FirmwareImage newerImage(uint16_t words)
     return newerImage(words, std::size_t{4} * words);
 }
 
-Bytes enciphered(const Bytes& plain)
+vexasim::UpdateKey sharedKey()
 {
-    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
-                                                                                  &EVP_CIPHER_CTX_free);
-    const vexasim::UpdateKey key = sharedKey();
-    Bytes cipher(kCipherBytes);
-    int length = 0;
-    if (EVP_EncryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr) != 1 ||
-        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
-        EVP_EncryptUpdate(context.get(), cipher.data(), &length, plain.data(), int{kCipherBytes}) != 1) {
-        throw std::runtime_error("libcrypto doesn't encipher AES-256-ECB");
+    const std::string file = VEXA_OTA_KEY_FILE;
+    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
+}
+
+Bytes enciphered(const Bytes& plain, const vexasim::UpdateKey& key)
+{
+    return cipherBlock(plain, key, Direction::Encipher);
+}
+
+Bytes deciphered(const Bytes& cipher, const vexasim::UpdateKey& key)
+{
+    return cipherBlock(cipher, key, Direction::Decipher);
+}
+
+std::string toHex(const Bytes& bytes)
+{
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        std::array<char, 4> digits{};
+        std::snprintf(digits.data(), digits.size(), " %02x", byte);
+        text += digits.data();
     }
-    return cipher;
+    return text;
 }
 
 Lines dataPackets(const FirmwareImage& image, std::size_t bytes)

@@ -83,8 +83,14 @@ private:
 FirmwareImage newerImage(uint16_t words, std::size_t bytes);
 FirmwareImage newerImage(uint16_t words);
 
-/// One block of 16 bytes as libcrypto enciphers it with the key of this build.
-vexasim::Bytes enciphered(const vexasim::Bytes& plain);
+/// The key of this build.
+vexasim::UpdateKey sharedKey();
+/// One block of 16 bytes as libcrypto enciphers it.
+vexasim::Bytes enciphered(const vexasim::Bytes& plain, const vexasim::UpdateKey& key = sharedKey());
+/// And back.
+vexasim::Bytes deciphered(const vexasim::Bytes& cipher, const vexasim::UpdateKey& key = sharedKey());
+/// " 01 a2 ff".
+std::string toHex(const vexasim::Bytes& bytes);
 
 /// What a good remote and the daemon send each other for this image when `bytes`
 /// of its payload are sent in blocks of 20.

@@ -249,6 +249,22 @@ INSTANTIATE_TEST_SUITE_P(ToFind, AnUpdateThat,
                                                    true}),
                          [](const auto& test) { return test.param.name; });
 
+// ---- another key
+
+TEST_F(AFailingUpdate, FindsThatTheRemoteHasAnotherKey)
+{
+    vexasim::UpdateKey another = sharedKey();
+    another.back() ^= 1; // one bit
+    box.remote().receiver().setKey(another);
+    const FirmwareImage image = imageOfFiveBlocks();
+
+    offer(image);
+
+    expectFailure(image, kNoStart, {}, "disconnected");
+    EXPECT_EQ(box.remote().receiver().complaint(), "start-update: no zeros behind the header; another key?");
+    EXPECT_EQ(exchange().back(), "< control 01 00 00");
+}
+
 // ---- the remote goes
 
 TEST_F(AFailingUpdate, EndsBehindTheBlockAtWhichTheRemoteVanishes)
