@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -162,6 +163,16 @@ void UpdateStory::fault(vexasim::UpdateStep step, const vexasim::UpdateFault& fa
     box.remote().receiver().setFault(step, fault);
 }
 
+void UpdateStory::loseAdapterAlone()
+{
+    const std::string path = box.sim().adapterPath();
+    // The object stays for as long as it has an interface.
+    for (const char* interface :
+         {"org.bluez.Adapter1", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"}) {
+        box.sim().removeInterface(path, interface);
+    }
+}
+
 bool UpdateStory::ends(const std::string& outcome, std::chrono::milliseconds limit)
 {
     const std::string word = "rc_fw_update_" + outcome;
@@ -307,6 +318,21 @@ Lines logOfBlocks(const FirmwareImage& image, std::size_t bytes)
         lines.emplace_back(text.data());
     }
     return lines;
+}
+
+std::vector<int> publishedNumbers(int total, std::size_t bytes)
+{
+    std::vector<int> numbers;
+    float last = 0;
+    for (std::size_t sent = 0; sent < bytes;) {
+        sent = std::min(bytes, sent + kBlockBytes);
+        const float percent = float(sent) / float(total) * 100;
+        if (percent - last > 0.95F) {
+            numbers.push_back(static_cast<int>(std::ceil(percent)));
+            last = percent;
+        }
+    }
+    return numbers;
 }
 
 Lines words(const std::vector<int>& numbers, const Lines& rest)

@@ -54,6 +54,8 @@ protected:
     /// Writes the image's file, and links it for the daemon.
     void offer(const FirmwareImage& image, const std::string& name = "image.bin");
     void fault(vexasim::UpdateStep step, const vexasim::UpdateFault& fault);
+    /// BlueZ tells that the adapter has gone, and nothing of the remote yet.
+    void loseAdapterAlone();
 
     // ---- its end
     /// "succeed", "failed" or "canceled"; the word stands for three seconds.
@@ -105,6 +107,9 @@ Lines logOfStart(const FirmwareImage& image, const std::string& name = "image.bi
 Lines logOfBlocks(const FirmwareImage& image, std::size_t bytes);
 
 // ---- the status file
+/// The numbers of an upload: a percentage is published when it has risen by more
+/// than 0.95, rounded up from single precision.
+std::vector<int> publishedNumbers(int total, std::size_t bytes);
 /// "connected", "rc_fw_update_preparing", a word for each number, and `rest`.
 Lines words(const std::vector<int>& numbers, const Lines& rest);
 

@@ -185,6 +185,54 @@ TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteHasNoUpdateSwitch)
     expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
 }
 
+TEST_F(AnOfferedImage, IsUnnecessaryIfItIsAFolder)
+{
+    ASSERT_TRUE(remoteIsRead());
+
+    box.linkFirmware("/tmp");
+
+    ASSERT_TRUE(ends("canceled"));
+    EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
+    EXPECT_THAT(updateLog(), ElementsAre("D Firmware symlink found: /tmp", "W REMOVE: /tmp/bluetooth_rc_fw",
+                                         "W RC update is unnecessary"));
+}
+
+TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteHasNoAddress)
+{
+    ASSERT_TRUE(remoteIsRead());
+    box.sim().setProperty(box.remotePath(), "org.bluez.Device1", "Address", g_variant_new_string(""));
+    ASSERT_TRUE(box.awaitPasses(2)); // the second of them begins behind the change
+
+    offer(newerImage(5));
+
+    expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
+}
+
+TEST_F(AnOfferedImage, IsUnnecessaryIfThereIsNoAdapter)
+{
+    ASSERT_TRUE(remoteIsRead());
+    loseAdapterAlone();
+    ASSERT_TRUE(box.awaitEvents());
+
+    offer(newerImage(5));
+
+    expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
+}
+
+TEST_F(AnOfferedImage, IsRefusedWithoutARemote)
+{
+    ASSERT_TRUE(remoteIsRead());
+    box.sim().removeAdapter(); // and with it everything that was known through it
+    ASSERT_TRUE(box.awaitStatus("no device"));
+
+    offer(newerImage(5));
+
+    ASSERT_TRUE(ends("canceled"));
+    ASSERT_TRUE(idlesWith("no device"));
+    EXPECT_THAT(updateLog(), ElementsAreArray(kLinkTaken + Lines{"W Update canceled: invalid state: "
+                                                                 "battery: 0% version: 0"}));
+}
+
 // ---- attempts
 
 TEST_F(AnOfferedImage, IsServedOnceForEachLink)

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <map>
@@ -27,23 +26,6 @@ constexpr std::size_t kBlockBytes = 20;
 
 // What follows the word behind the last block.
 const Lines kWellEnded = {"rc_fw_update_succeed", "disconnected"};
-
-// The numbers of a long upload: a percentage is published when it has risen by
-// more than 0.95, rounded up from single precision.
-std::vector<int> publishedNumbers(int total, std::size_t bytes)
-{
-    std::vector<int> numbers;
-    float last = 0;
-    for (std::size_t sent = 0; sent < bytes;) {
-        sent = std::min(bytes, sent + kBlockBytes);
-        const float percent = float(sent) / float(total) * 100;
-        if (percent - last > 0.95F) {
-            numbers.push_back(static_cast<int>(std::ceil(percent)));
-            last = percent;
-        }
-    }
-    return numbers;
-}
 
 class AnUpdate : public UpdateStory
 {
@@ -176,7 +158,27 @@ TEST_P(AFileThatEndsInABlock, SendsItAsItIs)
                                  Lines{"W Stream end", "E Upload fw failed", "E Firmware update failed"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(OfBytes, AFileThatEndsInABlock, ::testing::Values(1, 15, 16, 17, 19));
+INSTANTIATE_TEST_SUITE_P(OfBytes, AFileThatEndsInABlock, ::testing::Values(1, 13, 15, 16, 17, 19, 20));
+
+TEST_F(AnUpdate, OfAHeaderAloneEndsAtItsFirstBlock)
+{
+    const FirmwareImage image = newerImage(5, 0);
+    offer(image);
+    ASSERT_TRUE(ends("failed"));
+    ASSERT_LOG(box, ERROR, "main", "Firmware update failed");
+
+    EXPECT_THAT(exchange(), ElementsAreArray(exchangeUpToData(image)));
+    EXPECT_THAT(updateLog(),
+                ElementsAreArray(logOfStart(image) +
+                                 Lines{"I Updating RC firmware from 1a3 to 1a4",
+                                       "D image version: 1a3 image offset: 0", "D writeFw: writing...",
+                                       "W Stream end", "E Upload fw failed", "E Firmware update failed"}));
+}
+
+TEST_F(AnUpdate, OfAHeaderThatAnnouncesNothingIsGood)
+{
+    expectGood(newerImage(0, 0), 0, {});
+}
 
 // The last block of a good update, cut by the end of the file.
 class AGoodFileThatEndsInABlock : public AnUpdate, public ::testing::WithParamInterface<std::size_t>
@@ -245,6 +247,28 @@ TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
     EXPECT_GE(rate, kWorstRate);
 }
 
+// ---- pauses
+
+TEST_F(AnUpdate, PausesBeforeTheVerificationAndAfterTheReset)
+{
+    constexpr int64_t kSecondUs = 1000000;
+    constexpr int64_t kRecorderUs = 500000; // a packet or a word can be noted late
+    offer(newerImage(5));
+    ASSERT_TRUE(ends("succeed"));
+
+    const std::vector<UpdatePacket> all = packets();
+    ASSERT_GE(all.size(), 4U);
+    const UpdatePacket& data = all[all.size() - 4];
+    const UpdatePacket& verify = all[all.size() - 3];
+    const UpdatePacket& reset = all.back();
+    ASSERT_EQ(data.channel, UpdatePacket::Channel::Data);
+    EXPECT_GE(verify.timeUs - data.timeUs, 5 * kSecondUs - kRecorderUs);
+    // Nothing can answer the reset, and still its answer is waited for.
+    const auto ended = box.files().moments("bluetooth_status").back().time.time_since_epoch();
+    const int64_t endedUs = std::chrono::duration_cast<std::chrono::microseconds>(ended).count();
+    EXPECT_GE(endedUs - reset.timeUs, kSecondUs - kRecorderUs);
+}
+
 // ---- answers
 
 UpdateFault answering(const std::vector<vexasim::Bytes>& answers)
@@ -286,6 +310,13 @@ Tolerated twice(const char* name, UpdateStep step)
     return {name, step, fault};
 }
 
+Tolerated slow(const char* name, UpdateStep step)
+{
+    UpdateFault fault;
+    fault.late = 500ms; // half of the time that it has
+    return {name, step, fault};
+}
+
 class AnUpdateOfARemote : public AnUpdate, public ::testing::WithParamInterface<Tolerated>
 {
 };
@@ -314,6 +345,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         silent("IsSilentOnConnectionParameters", UpdateStep::ConnectionParameters),
         refusing("RefusesConnectionParameters", UpdateStep::ConnectionParameters),
+        slow("ThinksAboutTheParameters", UpdateStep::ConnectionParameters),
+        slow("ThinksAboutTheImageInfo", UpdateStep::GetImageInfo),
+        slow("ThinksAboutTheStart", UpdateStep::StartUpdate),
+        slow("ThinksAboutTheVerification", UpdateStep::Verify),
         Tolerated{"DislikesConnectionParameters", UpdateStep::ConnectionParameters, answering({{7, 0, 0}})},
         // Nothing answers the connection parameters twice: whether the second answer falls into the wait of
         // the next command, whose answer it is then, is a matter of time.

@@ -25,6 +25,7 @@ constexpr const char* kImageHeld = "D image version: 1a3 image offset: 0";
 constexpr const char* kWriting = "D writeFw: writing...";
 constexpr const char* kFailed = "E Firmware update failed";
 constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
+constexpr auto kWhileHeld = 1s;  // how long an answer is kept back, so that something can happen before
 constexpr std::size_t kImageBytes = 100;
 
 FirmwareImage imageOfFiveBlocks()
@@ -103,6 +104,12 @@ std::function<void(Box&)> cutTo(UpdateStep step, std::size_t length)
 std::function<void(Box&)> vanishing(UpdateStep step)
 {
     return with(step, [](UpdateFault& fault) { fault.vanish = true; });
+}
+
+// BlueZ gives no answer either; the D-Bus library gives up after 25 seconds.
+std::function<void(Box&)> withoutReply(UpdateStep step)
+{
+    return with(step, [](UpdateFault& fault) { fault.noWriteReply = true; });
 }
 
 std::function<void(Box&)> refusedByBlueZ(const std::string& member)
@@ -233,6 +240,23 @@ INSTANTIATE_TEST_SUITE_P(
         Failure{"HearsTwoBytesOfTheVerification", cutTo(UpdateStep::Verify, 2), kBadAnswer, 11, kAll}),
     [](const auto& test) { return test.param.name; });
 
+// Their half a minute runs beside the other cases.
+INSTANTIATE_TEST_SUITE_P(
+    ToEndAWrite, AnUpdateThat,
+    ::testing::Values(
+        Failure{"HearsNoReplyToTheSwitch", withoutReply(UpdateStep::Switch), {"E Write RESET failed"}, 1, {}},
+        Failure{"HearsNoReplyToACommand", withoutReply(UpdateStep::GetImageInfo), kNoImage, 3, {}},
+        Failure{"HearsNoReplyToABlock",
+                with(UpdateStep::Data,
+                     [](UpdateFault& fault) {
+                         fault.noWriteReply = true;
+                         fault.block = 1;
+                     }),
+                uploaded(20, {"E Write buffer failed", "E Upload fw failed"}),
+                7,
+                {20}}),
+    [](const auto& test) { return test.param.name; });
+
 // Its wait of a minute runs beside the other cases.
 INSTANTIATE_TEST_SUITE_P(ToFind, AnUpdateThat,
                          ::testing::Values(Failure{"NeverSeesTheRemoteAgain",
@@ -280,6 +304,92 @@ TEST_F(AFailingUpdate, EndsBehindTheBlockAtWhichTheRemoteVanishes)
     expectFailure(image, uploaded(40, {"E Write buffer failed", "E Upload fw failed"}), {20, 40},
                   "disconnected");
     EXPECT_THAT(exchange(), ElementsAreArray(exchangeUpToData(image) + dataPackets(image, 60)));
+}
+
+TEST_F(AFailingUpdate, FindsTheRemoteAway)
+{
+    box.disconnectRemote();
+    ASSERT_TRUE(box.awaitStatus("disconnected"));
+    const FirmwareImage image = imageOfFiveBlocks();
+
+    offer(image);
+
+    ASSERT_TRUE(ends("failed"));
+    ASSERT_TRUE(idlesWith("disconnected"));
+    EXPECT_THAT(updateLog(),
+                ElementsAreArray(logOfStart(image) + Lines{kUpdating, "E Write RESET failed", kFailed}));
+    EXPECT_THAT(course(), ElementsAreArray({"disconnected", "rc_fw_update_preparing", "rc_fw_update_failed",
+                                            "disconnected"}));
+    EXPECT_THAT(exchange(), ::testing::IsEmpty());
+}
+
+// ---- the stack goes
+
+TEST_F(AFailingUpdate, LosesTheAdapterBeforeTheScan)
+{
+    const std::string path = box.pathOf(vexasim::uuid::kSwitch);
+    box.sim().bend(Bend::lateReply("WriteValue", kWhileHeld).on(path));
+    const FirmwareImage image = imageOfFiveBlocks();
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitCall("WriteValue", path, 1, kPatience));
+
+    loseAdapterAlone();
+
+    expectFailure(image, {"E Setting scan to ON failed"}, {}, "disconnected");
+}
+
+TEST_F(AFailingUpdate, LosesTheAdapterWhileItConnects)
+{
+    box.sim().bend(Bend::lateReply("Connect", kWhileHeld));
+    const FirmwareImage image = imageOfFiveBlocks();
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitCall("Connect", box.sim().updateDevicePath(), 1, kPatience));
+
+    loseAdapterAlone();
+
+    expectFailure(image, {"E Setting scan to OFF failed"}, {}, "disconnected");
+    EXPECT_THAT(exchange(), ElementsAreArray({"> switch 01"}));
+}
+
+class AnUploadWithoutAStack : public AFailingUpdate
+{
+protected:
+    /// Breaks the stack at the third block, and sees the update end there.
+    void endsWhen(const std::function<void()>& breaks, const std::string& idle)
+    {
+        const FirmwareImage image = newerImage(2000);
+        offer(image);
+        ASSERT_TRUE(box.sim().awaitCall("WriteValue", updatePathOf(vexasim::uuid::kData), 3, kPatience));
+        breaks();
+        ASSERT_TRUE(ends("failed"));
+        ASSERT_TRUE(idlesWith(idle));
+        const Lines log = updateLog();
+        ASSERT_GE(log.size(), 3U);
+        EXPECT_THAT(Lines(log.end() - 3, log.end()),
+                    ElementsAreArray({"E Write buffer failed", "E Upload fw failed", kFailed}));
+        EXPECT_GE(box.remote().receiver().blocks(), 2U);
+        EXPECT_LT(box.remote().receiver().blocks(), 400U);
+    }
+};
+
+TEST_F(AnUploadWithoutAStack, FailsWhenTheAdapterIsPulled)
+{
+    endsWhen([this] { box.sim().removeAdapter(); }, "no device");
+
+    // And again is refused: nothing is known of a remote any more.
+    offer(imageOfFiveBlocks());
+    ASSERT_TRUE(ends("canceled"));
+    EXPECT_LOG(box, WARN, "main", "Update canceled: invalid state: battery: 0% version: 0");
+}
+
+TEST_F(AnUploadWithoutAStack, FailsWhenBluetoothdIsKilled)
+{
+    endsWhen([this] { box.sim().stopService(vexasim::Simulator::Stop::Kill); }, "no device");
+}
+
+TEST_F(AnUploadWithoutAStack, FailsWhenBluetoothdIsStopped)
+{
+    endsWhen([this] { box.sim().stopService(vexasim::Simulator::Stop::Terminate); }, "no device");
 }
 
 // ---- answers at the wrong time or from the wrong place
