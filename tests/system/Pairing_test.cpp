@@ -9,7 +9,6 @@
 
 using namespace vexabox;
 using namespace std::chrono_literals;
-using ::testing::AnyOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Not;
@@ -388,20 +387,23 @@ TEST_F(APairing, FailsOnAPollThatIsAnsweredWithAnError)
     EXPECT_LOG(box, ERROR, "main", kCallFailed);
 }
 
-// The removal meets the daemon somewhere between the scan's end and the polls.
-// Which of its tests sees it first is for the scheduler to say.
-TEST_F(APairing, SurvivesARemoteThatIsRemovedAsTheScanEnds)
+TEST_F(APairing, ReturnsWithABrokenHandleIfTheRemoteGoesBeforeTheCall)
 {
-    box.sim().bend(Bend::late("StopDiscovery", 300ms));
-    hurryPolls();
+    box.sim().bend(Bend::late("StopDiscovery", 2s * kSlowness));
     request();
     EXPECT_LOG(box, DEBUG, "main", "Scanning off");
+    box.clock().hold(); // its next look is the start of the pairing's ten seconds
+    EXPECT_LOG(box, INFO, "main", kFound);
+    ASSERT_TRUE(box.clock().awaitHeld());
     box.sim().removePeripheral(box.remote().normal());
-    EXPECT_LOG(box, INFO, "main", kToIdle);
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
+    box.sim().clearCalls();
+    box.clock().letGo();
 
-    EXPECT_THAT(box.logOf("main"),
-                Contains(AnyOf("W " + kNotFound, "E Broken VEXA RC handle. Returning from pairing.",
-                               "E " + kCallFailed)));
+    EXPECT_LOG(box, ERROR, "main", "Broken VEXA RC handle. Returning from pairing.");
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    EXPECT_EQ(box.statusCourse().back(), "scanning");
+    EXPECT_THAT(box.busCalls(), Not(Contains(kPair)));
     ASSERT_TRUE(box.pass());
     EXPECT_TRUE(box.awaitStatus("no device"));
 }

@@ -55,6 +55,16 @@ protected:
 
 // ---- one interrupt
 
+TEST_F(ADaemon, EndsWithStatus0AndNoWordOnAnInterruptBeforeItsObjectExists)
+{
+    box.interruptEarly();
+    box.startDaemon();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(0));
+    EXPECT_THAT(box.log().records(), IsEmpty());
+    EXPECT_THAT(published(), IsEmpty());
+}
+
 TEST_F(ADaemon, EndsItsClientAndThenRemovesItsFilesOnAnInterrupt)
 {
     for (const std::string& name : kPublished) {

@@ -124,6 +124,22 @@ TEST_F(AConnectedRemote, IsPublishedAsDisconnectedOnThePassAfterItsLinkEnded)
     EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
 }
 
+// Between the two looks of one pass at the bond, which are the only ones that tell.
+TEST_F(AConnectedRemote, IsPublishedAsNotPairedIfItsBondIsLostWithinAPass)
+{
+    const std::string path = box.remotePath();
+    setProperty("Connected", g_variant_new_boolean(FALSE));
+    constexpr unsigned kBackOffBegins = 3; // the pass was due, its beginning is noted, then this
+    box.clock().advanceAndHold(500ms, kBackOffBegins);
+    ASSERT_TRUE(box.clock().awaitHeld());
+    box.sim().setProperty(path, "org.bluez.Device1", "Paired", g_variant_new_boolean(FALSE));
+    EXPECT_LOG(box, DEBUG, "main", "Device " + path + " unpaired");
+    box.clock().letGo();
+
+    EXPECT_TRUE(box.awaitStatus("not paired"));
+    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n") << "it stays as it is";
+}
+
 TEST_F(AConnectedRemote, IsPublishedAlthoughOneOfItsFilesCantBeWritten)
 {
     std::filesystem::remove(box.file("bluetooth_rc"));

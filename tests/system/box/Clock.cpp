@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "Clock.h"
 
+#include "Limits.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
+#include <thread>
 
 namespace vexabox
 {
@@ -65,6 +68,36 @@ void Clock::advance(Duration duration)
     } else {
         mPage->monotonicOffsetNs.fetch_add(duration.count());
     }
+}
+
+void Clock::hold()
+{
+    mPage->holdFromLook.store(1);
+    mPage->holdAtNs.store(mPage->stoppedAtNs.load());
+}
+
+void Clock::advanceAndHold(Duration duration, unsigned look)
+{
+    mPage->holdFromLook.store(look);
+    mPage->holdAtNs.store(mPage->stoppedAtNs.load() + duration.count());
+    mPage->stoppedAtNs.fetch_add(duration.count());
+}
+
+bool Clock::awaitHeld() const
+{
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (mPage->held.load() == 0) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+void Clock::letGo()
+{
+    mPage->holdAtNs.store(0);
 }
 
 void Clock::stepWallClock(std::chrono::microseconds step)

@@ -28,6 +28,15 @@ public:
     /// Lets it run on from where it stands.
     void run();
     void advance(Duration duration);
+    /// The stopped clock holds the program's main thread at its next look at it:
+    /// between two steps of the daemon that nothing else tells apart.
+    void hold();
+    /// Moves the stopped clock, which then holds the main thread at its `look`th
+    /// look at the new time.
+    void advanceAndHold(Duration duration, unsigned look);
+    /// Until the main thread stands there.
+    bool awaitHeld() const;
+    void letGo();
     /// Steps the wall clock alone, as a correction of the time of day does.
     void stepWallClock(std::chrono::microseconds step);
 

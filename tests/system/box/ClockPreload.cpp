@@ -28,7 +28,7 @@ using vexabox::ClockPage;
 constexpr int64_t kNsPerSecond = 1000000000;
 constexpr int64_t kUsPerSecond = 1000000;
 
-const ClockPage* page = nullptr;
+ClockPage* page = nullptr;
 uintptr_t programBegin = 0;
 uintptr_t programEnd = 0;
 
@@ -57,15 +57,16 @@ __attribute__((constructor)) void setUp()
     if (path == nullptr) {
         return;
     }
-    const long file = syscall(SYS_openat, AT_FDCWD, path, O_RDONLY | O_CLOEXEC);
+    const long file = syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CLOEXEC);
     if (file < 0) {
         return;
     }
-    const long address = syscall(SYS_mmap, nullptr, sizeof(ClockPage), PROT_READ, MAP_SHARED, file, 0L);
+    const long address =
+        syscall(SYS_mmap, nullptr, sizeof(ClockPage), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0L);
     syscall(SYS_close, file);
     if (address != -1) {
         findProgram();
-        page = reinterpret_cast<const ClockPage*>(address); // NOLINT(performance-no-int-to-ptr)
+        page = reinterpret_cast<ClockPage*>(address); // NOLINT(performance-no-int-to-ptr)
     }
 }
 
@@ -73,6 +74,25 @@ bool isMoved(const void* caller)
 {
     const auto address = reinterpret_cast<uintptr_t>(caller);
     return page != nullptr && address >= programBegin && address < programEnd;
+}
+
+// The main thread stands here as long as the test holds it at the time that the
+// stopped clock shows.
+void standIfHeld(int64_t stoppedAtNs)
+{
+    static int64_t lastSeenNs = 0;
+    static int64_t looks = 0;
+    if (syscall(SYS_gettid) != syscall(SYS_getpid)) {
+        return;
+    }
+    looks = stoppedAtNs == lastSeenNs ? looks + 1 : 1;
+    lastSeenNs = stoppedAtNs;
+    while (stoppedAtNs == page->holdAtNs.load() && looks >= page->holdFromLook.load()) {
+        page->held.store(1);
+        constexpr timespec kMillisecond = {0, 1000000};
+        syscall(SYS_nanosleep, &kMillisecond, nullptr);
+    }
+    page->held.store(0);
 }
 
 } // namespace
@@ -87,7 +107,9 @@ extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t cl
         return static_cast<int>(result);
     }
     int64_t ns = page->stoppedAtNs.load();
-    if (ns == 0) {
+    if (ns != 0) {
+        standIfHeld(ns);
+    } else {
         ns = time->tv_sec * kNsPerSecond + time->tv_nsec + page->monotonicOffsetNs.load();
     }
     time->tv_sec = ns / kNsPerSecond;

@@ -162,14 +162,15 @@ void Room::startOwn(const std::string& path, const std::vector<std::string>& arg
     ProgramOptions options;
     Environment all = environment;
     // Shown below /run, since the build may lie under the /tmp that is hidden.
-    for (const std::string& own : {path, std::string(VEXABOX_CLOCK_PRELOAD)}) {
+    const auto show = [&](const std::string& own) {
         const std::string shown = runFolder() + "/own/" + nameOf(own);
         touch(shown);
         options.mounts.emplace_back(own, shown);
-    }
-    all["LD_PRELOAD"] = "/run/own/" + nameOf(VEXABOX_CLOCK_PRELOAD);
+        return "/run/own/" + nameOf(own);
+    };
+    all["LD_PRELOAD"] = show(mInterruptedEarly ? VEXABOX_INTERRUPT_PRELOAD : VEXABOX_CLOCK_PRELOAD);
     all[kClockVariable] = "/run/clock";
-    options.path = "/run/own/" + nameOf(path);
+    options.path = show(path);
     options.arguments = arguments;
     options.environment = wholeEnvironment(all);
     launch(options);

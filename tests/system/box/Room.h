@@ -37,6 +37,11 @@ public:
     void startOwn(const std::string& path, const std::vector<std::string>& arguments = {},
                   const Environment& environment = {});
 
+    /// Programs of the build started from now on are interrupted as soon as they
+    /// have a handler for that, while they make their first objects, and go by
+    /// the true clock.
+    void interruptEarly() { mInterruptedEarly = true; }
+
     Program& program() { return *mProgram; }
     LogReader& log() { return *mLog; }
     /// What the program wrote to its standard output.
@@ -85,6 +90,7 @@ private:
     std::string mFolder;
     Handle mJanitor; ///< when it closes, the janitor sweeps the folder away
     pid_t mJanitorPid = -1;
+    bool mInterruptedEarly = false;
     std::unique_ptr<Clock> mClock;
     std::unique_ptr<FileWatch> mFiles;
     std::unique_ptr<Program> mProgram;

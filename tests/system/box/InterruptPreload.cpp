@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+// Preloaded into the program in the box: interrupts it as soon as it reads the
+// clock with its handler of SIGINT installed, which is while it makes its first
+// objects. Once in its life.
+//
+// By bare system calls, as the clock is.
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <ctime>
+
+namespace
+{
+
+/// The head of what rt_sigaction(2) writes; the rest is room for it.
+struct KernelAction {
+    std::uintptr_t handler = 0;
+    unsigned char rest[64] = {};
+};
+
+bool handlerInstalled()
+{
+    constexpr std::size_t kKernelSetSize = 8; // bytes
+    KernelAction action;
+    return syscall(SYS_rt_sigaction, SIGINT, nullptr, &action, kKernelSetSize) == 0 && action.handler > 1;
+}
+
+bool interrupted = false;
+
+} // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec* time)
+{
+    if (!interrupted && handlerInstalled()) {
+        interrupted = true;
+        syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), SIGINT);
+    }
+    return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+}
