@@ -283,6 +283,7 @@ void AttributeServer::readByType(const Bytes& packet)
         return refuse(request->first, error::kNotFound);
     if (rows.front()->kind == Attribute::Kind::Characteristic) {
         std::vector<Bytes> entries;
+        entries.reserve(rows.size());
         for (const Attribute* row : rows)
             entries.push_back(join(row->handle, row->value));
         return sendLists(static_cast<uint8_t>(Op::ReadByTypeResponse), entries, request->first);
@@ -393,7 +394,7 @@ AttReply AttributeServer::store(const Attribute& row, const Bytes& value, Periph
     return reply;
 }
 
-AttReply AttributeServer::configure(const Attribute& row, const Bytes& value)
+AttReply AttributeServer::configure(const Attribute& row, const Bytes& value) const
 {
     if (value.size() != sizeof(uint16_t))
         return AttReply::refused(error::kInvalidLength);
@@ -409,9 +410,9 @@ bool AttributeServer::wellFormed(uint16_t first, uint16_t last)
     return false;
 }
 
-void AttributeServer::refuse(uint16_t handle, uint8_t error)
+void AttributeServer::refuse(uint16_t about, uint8_t error)
 {
-    respond(encode(ErrorResponse{Op::Error, mRequest, handle, error}));
+    respond(encode(ErrorResponse{Op::Error, mRequest, about, error}));
 }
 
 } // namespace vexasim::air

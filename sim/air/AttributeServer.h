@@ -46,11 +46,11 @@ private:
     using Finish = std::function<void(const Bytes&)>;
     void fetch(const Attribute& row, const Finish& finish);
     AttReply store(const Attribute& row, const Bytes& value, Peripheral::WriteKind kind);
-    AttReply configure(const Attribute& row, const Bytes& value);
+    AttReply configure(const Attribute& row, const Bytes& value) const;
     bool wellFormed(uint16_t first, uint16_t last);
     void sendLists(uint8_t response, const std::vector<Bytes>& entries, uint16_t asked);
     void respond(const Bytes& packet) { mSurroundings.send(Channel::Attributes, packet); }
-    void refuse(uint16_t handle, uint8_t error);
+    void refuse(uint16_t about, uint8_t error);
 
     const Surroundings mSurroundings;
     const AttributeTable mTable;

@@ -102,8 +102,8 @@ void VhciTransport::send(const Bytes& packet)
 
 void VhciTransport::readPackets()
 {
-    std::array<uint8_t, kLargestPacket> buffer;
-    while (!g_source_is_destroyed(mSource)) {
+    std::array<uint8_t, kLargestPacket> buffer{};
+    while (g_source_is_destroyed(mSource) == FALSE) {
         const ssize_t size = ::read(mFile, buffer.data(), buffer.size());
         if (size < 0 && errno == EINTR)
             continue;
@@ -123,7 +123,7 @@ void VhciTransport::readPackets()
 
 void VhciTransport::close(const std::string& why)
 {
-    if (g_source_is_destroyed(mSource))
+    if (g_source_is_destroyed(mSource) != FALSE)
         return;
     g_source_destroy(mSource);
     mClosed(why);
