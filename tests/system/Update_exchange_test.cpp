@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Good updates: every packet, every word, every record of the log.
 
+#include "Pacing.h"
 #include "UpdateStory.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <iostream>
-#include <map>
 
 using namespace vexabox;
 using namespace std::chrono_literals;
@@ -200,51 +198,28 @@ INSTANTIATE_TEST_SUITE_P(OfBytes, AGoodFileThatEndsInABlock, ::testing::Values(4
 
 // ---- pacing
 
-void printIntervals(const std::vector<int64_t>& intervals)
-{
-    std::map<int64_t, unsigned> table;
-    for (const int64_t us : intervals) {
-        ++table[us / 1000];
-    }
-    std::cout << "ms between two blocks | how often\n";
-    for (const auto& [ms, count] : table) {
-        std::printf("%21lld | %u\n", static_cast<long long>(ms), count);
-    }
-}
-
 // From the remote's record. A packet that was noted late shortens the interval behind it, so single intervals
 // may be shorter than 13 ms; from the first block to any later one the sum may be only by that one delay.
 TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
 {
-    constexpr int64_t kPaceUs = 13000;
     constexpr double kWorstRate = 0.5; // of the pace; a busy machine decides nothing here
     offer(newerImage(1250));
     ASSERT_TRUE(ends("succeed", 120s));
 
-    std::vector<int64_t> intervals;
-    int64_t first = 0;
-    int64_t last = 0;
+    std::vector<int64_t> times;
     for (const UpdatePacket& packet : packets()) {
         if (packet.channel == UpdatePacket::Channel::Data) {
-            if (first == 0) {
-                first = packet.timeUs;
-            } else {
-                intervals.push_back(packet.timeUs - last);
-            }
-            last = packet.timeUs;
+            times.push_back(packet.timeUs);
         }
     }
-    ASSERT_EQ(intervals.size(), 249U);
-    printIntervals(intervals);
-    const double whole = static_cast<double>(last - first);
-    const double rate = 249.0 * kPaceUs / whole;
-    std::printf("rate: %.1f %% of what 13 ms allow\n", 100 * rate);
+    ASSERT_EQ(times.size(), 250U);
+    const Pacing pacing(times);
+    pacing.print();
 
-    // The middle one is free of the recorder's jitter.
-    std::nth_element(intervals.begin(), intervals.begin() + 124, intervals.end());
-    EXPECT_GE(intervals[124], kPaceUs - 1000);
-    EXPECT_LE(rate, 1.0 + 100000.0 / whole); // 100 ms for the first packet's being noted late
-    EXPECT_GE(rate, kWorstRate);
+    EXPECT_GE(pacing.medianUs(), Pacing::kPaceUs - 1000);
+    // 100 ms for the first packet's being noted late.
+    EXPECT_LE(pacing.rate(), 1.0 + 100000.0 / static_cast<double>(pacing.wholeUs()));
+    EXPECT_GE(pacing.rate(), kWorstRate);
 }
 
 // ---- pauses

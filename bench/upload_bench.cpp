@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+// How fast an image goes to the remote: the daemon's real binary over a real
+// dbus-daemon, timed where the calls come off the socket on the remote's side.
+// Needs a machine that has nothing else to do; 1,000 blocks take 14 seconds.
+
+#include "Pacing.h"
+#include "UpdateStory.h"
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+using namespace vexabox;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+constexpr double kLeastRate = 0.95;
+constexpr uint16_t kWords = 5000;
+
+std::string load()
+{
+    std::string line;
+    std::ifstream file("/proc/loadavg");
+    std::getline(file, line);
+    return line;
+}
+
+class AnUploadOnAQuietMachine : public UpdateStory
+{
+};
+
+TEST_F(AnUploadOnAQuietMachine, KeepsThePace)
+{
+    ASSERT_TRUE(remoteIsRead());
+    box.sim().clearBends(); // nothing of the test stands between a block and its answer
+    std::printf("load before: %s\n", load().c_str());
+
+    offer(newerImage(kWords));
+    ASSERT_TRUE(ends("succeed", 5min));
+
+    std::printf("load after:  %s\n", load().c_str());
+    std::vector<int64_t> times;
+    for (const vexasim::Call& call : box.sim().calls("WriteValue", updatePathOf(vexasim::uuid::kData))) {
+        times.push_back(call.timeUs);
+    }
+    ASSERT_EQ(times.size(), std::size_t{kWords} * 4 / 20);
+    const Pacing pacing(times);
+    pacing.print();
+    if (pacing.rate() < kLeastRate) {
+        std::printf("less than the 95 %% that a quiet machine reaches\n");
+    }
+}
+
+} // namespace
