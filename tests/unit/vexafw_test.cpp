@@ -2,12 +2,15 @@
 // The real program vexafw, on real files.
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 #include "FirmwareImage.h"
 #include "RunProgram.h"
@@ -212,7 +215,8 @@ TEST_F(Vexafw, PackWritesTheHeaderAndThePayload)
     EXPECT_EQ(std::string(file.begin(), file.end()), mFolder.read("packed"));
     EXPECT_THAT(result.output, HasSubstr("25 words, 100 bytes"));
     EXPECT_EQ(0, run({"verify", mFolder.path("packed")}).status);
-    EXPECT_FALSE(std::filesystem::exists(mFolder.path("packed.part")));
+    EXPECT_EQ(2, std::distance(std::filesystem::directory_iterator{mFolder.path()}, {}))
+        << "nothing else is left";
 }
 
 TEST_F(Vexafw, PackFillsFieldsThatAreNotGivenWithZero)
@@ -235,6 +239,29 @@ TEST_F(Vexafw, PackKeepsAnExistingFileUnlessForced)
 
     EXPECT_EQ(0, run({"pack", payload, present, "--signature", "1", "--version", "2", "--force"}).status);
     EXPECT_EQ(16U, mFolder.read("packed").size());
+}
+
+TEST_F(Vexafw, PackNeverReplacesThePayload)
+{
+    const std::string payload = mFolder.write("payload", "word");
+    std::filesystem::create_symlink(payload, mFolder.path("link"));
+
+    for (const auto& image : {payload, mFolder.path("link"), mFolder.path("./payload")}) {
+        expectError(run({"pack", payload, image, "--signature", "1", "--version", "2", "--force"}),
+                    image + " is the payload itself: name another file for the image");
+    }
+    EXPECT_EQ("word", mFolder.read("payload"));
+}
+
+TEST_F(Vexafw, PackGivesTheImageThePermissionsOfAnyNewFile)
+{
+    const std::string payload = mFolder.write("payload", "word");
+    const mode_t former = umask(027);
+    EXPECT_EQ(0, run({"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2"}).status);
+    umask(former);
+
+    EXPECT_EQ(static_cast<std::filesystem::perms>(0640),
+              std::filesystem::status(mFolder.path("packed")).permissions());
 }
 
 TEST_F(Vexafw, PackPadsOnlyWhenAsked)
@@ -306,6 +333,9 @@ TEST_F(Vexafw, PackSaysWhichFieldIsOutOfRange)
         expectError(pack(field, "65536"), field);
         expectError(pack(field, "-1"), field);
         expectError(pack(field, "abc"), field);
+        expectError(pack(field, "08"), "08 is no number from 0 to 65535");
+        expectError(pack(field, "1.5"), "1.5 is no number from 0 to 65535");
+        expectError(pack(field, "99999999999999999999"), "is no number from 0 to 65535");
     }
     for (const char* field : {"--ota-flag", "--reserved"}) {
         expectError(pack(field, "256"), field);
@@ -331,10 +361,23 @@ TEST_F(Vexafw, ExplainsItself)
 
 TEST_F(Vexafw, RefusesACommandLineThatItDoesNotKnow)
 {
-    expectError(run({}), "A subcommand is required");
-    expectError(run({"info"}), "IMAGE is required");
-    expectError(run({"melt", "image"}), "A subcommand is required");
-    expectError(run({"info", "a", "b"}), "b");
+    expectError(run({}), "vexafw: which of the commands info, verify and pack?\n");
+    expectError(run({"info"}), "vexafw: IMAGE is required\n");
+    expectError(run({"melt", "image"}), "vexafw: which of the commands info, verify and pack?\n");
+    expectError(run({"info", "a", "b"}), "vexafw: The following argument was not expected: b\n");
+    expectError(run({"info", "a", "b"}), "vexafw --help tells more.\n");
+}
+
+TEST_F(Vexafw, FailsIfNobodyCanReadItsAnswer)
+{
+    const std::string file = image(FirmwareImage::ofWords(5));
+
+    for (const char* command : {"info", "verify"}) {
+        const auto result =
+            runProgram({"/bin/sh", "-c", "exec \"$0\" \"$@\" > /dev/full", VEXAFW_PROGRAM, command, file});
+        EXPECT_EQ(2, result.status);
+        EXPECT_EQ("vexafw: can't write to standard output: No space left on device\n", result.errors);
+    }
 }
 
 } // namespace

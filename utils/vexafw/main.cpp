@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // vexafw: looks at firmware images for the remote, and makes them.
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -11,7 +12,11 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -163,10 +168,25 @@ Bytes makeImage(const PackOptions& options, const Bytes& payload)
     return image;
 }
 
+/// An empty file of a new name beside `path`, with the permissions that any new file gets.
+std::string makeFileBeside(const std::string& path)
+{
+    std::string name = path + ".XXXXXX";
+    const int descriptor = mkstemp(name.data());
+    if (descriptor < 0) {
+        throw UserError{"can't write " + path + ": " + std::strerror(errno)};
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(descriptor, 0666 & ~mask);
+    close(descriptor);
+    return name;
+}
+
 /// Writes the whole file or none of it: what stood there stays until the new one is complete.
 void writeFile(const std::string& path, const Bytes& bytes)
 {
-    const std::string part = path + ".part";
+    const std::string part = makeFileBeside(path);
     std::ofstream file{part, std::ios::binary | std::ios::trunc};
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     file.close();
@@ -180,6 +200,10 @@ void writeFile(const std::string& path, const Bytes& bytes)
 
 int pack(const PackOptions& options)
 {
+    std::error_code missing; // a file that isn't there is told of below
+    if (std::filesystem::equivalent(options.payload, options.image, missing)) {
+        throw UserError{options.image + " is the payload itself: name another file for the image"};
+    }
     if (!options.force && std::filesystem::exists(options.image)) {
         throw UserError{options.image + " exists: give --force to replace it"};
     }
@@ -187,11 +211,27 @@ int pack(const PackOptions& options)
     return info(options.image);
 }
 
+/// Refuses what isn't a whole number up to `largest`; CLI11 would say of 08 that it is out of range.
+CLI::Validator numberUpTo(unsigned largest)
+{
+    const auto check = [largest](const std::string& text) {
+        const bool digits = !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) != 0;
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long value = digits ? std::strtoul(text.c_str(), &end, 0) : 0;
+        return digits && *end == '\0' && errno == 0 && value <= largest
+                   ? std::string{}
+                   : text + " is no number from 0 to " + std::to_string(largest) +
+                         " (decimal, hexadecimal with 0x, octal with a leading 0)";
+    };
+    return CLI::Validator{check, "in [0 - " + std::to_string(largest) + "]"};
+}
+
 void addField(CLI::App& command, const std::string& name, unsigned& value, unsigned largest,
               const std::string& description, bool required = false)
 {
     auto* option = command.add_option(name, value, description);
-    option->check(CLI::Range(0U, largest))->required(required);
+    option->check(numberUpTo(largest))->required(required);
     if (!required) {
         option->capture_default_str();
     }
@@ -216,7 +256,7 @@ CLI::App& addPack(CLI::App& app, PackOptions& options)
                 options.lengthGiven = true;
             },
             "Words to announce, true or not (default: those of the payload)")
-        ->check(CLI::Range(0U, kMostWords));
+        ->check(numberUpTo(kMostWords));
     command.add_flag("--pad", options.pad, "Append zeros to a payload that ends within a word");
     command.add_flag("--force", options.force, "Replace IMAGE if it exists");
     command.footer("Numbers are decimal, hexadecimal with 0x or octal with a leading 0.");
@@ -244,7 +284,12 @@ int run(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? Exit_eGood : Exit_eFailed;
+        if (error.get_exit_code() == 0) { // the user asked for help
+            return app.exit(error);
+        }
+        const bool commandless = app.get_subcommands().empty();
+        throw UserError{(commandless ? "which of the commands info, verify and pack?" : error.what()) +
+                        std::string{"\nvexafw --help tells more."}};
     }
     return infoCommand.parsed() ? info(image) : verifyCommand.parsed() ? verify(image) : pack(options);
 }
@@ -256,7 +301,11 @@ int main(int argc, char** argv)
     // The image's reader logs as it does in the daemon; here the user asks for that by the variable.
     setenv("VEXA_LOG_LEVEL", "ERROR", 0);
     try {
-        return run(argc, argv);
+        const int status = run(argc, argv);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0 || !std::cout.flush()) {
+            throw UserError{std::string{"can't write to standard output: "} + std::strerror(errno)};
+        }
+        return status;
     } catch (const UserError& error) {
         std::cerr << "vexafw: " << error.what() << "\n";
     } catch (const std::exception& error) {
