@@ -3,11 +3,14 @@
 the air, the daemon, and what is to be seen of them. Runs as root in a machine
 that is thrown away; see tests/realstack/machine."""
 
+import json
+import mmap
 import os
 import pathlib
 import re
 import shutil
 import signal
+import struct
 import subprocess
 import threading
 import time
@@ -16,8 +19,25 @@ TMP = pathlib.Path("/tmp")
 STATUS = TMP / "bluetooth_status"
 ADC = pathlib.Path("/sys/class/saradc/saradc_ch0")
 REMOTE = "C0:FF:EE:00:00:01"
+UPDATE_DEVICE = "C0:FF:EE:00:00:02"
 BLUETOOTHD = "/usr/libexec/bluetooth/bluetoothd"
 STATE = pathlib.Path("/var/lib/bluetooth")
+
+# Of the objects that stand for the remote's attributes, bluetoothd tells this last.
+LAST_OBJECT = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01/service0020/char0023"
+
+# The daemon logs this line after every scan whose end went well.
+KEPT = "Switching scan off failed"
+# One or more words of an update's progress.
+UPLOADING = "uploading..."
+
+# By how much the daemon's own memory may be larger at a case's end than in the
+# calm at its beginning. The allocator keeps some; a leak in a loop is larger.
+MEMORY_MARGIN_KILOBYTES = 1024
+
+LOG_LINE = re.compile(r"^\s*[\d:.]+ ([EWIDT]) (?:\[([^]]*)\] )?(.*)$")
+
+NANOSECONDS = 1000000000
 
 # How often files are looked at. Every word that the tests wait for stands for
 # longer than half a second.
@@ -29,7 +49,10 @@ class Failure(Exception):
 
 
 def run(*command, check=True):
-    return subprocess.run(command, check=check, capture_output=True, text=True)
+    done = subprocess.run(command, check=False, capture_output=True, text=True)
+    if check and done.returncode != 0:
+        raise Failure(f"{' '.join(command)}: status {done.returncode}: {done.stderr.strip()}")
+    return done
 
 
 def prepare_machine():
@@ -53,9 +76,9 @@ def prepare_machine():
 class Process:
     """A program with its output in a file."""
 
-    def __init__(self, name, folder, *command, **environment):
+    def __init__(self, name, log, *command, **environment):
         self.name = name
-        self.log = folder / f"{name}.log"
+        self.log = log
         with open(self.log, "ab") as output:
             self._child = subprocess.Popen(
                 command, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
@@ -67,7 +90,7 @@ class Process:
     def running(self):
         return self._child.poll() is None
 
-    def stop(self, how=signal.SIGTERM, limit=20):
+    def stop(self, how=signal.SIGTERM, limit=30):
         """The exit status; negative for a signal."""
         if self.running():
             self._child.send_signal(how)
@@ -78,9 +101,49 @@ class Process:
             self._child.wait()
             raise Failure(f"{self.name} didn't end within {limit} s of {how!r}") from None
 
-    def resident_kilobytes(self):
+    def own_kilobytes(self):
+        """Its resident memory but for the pages of files, which come as code is
+        first run."""
         text = pathlib.Path(f"/proc/{self._child.pid}/status").read_text()
-        return int(re.search(r"VmRSS:\s+(\d+)", text)[1])
+        return int(re.search(r"RssAnon:\s+(\d+)", text)[1])
+
+
+class Clock:
+    """The daemon's monotonic clock, which a case moves on instead of waiting.
+    The page is that of tests/system/box/ClockPage.h: the offset, and the time at
+    which the clock is held, both in nanoseconds."""
+
+    def __init__(self, preload):
+        self._path = pathlib.Path("/run/clock")
+        self._path.write_bytes(bytes(24))
+        with open(self._path, "r+b") as file:
+            self._page = mmap.mmap(file.fileno(), 24)
+        self._preload = preload
+
+    def environment(self):
+        return {"LD_PRELOAD": self._preload, "VEXABOX_CLOCK": str(self._path)}
+
+    def skip(self, seconds):
+        self._set(0, self._get(0) + int(seconds * NANOSECONDS))
+
+    def hold(self):
+        """From now on the daemon begins no idle pass: its clock stands, a bit
+        before the last one."""
+        self._set(8, time.monotonic_ns() + self._get(0) - 10 * NANOSECONDS)
+
+    def step(self):
+        """Lets it begin one pass while the clock is held."""
+        self._set(8, self._get(8) + 20 * NANOSECONDS)
+
+    def go_on(self):
+        self._set(0, self._get(0) + 30 * NANOSECONDS)
+        self._set(8, 0)
+
+    def _get(self, at):
+        return struct.unpack_from("=q", self._page, at)[0]
+
+    def _set(self, at, value):
+        struct.pack_into("=q", self._page, at, value)
 
 
 class Course:
@@ -127,7 +190,10 @@ class Box:
         self.programs = programs
         self.folder = folder
         self.processes = []
+        self.counts = {}
+        self.daemon_logs = []
         self.daemon = self.bluetoothd = self.air = self.agent = self.bus = None
+        self.calm_kilobytes = None
         folder.mkdir(parents=True, exist_ok=True)
         for entry in TMP.iterdir():
             if entry.is_dir():
@@ -138,18 +204,23 @@ class Box:
             shutil.rmtree(STATE)
         STATE.mkdir(parents=True)
         ADC.write_text("1023\n")
+        run("dmesg", "--clear")
+        self.clock = Clock(programs["clock"])
         self.course = Course()
         self.start("btmon", "btmon", "-w", str(folder / "btsnoop"))
 
     def start(self, name, *command, **environment):
-        process = Process(name, self.folder, *command, **environment)
+        """A second program of a name gets a log of its own."""
+        count = self.counts[name] = self.counts.get(name, 0) + 1
+        log = self.folder / (f"{name}.log" if count == 1 else f"{name}-{count}.log")
+        process = Process(name, log, *command, **environment)
         self.processes.append(process)
         return process
 
     # ---- the parts of the box
     def start_bus(self):
         self.bus = self.start("dbus-daemon", "dbus-daemon", "--system", "--nofork", "--nopidfile")
-        self.await_that(lambda: pathlib.Path("/run/dbus/system_bus_socket").exists(), "the bus", 20)
+        self.await_that(lambda: pathlib.Path("/run/dbus/system_bus_socket").exists(), "the bus", 30)
 
     def start_air(self, *options):
         """The adapter with the remote in range."""
@@ -161,39 +232,112 @@ class Box:
         configuration = self.folder / "bluetoothd.conf"
         configuration.write_text(f"[Policy]\nAutoEnable={str(powers_adapters).lower()}\n")
         self.bluetoothd = self.start("bluetoothd", BLUETOOTHD, "-n", "-d", "-f", str(configuration))
-        self.await_that(lambda: "hci0" in run("busctl", "--system", "tree", "org.bluez", check=False).stdout,
-                        "bluetoothd's adapter", 60)
+        self.await_that(lambda: re.search(r"Adapter /org/bluez/hci\d+ registered", self.bluetoothd.text()),
+                        "bluetoothd's adapter", 90)
+        if self.agent is not None:
+            self.await_agent()
+
+    def stop_bluetoothd(self, how):
+        self.bluetoothd.stop(how)
+        self.processes.remove(self.bluetoothd)
+        self.bluetoothd = None
 
     def start_agent(self):
         self.agent = self.start("vexaagent", self.programs["vexaagent"], VEXA_LOG_USE_COLORS="0")
-        self.await_that(lambda: "registered as the default agent" in self.agent.text(), "the agent", 30)
+        self.await_agent()
+
+    def await_agent(self):
+        """Until it has registered as often as bluetoothd was started."""
+        self.await_that(lambda: self.agent.text().count("registered as the default agent")
+                        >= self.counts["bluetoothd"], "the agent", 60)
 
     def start_daemon(self):
-        self.daemon = self.start("vexabluetoohtd", self.programs["vexabluetoohtd"], VEXA_LOG_USE_COLORS="0")
+        self.daemon = self.start("vexabluetoohtd", self.programs["vexabluetoohtd"],
+                                 VEXA_LOG_USE_COLORS="0", VEXA_LOG_TRACE_MODULES="Bluez",
+                                 **self.clock.environment())
+        self.daemon_logs.append(self.daemon.log)
+        self.calm_kilobytes = None
+
+    def stop_daemon(self, how=signal.SIGINT):
+        """Its exit status."""
+        status = self.daemon.stop(how)
+        self.processes.remove(self.daemon)
+        self.daemon = None
+        return status
+
+    def start_all(self, *air_options):
+        """All but the daemon; the adapter is powered by bluetoothd."""
+        self.start_bus()
+        self.start_air(*air_options)
+        self.start_bluetoothd()
+        self.start_agent()
 
     def end(self):
         """Stops everything, the latest first; returns what is wrong with how it ended."""
         complaints = []
         if self.daemon is not None:
-            if not self.daemon.running():
-                complaints.append(f"the daemon ended by itself, status {self.daemon.stop()}")
-            elif (status := self.daemon.stop(signal.SIGINT)) != 0:
-                complaints.append(f"the daemon ended with status {status}")
+            complaints += self.end_daemon()
+        if self.bluetoothd is not None and not self.bluetoothd.running():
+            complaints.append(f"bluetoothd ended by itself, status {self.bluetoothd.stop()}")
         for process in reversed(self.processes):
             process.stop()
         self.course.stop()
         (self.folder / "status-course").write_text(self.course.timed())
-        (self.folder / "kernel.log").write_text(run("dmesg").stdout)
+        kernel = run("dmesg").stdout
+        (self.folder / "kernel.log").write_text(kernel)
+        complaints += re.findall(r".*(?:BUG:|WARNING:|Oops|general protection).*", kernel)
+        return complaints
+
+    def end_daemon(self):
+        if not self.daemon.running():
+            return [f"the daemon ended by itself, status {self.daemon.stop()}"]
+        complaints = []
+        memory = self.daemon.own_kilobytes()
+        if self.calm_kilobytes is None:
+            complaints.append("the case never noted the daemon's memory in a calm")
+        elif memory > self.calm_kilobytes + MEMORY_MARGIN_KILOBYTES:
+            complaints.append(f"the daemon's memory grew from {self.calm_kilobytes} to {memory} kB")
+        if (status := self.daemon.stop(signal.SIGINT, limit=60)) != 0:
+            complaints.append(f"the daemon ended with status {status}")
+        left = [path.name for path in TMP.glob("bluetooth_*")]
+        if left:
+            complaints.append(f"files left behind: {left}")
         return complaints
 
     # ---- what a person does
     def play(self, method, *arguments):
         """Calls the control interface of the remote on the air."""
-        return run("busctl", "--address=unix:path=/tmp/air/bus", "call", "org.vexabluetoohtd.Sim", "/sim",
-                   "org.vexabluetoohtd.Sim", method, *map(str, arguments)).stdout
+        return run("busctl", "--json=short", "--address=unix:path=/tmp/air/bus", "call",
+                   "org.vexabluetoohtd.Sim", "/sim", "org.vexabluetoohtd.Sim", method, *map(str, arguments)).stdout
+
+    def remote(self, word):
+        """One word of the remote's own account of itself."""
+        return json.loads(self.play("Status"))["data"][0][word]["data"]
 
     def hold_button(self, seconds):
         self.play("HoldButton", "u", int(seconds * 1000))
+
+    def set_flag(self, name):
+        (TMP / f"bluetooth_{name}").touch()
+
+    def image(self, version, size):
+        """A firmware image for the remote; size in bytes."""
+        payload = self.folder / f"payload-{version:x}"
+        payload.write_bytes(bytes((7 * i + i // 251 + version) % 256 for i in range(size)))
+        image = self.folder / f"image-{version:x}"
+        run(self.programs["vexafw"], "pack", str(payload), str(image), "--signature", "0x1234",
+            "--version", hex(version))
+        return image
+
+    def offer(self, image):
+        self.play("OfferImage", "s", image)
+
+    def device_property(self, name, address=REMOTE):
+        """As bluetoothd tells it; None if it doesn't know the device."""
+        path = "/org/bluez/hci0/dev_" + address.replace(":", "_")
+        answer = run("busctl", "--json=short", "get-property", "org.bluez", path, "org.bluez.Device1", name,
+                     check=False).stdout
+        return json.loads(answer)["data"] if answer else None
 
     # ---- what is to be seen
     def read(self, name):
@@ -206,6 +350,8 @@ class Box:
     def await_that(self, condition, what, limit):
         end = time.monotonic() + limit
         while not condition():
+            if self.daemon is not None and not self.daemon.running():
+                raise Failure(f"the daemon ended by itself before {what}; {self.situation()}")
             if time.monotonic() > end:
                 raise Failure(f"{what} didn't come within {limit} s; {self.situation()}")
             time.sleep(LOOK_SECONDS)
@@ -216,14 +362,73 @@ class Box:
     def await_file(self, name, text, limit):
         self.await_that(lambda: self.read(name) == text, f'"{text}" in {name}', limit)
 
+    def await_log(self, text, limit, times=1):
+        """Until the daemon that runs now has logged it so often."""
+        self.await_that(lambda: self.daemon.text().count(text) >= times, f'"{text}" in the log', limit)
+
+    def count(self, text):
+        """How often the daemon that runs now has logged it."""
+        return self.daemon.text().count(text)
+
+    def await_services(self):
+        """Until the daemon that runs now has handled the last of the remote's
+        objects."""
+        self.await_that(lambda: self._last_object_at() >= 0, "the remote's services in the log", 60)
+        seen = self._last_object_at()
+        # Its event thread logs an object before it handles it, and that of a
+        # characteristic shows nothing more. So another event is made to follow.
+        path = "/org/bluez/hci0/dev_" + REMOTE.replace(":", "_")
+        run("busctl", "set-property", "org.bluez", path, "org.bluez.Device1", "Alias", "s", f"Settled {seen}")
+        self.await_that(lambda: "props changed" in self.daemon.text()[seen:], "the event that follows", 30)
+
+    def _last_object_at(self):
+        """Where in its log the last object's arrival stands; -1 if it isn't there."""
+        text = self.daemon.text()
+        at = max(text.rfind(mark + LAST_OBJECT) for mark in ("+ ", "Object "))
+        return at if at > text.rfind("- " + LAST_OBJECT) else -1
+
+    def await_remote(self, word, value, limit):
+        self.await_that(lambda: self.remote(word) == value, f"{word} {value} of the remote", limit)
+
+    def note_memory(self):
+        """To be called in the first calm after the daemon's start."""
+        self.calm_kilobytes = self.daemon.own_kilobytes()
+
     def situation(self):
         files = {path.name: self.read(path.name) for path in sorted(TMP.glob("bluetooth_*"))}
-        return f"course {self.course.words()}, files {files}"
+        words = "; ".join(self.course.words())
+        # Of an update's progress the last word tells enough.
+        words = re.sub(r"(rc_fw_update_uploading_\d+; )+(?=rc_fw_update_uploading)", "", words)
+        return f"course: {words}; files: {files}"
 
     def errors(self):
-        """The daemon's lines of level ERROR, without time and place."""
-        pattern = re.compile(r"^\s*[\d:.]+ E \[[^]]*\] (.*)$", re.M)
-        return pattern.findall(self.daemon.text()) if self.daemon else []
+        """What all the daemons of the case logged at level ERROR, and lines that
+        are none of the logger's."""
+        found = []
+        for log in self.daemon_logs:
+            for line in log.read_text(errors="replace").splitlines():
+                parts = LOG_LINE.match(line)
+                if parts is None or parts[1] == "E":
+                    found.append(parts[3] if parts else line)
+        return found
+
+    def expect_errors(self, *patterns, tolerated=()):
+        """The errors were these and no others, in this order; tolerated ones may
+        stand anywhere."""
+        left = [error for error in self.errors() if not any(re.fullmatch(one, error) for one in tolerated)]
+        expect(len(left) == len(patterns) and all(map(re.fullmatch, patterns, left)),
+               f"other errors in the log: {self.errors()}")
+
+    def expect_course(self, *words):
+        """The status file's whole course. A word with a question mark behind it
+        may be missing; it stands too short for every look to catch it."""
+        def pattern(word):
+            if word == UPLOADING:
+                return r"(rc_fw_update_uploading_\d+;)+"
+            return f"({word[:-1]};)?" if word.endswith("?") else f"{word};"
+        course = self.course.words()
+        expect(re.fullmatch("".join(map(pattern, words)), "".join(word + ";" for word in course)),
+               f"another course than {words}; {self.situation()}")
 
 
 def expect(condition, what):
