@@ -326,13 +326,18 @@ protected:
 
     std::string build() const { return mFolder.path("build"); }
 
-    /// The files below the build folder in which the key can be read, in any form.
+    /// The files below the build folder, or another, in which the key can be read, in any form.
     std::vector<std::string> filesThatReveal(const std::string& key) const
     {
+        return filesThatReveal(key, build());
+    }
+
+    static std::vector<std::string> filesThatReveal(const std::string& key, const std::string& folder)
+    {
         std::vector<std::string> files;
-        for (const auto& entry : fs::recursive_directory_iterator{build()}) {
+        for (const auto& entry : fs::recursive_directory_iterator{folder}) {
             if (entry.is_regular_file() && reveals(everythingIn(entry.path()), key)) {
-                files.push_back(fs::relative(entry.path(), build()).string());
+                files.push_back(fs::relative(entry.path(), folder).string());
             }
         }
         std::sort(files.begin(), files.end());
@@ -362,6 +367,25 @@ TEST_F(TheProject, KeepsTheKeyInItsGeneratedSourceAndTheObjectMadeOfIt)
     EXPECT_FALSE(reveals(made.output + made.errors, kOwnKey));
     EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeyObject, kKeySource));
     EXPECT_THAT(made.output, Not(HasSubstr("env "))) << "a compiler launcher, which may keep copies";
+}
+
+TEST_F(TheProject, InstallsNothingOfTheKeyButTheDaemonItself)
+{
+    const std::string file = mFolder.write("key", kOwnKey);
+    const auto configured = configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + file});
+    ASSERT_EQ(0, configured.status) << configured.output << configured.errors;
+    // The programs aren't built for this; something stands in for each.
+    for (const char* program : {"vexabluetoohtd", "vexaagent", "vexafw"}) {
+        std::ofstream{build() + "/utils/" + program + "/" + program} << "a program";
+    }
+
+    const auto installed =
+        runProgram({VEXA_CMAKE, "--install", build(), "--prefix", mFolder.path("installed")});
+
+    ASSERT_EQ(0, installed.status) << installed.output << installed.errors;
+    ASSERT_TRUE(fs::exists(mFolder.path("installed/sbin/vexabluetoohtd")));
+    EXPECT_THAT(filesThatReveal(kOwnKey, mFolder.path("installed")), IsEmpty());
+    EXPECT_FALSE(reveals(installed.output + installed.errors, kOwnKey));
 }
 
 TEST_F(TheProject, TakesAChangedKeyOnTheNextBuild)
