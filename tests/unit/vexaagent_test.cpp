@@ -15,6 +15,7 @@
 
 #include "sim_client.h"
 
+using vexasim::Bend;
 using vexasim::Call;
 using vexasim::Peripheral;
 using vexasim::PeripheralOptions;
@@ -182,6 +183,16 @@ TEST_F(AnAgent, RegistersAgainWheneverBluetoothdReturns)
     sim.stopService(Simulator::Stop::Terminate);
     sim.startService();
     EXPECT_TRUE(agent.logs("registered as the default agent", 3));
+}
+
+// As one does that owns its name but is still busy with its start.
+TEST_F(AnAgent, WaitsForABluetoothdThatAnswersLate)
+{
+    ASSERT_TRUE(agent.logs("registered as the default agent"));
+    sim.stopService(Simulator::Stop::Kill);
+    sim.bend(Bend::lateReply("RegisterAgent", std::chrono::seconds{6}));
+    sim.startService();
+    EXPECT_TRUE(agent.logs("registered as the default agent", 2));
 }
 
 TEST_F(AnAgent, GrantsPairingToTheRemote)

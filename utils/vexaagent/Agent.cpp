@@ -22,6 +22,9 @@ constexpr const char* kRemoteName = "^VEXA.+$|BeeTgt";
 
 constexpr guint kRetrySeconds = 1;
 constexpr int kCallTimeoutMs = 5000;
+// On a weak machine bluetoothd owns its name long before it answers, and without
+// the agent nothing pairs. If it dies instead, the bus ends the call.
+constexpr int kNoTimeout = G_MAXINT;
 
 constexpr const char* kInterfaces = R"xml(<node>
  <interface name="org.bluez.Agent1">
@@ -185,7 +188,7 @@ void Agent::onStackVanished(GDBusConnection* connection, const char*, gpointer)
 void Agent::callManager(const char* method, GVariant* parameters, GAsyncReadyCallback done)
 {
     g_dbus_connection_call(mConnection, kStack, kManagerPath, kManager, method, parameters, nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, mCancellable, done, this);
+                           G_DBUS_CALL_FLAGS_NONE, kNoTimeout, mCancellable, done, this);
 }
 
 void Agent::onRegistered(GObject* connection, GAsyncResult* result, gpointer self)
