@@ -147,7 +147,9 @@ void Adapters::onSetPowered(const RequestPtr& request, const Variant& value)
     const bool on = g_variant_get_boolean(value.get()) != FALSE;
     const std::string path = request->call().path;
     mCore.loop->after(mCore.timings.powerChange, [this, request, path, on] {
-        // BlueZ answers, then tells.
+        // Without power BlueZ forgets what isn't paired; then it answers, then tells.
+        if (!on)
+            mDevices.forgetUnpaired(path);
         request->reply();
         setPowered(path, on);
     });

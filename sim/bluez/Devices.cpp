@@ -206,6 +206,13 @@ void Devices::powerOff(const std::string& adapterPath)
             mLinks->end(device);
 }
 
+void Devices::forgetUnpaired(const std::string& adapterPath)
+{
+    for (const DevicePtr& device : all())
+        if (device->adapterPath == adapterPath && !device->paired && !device->connected)
+            remove(device);
+}
+
 void Devices::forgetAll(const std::string& adapterPath)
 {
     for (const DevicePtr& device : all()) {

@@ -40,6 +40,8 @@ public:
     /// Links of this adapter end.
     void powerOff(const std::string& adapterPath);
     /// Forgets the devices of an adapter; their objects are taken off by the caller.
+    /// By signals; those without a link.
+    void forgetUnpaired(const std::string& adapterPath);
     void forgetAll(const std::string& adapterPath);
     void clientGone(const std::string& sender);
 

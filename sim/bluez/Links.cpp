@@ -13,6 +13,7 @@ namespace
 {
 constexpr const char* kAbortedByLocal = "le-connection-abort-by-local";
 constexpr const char* kAlreadyConnecting = "Operation already in progress";
+constexpr const char* kNoPower = "Input/output error";
 } // namespace
 
 Links::Links(Core& core, Devices& devices, GattObjects& gatt) : mCore(core), mDevices(devices), mGatt(gatt)
@@ -58,7 +59,7 @@ void Links::connect(const DevicePtr& device, const RequestPtr& request)
     if (device->connected)
         return request->reply();
     if (!powered(device))
-        return fail(request, errors::kNotReady);
+        return request->fail(errors::kFailed, kNoPower);
     if (device->onLinked)
         return request->fail(errors::kFailed, kAlreadyConnecting);
     device->connecting = request;
@@ -122,8 +123,9 @@ void Links::linked(const DevicePtr& device, bool success)
 
 void Links::pair(const DevicePtr& device, const RequestPtr& request)
 {
+    // BlueZ tries BR/EDR with one that is paired over LE, in vain.
     if (device->paired)
-        return fail(request, errors::kAlreadyExists);
+        return fail(request, errors::kAuthenticationFailed);
     if (device->pairing)
         return fail(request, errors::kInProgress);
     if (!powered(device))
@@ -220,7 +222,9 @@ void Links::resolved(const DevicePtr& device)
     if (!device->peripheral->mute()) {
         mDevices.learnName(device, device->peripheral->ownName());
         device->resolved = true;
-        mGatt.publish(device);
+        // After a pairing BlueZ tells the objects only when it has told of them.
+        if (!device->pairing)
+            mGatt.publish(device);
         changed["ServicesResolved"] = toVariant(true);
         std::vector<std::string> uuids;
         for (const GattService& service : device->peripheral->services())
@@ -231,6 +235,8 @@ void Links::resolved(const DevicePtr& device)
         changed["Paired"] = toVariant(true);
     if (!changed.empty())
         mCore.tree.change(device->path, names::kDevice, changed);
+    if (device->pairing && device->resolved)
+        mGatt.publish(device);
     if (device->resolved)
         mCore.say("services of " + device->path + " are resolved");
     if (device->pairing) {
@@ -278,16 +284,21 @@ void Links::lost(const DevicePtr& device)
         return;
     ++device->link;
     mGatt.linkLost(device);
+    PropertyMap changed;
     if (std::exchange(device->resolved, false))
-        mCore.tree.change(device->path, names::kDevice, {{"ServicesResolved", toVariant(false)}});
-    // BlueZ answers those who wait before it tells that the link is gone.
+        changed["ServicesResolved"] = toVariant(false);
+    const RequestPtr removing = std::exchange(device->removing, nullptr);
+    // BlueZ answers those who wait before it tells that the link is gone, and
+    // before an answer it tells what it has to tell.
+    if ((removing || !device->disconnecting.empty() || device->pairing) && !changed.empty())
+        mCore.tree.change(device->path, names::kDevice, std::exchange(changed, {}));
     for (const RequestPtr& waiting : std::exchange(device->disconnecting, {}))
         waiting->reply();
-    const RequestPtr removing = std::exchange(device->removing, nullptr);
     if (removing)
         removing->reply();
     failPairing(device, errors::kAuthenticationCanceled);
-    mCore.tree.change(device->path, names::kDevice, {{"Connected", toVariant(false)}});
+    changed["Connected"] = toVariant(false);
+    mCore.tree.change(device->path, names::kDevice, changed);
     mCore.say(device->path + " is disconnected");
     if (removing)
         return mDevices.remove(device);
