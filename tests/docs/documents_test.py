@@ -136,6 +136,14 @@ class Links(unittest.TestCase):
                     else:
                         self.assertTrue((document.parent / target.split("#")[0]).exists())
 
+    def test_the_deployment_guide_names_the_cases_on_the_real_stack(self):
+        cases = set(re.findall(r'^@case\("(\w+)"', read("tests/realstack/cases.py"), re.MULTILINE))
+        guide = read("docs/deployment.md")
+        one = r"\d{1,2}[a-c]?"
+        lists = re.findall(rf"\(({one}(?:, {one})*)\)|\| ({one}(?:, {one})*)\b[^|]*\|$", guide, re.MULTILINE)
+        named = {case for pair in lists for part in pair for case in re.findall(one, part)}
+        self.assertEqual(named, cases)
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -322,9 +322,11 @@ class Box:
 
     def image(self, version, size):
         """A firmware image for the remote; size in bytes."""
+        image = self.folder / f"image-{version:x}"
+        if image.exists():
+            return image
         payload = self.folder / f"payload-{version:x}"
         payload.write_bytes(bytes((7 * i + i // 251 + version) % 256 for i in range(size)))
-        image = self.folder / f"image-{version:x}"
         run(self.programs["vexafw"], "pack", str(payload), str(image), "--signature", "0x1234",
             "--version", hex(version))
         return image

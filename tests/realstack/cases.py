@@ -25,6 +25,9 @@ LATER = 60
 # Longer than what a silent remote makes bluetoothd or the D-Bus library wait.
 LATEST = 120
 
+# Logged when the daemon hears that bluetoothd has dropped the remote.
+REMOVED = "Device: - /org/bluez/hci0/dev_C0_FF_EE_00_00_01"
+
 # Logged when the daemon has forgotten its remote.
 REMOTE_GONE = "REMOVE /tmp/bluetooth_rc\n"
 
@@ -56,6 +59,7 @@ def pair(box, flag="pair"):
     box.set_flag(flag)
     box.await_status("scanning", SOON)
     box.await_status("connected", LATER)
+    box.await_services()
 
 
 def paired_box(box):
@@ -362,6 +366,12 @@ def lost_bond(box):
     box.expect_errors(KEPT, KEPT)
 
 
+def restart_bluetoothd(box):
+    adapters = box.count("Adapter: + ")
+    box.start_bluetoothd()
+    box.await_log("Adapter: + ", LATER, adapters + 1)
+
+
 def bluetoothd_ends(box, how):
     """While idle, scanning, pairing and updating."""
     paired_box(box)
@@ -370,7 +380,7 @@ def bluetoothd_ends(box, how):
     with Held(box):
         box.stop_bluetoothd(how)
     box.await_status("no device", SOON)
-    box.start_bluetoothd()
+    restart_bluetoothd(box)
     box.await_status("disconnected", LATER)
     ask_to_connect(box)
     read_battery(box, "1a3")
@@ -385,16 +395,19 @@ def bluetoothd_ends(box, how):
         box.await_log("Firmware update failed", LATER)
     box.await_status("no device", SOON)
     box.play("LeaveUpdateMode")
-    box.start_bluetoothd()
+    restart_bluetoothd(box)
     box.await_status("disconnected", LATER)
     ask_to_connect(box)
+    box.await_services()
 
     box.play("Leave")
+    removals = box.count(REMOVED)
     box.set_flag("reset")
     box.await_status("scanning", LATER)
+    box.await_log(REMOVED, LATER, removals + 1)
     box.stop_bluetoothd(how)
     stopped = time.monotonic()
-    box.start_bluetoothd()
+    restart_bluetoothd(box)
     box.play("ComeBack")
     box.clock.skip(60)
     box.await_log("VEXA RC not found", SOON)
@@ -411,11 +424,14 @@ def bluetoothd_ends(box, how):
         box.stop_bluetoothd(how)
         box.await_log("Device pairing call has failed", LATER)
     box.await_status("no device", SOON)
-    # A remote that is still linked would be told by the new bluetoothd as one
-    # that isn't paired, and removed.
-    box.play("HangUp")
     box.play("SetPairing", "s", "willing")
-    box.start_bluetoothd()
+    # bluetoothd has kept the remote, unpaired as it is, and the daemon removes it.
+    found = box.count("RC found VEXA RC")
+    with Held(box) as clock:
+        restart_bluetoothd(box)
+        box.await_log("RC found VEXA RC", LATER, found + 1)
+        clock.step()
+    box.await_status("no device", SOON)
     pair(box)
     update = ("(No proxy found.*|.*DBus.Error.*)", "Write characteristics failed", "Verification failed",
               "Firmware update failed")
