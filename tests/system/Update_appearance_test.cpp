@@ -24,7 +24,7 @@ constexpr const char* kDevice = "org.bluez.Device1";
 constexpr const char* kCharacteristic = "org.bluez.GattCharacteristic1";
 constexpr std::size_t kImageBytes = 100;
 constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
-constexpr auto kWhileHeld = 1s;  // how long the switch isn't answered, so that the air can change first
+constexpr auto kWhileHeld = 3s;  // how long the switch isn't answered, so that the air can change first
 
 class ARemoteToBeFound : public UpdateStory
 {

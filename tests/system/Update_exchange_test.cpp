@@ -288,7 +288,7 @@ Tolerated twice(const char* name, UpdateStep step)
 Tolerated slow(const char* name, UpdateStep step)
 {
     UpdateFault fault;
-    fault.late = 500ms; // half of the time that it has
+    fault.late = 300ms; // a third of the time that it has
     return {name, step, fault};
 }
 

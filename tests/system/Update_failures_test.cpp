@@ -25,7 +25,7 @@ constexpr const char* kImageHeld = "D image version: 1a3 image offset: 0";
 constexpr const char* kWriting = "D writeFw: writing...";
 constexpr const char* kFailed = "E Firmware update failed";
 constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
-constexpr auto kWhileHeld = 1s;  // how long an answer is kept back, so that something can happen before
+constexpr auto kWhileHeld = 3s;  // how long an answer is kept back, so that something can happen before
 constexpr std::size_t kImageBytes = 100;
 
 FirmwareImage imageOfFiveBlocks()

@@ -277,9 +277,16 @@ void Box::disconnectRemote()
 
 std::string Box::describe()
 {
+    constexpr std::size_t kFirst = 20;
+    constexpr std::size_t kLast = 40; // what lies between are the blocks of an update
+    const std::vector<std::string> calls = busCalls();
     std::string text = Room::describe() + "  the calls to BlueZ:\n";
-    for (const std::string& call : busCalls()) {
-        text += "    " + call + "\n";
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        if (i == kFirst && calls.size() > kFirst + kLast) {
+            i = calls.size() - kLast;
+            text += "    ... " + std::to_string(i - kFirst) + " more ...\n";
+        }
+        text += "    " + calls[i] + "\n";
     }
     return text;
 }
