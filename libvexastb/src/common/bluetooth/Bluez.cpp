@@ -90,13 +90,10 @@ Bluez::Bluez(Listener* listener)
 Bluez::~Bluez()
 {
     _stopping = true;
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    // Kept: these pointers belong to the event thread and are read here without a lock. One that isn't set
-    // yet posts nothing; the cleared running mark then keeps the event thread out of its loop.
-    if (_cancellable != nullptr) {
+    // Kept: these pointers belong to the event thread and are read here without a lock. Where they aren't set
+    // yet nothing is posted, and the event thread, which comes second then, stays out of its loop.
+    if (_loopMadeOrForgone.exchange(true)) {
         g_cancellable_cancel(_cancellable);
-    }
-    if (_loop != nullptr && _context != nullptr) {
         LOG_TRACE("Posting stopping task");
         GSource* source = g_idle_source_new();
         g_source_set_callback(source, quit_task, _loop, nullptr);
@@ -119,15 +116,14 @@ gboolean quit_task(gpointer loop)
 void Bluez::run()
 {
     LOG_DEBUG("Initing Bluez..");
-    createLoop();
+    const bool loopIsKnown = createLoop();
     if (!connectToBlueZ()) {
         // Kept: nothing is released and nothing tried again; the client stays without objects.
         return;
     }
     LOG_DEBUG("Init Bluez completed");
     fetchObjects();
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (isRunning() && !_stopping) {
+    if (isRunning() && loopIsKnown) {
         g_main_loop_run(_loop);
     }
     LOG_DEBUG("Deiniting Bluez..");
@@ -135,11 +131,13 @@ void Bluez::run()
     LOG_DEBUG("Deiniting Bluez completed");
 }
 
-void Bluez::createLoop()
+// False if the destructor was first: it has posted no stopping task, so the loop would never end.
+bool Bluez::createLoop()
 {
     _loop = g_main_loop_new(nullptr, TRUE);
     _context = g_main_loop_get_context(_loop); // no reference is taken
     _cancellable = g_cancellable_new();
+    return !_loopMadeOrForgone.exchange(true);
 }
 
 bool Bluez::connectToBlueZ()

@@ -287,7 +287,7 @@ private:
     static void propertiesChanged(GDBusProxy* proxy, GVariant* changed, const gchar* const* invalidated,
                                   gpointer self);
 
-    void createLoop();
+    bool createLoop();
     bool connectToBlueZ();
     void releaseConnection();
     void fetchObjects();
@@ -337,8 +337,10 @@ private:
     ProxyMap _characteristicProxies;
     std::map<std::string, Service> _services;
     mutable pthread_helper::mutex _mutex;
-    /// Set first in the destructor: an event thread that comes to its loop later stays out of it, one that
-    /// came before has made _loop visible.
+    /// Set by the event thread once _loop, _context and _cancellable are, and by the destructor. Who comes
+    /// first finds it false: that decides whether there is a loop to be stopped.
+    std::atomic<bool> _loopMadeOrForgone{false};
+    /// Set first in the destructor: events that are still queued are passed over.
     std::atomic<bool> _stopping{false};
 
     /// Never destroyed: the event thread may still read it when a second interrupt runs the exit handlers.
