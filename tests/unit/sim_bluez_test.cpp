@@ -422,10 +422,10 @@ TEST_F(ABoxWithARemoteInRange, GoesAWhileAfterItWasLastSeenUnpaired)
 
 TEST_F(ABoxWithARemoteInRange, StaysWhilePairedHoweverLongItIsAway)
 {
+    pair();
     auto timings = sim.timings();
     timings.temporary = std::chrono::milliseconds{50};
     sim.setTimings(timings);
-    pair();
     sim.remote().leave();
     // The other device's time begins later and ends later.
     sim.announce(sim.remote().update());
