@@ -22,7 +22,7 @@ using Lines = std::vector<std::string>;
 class LogRecorder
 {
 public:
-    static constexpr std::chrono::seconds kLimit{20};
+    static constexpr std::chrono::seconds kLimit{60};
 
     /// Sets every level and no colours, and takes over `stderr`.
     static LogRecorder& instance();

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 
 using testing::HasSubstr;
@@ -57,6 +58,7 @@ public:
             kill(mPid, SIGKILL);
             waitpid(mPid, nullptr, 0);
         }
+        std::cerr << rest(); // a sanitizer's report among it fails the case
         fclose(mOutput);
     }
     Program(const Program&) = delete;

@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +58,7 @@ public:
         if (mChild > 0)
             stop(SIGKILL);
         mReader.join();
+        std::cerr << mLog; // a sanitizer's report among it fails the case
     }
     RunningAgent(const RunningAgent&) = delete;
     RunningAgent& operator=(const RunningAgent&) = delete;

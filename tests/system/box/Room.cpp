@@ -17,6 +17,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
+
 namespace vexabox
 {
 
@@ -25,6 +27,7 @@ namespace
 
 constexpr const char* kAdcFolder = "/class/saradc";
 constexpr const char* kAdcFile = "/class/saradc/saradc_ch0";
+constexpr const char* kOwnFolder = "/own/"; // below the program's /run
 constexpr std::size_t kTailLines = 60;
 
 /// What a program in a room inherits of the test's own environment.
@@ -85,6 +88,42 @@ std::string nameOf(const std::string& path)
 constexpr const char* kAsanOptions = ":verify_asan_link_order=0"; // the clock is preloaded before it
 #endif
 
+/// Where a sanitizer's options name their file of suppressions: its first character and the one behind it.
+std::optional<std::pair<std::size_t, std::size_t>> placeOfSuppressions(const std::string& options)
+{
+    static const std::string key = ":suppressions=";
+    const std::size_t at = (":" + options).find(key);
+    if (at == std::string::npos) {
+        return {};
+    }
+    const std::size_t begin = at + key.size() - 1;
+    return {{begin, std::min(options.find(':', begin), options.size())}};
+}
+
+bool beginsReport(const LogRecord& record)
+{
+    static const std::array beginnings = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                          "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer",
+                                          ": runtime error: "};
+    return std::any_of(beginnings.begin(), beginnings.end(), [&](const char* beginning) {
+        return record.raw.find(beginning) != std::string::npos;
+    });
+}
+
+/// A sanitizer has found a mistake in the program: whatever the case looks at, it has failed.
+void expectNoReport(const std::vector<LogRecord>& records)
+{
+    auto record = std::find_if(records.begin(), records.end(), beginsReport);
+    if (record == records.end()) {
+        return;
+    }
+    std::string report;
+    for (; record != records.end(); ++record) {
+        report += record->raw + "\n";
+    }
+    ADD_FAILURE() << "the program in the room was caught by a sanitizer:\n" << report;
+}
+
 } // namespace
 
 Room::Room() : mFolder(makeFolder())
@@ -101,9 +140,7 @@ Room::Room() : mFolder(makeFolder())
 
 Room::~Room()
 {
-    mProgram.reset();
-    mLog.reset();
-    mOutput.reset();
+    endProgram();
     mFiles.reset();
     mJanitor.reset();
     waitpid(mJanitorPid, nullptr, 0);
@@ -132,15 +169,38 @@ std::vector<std::string> Room::wholeEnvironment(const Environment& extra) const
     return list;
 }
 
+void Room::endProgram()
+{
+    mProgram.reset();
+    if (mLog) {
+        mLog->awaitEnd();
+        expectNoReport(mLog->records());
+    }
+    mLog.reset();
+    mOutput.reset();
+}
+
+// What the program finds below /run/own, since the build may lie under the /tmp that is hidden.
+std::string Room::showSuppressions(const std::string& options) const
+{
+    const auto place = placeOfSuppressions(options);
+    if (!place) {
+        return options;
+    }
+    const auto [begin, end] = *place;
+    const std::string file = options.substr(begin, end - begin);
+    const std::string shown = kOwnFolder + nameOf(file);
+    std::filesystem::copy_file(file, runFolder() + shown, std::filesystem::copy_options::overwrite_existing);
+    return options.substr(0, begin) + "/run" + shown + options.substr(end);
+}
+
 void Room::launch(ProgramOptions options)
 {
     // The room's /tmp last: the room itself lies under the outer one.
     options.mounts.emplace_back(mFolder + "/class", "/sys/class");
     options.mounts.emplace_back(runFolder(), "/run");
     options.mounts.emplace_back(mFolder + "/tmp", "/tmp");
-    mProgram.reset();
-    mLog.reset();
-    mOutput.reset();
+    endProgram();
     mProgram = std::make_unique<Program>(options);
     mLog = std::make_unique<LogReader>(mProgram->takeErrors());
     mOutput = std::make_unique<LogReader>(mProgram->takeOutput());
@@ -163,11 +223,16 @@ void Room::startOwn(const std::string& path, const std::vector<std::string>& arg
     Environment all = environment;
     // Shown below /run, since the build may lie under the /tmp that is hidden.
     const auto show = [&](const std::string& own) {
-        const std::string shown = runFolder() + "/own/" + nameOf(own);
-        touch(shown);
-        options.mounts.emplace_back(own, shown);
-        return "/run/own/" + nameOf(own);
+        const std::string shown = kOwnFolder + nameOf(own);
+        touch(runFolder() + shown);
+        options.mounts.emplace_back(own, runFolder() + shown);
+        return "/run" + shown;
     };
+    for (const char* name : {"LSAN_OPTIONS", "TSAN_OPTIONS"}) {
+        if (const char* value = getenv(name)) {
+            all[name] = showSuppressions(value);
+        }
+    }
     all["LD_PRELOAD"] = show(mInterruptedEarly ? VEXABOX_INTERRUPT_PRELOAD : VEXABOX_CLOCK_PRELOAD);
     all[kClockVariable] = "/run/clock";
     options.path = show(path);

@@ -20,7 +20,8 @@ namespace vexabox
 using Environment = std::map<std::string, std::string>;
 
 /// A place with a /tmp, a /sys/class and a /run of its own for one program. Both
-/// sides see the same files in them. It vanishes with the test, however that ends.
+/// sides see the same files in them. It vanishes with the test, however that ends. A
+/// sanitizer's report by the program fails the case, however the program ends.
 class Room
 {
 public:
@@ -85,6 +86,8 @@ protected:
 
 private:
     std::vector<std::string> wholeEnvironment(const Environment& extra) const;
+    std::string showSuppressions(const std::string& options) const;
+    void endProgram();
     void launch(ProgramOptions options);
 
     std::string mFolder;
