@@ -192,6 +192,9 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInACallThatIsNeverAnswered)
 
 TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForAHandlersLock)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer holds a signal back until the lock is had";
+#endif
     ASSERT_TRUE(box.startToIdle());
     box.sim().bend(Bend::silence("Get").property("Name"));
     box.sim().announce(box.remote().normal());

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -144,9 +145,10 @@ private:
     void processUpdate();
     void updateRc(const UpdateRequest& request);
 
-    std::shared_ptr<Bluez> mBluez;
-    std::vector<std::string> mAdapters; ///< only the first is used
-    std::vector<std::string> mDevices;  ///< remote or not
+    std::shared_ptr<Bluez> mBluez;               ///< of the main thread
+    std::atomic<Bluez*> mHandlersBluez{nullptr}; ///< the same for the event thread: deinit takes no lock
+    std::vector<std::string> mAdapters;          ///< only the first is used
+    std::vector<std::string> mDevices;           ///< remote or not
     RcInfo mRc;
     pthread_helper::mutex mMutex; ///< guards mAdapters, mDevices, mRc and mBattery
     pthread_helper::cond mRcFoundCond;

@@ -141,10 +141,11 @@ App::~App()
 void App::init()
 {
     {
-        // Held until the client is stored: its event thread may ask mBluez for a device's name before
-        // make_shared has returned.
+        // Held until the client is stored: its event thread may want a device's name before make_shared has
+        // returned.
         const pthread_helper::scoped_lock lock(mMutex);
         mBluez = std::make_shared<Bluez>(this);
+        mHandlersBluez = mBluez.get();
     }
     writeFile("init", kStatusFile);
     waitForAdapter();
@@ -218,6 +219,7 @@ void App::deinit()
 {
     // Kept: without mMutex. A handler that is under way takes the pointer once and finds the client or
     // nothing; the release below waits for it.
+    mHandlersBluez = nullptr;
     std::shared_ptr<Bluez> client;
     client.swap(mBluez);
     client.reset();
@@ -551,9 +553,9 @@ void App::onDeviceAdded(const std::string& path)
     NSRegExp pattern(kRcNamePattern, REG_EXTENDED);
     std::string name;
     std::string address;
-    // Kept: deinit empties mBluez without the lock, so take the pointer once. The client itself lives until
-    // it has joined this thread.
-    Bluez* const client = mBluez.get();
+    // Kept: deinit empties the pointer without the lock, so take it once. The client itself lives until it
+    // has joined this thread.
+    Bluez* const client = mHandlersBluez;
     if (client != nullptr) {
         client->deviceGetName(path, name);
         client->deviceGetAddress(path, address);
