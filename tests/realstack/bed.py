@@ -224,6 +224,8 @@ class Box:
 
     def start_air(self, *options):
         """The adapter with the remote in range."""
+        if self.programs["key"]:
+            options = ("--key-file", self.programs["key"], *options)
         self.air = self.start("vexasim", self.programs["vexasim"], "air", "--bus-dir", "/tmp/air",
                               "--tmp", "/tmp", "--adc-file", str(ADC), *options)
         self.await_that(lambda: "VEXASIM_BUS_ADDRESS=" in self.air.text(), "the remote on the air", 60)

@@ -6,7 +6,9 @@ Runs the cases in the virtual machine and prints a line for each. PROGRAMS is
 the build folder, RESULTS where the logs go; several machines with the same
 RESULTS share the cases among them. Ends with status 0 if all passed."""
 
+import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -573,10 +575,20 @@ def is_ours(folder):
         return False
 
 
+def key_file(build):
+    """Where the build's own update key can be read, which the remote shares; None for the published one."""
+    cached = re.search(r"^VEXA_OTA_KEY_FILE:\w+=(.+)$", (build / "CMakeCache.txt").read_text(), re.MULTILINE)
+    if not cached:
+        return None
+    # Kept open, since the cases have a /tmp of their own.
+    return f"/proc/{os.getpid()}/fd/{os.open(cached.group(1), os.O_RDONLY)}"
+
+
 def main():
     build, results, *wanted = sys.argv[1:]
     build = pathlib.Path(build)
     programs = {
+        "key": key_file(build),
         "vexabluetoohtd": str(build / "utils/vexabluetoohtd/vexabluetoohtd"),
         "vexaagent": str(build / "utils/vexaagent/vexaagent"),
         "vexafw": str(build / "utils/vexafw/vexafw"),
