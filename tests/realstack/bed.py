@@ -90,7 +90,7 @@ class Process:
     def running(self):
         return self._child.poll() is None
 
-    def stop(self, how=signal.SIGTERM, limit=30):
+    def stop(self, how=signal.SIGTERM, limit=90):
         """The exit status; negative for a signal."""
         if self.running():
             self._child.send_signal(how)
@@ -184,17 +184,21 @@ class Course:
 
 
 class Box:
-    """One case's box. Everything of it ends with the case."""
+    """One case's box. Everything of it ends with the case. Its logs are kept in
+    the machine's memory until then: a line for the host takes its time, and in
+    that the programs wait."""
 
-    def __init__(self, programs, folder):
+    def __init__(self, programs, results):
         self.programs = programs
-        self.folder = folder
+        self.results = results
+        self.folder = pathlib.Path("/run/box")
+        shutil.rmtree(self.folder, ignore_errors=True)
+        self.folder.mkdir()
         self.processes = []
         self.counts = {}
         self.daemon_logs = []
         self.daemon = self.bluetoothd = self.air = self.agent = self.bus = None
         self.calm_kilobytes = None
-        folder.mkdir(parents=True, exist_ok=True)
         for entry in TMP.iterdir():
             if entry.is_dir():
                 shutil.rmtree(entry)
@@ -207,7 +211,7 @@ class Box:
         run("dmesg", "--clear")
         self.clock = Clock(programs["clock"])
         self.course = Course()
-        self.start("btmon", "btmon", "-w", str(folder / "btsnoop"))
+        self.start("btmon", "btmon", "-w", str(self.folder / "btsnoop"))
 
     def start(self, name, *command, **environment):
         """A second program of a name gets a log of its own."""
@@ -262,9 +266,18 @@ class Box:
 
     def stop_daemon(self, how=signal.SIGINT):
         """Its exit status."""
-        status = self.daemon.stop(how)
+        status = self.interrupt_daemon(how)
         self.processes.remove(self.daemon)
         self.daemon = None
+        return status
+
+    def interrupt_daemon(self, how=signal.SIGINT):
+        """Not while its main thread logs: the signal's handler logs too and
+        would meet the logger's lock, a settled trait."""
+        self.clock.hold()
+        time.sleep(0.5)
+        status = self.daemon.stop(how)
+        self.clock.go_on()
         return status
 
     def start_all(self, *air_options):
@@ -276,6 +289,12 @@ class Box:
 
     def end(self):
         """Stops everything, the latest first; returns what is wrong with how it ended."""
+        try:
+            return self.stop_all()
+        finally:
+            shutil.copytree(self.folder, self.results, dirs_exist_ok=True)
+
+    def stop_all(self):
         complaints = []
         if self.daemon is not None:
             complaints += self.end_daemon()
@@ -299,7 +318,7 @@ class Box:
             complaints.append("the case never noted the daemon's memory in a calm")
         elif memory > self.calm_kilobytes + MEMORY_MARGIN_KILOBYTES:
             complaints.append(f"the daemon's memory grew from {self.calm_kilobytes} to {memory} kB")
-        if (status := self.daemon.stop(signal.SIGINT, limit=60)) != 0:
+        if (status := self.interrupt_daemon()) != 0:
             complaints.append(f"the daemon ended with status {status}")
         left = [path.name for path in TMP.glob("bluetooth_*")]
         if left:
