@@ -158,9 +158,8 @@ void play(Settings& settings)
     g_main_loop_run(loop.get());
     simulator.stopService(Simulator::Stop::Terminate);
 }
-} // namespace
 
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     CLI::App app("A BlueZ and a remote control in software: owns org.bluez on a bus of its own, behaves as\n"
                  "bluetoothd does, and does on request what a test or a developer wants to see.\n"
@@ -173,16 +172,22 @@ int main(int argc, char** argv)
     addBoxOptions(app, settings);
     vexasim::air::AirCommand air(app);
     CLI11_PARSE(app, argc, argv);
+    if (air.chosen()) {
+        air.run();
+        return 0;
+    }
+    completeAll(settings);
+    play(settings);
+    return 0;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
     try {
-        if (air.chosen()) {
-            air.run();
-            return 0;
-        }
-        completeAll(settings);
-        play(settings);
+        return run(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vexasim: %s\n", error.what());
         return kFailure;
     }
-    return 0;
 }
