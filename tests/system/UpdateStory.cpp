@@ -10,6 +10,7 @@
 #include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 
 namespace vexabox
 {
@@ -231,8 +232,8 @@ FirmwareImage newerImage(uint16_t words)
 
 vexasim::UpdateKey sharedKey()
 {
-    const std::string file = VEXA_OTA_KEY_FILE;
-    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
+    const std::string_view file(VEXA_OTA_KEY_FILE);
+    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(std::string(file));
 }
 
 Bytes enciphered(const Bytes& plain, const vexasim::UpdateKey& key)

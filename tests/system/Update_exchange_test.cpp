@@ -12,7 +12,6 @@ using namespace vexabox;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
-using vexasim::Bend;
 using vexasim::UpdateFault;
 using vexasim::UpdatePacket;
 using vexasim::UpdateStep;

@@ -156,6 +156,8 @@ std::ostream& operator<<(std::ostream& out, const GioSpy::Call& call)
 
 // --- In the place of GIO's own ---
 
+// The linker's names.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
 extern "C" {
 
 // GIO's own, as the linker names it for a program in which calls of it are wrapped.
@@ -271,3 +273,4 @@ void __wrap_g_main_context_unref(GMainContext* context)
     __real_g_main_context_unref(context);
 }
 }
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

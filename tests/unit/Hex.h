@@ -34,7 +34,8 @@ std::string toHex(const Bytes& bytes)
 {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
-    for (const std::uint8_t byte : bytes) {
+    for (const auto value : bytes) {
+        const auto byte = static_cast<std::uint8_t>(value); // text has signed ones
         text += kDigits[byte >> 4];
         text += kDigits[byte & 15];
     }

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <ostream>
 #include <sstream>
+#include <string_view>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -29,7 +30,6 @@ namespace
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using vexasim::Bend;
@@ -44,8 +44,8 @@ constexpr std::size_t kBlockBytes = 20;
 
 vexasim::UpdateKey sharedKey()
 {
-    const std::string file = VEXA_OTA_KEY_FILE;
-    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
+    const std::string_view file(VEXA_OTA_KEY_FILE);
+    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(std::string(file));
 }
 
 /// One block of 16 bytes as libcrypto enciphers it.
@@ -163,17 +163,18 @@ private:
 
 class AnUpdate : public testing::Test
 {
+public:
+    ~AnUpdate() override
+    {
+        mUpdater.reset();
+        mBluez.reset();
+    }
+
 protected:
     AnUpdate()
     {
         mOptions.remote.key = sharedKey();
         mOptions.remote.paired = true;
-    }
-
-    ~AnUpdate() override
-    {
-        mUpdater.reset();
-        mBluez.reset();
     }
 
     /// Starts the box: the simulated stack, the client on it, the remote connected in normal mode.
@@ -369,8 +370,10 @@ std::size_t roundKeysOnHeap()
         std::uintptr_t first = 0;
         std::uintptr_t last = 0;
         if (std::strstr(line, "[heap]") != nullptr && std::sscanf(line, "%lx-%lx", &first, &last) == 2) {
+            // NOLINTBEGIN(performance-no-int-to-ptr): the kernel gives addresses as numbers
             const auto* begin = reinterpret_cast<const unsigned char*>(first);
             const auto* end = reinterpret_cast<const unsigned char*>(last);
+            // NOLINTEND(performance-no-int-to-ptr)
             for (const auto* at = begin; (at = std::search(at, end, wanted.begin(), wanted.end())) != end;
                  ++at) {
                 ++found;
@@ -562,7 +565,7 @@ TEST_P(AFileThatEndsEarly, IsSentToItsEndAndFails)
     EXPECT_EQ(image.payload, receiver().payload()) << "what the remote makes of it";
     EXPECT_EQ(words(GetParam().numbers), mWords);
     EXPECT_THAT(failures(), ElementsAre("W Stream end", "E Upload fw failed"));
-    EXPECT_FALSE(mSimulator->calls("Disconnect").size() > 0) << "nothing more is sent to the remote";
+    EXPECT_FALSE(!mSimulator->calls("Disconnect").empty()) << "nothing more is sent to the remote";
 }
 
 INSTANTIATE_TEST_SUITE_P(Payloads, AFileThatEndsEarly,

@@ -51,10 +51,6 @@ int outerFunction(std::FILE* stream)
 namespace
 {
 
-using testing::ContainsRegex;
-using testing::EndsWith;
-using testing::HasSubstr;
-
 // Not exported, so dladdr doesn't know it.
 TRACED_FUNCTION int hiddenFunction()
 {

@@ -28,7 +28,6 @@ namespace
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::Not;
 
 class Listener : public STBThread::OnThreadCompletedListener
 {

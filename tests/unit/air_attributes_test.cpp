@@ -256,7 +256,7 @@ TEST_F(AnAttributeServer, CutsALongNotification)
 {
     EXPECT_EQ(host.ask("12 1300 0100"), "13");
     remote->setBatteryBytes(Bytes(40, 7));
-    EXPECT_EQ(host.awaitOn(Channel::Attributes).value().size(), 23u);
+    EXPECT_EQ(host.awaitOn(Channel::Attributes).value().size(), 23U);
 }
 
 TEST_F(AnAttributeServer, RefusesAConfigurationOfAWrongSize)
@@ -314,7 +314,7 @@ TEST(AUuid, IsShortIfItIsOfTheBluetoothBase)
 {
     EXPECT_EQ(toHex(uuidBytes("0000180f-0000-1000-8000-00805f9b34fb")), "0f18");
     EXPECT_EQ(toHex(uuidBytes("00006487-3C17-d293-8e48-14fe2e4da212")), "12a24d2efe14488e93d2173c87640000");
-    EXPECT_EQ(uuidBytes("0001180f-0000-1000-8000-00805f9b34fb").size(), 16u);
+    EXPECT_EQ(uuidBytes("0001180f-0000-1000-8000-00805f9b34fb").size(), 16U);
 }
 
 TEST(AUuid, IsRefusedIfItIsMalformed)

@@ -67,10 +67,10 @@ TEST_F(AController, AnswersEverythingThatTheKernelAsksAtItsStart)
                                                              "ffff"
                                                              "0000");
     EXPECT_EQ(toHex(host.command(Opcode::ReadAddress)), "1371da7d1a00");
-    EXPECT_EQ(host.command(Opcode::ReadLocalCommands).size(), 64u);
+    EXPECT_EQ(host.command(Opcode::ReadLocalCommands).size(), 64U);
     EXPECT_EQ(toHex(host.command(Opcode::LeReadLocalFeatures)), "2100000000000000");
     EXPECT_EQ(toHex(host.command(Opcode::LeReadBufferSize)), "fb0008");
-    EXPECT_EQ(host.command(Opcode::LeReadSupportedStates).size(), 8u);
+    EXPECT_EQ(host.command(Opcode::LeReadSupportedStates).size(), 8U);
     host.command(Opcode::SetEventMask, hci::EventMask{0x2000800002008890});
     host.command(Opcode::SetEventMaskPage2, hci::EventMask{0});
     host.command(Opcode::LeSetEventMask, hci::EventMask{0x4f});
@@ -84,13 +84,13 @@ TEST_F(AController, AnswersEverythingThatTheKernelAsksAtItsStart)
     host.command(Opcode::LeSetAdvertisingData, hci::AdvertisingData{});
     host.command(Opcode::LeSetScanResponseData, hci::AdvertisingData{});
     host.command(Opcode::LeSetAdvertisingEnable, hci::Enable{0});
-    EXPECT_EQ(host.command(Opcode::LeRand).size(), 8u);
+    EXPECT_EQ(host.command(Opcode::LeRand).size(), 8U);
 }
 
 TEST_F(AController, ListsAsSupportedWhatItAnswers)
 {
     const Bytes map = host.command(Opcode::ReadLocalCommands);
-    ASSERT_EQ(map.size(), 64u);
+    ASSERT_EQ(map.size(), 64U);
     const auto supported = [&](size_t octet, unsigned bit) { return (map[octet] >> bit & 1) != 0; };
     EXPECT_TRUE(supported(0, 5)) << "disconnect";
     EXPECT_TRUE(supported(26, 3)) << "scan";
@@ -102,7 +102,7 @@ TEST_F(AController, ListsAsSupportedWhatItAnswers)
     const auto bits = [](unsigned sum, uint8_t octet) {
         return sum + static_cast<unsigned>(__builtin_popcount(octet));
     };
-    EXPECT_EQ(std::accumulate(map.begin(), map.end(), 0U, bits), 45u);
+    EXPECT_EQ(std::accumulate(map.begin(), map.end(), 0U, bits), 45U);
 }
 
 TEST_F(AController, CallsACommandUnknownThatItDoesNotKnow)
@@ -176,22 +176,22 @@ TEST_F(AController, ForgetsDuplicatesAfterASecond)
     addRemote();
     host.scan(true, false);
     const auto reports = reportsWithin(std::chrono::milliseconds(3500)).size();
-    EXPECT_GE(reports, 3u);
-    EXPECT_LE(reports, 4u);
+    EXPECT_GE(reports, 3U);
+    EXPECT_LE(reports, 4U);
 }
 
 TEST_F(AController, ReportsEveryAdvertisementWithoutTheFilter)
 {
     addRemote();
     host.scan(true, false, false);
-    EXPECT_GE(reportsWithin(std::chrono::milliseconds(2000)).size(), 17u);
+    EXPECT_GE(reportsWithin(std::chrono::milliseconds(2000)).size(), 17U);
 }
 
 TEST_F(AController, ReportsAChangedNameAtOnce)
 {
     const auto remote = addPeripheral(kRemote.text(), std::nullopt);
     host.scan(true, false);
-    EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)).size(), 1u);
+    EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)).size(), 1U);
     remote->setAdvertisedName("VEXA RC");
     EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)),
               std::vector<std::string>{"C0:FF:EE:00:00:01 0 02010603198001080956455841205243cc"});
@@ -202,9 +202,9 @@ TEST_F(AController, CutsANameThatDoesNotFit)
     addPeripheral(kRemote.text(), "VEXA a remote of a very long name");
     host.scan(true, false);
     const auto reports = reportsWithin(std::chrono::milliseconds(300));
-    ASSERT_EQ(reports.size(), 1u);
+    ASSERT_EQ(reports.size(), 1U);
     const Bytes data = fromHex(reports.front().substr(20));
-    EXPECT_EQ(data.size(), 32u);
+    EXPECT_EQ(data.size(), 32U);
     EXPECT_EQ(data[8], 0x08) << "a shortened name";
 }
 
@@ -393,7 +393,7 @@ TEST_F(AController, AsksThePeripheralForFeaturesAndVersion)
     EXPECT_EQ(host.start(Opcode::ReadRemoteVersion, hci::HandleOnly{handle}), Status::Success);
     const auto features = host.awaitLe<hci::RemoteFeatures>(LeEvent::ReadRemoteFeaturesComplete);
     ASSERT_TRUE(features);
-    EXPECT_EQ(features->features, 1u);
+    EXPECT_EQ(features->features, 1U);
     EXPECT_TRUE(host.await<hci::RemoteVersion>(hci::EventCode::ReadRemoteVersionComplete));
 }
 
@@ -439,10 +439,10 @@ TEST_F(AController, GivesBackEachBufferWhenItsPacketHasArrived)
     const Bytes packet = encoder.take();
     for (int i = 0; i < 8; ++i)
         host.send(packet);
-    EXPECT_EQ(host.completedPackets(), 0u);
+    EXPECT_EQ(host.completedPackets(), 0U);
     // Four pieces of 27 bytes each, four pieces to the event of 30 ms.
     host.pass(std::chrono::milliseconds(35));
-    EXPECT_EQ(host.completedPackets(), 1u);
+    EXPECT_EQ(host.completedPackets(), 1U);
     EXPECT_TRUE(host.until([&] { return host.completedPackets() == 8; }));
 }
 
@@ -463,7 +463,7 @@ TEST(TheVirtualController, AsksForAControllerAndLearnsItsNumber)
     ASSERT_EQ(::send(ends[0], announcement.data(), announcement.size(), 0), 4);
     while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
     }
-    EXPECT_EQ(transport.index(), 3u);
+    EXPECT_EQ(transport.index(), 3U);
     ::close(ends[0]);
 }
 

@@ -72,7 +72,7 @@ TEST_F(APairing, WorksTheLegacyWay)
     EXPECT_FALSE(remote->paired());
     initiator.exchangeBondingKeys();
     EXPECT_TRUE(remote->paired());
-    EXPECT_NE(initiator.random, 0u);
+    EXPECT_NE(initiator.random, 0U);
     EXPECT_EQ(events.back(), "C0:FF:EE:00:00:01: paired in the legacy way");
 }
 

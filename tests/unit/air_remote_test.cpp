@@ -253,7 +253,7 @@ TEST(APacketInPieces, IsPutTogether)
 {
     const Bytes payload = fromHex("00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff");
     const auto pieces = fragment(Channel::Attributes, payload, 27);
-    ASSERT_EQ(pieces.size(), 2u);
+    ASSERT_EQ(pieces.size(), 2U);
     EXPECT_EQ(toHex(pieces[0].payload).substr(0, 8), "20000400");
     EXPECT_EQ(pieces[1].kind, LinkPacket::Continuation);
     Reassembler reassembler;

@@ -32,6 +32,7 @@ bool interrupted = false;
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the C library's are reserved to it
 extern "C" int clock_gettime(clockid_t clock, timespec* time)
 {
     if (!interrupted && handlerInstalled()) {
