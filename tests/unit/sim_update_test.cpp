@@ -19,7 +19,6 @@ using vexasim::Bytes;
 using vexasim::ImageHeader;
 using vexasim::Peripheral;
 using vexasim::Remote;
-using vexasim::RemoteOptions;
 using vexasim::UpdateAppearance;
 using vexasim::UpdateFault;
 using vexasim::UpdatePacket;

@@ -17,7 +17,6 @@
 #include "sim_client.h"
 
 using vexasim::Bend;
-using vexasim::Call;
 using vexasim::Peripheral;
 using vexasim::PeripheralOptions;
 using vexasim::PrivateBus;
@@ -163,7 +162,7 @@ TEST_F(AnAgent, RegistersAsTheDefaultOneWithoutKeysOrDisplay)
 {
     EXPECT_TRUE(agent.logs("registered as the default agent"));
     const auto registrations = sim.calls("RegisterAgent");
-    ASSERT_EQ(registrations.size(), 1u);
+    ASSERT_EQ(registrations.size(), 1U);
     EXPECT_EQ(SimClient::textOf(registrations.front().parameters),
               "('/org/vexabluetoohtd/agent', 'NoInputNoOutput')");
 }

@@ -374,7 +374,7 @@ TEST_F(Vexafw, FailsIfNobodyCanReadItsAnswer)
 
     for (const char* command : {"info", "verify"}) {
         const auto result =
-            runProgram({"/bin/sh", "-c", "exec \"$0\" \"$@\" > /dev/full", VEXAFW_PROGRAM, command, file});
+            runProgram({"/bin/sh", "-c", R"(exec "$0" "$@" > /dev/full)", VEXAFW_PROGRAM, command, file});
         EXPECT_EQ(2, result.status);
         EXPECT_EQ("vexafw: can't write to standard output: No space left on device\n", result.errors);
     }

@@ -38,7 +38,7 @@ private:
     static void onMadeDefault(GObject* connection, GAsyncResult* result, gpointer self);
     static void onCall(GDBusConnection*, const char*, const char*, const char*, const char* method,
                        GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self);
-    static void onName(GObject* connection, GAsyncResult* result, gpointer question);
+    static void onName(GObject* connection, GAsyncResult* result, gpointer data);
 
     bool connect();
     void leave();
