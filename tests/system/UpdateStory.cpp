@@ -10,7 +10,6 @@
 #include <fstream>
 #include <memory>
 #include <stdexcept>
-#include <string_view>
 
 namespace vexabox
 {
@@ -232,8 +231,9 @@ FirmwareImage newerImage(uint16_t words)
 
 vexasim::UpdateKey sharedKey()
 {
-    const std::string_view file(VEXA_OTA_KEY_FILE);
-    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(std::string(file));
+    constexpr char kKeyFile[] = VEXA_OTA_KEY_FILE; // no name if the build has no key of its own
+    const std::string file(kKeyFile);
+    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
 }
 
 Bytes enciphered(const Bytes& plain, const vexasim::UpdateKey& key)

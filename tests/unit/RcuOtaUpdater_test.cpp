@@ -12,7 +12,6 @@
 #include <mutex>
 #include <ostream>
 #include <sstream>
-#include <string_view>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -44,8 +43,9 @@ constexpr std::size_t kBlockBytes = 20;
 
 vexasim::UpdateKey sharedKey()
 {
-    const std::string_view file(VEXA_OTA_KEY_FILE);
-    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(std::string(file));
+    constexpr char kKeyFile[] = VEXA_OTA_KEY_FILE; // no name if the build has no key of its own
+    const std::string file(kKeyFile);
+    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
 }
 
 /// One block of 16 bytes as libcrypto enciphers it.
