@@ -22,7 +22,7 @@ std::string withDashes(std::string address)
 
 Devices::Devices(Core& core)
     : mCore(core),
-      mGatt(std::make_unique<GattObjects>(core, *this)),
+      mGatt(std::make_unique<GattObjects>(core)),
       mLinks(std::make_unique<Links>(core, *this, *mGatt))
 {
 }

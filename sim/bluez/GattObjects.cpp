@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/GattObjects.h"
 
-#include "sim/bluez/Devices.h"
 #include "sim/model/Remote.h"
 
 #include <algorithm>
@@ -76,7 +75,7 @@ const char* GattObjects::Attribute::interface() const
     return descriptor ? names::kDescriptor : names::kCharacteristic;
 }
 
-GattObjects::GattObjects(Core& core, Devices& devices) : mCore(core), mDevices(devices)
+GattObjects::GattObjects(Core& core) : mCore(core)
 {
     for (const char* interface : {names::kCharacteristic, names::kDescriptor}) {
         onMethod(interface, "ReadValue", &GattObjects::read);

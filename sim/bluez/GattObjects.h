@@ -13,14 +13,13 @@
 namespace vexasim
 {
 
-class Devices;
 
 /// The GATT objects of connected devices and their methods. Used on the loop's
 /// thread.
 class GattObjects
 {
 public:
-    GattObjects(Core& core, Devices& devices);
+    explicit GattObjects(Core& core);
 
     /// Puts the objects on the bus, if they aren't there from an earlier link,
     /// and renews the notifications that clients still want.
@@ -64,7 +63,6 @@ private:
     std::string pathOfValue(const DevicePtr& device, uint16_t handle) const;
 
     Core& mCore;
-    Devices& mDevices;
     std::map<std::string, Attribute> mAttributes; ///< by path
 };
 

@@ -10,7 +10,6 @@ namespace vexasim
 namespace
 {
 constexpr uint16_t kDeviceNameUuid = 0x2a00;
-constexpr uint16_t kClientConfigurationUuid = 0x2902;
 
 bool hasAny(const std::vector<std::string>& flags, const std::vector<std::string>& wanted)
 {
