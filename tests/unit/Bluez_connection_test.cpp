@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -150,6 +151,36 @@ TEST_F(AClient, ReportsOnOneThreadOfItsOwn)
     EXPECT_EQ(listener.events().size(), 10U);
     EXPECT_EQ(listener.threads().size(), 1U);
     EXPECT_EQ(listener.threads().count(std::this_thread::get_id()), 0U);
+}
+
+TEST_F(AClient, RunsATaskOnItsThreadBetweenTwoEvents)
+{
+    addAdapter();
+    start();
+    std::promise<void> entered;
+    std::promise<void> leave;
+    std::atomic<bool> delivering{false};
+    listener.onEvent = [&](const std::string&) {
+        delivering = true;
+        entered.set_value();
+        leave.get_future().wait();
+        delivering = false;
+    };
+    addDevice();
+    entered.get_future().wait();
+    std::thread::id thread;
+    bool within = true;
+    std::thread caller([&] {
+        client->runBetweenEvents([&] {
+            thread = std::this_thread::get_id();
+            within = delivering;
+        });
+    });
+    leave.set_value();
+    caller.join();
+
+    EXPECT_FALSE(within);
+    EXPECT_EQ(listener.threads().count(thread), 1U);
 }
 
 TEST_F(AClient, ReturnsFromItsConstructorWhileTheThreadStillStarts)
@@ -653,6 +684,17 @@ TEST_F(AClientWithoutABus, CanBeDestroyedRightAfterItsConstruction)
         destroy();
     }
     EXPECT_EQ(log.count("E Connection failed"), 100U);
+}
+
+TEST_F(AClientWithoutABus, RunsATaskOnTheThreadOfItsCaller)
+{
+    construct();
+    ASSERT_TRUE(log.await("E Connection failed"));
+    std::thread::id thread;
+
+    client->runBetweenEvents([&thread] { thread = std::this_thread::get_id(); });
+
+    EXPECT_EQ(thread, std::this_thread::get_id());
 }
 
 TEST_F(AClientWithoutABus, DoesntTryAgain)

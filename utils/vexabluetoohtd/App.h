@@ -12,6 +12,8 @@
 #include "NSTime.h"
 #include "pthread_helper.h"
 
+class RcuOtaUpdater;
+
 /// What the main loop is doing.
 enum State {
     State_eIdle = 0,       ///< normal running
@@ -144,6 +146,7 @@ private:
 
     void processUpdate();
     void updateRc(const UpdateRequest& request);
+    static void runUpdate(RcuOtaUpdater& updater, const UpdateRequest& request);
 
     std::shared_ptr<Bluez> mBluez;               ///< of the main thread
     std::atomic<Bluez*> mHandlersBluez{nullptr}; ///< the same for the event thread: deinit takes no lock

@@ -835,15 +835,22 @@ void App::updateRc(const UpdateRequest& request)
     }
     // Called on the update's thread. Needs no lock: nobody else writes the file meanwhile.
     const auto publish = [](const std::string& word) { writeFile(word, kStatusFile); };
-    const std::unique_ptr<RcuOtaUpdater> updater = RcuOtaUpdater::create(
+    std::unique_ptr<RcuOtaUpdater> updater = RcuOtaUpdater::create(
         mBluez, request.adapterPath, request.rcAddress, request.firmwareLocation, request.otaPath, publish);
     if (!updater || request.rcVersion >= updater->getFirmwareInfo().version) {
         LOG_WARN("RC update is unnecessary"); // also when the image couldn't be read
         writeFile("rc_fw_update_canceled", kStatusFile);
-        return;
+    } else {
+        runUpdate(*updater, request);
     }
-    LOG_INFO("Updating RC firmware from %x to %x", request.rcVersion, updater->getFirmwareInfo().version);
-    if (updater->update()) {
+    // A callback that is under way outlasts the updater's unsubscription, so it ends where none is.
+    mBluez->runBetweenEvents([&updater] { updater.reset(); });
+}
+
+void App::runUpdate(RcuOtaUpdater& updater, const UpdateRequest& request)
+{
+    LOG_INFO("Updating RC firmware from %x to %x", request.rcVersion, updater.getFirmwareInfo().version);
+    if (updater.update()) {
         writeFile("rc_fw_update_succeed", kStatusFile);
         LOG_INFO("Firmware updated");
         std::remove(kFwVersionFile); // what it holds is obsolete

@@ -2,6 +2,7 @@
 #include "Bluez.h"
 
 #include <algorithm>
+#include <future>
 
 #include "BluezVariant.h"
 #include "STBLogger.h"
@@ -212,6 +213,26 @@ void Bluez::unsubscribe(Listener* listener)
     const pthread_helper::scoped_lock lock(_mutex);
     // An entry is never erased.
     _listeners[listener] = false;
+}
+
+void Bluez::runBetweenEvents(const std::function<void()>& task)
+{
+    struct Visit {
+        const std::function<void()>& task;
+        std::promise<void> done;
+    };
+    auto* const visit = new Visit{task, {}};
+    const std::future<void> done = visit->done.get_future();
+    // Called at once on this thread where nobody runs the loop.
+    g_main_context_invoke_full(
+        nullptr, G_PRIORITY_DEFAULT,
+        [](gpointer data) -> gboolean {
+            static_cast<Visit*>(data)->task();
+            static_cast<Visit*>(data)->done.set_value();
+            return G_SOURCE_REMOVE;
+        },
+        visit, [](gpointer data) { delete static_cast<Visit*>(data); });
+    done.wait();
 }
 
 Bluez::ListenerMap Bluez::getListeners() const

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -146,6 +147,10 @@ public:
     void subscribe(Listener* listener);
     /// Ends the subscription. An event that is being delivered may still reach the listener once.
     void unsubscribe(Listener* listener);
+    /// Runs `task` on the event thread while no event is being delivered, and returns when it has run; on the
+    /// calling thread at once if the event thread runs no loop. A listener that unsubscribes in it can be
+    /// destroyed in it: nothing calls it any more. Not to be called under a lock that a callback takes.
+    void runBetweenEvents(const std::function<void()>& task);
     /// A copy of the table of listeners.
     ListenerMap getListeners() const;
 
