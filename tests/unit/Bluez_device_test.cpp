@@ -587,6 +587,8 @@ TEST_F(ARealRemote, IsPairedAndConnectedAndResolved)
         EXPECT_TRUE(client->deviceConnect(path));
     }
     ASSERT_TRUE(listener.await("onDeviceServicesResolvedStatusChanged " + path + " true"));
+    // With a new bond BlueZ tells the services behind that.
+    ASSERT_TRUE(listener.await("onCharacteristicAdded " + path + "/service0020/char0023"));
     bool connected = false;
     EXPECT_TRUE(client->deviceGetConnected(path, connected));
     EXPECT_TRUE(connected);
