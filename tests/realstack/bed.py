@@ -10,6 +10,7 @@ import pathlib
 import re
 import shutil
 import signal
+import socket
 import struct
 import subprocess
 import threading
@@ -20,7 +21,11 @@ STATUS = TMP / "bluetooth_status"
 ADC = pathlib.Path("/sys/class/saradc/saradc_ch0")
 REMOTE = "C0:FF:EE:00:00:01"
 UPDATE_DEVICE = "C0:FF:EE:00:00:02"
+BUS_SOCKET = pathlib.Path("/run/dbus/system_bus_socket")
 BLUETOOTHD = "/usr/libexec/bluetooth/bluetoothd"
+# Debian's file has the bus start bluetoothd by a service manager that isn't in
+# the machine; that failure ends the daemon's wait for bluetoothd.
+ACTIVATION = pathlib.Path("/usr/share/dbus-1/system-services/org.bluez.service")
 STATE = pathlib.Path("/var/lib/bluetooth")
 
 # Of the objects that stand for the remote's attributes, bluetoothd tells this last.
@@ -55,14 +60,18 @@ def run(*command, check=True):
     return done
 
 
+def bus_listens():
+    """Its socket is there before it listens, and stays when it has ended."""
+    with socket.socket(socket.AF_UNIX) as client:
+        return client.connect_ex(str(BUS_SOCKET)) == 0
+
+
 def prepare_machine():
     """Gives the machine, which is still the host's image, a box's face."""
     run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
     os.makedirs("/run/dbus", exist_ok=True)
     run("mount", "-t", "tmpfs", "tmpfs", "/run/dbus")
-    # Debian's file has the bus start bluetoothd by a service manager that isn't
-    # here, and that failure would end the daemon's wait for bluetoothd.
-    pathlib.Path("/usr/share/dbus-1/system-services/org.bluez.service").unlink(missing_ok=True)
+    ACTIVATION.unlink(missing_ok=True)
     # sysfs takes no new folder: one with the button in it goes over its class
     # folder, and what the Bluetooth stack needs of that is bound back in. With
     # a dead copy of rfkill bluetoothd would wait for ever at its start.
@@ -210,6 +219,8 @@ class Box:
         if STATE.exists():
             shutil.rmtree(STATE)
         STATE.mkdir(parents=True)
+        BUS_SOCKET.unlink(missing_ok=True)
+        ACTIVATION.unlink(missing_ok=True)
         ADC.write_text("1023\n")
         run("dmesg", "--clear")
         self.clock = Clock(programs["clock"])
@@ -227,7 +238,11 @@ class Box:
     # ---- the parts of the box
     def start_bus(self):
         self.bus = self.start("dbus-daemon", "dbus-daemon", "--system", "--nofork", "--nopidfile")
-        self.await_that(lambda: pathlib.Path("/run/dbus/system_bus_socket").exists(), "the bus", 30)
+        self.await_that(bus_listens, "the bus", 30)
+
+    def break_activation(self):
+        """Before the bus starts: a file as Debian's, whose program fails."""
+        ACTIVATION.write_text("[D-BUS Service]\nName=org.bluez\nExec=/bin/false\nUser=root\n")
 
     def start_air(self, *options):
         """The adapter with the remote in range."""

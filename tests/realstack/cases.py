@@ -536,6 +536,23 @@ def bus_late(box):
     box.expect_errors("Connection failed", KEPT)
 
 
+@case("10c", "bluetoothd starts after the daemon on a bus that fails to start it")
+def broken_activation(box):
+    box.break_activation()
+    box.start_bus()
+    box.start_air()
+    box.start_daemon()
+    box.await_log("Creating object manager failed", LATER)
+    box.start_bluetoothd()
+    box.start_agent()
+    time.sleep(5)
+    box.expect_course("init")
+    box.stop_daemon()
+    start_daemon_without_remote(box)
+    box.expect_course("init", "no device")
+    box.expect_errors("Creating object manager failed.*")
+
+
 # ---- running them
 
 def run_case(number, programs, results):
