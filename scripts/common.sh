@@ -65,10 +65,10 @@ needPackages() {
     aptInstall "${missing[@]}" || die "could not install: ${missing[*]}"
 }
 
-# Uses the caller's `elevate`.
+# Uses the caller's `elevate`. Another script may be installing, too.
 aptInstall() {
     "${elevate[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get -qq install -y --no-install-recommends "$@" </dev/null
+        apt-get -qq -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@" </dev/null
 }
 
 # Compilers run through ccache where it is installed; nothing depends on it.
