@@ -41,6 +41,7 @@ struct Device {
     std::map<uint16_t, std::vector<RequestPtr>> reads; ///< by value handle
     std::map<uint16_t, RequestPtr> writes;
     std::map<uint16_t, std::set<std::string>> notifyClients; ///< unique names by value handle
+    std::set<uint16_t> ownNotifications; ///< value handles that bluetoothd itself listens to
 };
 
 using DevicePtr = std::shared_ptr<Device>;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Devices.h"
 
+#include "sim/bluez/BatteryProfile.h"
 #include "sim/bluez/GattObjects.h"
 #include "sim/bluez/Links.h"
 
@@ -23,7 +24,8 @@ std::string withDashes(std::string address)
 Devices::Devices(Core& core)
     : mCore(core),
       mGatt(std::make_unique<GattObjects>(core)),
-      mLinks(std::make_unique<Links>(core, *this, *mGatt))
+      mBattery(std::make_unique<BatteryProfile>(core)),
+      mLinks(std::make_unique<Links>(core, *this, *mGatt, *mBattery))
 {
 }
 
@@ -248,8 +250,10 @@ void Devices::onAdvertising(const Peripheral& peripheral)
 void Devices::onNotification(const Peripheral& peripheral, uint16_t handle, const Bytes& value)
 {
     for (const DevicePtr& device : all())
-        if (device->peripheral.get() == &peripheral && device->connected)
+        if (device->peripheral.get() == &peripheral && device->connected) {
             mGatt->notified(device, handle, value);
+            mBattery->notified(device, handle, value);
+        }
 }
 
 } // namespace vexasim

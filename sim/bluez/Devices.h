@@ -14,6 +14,7 @@
 namespace vexasim
 {
 
+class BatteryProfile;
 class GattObjects;
 class Links;
 
@@ -68,6 +69,7 @@ private:
 
     Core& mCore;
     std::unique_ptr<GattObjects> mGatt;
+    std::unique_ptr<BatteryProfile> mBattery;
     std::unique_ptr<Links> mLinks;
     std::map<std::string, DevicePtr> mDevices; ///< by path
     std::map<std::string, std::string> mNames; ///< once seen, by address; outlives the object

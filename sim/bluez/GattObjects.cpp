@@ -328,7 +328,8 @@ void GattObjects::stopNotify(const DevicePtr& device, const Attribute& attribute
 void GattObjects::endSession(const DevicePtr& device, uint16_t handle)
 {
     // BlueZ doesn't wait for the remote here, and doesn't mind what it says.
-    device->peripheral->subscribe(handle, false);
+    if (device->ownNotifications.count(handle) == 0)
+        device->peripheral->subscribe(handle, false);
     setNotifying(device, handle, false);
 }
 
@@ -342,6 +343,9 @@ void GattObjects::setNotifying(const DevicePtr& device, uint16_t handle, bool no
 
 void GattObjects::notified(const DevicePtr& device, uint16_t handle, const Bytes& value)
 {
+    const auto clients = device->notifyClients.find(handle);
+    if (clients == device->notifyClients.end() || clients->second.empty())
+        return; // bluetoothd keeps it to itself
     const std::string path = pathOfValue(device, handle);
     if (!path.empty())
         mCore.tree.change(path, names::kCharacteristic, {{"Value", Variant::bytes(value)}});

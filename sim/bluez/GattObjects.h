@@ -13,7 +13,6 @@
 namespace vexasim
 {
 
-
 /// The GATT objects of connected devices and their methods. Used on the loop's
 /// thread.
 class GattObjects

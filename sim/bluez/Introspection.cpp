@@ -95,6 +95,10 @@ constexpr const char* kXml = R"(<node>
   <property name="AdvertisingFlags" type="ay" access="read"/>
   <property name="WakeAllowed" type="b" access="readwrite"/>
  </interface>
+ <interface name="org.bluez.Battery1">
+  <property name="Percentage" type="y" access="read"/>
+  <property name="Source" type="s" access="read"/>
+ </interface>
  <interface name="org.bluez.GattService1">
   <property name="UUID" type="s" access="read"/>
   <property name="Device" type="o" access="read"/>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Links.h"
 
+#include "sim/bluez/BatteryProfile.h"
 #include "sim/bluez/Devices.h"
 #include "sim/bluez/GattObjects.h"
 
@@ -16,7 +17,8 @@ constexpr const char* kAlreadyConnecting = "Operation already in progress";
 constexpr const char* kNoPower = "Input/output error";
 } // namespace
 
-Links::Links(Core& core, Devices& devices, GattObjects& gatt) : mCore(core), mDevices(devices), mGatt(gatt)
+Links::Links(Core& core, Devices& devices, GattObjects& gatt, BatteryProfile& battery)
+    : mCore(core), mDevices(devices), mGatt(gatt), mBattery(battery)
 {
     onMethod("Connect", &Links::connect);
     onMethod("Disconnect", &Links::disconnect);
@@ -237,12 +239,19 @@ void Links::resolved(const DevicePtr& device)
         mCore.tree.change(device->path, names::kDevice, changed);
     if (device->pairing && device->resolved)
         mGatt.publish(device);
-    if (device->resolved)
+    if (device->resolved) {
         mCore.say("services of " + device->path + " are resolved");
+        later(device, device->peripheral->answerDelay(), &Links::readBattery);
+    }
     if (device->pairing) {
         mCore.say(device->path + " is paired");
         std::exchange(device->pairing, nullptr)->reply();
     }
+}
+
+void Links::readBattery(const DevicePtr& device)
+{
+    mBattery.begin(device);
 }
 
 // ---- the end of a link
@@ -291,18 +300,25 @@ void Links::lost(const DevicePtr& device)
     // BlueZ answers those who wait before it tells that the link is gone, and
     // before an answer it tells what it has to tell.
     if ((removing || !device->disconnecting.empty() || device->pairing) && !changed.empty())
-        mCore.tree.change(device->path, names::kDevice, std::exchange(changed, {}));
+        tellTheEnd(device, std::exchange(changed, {}));
     for (const RequestPtr& waiting : std::exchange(device->disconnecting, {}))
         waiting->reply();
     if (removing)
         removing->reply();
     failPairing(device, errors::kAuthenticationCanceled);
     changed["Connected"] = toVariant(false);
-    mCore.tree.change(device->path, names::kDevice, changed);
+    tellTheEnd(device, changed);
     mCore.say(device->path + " is disconnected");
     if (removing)
         return mDevices.remove(device);
     mDevices.keepForAWhile(device);
+}
+
+void Links::tellTheEnd(const DevicePtr& device, const PropertyMap& changed)
+{
+    // An object's changes come before an interface of it goes.
+    mCore.tree.change(device->path, names::kDevice, changed);
+    mBattery.end(device);
 }
 
 void Links::abandon(const DevicePtr& device)

@@ -10,6 +10,7 @@
 namespace vexasim
 {
 
+class BatteryProfile;
 class Devices;
 class GattObjects;
 
@@ -18,7 +19,7 @@ class GattObjects;
 class Links
 {
 public:
-    Links(Core& core, Devices& devices, GattObjects& gatt);
+    Links(Core& core, Devices& devices, GattObjects& gatt, BatteryProfile& battery);
 
     /// It advertises: an attempt to connect may go on.
     void heard(const DevicePtr& device);
@@ -47,7 +48,9 @@ private:
     void failPairing(const DevicePtr& device, const errors::Error& error);
     void resolve(const DevicePtr& device);
     void resolved(const DevicePtr& device);
+    void readBattery(const DevicePtr& device);
     void startEnding(const DevicePtr& device);
+    void tellTheEnd(const DevicePtr& device, const PropertyMap& changed);
 
     /// Goes on with a step if the device and its link are still the same then.
     void later(const DevicePtr& device, std::chrono::milliseconds delay, Step step);
@@ -57,6 +60,7 @@ private:
     Core& mCore;
     Devices& mDevices;
     GattObjects& mGatt;
+    BatteryProfile& mBattery;
 };
 
 } // namespace vexasim

@@ -9,6 +9,7 @@ constexpr const char* kBlueZPath = "/org/bluez";
 
 constexpr const char* kAdapter = "org.bluez.Adapter1";
 constexpr const char* kAgentManager = "org.bluez.AgentManager1";
+constexpr const char* kBattery = "org.bluez.Battery1";
 constexpr const char* kProfileManager = "org.bluez.ProfileManager1";
 constexpr const char* kDevice = "org.bluez.Device1";
 constexpr const char* kService = "org.bluez.GattService1";

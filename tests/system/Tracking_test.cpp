@@ -278,12 +278,12 @@ TEST_F(AKnownRemote, LosesItsFilesWithItsServicesIfTheseGoFirst)
 
 TEST_F(AKnownRemote, KeepsItsFilesIfItsServicesGoBehindItsDevice)
 {
-    box.sim().emitSignal(
-        "/", "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved",
-        g_variant_new("(o@as)", kRemote.c_str(),
-                      vexasim::Variant::strings({kDeviceInterface, "org.freedesktop.DBus.Properties",
-                                                 "org.freedesktop.DBus.Introspectable"})
-                          .get()));
+    box.sim().emitSignal("/", "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved",
+                         g_variant_new("(o@as)", kRemote.c_str(),
+                                       vexasim::Variant::strings({kDeviceInterface, "org.bluez.Battery1",
+                                                                  "org.freedesktop.DBus.Properties",
+                                                                  "org.freedesktop.DBus.Introspectable"})
+                                           .get()));
     ASSERT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
     box.sim().removeObject(kBatteryService);
     box.sim().removeObject(kVersionPath);

@@ -155,7 +155,7 @@ TEST_F(ABentBlueZ, AnnouncesGattChildrenFirst)
     ASSERT_EQ(client.call(kDevice, "org.bluez.Device1.Pair").error, "");
     std::vector<std::string> added;
     for (const std::string& line : client.story())
-        if (line.rfind("InterfacesAdded", 0) == 0)
+        if (line.rfind("InterfacesAdded", 0) == 0 && line.find("/service") != std::string::npos)
             added.push_back(line.substr(line.rfind('/') + 1));
     EXPECT_THAT(added,
                 ElementsAre("char0023", "char0021", "service0020", "desc0013", "char0011", "service0010"));

@@ -21,6 +21,7 @@ constexpr const char* kAdapter = "/org/bluez/hci0";
 constexpr const char* kDevice = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
 constexpr const char* kLevel = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01/service0010/char0011";
 constexpr const char* kSwitch = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01/service0020/char0023";
+constexpr const char* kBattery = "org.bluez.Battery1";
 constexpr const char* kStart = "org.bluez.Adapter1.StartDiscovery";
 constexpr const char* kStop = "org.bluez.Adapter1.StopDiscovery";
 constexpr const char* kPair = "org.bluez.Device1.Pair";
@@ -63,6 +64,7 @@ protected:
     {
         discover();
         ASSERT_EQ(client.call(kDevice, kPair).error, "");
+        ASSERT_TRUE(client.await("/", "InterfacesAdded", kBattery));
     }
 
     /// Everything the simulator sent so far has reached the client.
@@ -201,6 +203,7 @@ TEST_F(ABoxWithARemoteInRange, PairsInBlueZsOrder)
     discover();
     client.clearSignals();
     ASSERT_EQ(client.call(kDevice, kPair).error, "");
+    ASSERT_TRUE(client.await("/", "InterfacesAdded", kBattery));
     const std::string device = kDevice;
     const std::string changed = "PropertiesChanged " + device + " ('org.bluez.Device1', ";
     EXPECT_THAT(client.story(),
@@ -212,7 +215,8 @@ TEST_F(ABoxWithARemoteInRange, PairsInBlueZsOrder)
                             "InterfacesAdded " + device + "/service0010/char0011/desc0013",
                             "InterfacesAdded " + device + "/service0020",
                             "InterfacesAdded " + device + "/service0020/char0021",
-                            "InterfacesAdded " + device + "/service0020/char0023"));
+                            "InterfacesAdded " + device + "/service0020/char0023",
+                            "InterfacesAdded " + device));
     EXPECT_TRUE(sim.remote().normal()->paired());
 }
 
@@ -335,7 +339,9 @@ TEST_F(ABoxWithARemoteInRange, KeepsItsObjectsWhenTheLinkIsLost)
     settle();
     const std::string changed = std::string("PropertiesChanged ") + kDevice + " ('org.bluez.Device1', ";
     EXPECT_THAT(client.story(),
-                ElementsAre(changed + "{'Connected': <false>, 'ServicesResolved': <false>}, [])"));
+                ElementsAre(changed + "{'Connected': <false>, 'ServicesResolved': <false>}, [])",
+                            std::string("InterfacesRemoved ") + kDevice));
+    EXPECT_THAT(client.signals().back().text, HasSubstr("['org.bluez.Battery1']"));
     const auto read = client.call(kLevel, kRead, noOptions());
     EXPECT_EQ(read.error, "org.bluez.Error.Failed");
     EXPECT_EQ(read.message, "Not connected");
@@ -398,9 +404,11 @@ TEST_F(ABoxWithARemoteInRange, IsRemovedAfterItsLinkEnded)
     pair();
     client.clearSignals();
     ASSERT_EQ(client.call(kAdapter, "org.bluez.Adapter1.RemoveDevice", objectPath(kDevice)).error, "");
-    ASSERT_TRUE(client.await("/", "InterfacesRemoved", std::string("'") + kDevice + "'"));
-    EXPECT_THAT(client.story().front(), HasSubstr("'ServicesResolved': <false>"));
-    EXPECT_THAT(client.story()[1], HasSubstr("'Connected': <false>"));
+    ASSERT_TRUE(client.await("/", "InterfacesRemoved", "'org.bluez.Device1'"));
+    const auto story = client.story();
+    EXPECT_THAT(story[0], HasSubstr("'ServicesResolved': <false>"));
+    EXPECT_EQ(story[1], std::string("InterfacesRemoved ") + kDevice);
+    EXPECT_THAT(story[2], HasSubstr("'Connected': <false>"));
 }
 
 TEST_F(ABoxWithARemoteInRange, RefusesToRemoveWhatItDoesNotKnow)
@@ -461,13 +469,45 @@ TEST_F(ABoxWithARemoteInRange, NotifiesOnlyThoseWhoAsked)
     client.clearSignals();
     sim.remote().setBattery(70);
     settle();
-    EXPECT_TRUE(client.signals().empty());
+    EXPECT_THAT(client.signals(), testing::Each(testing::Field(&SimClient::Signal::path, kDevice)));
     ASSERT_EQ(client.call(kLevel, kStartNotify).error, "");
     sim.remote().setBattery(60);
     EXPECT_TRUE(client.await(kLevel, "PropertiesChanged", "'Value': <[byte 0x3c]>"));
     EXPECT_EQ(client.get(kLevel, "org.bluez.GattCharacteristic1", "Notifying"), "(<true>,)");
     ASSERT_EQ(client.call(kLevel, "org.bluez.GattCharacteristic1.StopNotify").error, "");
     EXPECT_EQ(client.get(kLevel, "org.bluez.GattCharacteristic1", "Notifying"), "(<false>,)");
+}
+
+TEST_F(ABoxWithARemoteInRange, TellsTheBatteryByAnInterfaceOfItsOwn)
+{
+    pair();
+    EXPECT_EQ(client.get(kDevice, kBattery, "Percentage"), "(<byte 0x50>,)");
+    client.clearSignals();
+    sim.remote().setBattery(70);
+    EXPECT_TRUE(
+        client.await(kDevice, "PropertiesChanged", "('org.bluez.Battery1', {'Percentage': <byte 0x46>}"));
+    sim.remote().leave();
+    EXPECT_TRUE(client.await("/", "InterfacesRemoved", "['org.bluez.Battery1']"));
+    EXPECT_EQ(client.get(kDevice, kBattery, "Percentage"), "[org.freedesktop.DBus.Error.InvalidArgs]");
+}
+
+TEST_F(ABoxWithARemoteInRange, TellsTheBatteryOnAfterAClientsNotificationsEnd)
+{
+    pair();
+    ASSERT_EQ(client.call(kLevel, kStartNotify).error, "");
+    ASSERT_EQ(client.call(kLevel, "org.bluez.GattCharacteristic1.StopNotify").error, "");
+    sim.remote().setBattery(70);
+    EXPECT_TRUE(client.await(kDevice, "PropertiesChanged", "'Percentage': <byte 0x46>"));
+}
+
+TEST_F(ABoxWithARemoteInRange, KeepsALevelAbove100ToItself)
+{
+    pair();
+    client.clearSignals();
+    sim.remote().setBattery(101);
+    settle();
+    EXPECT_TRUE(client.signals().empty());
+    EXPECT_EQ(client.get(kDevice, kBattery, "Percentage"), "(<byte 0x50>,)");
 }
 
 TEST_F(ABoxWithARemoteInRange, RefusesNotificationsWhereThereAreNone)
