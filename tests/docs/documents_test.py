@@ -137,7 +137,8 @@ class Links(unittest.TestCase):
                         self.assertTrue((document.parent / target.split("#")[0]).exists())
 
     def test_the_deployment_guide_names_the_cases_on_the_real_stack(self):
-        cases = set(re.findall(r'^@case\("(\w+)"', read("tests/realstack/cases.py"), re.MULTILINE))
+        cases = set(re.findall(r'^@(?:cases\.)?case\("(\w+)"',
+                               read("tests/realstack/cases.py") + read("tests/realstack/units.py"), re.MULTILINE))
         guide = read("docs/deployment.md")
         one = r"\d{1,2}[a-c]?"
         lists = re.findall(rf"\(({one}(?:, {one})*)\)|\| ({one}(?:, {one})*)\b[^|]*\|$", guide, re.MULTILINE)

@@ -70,7 +70,6 @@ def prepare_machine():
     """Gives the machine, which is still the host's image, a box's face."""
     run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
     os.makedirs("/run/dbus", exist_ok=True)
-    run("mount", "-t", "tmpfs", "tmpfs", "/run/dbus")
     ACTIVATION.unlink(missing_ok=True)
     # sysfs takes no new folder: one with the button in it goes over its class
     # folder, and what the Bluetooth stack needs of that is bound back in. With
@@ -219,7 +218,6 @@ class Box:
         if STATE.exists():
             shutil.rmtree(STATE)
         STATE.mkdir(parents=True)
-        BUS_SOCKET.unlink(missing_ok=True)
         ACTIVATION.unlink(missing_ok=True)
         ADC.write_text("1023\n")
         run("dmesg", "--clear")
@@ -320,6 +318,8 @@ class Box:
             complaints.append(f"bluetoothd ended by itself, status {self.bluetoothd.stop()}")
         for process in reversed(self.processes):
             process.stop()
+        if self.bus is not None:
+            BUS_SOCKET.unlink(missing_ok=True)
         self.course.stop()
         (self.folder / "status-course").write_text(self.course.timed())
         kernel = run("dmesg").stdout
@@ -373,10 +373,10 @@ class Box:
     def offer(self, image):
         self.play("OfferImage", "s", image)
 
-    def device_property(self, name, address=REMOTE):
+    def device_property(self, name, address=REMOTE, interface="org.bluez.Device1"):
         """As bluetoothd tells it; None if it doesn't know the device."""
         path = "/org/bluez/hci0/dev_" + address.replace(":", "_")
-        answer = run("busctl", "--json=short", "get-property", "org.bluez", path, "org.bluez.Device1", name,
+        answer = run("busctl", "--json=short", "get-property", "org.bluez", path, interface, name,
                      check=False).stdout
         return json.loads(answer)["data"] if answer else None
 

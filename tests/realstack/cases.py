@@ -140,6 +140,8 @@ def from_cold(box):
     box.await_file("bluetooth_rc", bed.REMOTE, SOON)
     box.await_file("bluetooth_rc_battery", "80", SOON)
     box.await_file("bluetooth_rc_fw_version", "1a3", SOON)
+    expect(box.device_property("Percentage", interface="org.bluez.Battery1") == 80,
+           "bluetoothd doesn't tell the battery itself")
     box.expect_course(*PAIRED_COURSE)
     box.expect_errors(KEPT)
 
@@ -601,10 +603,9 @@ def key_file(build):
     return f"/proc/{os.getpid()}/fd/{os.open(cached.group(1), os.O_RDONLY)}"
 
 
-def main():
-    build, results, *wanted = sys.argv[1:]
-    build = pathlib.Path(build)
-    programs = {
+def programs_of(build):
+    return {
+        "build": str(build),
         "key": key_file(build),
         "vexabluetoohtd": str(build / "utils/vexabluetoohtd/vexabluetoohtd"),
         "vexaagent": str(build / "utils/vexaagent/vexaagent"),
@@ -612,6 +613,11 @@ def main():
         "vexasim": str(build / "sim/vexasim"),
         "clock": str(build / "tests/system/vexabox-clock.so"),
     }
+
+
+def main():
+    build, results, *wanted = sys.argv[1:]
+    programs = programs_of(pathlib.Path(build))
     bed.prepare_machine()
     passed = [run_case(number, programs, pathlib.Path(results)) for number in CASES
               if is_wanted(number, wanted) and is_ours(pathlib.Path(results) / f"case-{number}")]

@@ -1,0 +1,126 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: MIT
+"""Usage: units.py PROGRAMS RESULTS
+
+Runs in a virtual machine whose first process is systemd: the units as they are
+shipped, together with Debian's own of bluetoothd, and what docs/deployment.md
+tells integrators to add to them. Prints a line; ends with status 0 if it passed."""
+
+import pathlib
+import re
+import shutil
+import sys
+
+import bed
+import cases
+from bed import expect
+from cases import LATER, SOON
+
+UNIT = "vexabluetoohtd.service"
+UNITS = pathlib.Path("/etc/systemd/system")
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+
+
+def systemctl(*arguments):
+    bed.run("systemctl", *arguments)
+
+
+def state():
+    return bed.run("systemctl", "is-active", UNIT, check=False).stdout.strip()
+
+
+def journal(*options):
+    return bed.run("journalctl", "--no-pager", "-b", *options).stdout
+
+
+def install(build):
+    """As the install target does it."""
+    for name in ("vexabluetoohtd", "vexaagent"):
+        unit = (build / f"packaging/{name}.service").read_text()
+        (UNITS / f"{name}.service").write_text(unit)
+        program = re.search(r"^ExecStart=(\S+)$", unit, re.MULTILINE)[1]
+        shutil.copy(build / "utils" / name / name, program)
+    shutil.copy(PROJECT / "packaging/dbus/vexabluetoohtd.conf", "/etc/dbus-1/system.d/")
+    systemctl("daemon-reload")
+
+
+def add_what_the_guide_says(file):
+    """One of the files that docs/deployment.md shows."""
+    guide = (PROJECT / "docs/deployment.md").read_text()
+    text = re.search(rf"^# (/etc/systemd/system/\S+/{re.escape(file)})\n(.*?)^```", guide,
+                     re.MULTILINE | re.DOTALL)
+    for other in (UNITS / f"{UNIT}.d").glob("*.conf"):
+        other.unlink()
+    path = pathlib.Path(text[1])
+    path.parent.mkdir(exist_ok=True)
+    path.write_text(text[2])
+    systemctl("reenable", UNIT)
+    systemctl("daemon-reload")
+
+
+def await_stopped(box):
+    box.await_that(lambda: state() == "inactive", "the end of the unit", LATER)
+    expect(not list(bed.TMP.glob("bluetooth_*")), "files left behind")
+
+
+def lives_with_bluetoothd(box):
+    add_what_the_guide_says("with-bluetoothd.conf")
+    systemctl("enable", "--now", "vexaagent")
+    systemctl("start", "bluetooth")
+    box.await_status("no device", LATER)
+    box.hold_button(4)
+    box.await_status("scanning", SOON)
+    box.await_status("connected", LATER)
+    box.await_file("bluetooth_rc_battery", "80", SOON)
+    box.await_file("bluetooth_rc_fw_version", "1a3", SOON)
+
+    # A flag of somebody else, who owns neither /tmp nor the remote.
+    bed.run("setpriv", "--reuid=nobody", "--clear-groups", "touch", "/tmp/bluetooth_reset")
+    box.await_status("scanning", SOON)
+    box.await_status("connected", LATER)
+
+    systemctl("kill", "--signal=KILL", "bluetooth")
+    await_stopped(box)
+    systemctl("start", "bluetooth")
+    box.await_status("init", SOON)
+    box.await_status("connected", LATER)
+    systemctl("stop", "bluetooth")
+    await_stopped(box)
+    systemctl("start", "bluetooth")
+    box.await_status("connected", LATER)
+
+
+def lives_with_the_adapter(box):
+    add_what_the_guide_says("with-adapter.conf")
+    box.play("RemoveAdapter", "s", "hci0")
+    await_stopped(box)
+    box.play("AddAdapter", "ss", "hci0", "00:00:00:00:00:00")
+    box.await_status("init", SOON)
+    box.await_status("connected", LATER)
+
+
+@cases.case("11", "systemd: the daemon lives as long as bluetoothd and the adapter do")
+def units(box):
+    try:
+        install(pathlib.Path(box.programs["build"]))
+        box.start_air()
+        lives_with_bluetoothd(box)
+        lives_with_the_adapter(box)
+        systemctl("stop", UNIT)
+        await_stopped(box)
+        expect("REMOVE /tmp/bluetooth_status" in journal("-u", UNIT), "the daemon's log isn't in the journal")
+    finally:
+        (box.folder / "journal").write_text(journal())
+
+
+def main():
+    build, results = map(pathlib.Path, sys.argv[1:])
+    bed.prepare_machine()
+    programs = cases.programs_of(build)
+    if not cases.is_ours(results / "case-11"):
+        return 0
+    return 0 if cases.run_case("11", programs, results) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
