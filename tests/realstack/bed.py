@@ -84,6 +84,13 @@ def prepare_machine():
     run("mount", "--rbind", str(box), "/sys/class")
 
 
+def read_at_once(path):
+    """The line in a small file, by one read. The daemon writes its files in place,
+    so a second read could find the end of another word."""
+    with open(path, "rb", buffering=0) as file:
+        return file.read(4096).decode(errors="replace").strip()
+
+
 class Process:
     """A program with its output in a file."""
 
@@ -171,10 +178,10 @@ class Course:
     def _watch(self):
         while not self._stopped.wait(LOOK_SECONDS):
             try:
-                word = STATUS.read_text().strip()
+                word = read_at_once(STATUS)
             except OSError:
                 continue
-            # A reader can meet the file while it is being replaced.
+            # A reader can meet the file just before it is written anew.
             if not word:
                 continue
             with self._lock:
@@ -384,7 +391,7 @@ class Box:
     def read(self, name):
         """The line in a file of the daemon's; empty if it isn't there."""
         try:
-            return (TMP / name).read_text().strip()
+            return read_at_once(TMP / name)
         except OSError:
             return ""
 

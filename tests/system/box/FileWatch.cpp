@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -26,15 +27,12 @@ constexpr unsigned kEvents = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE 
 constexpr const char* kSyncName = ".sync"; // made and removed to see where the queue stands
 constexpr int kPriority = -10;             // lest another process overwrites a file before it is read
 
+/// By one read: the daemon writes in place, and a second one could find the end of another word.
 std::string contentOf(const Handle& file)
 {
-    std::string content;
     std::array<char, 4096> buffer{};
-    ssize_t size = 0;
-    while ((size = pread(file.get(), buffer.data(), buffer.size(), static_cast<off_t>(content.size()))) > 0) {
-        content.append(buffer.data(), static_cast<std::size_t>(size));
-    }
-    return content;
+    const ssize_t size = pread(file.get(), buffer.data(), buffer.size(), 0);
+    return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
 }
 
 Handle openRegular(const std::string& path)

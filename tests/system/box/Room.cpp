@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "Room.h"
 
+#include "Handle.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -257,11 +259,14 @@ bool Room::exists(const std::string& name) const
 
 std::optional<std::string> Room::content(const std::string& name) const
 {
-    std::ifstream stream(file(name));
-    if (!stream) {
+    const Handle handle(open(file(name).c_str(), O_RDONLY | O_CLOEXEC));
+    // By one read: the program may be writing the next content over this one.
+    std::array<char, 4096> buffer{};
+    const ssize_t size = read(handle.get(), buffer.data(), buffer.size());
+    if (size < 0) {
         return {};
     }
-    return std::string((std::istreambuf_iterator<char>(stream)), {});
+    return std::string(buffer.data(), static_cast<std::size_t>(size));
 }
 
 void Room::writeText(const std::string& name, const std::string& text) const
