@@ -196,7 +196,11 @@ TEST_F(APairingOfAPairedRemote, ForgetsItAndPairsItAnew)
 
     EXPECT_THAT(box.files().course("bluetooth_rc"),
                 ElementsAre("C0:FF:EE:00:00:01", kGone, "C0:FF:EE:00:00:01"));
-    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "connected", "scanning", "pairing", "connected"));
+    // The first pass may come before the daemon hears of its own connection.
+    EXPECT_THAT(box.statusCourse(),
+                ::testing::AnyOf(
+                    ElementsAre("init", "connected", "scanning", "pairing", "connected"),
+                    ElementsAre("init", "disconnected", "connected", "scanning", "pairing", "connected")));
 }
 
 TEST_F(APairingOfAPairedRemote, RemovesTheAddressWithoutALineInTheLog)
