@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -26,14 +25,6 @@ namespace
 constexpr unsigned kEvents = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM;
 constexpr const char* kSyncName = ".sync"; // made and removed to see where the queue stands
 constexpr int kPriority = -10;             // lest another process overwrites a file before it is read
-
-/// By one read: the daemon writes in place, and a second one could find the end of another word.
-std::string contentOf(const Handle& file)
-{
-    std::array<char, 4096> buffer{};
-    const ssize_t size = pread(file.get(), buffer.data(), buffer.size(), 0);
-    return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
-}
 
 Handle openRegular(const std::string& path)
 {
@@ -111,14 +102,14 @@ void FileWatch::look(File& file, const std::string& name)
 {
     Handle now = openRegular(mFolder + "/" + name);
     if (file.handle.valid()) {
-        record(file, contentOf(file.handle));
+        record(file, readAtOnce(file.handle));
         if (!isSameFile(file.handle, now)) {
             record(file, kGone + "\n");
         }
     }
     file.handle = std::move(now);
     if (file.handle.valid()) {
-        record(file, contentOf(file.handle));
+        record(file, readAtOnce(file.handle));
     }
 }
 

@@ -3,6 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <string>
 #include <utility>
 
 namespace vexabox
@@ -39,5 +42,14 @@ public:
 private:
     int mFd = -1;
 };
+
+/// What a file of up to 4,096 bytes holds, by one read; empty if it can't be read. The daemon writes its
+/// files in place, and a second read could find the end of another content behind the first.
+inline std::string readAtOnce(const Handle& file)
+{
+    std::array<char, 4096> buffer{};
+    const ssize_t size = pread(file.get(), buffer.data(), buffer.size(), 0);
+    return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+}
 
 } // namespace vexabox

@@ -260,13 +260,10 @@ bool Room::exists(const std::string& name) const
 std::optional<std::string> Room::content(const std::string& name) const
 {
     const Handle handle(open(file(name).c_str(), O_RDONLY | O_CLOEXEC));
-    // By one read: the program may be writing the next content over this one.
-    std::array<char, 4096> buffer{};
-    const ssize_t size = read(handle.get(), buffer.data(), buffer.size());
-    if (size < 0) {
+    if (!handle.valid()) {
         return {};
     }
-    return std::string(buffer.data(), static_cast<std::size_t>(size));
+    return readAtOnce(handle);
 }
 
 void Room::writeText(const std::string& name, const std::string& text) const
