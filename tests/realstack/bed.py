@@ -70,7 +70,6 @@ def prepare_machine():
     """Gives the machine, which is still the host's image, a box's face."""
     run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
     os.makedirs("/run/dbus", exist_ok=True)
-    ACTIVATION.unlink(missing_ok=True)
     # sysfs takes no new folder: one with the button in it goes over its class
     # folder, and what the Bluetooth stack needs of that is bound back in. With
     # a dead copy of rfkill bluetoothd would wait for ever at its start.
