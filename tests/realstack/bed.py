@@ -90,6 +90,20 @@ def read_at_once(path):
         return file.read(4096).decode(errors="replace").strip()
 
 
+def own_kilobytes(pid):
+    """A process's resident memory but for the pages of files, which come as code
+    is first run."""
+    text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(r"RssAnon:\s+(\d+)", text)[1])
+
+
+def memory_complaints(before, after):
+    """What is wrong with the daemon's own memory, in kilobytes, at a case's end."""
+    if after <= before + MEMORY_MARGIN_KILOBYTES:
+        return []
+    return [f"the daemon's memory grew from {before} to {after} kB"]
+
+
 class Process:
     """A program with its output in a file."""
 
@@ -119,10 +133,7 @@ class Process:
             raise Failure(f"{self.name} didn't end within {limit} s of {how!r}") from None
 
     def own_kilobytes(self):
-        """Its resident memory but for the pages of files, which come as code is
-        first run."""
-        text = pathlib.Path(f"/proc/{self._child.pid}/status").read_text()
-        return int(re.search(r"RssAnon:\s+(\d+)", text)[1])
+        return own_kilobytes(self._child.pid)
 
 
 class Clock:
@@ -337,11 +348,10 @@ class Box:
         if not self.daemon.running():
             return [f"the daemon ended by itself, status {self.daemon.stop()}"]
         complaints = []
-        memory = self.daemon.own_kilobytes()
         if self.calm_kilobytes is None:
             complaints.append("the case never noted the daemon's memory in a calm")
-        elif memory > self.calm_kilobytes + MEMORY_MARGIN_KILOBYTES:
-            complaints.append(f"the daemon's memory grew from {self.calm_kilobytes} to {memory} kB")
+        else:
+            complaints += memory_complaints(self.calm_kilobytes, self.daemon.own_kilobytes())
         if (status := self.interrupt_daemon()) != 0:
             complaints.append(f"the daemon ended with status {status}")
         left = [path.name for path in TMP.glob("bluetooth_*")]
@@ -470,9 +480,9 @@ class Box:
         """The status file's whole course. A word with a question mark behind it
         may be missing; it stands too short for every look to catch it."""
         def pattern(word):
-            if word == UPLOADING:
-                return r"(rc_fw_update_uploading_\d+;)+"
-            return f"({word[:-1]};)?" if word.endswith("?") else f"{word};"
+            name = word.rstrip("?")
+            one = r"(rc_fw_update_uploading_\d+;)+" if name == UPLOADING else f"{name};"
+            return f"({one})?" if word.endswith("?") else one
         course = self.course.words()
         expect(re.fullmatch("".join(map(pattern, words)), "".join(word + ";" for word in course)),
                f"another course than {words}; {self.situation()}")

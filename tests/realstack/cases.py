@@ -439,6 +439,10 @@ def bluetoothd_ends(box, how):
         clock.step()
     box.await_status("no device", SOON)
     pair(box)
+    idle = ("no device", "connected?", "disconnected", "connecting", "connected")
+    scanning = pairing = ("scanning", "no device")
+    box.expect_course(*PAIRED_COURSE, *idle, "rc_fw_update_preparing", UPLOADING, "rc_fw_update_failed", *idle,
+                      *scanning, *pairing, "scanning", "pairing?", "connected")
     update = ("(No proxy found.*|.*DBus.Error.*)", "Write characteristics failed", "Verification failed",
               "Firmware update failed")
     scan = (".*No discovery started", KEPT)
@@ -472,6 +476,8 @@ def bluetoothd_killed_in_transfer(box):
     box.await_status("connected", LATER)
     box.note_memory()
     read_battery(box, "1a3")
+    box.expect_course(*PAIRED_COURSE, "rc_fw_update_preparing", UPLOADING + "?", "rc_fw_update_failed?",
+                      "init", "connected")
     box.expect_errors(KEPT, tolerated=[".*DBus.Error.*", "Write buffer failed", "Upload fw failed",
                                        "Firmware update failed"])
 

@@ -13,8 +13,8 @@ import sys
 
 import bed
 import cases
-from bed import expect
-from cases import LATER, SOON
+from bed import KEPT, expect
+from cases import LATER, PAIRED_COURSE, SOON
 
 UNIT = "vexabluetoohtd.service"
 UNITS = pathlib.Path("/etc/systemd/system")
@@ -27,6 +27,10 @@ def systemctl(*arguments):
 
 def state():
     return bed.run("systemctl", "is-active", UNIT, check=False).stdout.strip()
+
+
+def main_pid():
+    return int(bed.run("systemctl", "show", "--property=MainPID", "--value", UNIT).stdout)
 
 
 def journal(*options):
@@ -68,6 +72,7 @@ def lives_with_bluetoothd(box):
     systemctl("enable", "--now", "vexaagent")
     systemctl("start", "bluetooth")
     box.await_status("no device", LATER)
+    calm_kilobytes = bed.own_kilobytes(main_pid())
     box.hold_button(4)
     box.await_status("scanning", SOON)
     box.await_status("connected", LATER)
@@ -78,6 +83,9 @@ def lives_with_bluetoothd(box):
     bed.run("setpriv", "--reuid=nobody", "--clear-groups", "touch", "/tmp/bluetooth_reset")
     box.await_status("scanning", SOON)
     box.await_status("connected", LATER)
+
+    complaints = bed.memory_complaints(calm_kilobytes, bed.own_kilobytes(main_pid()))
+    expect(not complaints, "; ".join(complaints))
 
     systemctl("kill", "--signal=KILL", "bluetooth")
     await_stopped(box)
@@ -108,6 +116,11 @@ def units(box):
         lives_with_the_adapter(box)
         systemctl("stop", UNIT)
         await_stopped(box)
+        # A pass may come between the end of bluetoothd, or of the adapter, and the daemon's.
+        again = ("no device?", "init", "connected")
+        box.expect_course(*PAIRED_COURSE, "scanning", "pairing?", "connected", *again, *again, *again)
+        errors = journal("-u", UNIT, "--priority=err", "--output=cat").splitlines()
+        expect(len(errors) == 2 and all(KEPT in error for error in errors), f"other errors in the log: {errors}")
         expect("REMOVE /tmp/bluetooth_status" in journal("-u", UNIT), "the daemon's log isn't in the journal")
     finally:
         (box.folder / "journal").write_text(journal())
