@@ -22,7 +22,6 @@ ADC = pathlib.Path("/sys/class/saradc/saradc_ch0")
 REMOTE = "C0:FF:EE:00:00:01"
 UPDATE_DEVICE = "C0:FF:EE:00:00:02"
 BUS_SOCKET = pathlib.Path("/run/dbus/system_bus_socket")
-BLUETOOTHD = "/usr/libexec/bluetooth/bluetoothd"
 # Debian's file has the bus start bluetoothd by a service manager that isn't in
 # the machine; that failure ends the daemon's wait for bluetoothd.
 ACTIVATION = pathlib.Path("/usr/share/dbus-1/system-services/org.bluez.service")
@@ -270,7 +269,8 @@ class Box:
     def start_bluetoothd(self, powers_adapters=True):
         configuration = self.folder / "bluetoothd.conf"
         configuration.write_text(f"[Policy]\nAutoEnable={str(powers_adapters).lower()}\n")
-        self.bluetoothd = self.start("bluetoothd", BLUETOOTHD, "-n", "-d", "-f", str(configuration))
+        self.bluetoothd = self.start("bluetoothd", *self.programs["bluetoothd"], "-n", "-d",
+                                     "-f", str(configuration))
         self.await_that(lambda: re.search(r"Adapter /org/bluez/hci\d+ registered", self.bluetoothd.text()),
                         "bluetoothd's adapter", 90)
         if self.agent is not None:

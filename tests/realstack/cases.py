@@ -1,11 +1,13 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
-"""Usage: cases.py PROGRAMS RESULTS [CASE...]
+"""Usage: cases.py [--bluez TREE] PROGRAMS RESULTS [CASE...]
 
 Runs the cases in the virtual machine and prints a line for each. PROGRAMS is
-the build folder, RESULTS where the logs go; several machines with the same
-RESULTS share the cases among them. Ends with status 0 if all passed."""
+the build folder, RESULTS where the logs go, TREE the files of another Debian
+whose bluetoothd is to be taken; several machines with the same RESULTS share
+the cases among them. Ends with status 0 if all passed."""
 
+import argparse
 import os
 import pathlib
 import re
@@ -19,6 +21,8 @@ import bed
 from bed import KEPT, UPLOADING, expect
 
 CASES = {}
+
+LOADER = "ld-linux-x86-64.so.2"
 
 # From a request to the daemon's look at it, and then some for a slow machine.
 SOON = 60
@@ -610,8 +614,20 @@ def key_file(build):
     return f"/proc/{os.getpid()}/fd/{os.open(cached.group(1), os.O_RDONLY)}"
 
 
-def programs_of(build):
+def bluetoothd_of(tree):
+    """The command that runs bluetoothd: that of this machine, or if there is a
+    tree with the files of another Debian, that one's with its own libraries."""
+    if tree is None:
+        return ["/usr/libexec/bluetooth/bluetoothd"]
+    folders = [pathlib.Path(tree) / folder / "x86_64-linux-gnu" for folder in ("lib", "usr/lib")]
+    loader = next(folder / LOADER for folder in folders if (folder / LOADER).exists())
+    program = next(pathlib.Path(tree).glob("usr/lib*/bluetooth/bluetoothd"))
+    return [str(loader), "--library-path", ":".join(map(str, folders)), str(program)]
+
+
+def programs_of(build, bluez=None):
     return {
+        "bluetoothd": bluetoothd_of(bluez),
         "build": str(build),
         "key": key_file(build),
         "vexabluetoohtd": str(build / "utils/vexabluetoohtd/vexabluetoohtd"),
@@ -623,11 +639,16 @@ def programs_of(build):
 
 
 def main():
-    build, results, *wanted = sys.argv[1:]
-    programs = programs_of(pathlib.Path(build))
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bluez")
+    parser.add_argument("build", type=pathlib.Path)
+    parser.add_argument("results", type=pathlib.Path)
+    parser.add_argument("wanted", nargs="*")
+    options = parser.parse_intermixed_args()
+    programs = programs_of(options.build, options.bluez)
     bed.prepare_machine()
-    passed = [run_case(number, programs, pathlib.Path(results)) for number in CASES
-              if is_wanted(number, wanted) and is_ours(pathlib.Path(results) / f"case-{number}")]
+    passed = [run_case(number, programs, options.results) for number in CASES
+              if is_wanted(number, options.wanted) and is_ours(options.results / f"case-{number}")]
     return 0 if all(passed) else 1
 
 
