@@ -95,6 +95,9 @@ void VhciTransport::send(const Bytes& packet)
     do {
         written = ::write(mFile, packet.data(), packet.size());
     } while (written < 0 && errno == EINTR);
+    // The kernel has taken the controller down; what a real one still sends then is lost too.
+    if (written < 0 && errno == ENXIO)
+        return;
     if (written != static_cast<ssize_t>(packet.size()))
         close(std::string("can't hand a packet to the kernel: ") +
               (written < 0 ? std::strerror(errno) : "cut short"));

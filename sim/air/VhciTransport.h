@@ -38,7 +38,8 @@ public:
     /// The number in hciN, once the kernel has told it.
     std::optional<unsigned> index() const { return mIndex; }
 
-    /// Hands a packet to the kernel. What the file doesn't take ends the transport.
+    /// Hands a packet to the kernel. One that comes as the kernel has taken the
+    /// controller down is dropped; anything else that it refuses ends the transport.
     void send(const Bytes& packet);
 
     /// For the GLib source alone.

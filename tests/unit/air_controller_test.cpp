@@ -1,8 +1,16 @@
 // SPDX-License-Identifier: MIT
 // The box's controller, driven by a scripted host over a socket as the kernel
 // drives it over its device.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <numeric>
+#include <thread>
 
 #include "AirBench.h"
 
@@ -472,6 +480,67 @@ TEST(TheVirtualController, SaysWhenTheKernelIsGone)
     ScriptedHost host;
     host.hangUp();
     EXPECT_EQ(host.closed(), "the kernel closed the controller: end of file");
+}
+
+/// From now on what the calling thread writes into the file fails; see seccomp(2).
+void refuseWrites(int file, unsigned error)
+{
+    std::array<sock_filter, 6> steps{{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_write, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(file), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    }};
+    const sock_fprog program{steps.size(), steps.data()};
+    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+class AKernelThatRefusesAPacket : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        int ends[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
+        mKernel = ends[0];
+        mController = ends[1];
+        mTransport = std::make_unique<VhciTransport>(
+            mController, [](const Bytes&) {}, [this](const std::string& why) { mClosed = why; });
+    }
+    void TearDown() override { ::close(mKernel); }
+
+    void sendRefused(unsigned error)
+    {
+        // The filter lasts as long as its thread.
+        std::thread([&] {
+            refuseWrites(mController, error);
+            mTransport->send(fromHex("0400"));
+        }).join();
+    }
+
+    int mKernel = -1;
+    int mController = -1;
+    std::unique_ptr<VhciTransport> mTransport;
+    std::string mClosed;
+};
+
+TEST_F(AKernelThatRefusesAPacket, LosesItIfTheControllerIsDown)
+{
+    sendRefused(ENXIO);
+    EXPECT_EQ(mClosed, "");
+    mTransport->send(fromHex("0401"));
+    Bytes received(8);
+    ASSERT_EQ(::recv(mKernel, received.data(), received.size(), 0), 2);
+    EXPECT_EQ(received[1], 1);
+}
+
+TEST_F(AKernelThatRefusesAPacket, EndsTheControllerOtherwise)
+{
+    sendRefused(EIO);
+    EXPECT_EQ(mClosed, "can't hand a packet to the kernel: Input/output error");
 }
 
 TEST(TheVirtualController, SaysWhatIsMissing)
