@@ -116,8 +116,8 @@ def units(box):
         lives_with_the_adapter(box)
         systemctl("stop", UNIT)
         await_stopped(box)
-        # A pass may come between the end of bluetoothd, or of the adapter, and the daemon's.
-        again = ("no device?", "init", "connected")
+        # Passes may come between the end of the link, of its objects, and of the daemon.
+        again = ("disconnected?", "no device?", "init", "connected")
         box.expect_course(*PAIRED_COURSE, "scanning", "pairing?", "connected", *again, *again, *again)
         errors = journal("-u", UNIT, "--priority=err", "--output=cat").splitlines()
         expect(len(errors) == 2 and all(KEPT in error for error in errors), f"other errors in the log: {errors}")
