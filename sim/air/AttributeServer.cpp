@@ -37,6 +37,7 @@ enum class Op : uint8_t {
     WriteRequest = 0x12,
     WriteResponse = 0x13,
     Notification = 0x1b,
+    Indication = 0x1d,
     Confirmation = 0x1e,
     WriteCommand = 0x52,
 };
@@ -184,6 +185,7 @@ void AttributeServer::received(const Bytes& packet)
         {Op::ReadBlobRequest, &AttributeServer::readBlob},
         {Op::WriteRequest, &AttributeServer::write},
         {Op::WriteCommand, &AttributeServer::writeCommand},
+        {Op::Indication, &AttributeServer::confirm},
     };
     if (packet.empty() || mSurroundings.peripheral->mute())
         return;
@@ -193,10 +195,17 @@ void AttributeServer::received(const Bytes& packet)
     });
     if (found != handlers.end())
         return (this->*found->second)(packet);
-    const bool answered =
-        (mRequest & kCommandFlag) == 0 && mRequest != static_cast<uint8_t>(Op::Confirmation);
+    const bool answered = (mRequest & kCommandFlag) == 0 &&
+                          mRequest != static_cast<uint8_t>(Op::Confirmation) &&
+                          mRequest != static_cast<uint8_t>(Op::Notification);
     if (answered)
         refuse(0, att::kRequestNotSupported);
+}
+
+// The box is a server, too, and may indicate unasked. It takes an error for the answer to its own request.
+void AttributeServer::confirm(const Bytes& /*packet*/)
+{
+    respond({static_cast<uint8_t>(Op::Confirmation)});
 }
 
 void AttributeServer::notify(uint16_t valueHandle, const Bytes& value)

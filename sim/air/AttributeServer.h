@@ -33,6 +33,7 @@ public:
     void notify(uint16_t valueHandle, const Bytes& value);
 
 private:
+    void confirm(const Bytes& packet);
     void exchangeSizes(const Bytes& packet);
     void findInformation(const Bytes& packet);
     void findByTypeValue(const Bytes& packet);

@@ -300,6 +300,12 @@ TEST_F(AnAttributeServer, AnswersLateWhenItIsSlow)
     EXPECT_GE(host.clock().now() - before, std::chrono::seconds(2));
 }
 
+TEST_F(AnAttributeServer, ConfirmsWhatTheBoxIndicates)
+{
+    EXPECT_EQ(host.ask("1d 0a00 ffff"), "1e");
+    EXPECT_EQ(host.ask("1b 0a00 ffff"), "silence");
+}
+
 TEST_F(AnAttributeServer, KnowsNoOtherRequests)
 {
     EXPECT_EQ(host.ask("16 1200 0000 01"), "0116000006");
