@@ -276,6 +276,9 @@ class Box:
         if self.agent is not None:
             self.await_agent()
 
+    def bluez_version(self):
+        return tuple(map(int, re.search(r"Bluetooth daemon (\d+)\.(\d+)", self.bluetoothd.text()).groups()))
+
     def stop_bluetoothd(self, how):
         self.bluetoothd.stop(how)
         self.processes.remove(self.bluetoothd)

@@ -116,8 +116,9 @@ def units(box):
         lives_with_the_adapter(box)
         systemctl("stop", UNIT)
         await_stopped(box)
-        # Passes may come between the end of the link, of its objects, and of the daemon.
-        again = ("disconnected?", "no device?", "init", "connected")
+        # Passes may come between the end of the link, of its objects, and of the daemon;
+        # one in the very instant in which the remote's object goes sees an error.
+        again = ("disconnected?", "error?", "no device?", "init", "connected")
         box.expect_course(*PAIRED_COURSE, "scanning", "pairing?", "connected", *again, *again, *again)
         errors = journal("-u", UNIT, "--priority=err", "--output=cat").splitlines()
         expect(len(errors) == 2 and all(KEPT in error for error in errors), f"other errors in the log: {errors}")
