@@ -34,11 +34,6 @@ constexpr int kManyStarts = 100;
 constexpr std::size_t kManyEvents = 200;
 #endif
 
-bool contains(const Lines& lines, const std::string& line)
-{
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 std::ptrdiff_t placeOf(const Lines& lines, const std::string& line)
 {
     return std::distance(lines.begin(), std::find(lines.begin(), lines.end(), line));
@@ -883,13 +878,11 @@ TEST_F(AClient, SaysThatTheBusClosedTheConnection)
     log.clear();
 
     bus->stop();
-    ASSERT_TRUE(listener.await(std::string("onAdapterRemoved ") + kAdapter) ||
-                contains(log.lines("E"), "E System bus connection closed"));
+    // Whether BlueZ is still seen to go before is up to the bus.
+    ASSERT_TRUE(log.awaitBeginning("E System bus connection closed: "));
     onEventThread([] {});
 
-    const Lines errors = log.lines("E");
-    ASSERT_EQ(errors.size(), 1U) << testing::PrintToString(errors);
-    EXPECT_EQ(errors[0].rfind("E System bus connection closed: ", 0), 0U) << errors[0];
+    EXPECT_EQ(log.lines("E").size(), 1U) << testing::PrintToString(log.lines("E"));
     EXPECT_FALSE(client->adapterSetPowered(kAdapter, true));
     EXPECT_EQ(log.lines("E").back(), "E The connection is closed");
     destroy();

@@ -101,6 +101,13 @@ bool LogRecorder::await(const std::string& line, std::size_t times) const
     return mNews.wait_for(lock, kLimit, [&] { return countLocked(line) >= times; });
 }
 
+bool LogRecorder::awaitBeginning(const std::string& beginning) const
+{
+    const auto beginsSo = [&](const std::string& line) { return line.rfind(beginning, 0) == 0; };
+    std::unique_lock lock(mMutex);
+    return mNews.wait_for(lock, kLimit, [&] { return std::any_of(mLines.begin(), mLines.end(), beginsSo); });
+}
+
 GlibMessages& GlibMessages::instance()
 {
     static GlibMessages& messages = *new GlibMessages;

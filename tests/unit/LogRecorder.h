@@ -33,6 +33,8 @@ public:
     std::size_t count(const std::string& line) const;
     /// Waits until the record has been there `times` times; false if the limit passed first.
     bool await(const std::string& line, std::size_t times = 1) const;
+    /// Waits for a record that begins so; false if the limit passed first.
+    bool awaitBeginning(const std::string& beginning) const;
 
 private:
     LogRecorder();
