@@ -10,7 +10,6 @@
 
 #include <array>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -130,15 +129,15 @@ private:
     {
         const int log = open(mLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         const pid_t parent = getpid();
+        // The bus may be up, and be told to stop, before fork has returned here.
+        std::unique_lock starting(mMutex);
         const pid_t child = fork();
         if (child == 0)
             becomeBus(parent, mConfig.c_str(), report, log);
+        mChild = child;
+        starting.unlock();
         ::close(log);
         ::close(report);
-        {
-            std::lock_guard lock(mMutex);
-            mChild = child;
-        }
         if (child < 0)
             return;
         // Not reaped before its id is forgotten, so that kill can't hit another process.
