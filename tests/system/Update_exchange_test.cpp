@@ -201,7 +201,8 @@ INSTANTIATE_TEST_SUITE_P(OfBytes, AGoodFileThatEndsInABlock, ::testing::Values(4
 // may be shorter than 13 ms; from the first block to any later one the sum may be only by that one delay.
 TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
 {
-    constexpr double kWorstRate = 0.5; // of the pace; a busy machine decides nothing here
+    // Of the pace; a busy machine decides nothing here. With a sanitizer 60 % have been seen.
+    constexpr double kWorstRate = kSlowness > 1 ? 0.2 : 0.5;
     offer(newerImage(1250));
     ASSERT_TRUE(ends("succeed", 120s));
 
