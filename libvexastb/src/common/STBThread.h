@@ -86,7 +86,7 @@ private:
     bool _running = false;
     pthread_helper::mutex _mutex; ///< serialises start, stop and destruction; before _sleepMutex
     OnThreadCompletedListener* _listener = nullptr;
-    pthread_helper::mutex _sleepMutex; ///< guards _running against the sleepers, and _listener
+    pthread_helper::mutex _sleepMutex; ///< guards _running against the sleepers
     pthread_helper::cond _sleepCond;
     std::string _name; ///< nothing sets it: the daemon's threads stay unnamed
 };
