@@ -468,39 +468,6 @@ void Bluez::onValueChanged(const std::string& path, GVariant* value)
     });
 }
 
-// The fields that the three GATT records share; blank for an empty path. Takes no lock.
-template <typename Record>
-Record Bluez::recordFor(const std::string& path)
-{
-    Record record;
-    if (path.empty()) {
-        return record;
-    }
-    getCachedProperty(path, "UUID", record.uuid); // one that can't be read stays empty
-    record.path = path;
-    record.parent = getParent(path);
-    return record;
-}
-
-Bluez::Service Bluez::objectForService(const std::string& path)
-{
-    auto service = recordFor<Service>(path);
-    if (!path.empty()) {
-        service.type = serviceTypeByString(service.uuid);
-    }
-    return service;
-}
-
-Bluez::Service::Characteristic Bluez::objectForCharacteristic(const std::string& path)
-{
-    return recordFor<Characteristic>(path);
-}
-
-Bluez::Service::Characteristic::Descriptor Bluez::objectForDescriptor(const std::string& path)
-{
-    return recordFor<Descriptor>(path);
-}
-
 std::vector<std::string> Bluez::itemsFor(const std::string& path)
 {
     if (_connection == nullptr || path.empty() || isDescriptor(path)) {
@@ -548,26 +515,6 @@ Bluez::ProxyPtr Bluez::makeSharedProxy(GDBusConnection* connection, const std::s
                 LOG_TRACE("Unref object %p", static_cast<void*>(proxy));
                 g_object_unref(proxy);
             }};
-}
-
-Bluez::ProxyPtr Bluez::findProxyOfAnyKind(const std::string& path)
-{
-    if (isAdapter(path)) {
-        return _adapterProxies[path];
-    }
-    if (isDevice(path)) {
-        return _deviceProxies[path];
-    }
-    if (isService(path)) {
-        return _serviceProxies[path];
-    }
-    if (isCharacteristic(path)) {
-        return _characteristicProxies[path];
-    }
-    if (isDescriptor(path)) {
-        return _descriptorProxies[path];
-    }
-    return {};
 }
 
 bool Bluez::getCachedProperty(const std::string& path, const std::string& property, std::string& value)

@@ -46,6 +46,39 @@ std::vector<Bluez::Service> Bluez::getServices(const std::string& devicePath, Se
     return services;
 }
 
+// The fields that the three GATT records share; blank for an empty path. Takes no lock.
+template <typename Record>
+Record Bluez::recordFor(const std::string& path)
+{
+    Record record;
+    if (path.empty()) {
+        return record;
+    }
+    getCachedProperty(path, "UUID", record.uuid); // one that can't be read stays empty
+    record.path = path;
+    record.parent = getParent(path);
+    return record;
+}
+
+Bluez::Service Bluez::objectForService(const std::string& path)
+{
+    auto service = recordFor<Service>(path);
+    if (!path.empty()) {
+        service.type = serviceTypeByString(service.uuid);
+    }
+    return service;
+}
+
+Bluez::Service::Characteristic Bluez::objectForCharacteristic(const std::string& path)
+{
+    return recordFor<Service::Characteristic>(path);
+}
+
+Bluez::Service::Characteristic::Descriptor Bluez::objectForDescriptor(const std::string& path)
+{
+    return recordFor<Service::Characteristic::Descriptor>(path);
+}
+
 // Kept: finds or creates, without a lock and without a reference of its own. A path that isn't known leaves
 // an empty entry behind, and that path stays unusable until its object is removed.
 GDBusProxy* Bluez::findProxy(ProxyMap& proxies, const std::string& path)
@@ -54,6 +87,26 @@ GDBusProxy* Bluez::findProxy(ProxyMap& proxies, const std::string& path)
         return nullptr;
     }
     return proxies[path].get();
+}
+
+Bluez::ProxyPtr Bluez::findProxyOfAnyKind(const std::string& path)
+{
+    if (isAdapter(path)) {
+        return _adapterProxies[path];
+    }
+    if (isDevice(path)) {
+        return _deviceProxies[path];
+    }
+    if (isService(path)) {
+        return _serviceProxies[path];
+    }
+    if (isCharacteristic(path)) {
+        return _characteristicProxies[path];
+    }
+    if (isDescriptor(path)) {
+        return _descriptorProxies[path];
+    }
+    return {};
 }
 
 template <typename Value>
