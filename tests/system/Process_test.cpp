@@ -128,6 +128,32 @@ TEST_F(ADaemon, StopsAlthoughTheBusIsGone)
     EXPECT_TRUE(box.stops());
 }
 
+/// A tree that takes twenty seconds to be read, since each name does.
+class ADaemonThatReadsASlowTree : public ADaemon
+{
+protected:
+    ADaemonThatReadsASlowTree()
+    {
+        for (int i = 10; i < 30; ++i) {
+            box.sim().addObject("/org/bluez/hci0/dev_00_00_00_00_00_" + std::to_string(i),
+                                {{"org.bluez.Device1", {}}});
+        }
+        box.sim().bend(Bend::late("Get", 1s).property("Name"));
+    }
+};
+
+TEST_F(ADaemonThatReadsASlowTree, FetchesNoFurtherObjectAfterAnInterrupt)
+{
+    box.startDaemon();
+    ASSERT_TRUE(box.sim().awaitCall("Get", "", 2, kPatience));
+    box.interrupt();
+    ASSERT_LOG(box, WARN, "main", "Interrupt!");
+    const std::size_t asked = box.sim().calls("Get").size();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(0));
+    EXPECT_LE(box.sim().calls("Get").size(), asked + 1);
+}
+
 // ---- two interrupts
 
 TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInTheMainLoop)
@@ -190,34 +216,17 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInACallThatIsNeverAnswered)
     EXPECT_EQ(box.awaitExit(), Exit::with(1));
 }
 
-TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForAHandlersLock)
-{
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the thread sanitizer holds a signal back until the lock is had";
-#endif
-    ASSERT_TRUE(box.startToIdle());
-    box.sim().bend(Bend::silence("Get").property("Name"));
-    box.sim().announce(box.remote().normal());
-    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
-    ASSERT_LOG(box, TRACE, "main",
-               "IDLING..."); // the handler's call hangs under the lock that this pass wants
-    box.interrupt();
-    ASSERT_LOG(box, WARN, "main", "Interrupt!");
-    box.interrupt();
-
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
-}
-
 TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForItsClientsEnd)
 {
     ASSERT_TRUE(box.startToIdle());
     ASSERT_TRUE(box.stopClock());
-    box.sim().bend(Bend::silence("Get").property("Name"));
+    box.sim().bend(Bend::silence("GetAll"));
     box.sim().announce(box.remote().normal());
-    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
+    ASSERT_TRUE(box.sim().awaitCall("GetAll", kRemote, 1, kPatience));
     box.interrupt();
     ASSERT_LOG(box, WARN, "main", "Interrupt!");
-    EXPECT_EQ(box.awaitExit(500ms), std::nullopt) << "the handler's call hangs, and the client with it";
+    EXPECT_EQ(box.awaitExit(500ms), std::nullopt)
+        << "the properties are waited for, and with them the client";
     box.interrupt();
 
     EXPECT_EQ(box.awaitExit(), Exit::with(1));
@@ -234,12 +243,12 @@ TEST_F(ADaemon, EndsWithinASecondOnTheSecondInterrupt)
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1s * kSlowness);
 }
 
-// ---- two interrupts of the thread that holds the lock
+// ---- two interrupts while the lock is held
 
-class ADaemonThatHoldsItsLock : public InABox
+class ALockThatIsHeld : public InABox
 {
 protected:
-    ADaemonThatHoldsItsLock() : InABox(pairedRemote()) {}
+    explicit ALockThatIsHeld(BoxOptions options = noRemote()) : InABox(std::move(options)) {}
 
     void expectKill()
     {
@@ -252,6 +261,54 @@ protected:
         EXPECT_TRUE(box.exists("bluetooth_status"));
     }
 };
+
+class ADaemonThatHoldsItsLock : public ALockThatIsHeld
+{
+protected:
+    ADaemonThatHoldsItsLock() : ALockThatIsHeld(pairedRemote()) {}
+};
+
+/// A device whose name is asked for under the lock, and never told.
+class AHandlerThatHoldsTheLock : public ALockThatIsHeld
+{
+protected:
+    void announceNameless()
+    {
+        const std::string path = "/org/bluez/hci0/dev_00_00_00_00_00_09";
+        box.sim().bend(Bend::silence("Get").property("Name"));
+        box.sim().addObject(path, {{"org.bluez.Device1", {}}});
+        ASSERT_TRUE(box.sim().awaitCall("Get", path, 1, kPatience));
+    }
+};
+
+TEST_F(AHandlerThatHoldsTheLock, MakesTheSecondInterruptKillADaemonThatSleeps)
+{
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.stopClock());
+    announceNameless();
+    expectKill();
+}
+
+TEST_F(AHandlerThatHoldsTheLock, MakesTheSecondInterruptKillADaemonThatWaitsForTheRemote)
+{
+    ASSERT_TRUE(box.startToIdle());
+    box.setFlag("reset");
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    announceNameless();
+    expectKill();
+}
+
+TEST_F(AHandlerThatHoldsTheLock, MakesTheSecondInterruptKillADaemonThatWantsTheLockItself)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer holds a signal back until the lock is had";
+#endif
+    ASSERT_TRUE(box.startToIdle());
+    announceNameless();
+    ASSERT_LOG(box, TRACE, "main", "IDLING..."); // this pass wants the lock
+    ASSERT_TRUE(box.program().awaitMainThreadOnCondition());
+    expectKill();
+}
 
 TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItSwitchesTheScanOn)
 {

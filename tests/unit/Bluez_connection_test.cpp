@@ -148,7 +148,7 @@ TEST_F(AClient, ReportsOnOneThreadOfItsOwn)
     EXPECT_EQ(listener.threads().count(std::this_thread::get_id()), 0U);
 }
 
-TEST_F(AClient, RunsATaskOnItsThreadBetweenTwoEvents)
+TEST_F(AClient, RunsATaskOnItsThreadAfterTheEventUnderWay)
 {
     addAdapter();
     start();
@@ -163,19 +163,17 @@ TEST_F(AClient, RunsATaskOnItsThreadBetweenTwoEvents)
     };
     addDevice();
     entered.get_future().wait();
-    std::thread::id thread;
+    std::promise<std::thread::id> thread;
     bool within = true;
-    std::thread caller([&] {
-        client->runBetweenEvents([&] {
-            thread = std::this_thread::get_id();
-            within = delivering;
-        });
-    });
-    leave.set_value();
-    caller.join();
 
+    client->runAfterEvents([&] {
+        within = delivering;
+        thread.set_value(std::this_thread::get_id());
+    });
+    leave.set_value(); // the call has returned while the event was being delivered
+
+    EXPECT_EQ(listener.threads().count(thread.get_future().get()), 1U);
     EXPECT_FALSE(within);
-    EXPECT_EQ(listener.threads().count(thread), 1U);
 }
 
 TEST_F(AClient, ReturnsFromItsConstructorWhileTheThreadStillStarts)
@@ -679,17 +677,6 @@ TEST_F(AClientWithoutABus, CanBeDestroyedRightAfterItsConstruction)
         destroy();
     }
     EXPECT_EQ(log.count("E Connection failed"), 100U);
-}
-
-TEST_F(AClientWithoutABus, RunsATaskOnTheThreadOfItsCaller)
-{
-    construct();
-    ASSERT_TRUE(log.await("E Connection failed"));
-    std::thread::id thread;
-
-    client->runBetweenEvents([&thread] { thread = std::this_thread::get_id(); });
-
-    EXPECT_EQ(thread, std::this_thread::get_id());
 }
 
 TEST_F(AClientWithoutABus, DoesntTryAgain)

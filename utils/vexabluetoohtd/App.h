@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,7 +42,8 @@ class App : public Bluez::Listener
 {
 public:
     App();
-    /// After a second interrupt the event thread still runs; the process then ends here with status 1.
+    /// After a second interrupt the event thread still runs, and the process ends here: with status 1, or by
+    /// the check of mMutex if anybody holds that.
     ~App() override;
     App(const App&) = delete;
     App& operator=(const App&) = delete;
@@ -109,8 +111,47 @@ private:
         std::uint16_t batteryLevel = 0;
     };
 
+    /// Holds mMutex for a scope, where ~App sees it.
+    class Lock
+    {
+    public:
+        enum By { MainThread, Handler };
+
+        /// A handler announces itself first, so that the main thread lets it go first.
+        Lock(App& app, By by);
+        ~Lock() { unlock(); }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+        /// Ends the holding early. The destructor then releases once more, which mutex::unlock() passes over.
+        void unlock();
+
+    private:
+        App& mApp;
+        bool mHolding = true;
+    };
+
+    /// Holds mMutex for a step of the main thread that names paths to mBluez: what BlueZ has reported is
+    /// heard before it, and nothing is removed from the client's image during it.
+    class Section
+    {
+    public:
+        explicit Section(App& app);
+        ~Section();
+        Section(const Section&) = delete;
+        Section& operator=(const Section&) = delete;
+
+        /// Whether the removal of `path` has begun: such a path isn't to be looked up any more.
+        bool isGoing(const std::string& path) const { return mRemovals.isGoing(path); }
+
+    private:
+        RemovalGate& mRemovals;
+        std::optional<Lock> mLock;
+    };
+
     void waitForAdapter();
-    void powerAdapter(const std::string& path);
+    bool findAdapter(std::string& path, std::optional<std::string>& address);
+    void powerAdapter(const std::string& path, const std::optional<std::string>& address);
     void waitForRc();
     bool bringUpRc();
 
@@ -141,17 +182,16 @@ private:
     void publishRc() const;
     void scheduleReading();
     bool readingDue() const;
-    void readBattery();
-    void readFwVersion();
+    void readBattery(const Section& section);
+    void readFwVersion(const Section& section);
 
     void processUpdate();
     void updateRc(const UpdateRequest& request);
     static void runUpdate(RcuOtaUpdater& updater, const UpdateRequest& request);
 
-    std::shared_ptr<Bluez> mBluez;               ///< of the main thread
-    std::atomic<Bluez*> mHandlersBluez{nullptr}; ///< the same for the event thread: deinit takes no lock
-    std::vector<std::string> mAdapters;          ///< only the first is used
-    std::vector<std::string> mDevices;           ///< remote or not
+    std::shared_ptr<Bluez> mBluez;      ///< of the main thread; handlers ask Bluez::ofThisThread
+    std::vector<std::string> mAdapters; ///< only the first is used
+    std::vector<std::string> mDevices;  ///< remote or not
     RcInfo mRc;
     pthread_helper::mutex mMutex; ///< guards mAdapters, mDevices, mRc and mBattery
     pthread_helper::cond mRcFoundCond;
@@ -162,6 +202,8 @@ private:
     NSTime mReconnectSince;
     BatteryInfo mBattery;
     std::string mFirmwarePath;
+    std::atomic<bool> mLocked{false};       ///< somebody holds mMutex; not while only waiting on a condition
+    std::atomic<bool> mHandlerWaits{false}; ///< the event thread is about to take mMutex
 };
 
 /// The one daemon; the signal handler reaches it only through this.

@@ -120,11 +120,26 @@ RcuOtaUpdater::create(std::shared_ptr<Bluez> bluez, const std::string& adapterPa
 
 RcuOtaUpdater::~RcuOtaUpdater()
 {
+    letGo();
+}
+
+// What no callback touches ends here.
+void RcuOtaUpdater::letGo()
+{
     if (mBluez) {
         // Kept: no wait for a callback that is under way; the stack client walks a copy of its listeners.
         mBluez->unsubscribe(this);
     }
+    mBluez.reset();
+    mFirmware.reset();
     explicit_bzero(&mAesContext, sizeof mAesContext);
+}
+
+void RcuOtaUpdater::retire(std::unique_ptr<RcuOtaUpdater> updater)
+{
+    const std::shared_ptr<Bluez> client = updater->mBluez; // not the event thread's to let go of
+    updater->letGo();
+    client->runAfterEvents([storage = std::shared_ptr<RcuOtaUpdater>(std::move(updater))] {});
 }
 
 const Firmware::Header& RcuOtaUpdater::getFirmwareInfo() const
@@ -144,7 +159,7 @@ void RcuOtaUpdater::onDeviceAdded(const std::string& path)
 {
     try {
         std::string name;
-        mBluez->deviceGetName(path, name);
+        Bluez::ofThisThread().deviceGetName(path, name); // mBluez may be let go of meanwhile
         if (!mOtaDevicePath.empty()) {
             return;
         }

@@ -129,24 +129,21 @@ App::App() = default;
 
 App::~App()
 {
-    // After a second interrupt the event thread still uses the members below, may stand in a bus call for
-    // longer than the user shall wait, and the thread that was interrupted may itself be the waiter of a
-    // condition: so neither join it nor take anything from under it. App is the last of the exit handlers,
-    // nothing is lost. An interrupted holder of mMutex goes on and dies by the lock's own check.
-    if (endingAtOnce && !mMutex.heldByCaller()) {
-        _exit(EXIT_FAILURE);
+    if (!endingAtOnce) {
+        return;
     }
+    // The event thread still uses the members below, may stand in a bus call for longer than the user shall
+    // wait, and the thread that was interrupted may itself be the waiter of a condition: so neither join it
+    // nor take anything from under it. App is the last of the exit handlers, nothing is lost.
+    if (mLocked) {
+        mMutex.~mutex(); // Kept: the check of a lock that is destroyed while it is held ends the process
+    }
+    _exit(EXIT_FAILURE);
 }
 
 void App::init()
 {
-    {
-        // Held until the client is stored: its event thread may want a device's name before make_shared has
-        // returned.
-        const pthread_helper::scoped_lock lock(mMutex);
-        mBluez = std::make_shared<Bluez>(this);
-        mHandlersBluez = mBluez.get();
-    }
+    mBluez = std::make_shared<Bluez>(this); // handlers may come before this is stored
     writeFile("init", kStatusFile);
     waitForAdapter();
     waitForRc();
@@ -155,26 +152,38 @@ void App::init()
 void App::waitForAdapter()
 {
     while (!mAdapterReady && mRunning) {
-        std::vector<std::string> adapters;
-        {
-            const pthread_helper::scoped_lock lock(mMutex);
-            adapters = mAdapters;
-        }
-        if (adapters.empty()) {
+        std::string path;
+        std::optional<std::string> address;
+        if (!findAdapter(path, address)) {
             LOG_DEBUG("Waiting adapter...");
             usleep(kAdapterPollUs);
             continue;
         }
         // Kept: an adapter that refuses is asked again at once, paced only by the calls on the bus.
-        powerAdapter(adapters.front());
+        powerAdapter(path, address);
     }
 }
 
-void App::powerAdapter(const std::string& path)
+// The first adapter, and its address if that can be had. No adapter goes between the two.
+bool App::findAdapter(std::string& path, std::optional<std::string>& address)
 {
-    std::string address;
-    if (mBluez->adapterGetAddress(path, address)) {
-        LOG_INFO("Adapter %s found", address.c_str());
+    std::string text;
+    RemovalGate& removals = mBluez->removals();
+    const pthread_helper::scoped_lock hold(removals.hold());
+    {
+        const Lock lock(*this, Lock::MainThread);
+        path = firstOf(mAdapters);
+    }
+    if (!path.empty() && !removals.isGoing(path) && mBluez->adapterGetAddress(path, text)) {
+        address = text;
+    }
+    return !path.empty();
+}
+
+void App::powerAdapter(const std::string& path, const std::optional<std::string>& address)
+{
+    if (address) {
+        LOG_INFO("Adapter %s found", address->c_str());
     }
     if (mBluez->adapterSetPowered(path, true)) {
         LOG_INFO("Adapter powered");
@@ -197,8 +206,8 @@ void App::waitForRc()
 // True when there is nothing more to wait for.
 bool App::bringUpRc()
 {
-    const pthread_helper::scoped_lock lock(mMutex);
-    if (mRc.path.empty()) {
+    const Section section(*this);
+    if (mRc.path.empty() || section.isGoing(mRc.path)) {
         return false;
     }
     mBluez->deviceGetAddress(mRc.path, mRc.address);
@@ -217,9 +226,7 @@ bool App::bringUpRc()
 
 void App::deinit()
 {
-    // Kept: without mMutex. A handler that is under way takes the pointer once and finds the client or
-    // nothing; the release below waits for it.
-    mHandlersBluez = nullptr;
+    // Kept: without mMutex. The release waits for a handler that is under way.
     std::shared_ptr<Bluez> client;
     client.swap(mBluez);
     client.reset();
@@ -343,9 +350,12 @@ bool App::takeFirmwareLink()
 
 Action App::whatToDoWithRc(bool pairFlag)
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Section section(*this);
     if (mRc.path.empty()) {
         return pairFlag ? Action_ePair : Action_eDoNothing;
+    }
+    if (section.isGoing(mRc.path)) {
+        return Action_eDoNothing;
     }
     mBluez->deviceGetPaired(mRc.path, mRc.paired);
     mBluez->deviceGetConnected(mRc.path, mRc.connected);
@@ -383,16 +393,18 @@ void App::connectRc()
 {
     writeFile("connecting", kStatusFile);
     // Across the call on the bus, so that the remote stays the one that is named in the log.
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Section section(*this);
     LOG_INFO("Trying to connect to %s", mRc.address.c_str());
-    mBluez->deviceConnect(mRc.path);
+    if (!section.isGoing(mRc.path)) {
+        mBluez->deviceConnect(mRc.path);
+    }
 }
 
 void App::removeUnpairedRc()
 {
     LOG_WARN("Removing failed to pair device");
-    const pthread_helper::scoped_lock lock(mMutex);
-    if (!mAdapters.empty()) {
+    const Section section(*this);
+    if (!mAdapters.empty() && !section.isGoing(mAdapters.front())) {
         // mRc is blanked when BlueZ reports the removal.
         mBluez->adapterRemoveDevice(mAdapters.front(), mRc.path);
     }
@@ -407,7 +419,7 @@ void App::pair()
         forgetAllDevices();
     }
     {
-        const pthread_helper::scoped_lock lock(mMutex);
+        const Lock lock(*this, Lock::MainThread);
         mRc = RcInfo();
     }
     std::remove(kRcFile);
@@ -432,10 +444,10 @@ void App::pair()
 void App::forgetAllDevices()
 {
     LOG_DEBUG("Removing all devices...");
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Section section(*this);
     for (const std::string& path : mDevices) {
         LOG_INFO("Removing device %s", path.c_str());
-        if (!mAdapters.empty()) {
+        if (!mAdapters.empty() && !section.isGoing(mAdapters.front())) {
             mBluez->adapterRemoveDevice(mAdapters.front(), path);
         }
     }
@@ -444,16 +456,17 @@ void App::forgetAllDevices()
 bool App::startScan()
 {
     LOG_DEBUG("Scanning on");
-    const pthread_helper::scoped_lock lock(mMutex);
-    return !mAdapters.empty() && mBluez->adapterScanOn(mAdapters.front());
+    const Section section(*this);
+    return !mAdapters.empty() && !section.isGoing(mAdapters.front()) &&
+           mBluez->adapterScanOn(mAdapters.front());
 }
 
 // False if there is no adapter left to pair with.
 bool App::stopScan()
 {
     LOG_DEBUG("Scanning off");
-    const pthread_helper::scoped_lock lock(mMutex);
-    if (mAdapters.empty()) {
+    const Section section(*this);
+    if (mAdapters.empty() || section.isGoing(mAdapters.front())) {
         LOG_ERROR("Switching scan off failed");
         return false;
     }
@@ -466,7 +479,7 @@ bool App::stopScan()
 
 bool App::reportScan()
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Section section(*this); // the next step looks the path up without any lock
     if (mRc.path.empty()) {
         LOG_WARN("VEXA RC not found");
         return false;
@@ -496,11 +509,14 @@ void App::await(pthread_helper::cond& condition, const NSTime& start, std::time_
                 bool (App::*reached)() const)
 {
     while (mRunning && secondsSince(start) <= limit) {
-        const pthread_helper::scoped_lock lock(mMutex);
+        const Lock lock(*this, Lock::MainThread);
         if ((this->*reached)()) {
             return;
         }
-        if (condition.timedWait(mMutex, kWaitSliceMs) == 0 && (this->*reached)()) {
+        mLocked = false;
+        const bool signalled = condition.timedWait(mMutex, kWaitSliceMs) == 0;
+        mLocked = true;
+        if (signalled && (this->*reached)()) {
             return;
         }
     }
@@ -518,7 +534,7 @@ bool App::rcPaired() const
 
 void App::reportPairing()
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::MainThread);
     if (mRc.path.empty()) {
         LOG_ERROR("Broken VEXA RC handle");
     } else if (mRc.paired) {
@@ -533,32 +549,32 @@ void App::reportPairing()
 void App::onAdapterAdded(const std::string& path)
 {
     LOG_DEBUG("Adapter: + %s", path.c_str());
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     mAdapters.push_back(path);
 }
 
 void App::onAdapterRemoved(const std::string& path)
 {
     LOG_DEBUG("Adapter: - %s", path.c_str());
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     eraseAll(mAdapters, path);
 }
 
 void App::onDeviceAdded(const std::string& path)
 {
     LOG_DEBUG("Device: + %s", path.c_str());
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     mDevices.push_back(path);
 
     NSRegExp pattern(kRcNamePattern, REG_EXTENDED);
     std::string name;
     std::string address;
-    // Kept: deinit empties the pointer without the lock, so take it once. The client itself lives until it
-    // has joined this thread.
-    Bluez* const client = mHandlersBluez;
-    if (client != nullptr) {
-        client->deviceGetName(path, name);
-        client->deviceGetAddress(path, address);
+    // Not mBluez, which init may not have stored yet, and which deinit empties without the lock.
+    Bluez& client = Bluez::ofThisThread();
+    client.deviceGetName(path, name);
+    client.deviceGetAddress(path, address);
+    if (!mRunning) {
+        client.stopEvents(); // interrupted meanwhile: the name of the next object may stay unanswered, too
     }
     std::vector<std::string> groups;
     if (!pattern.match(name, groups, 0)) {
@@ -576,7 +592,7 @@ void App::onDeviceAdded(const std::string& path)
 void App::onDeviceRemoved(const std::string& path)
 {
     LOG_DEBUG("Device: - %s", path.c_str());
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     eraseAll(mDevices, path);
     if (path != mRc.path) {
         return;
@@ -594,7 +610,7 @@ void App::onDeviceRSSIChanged(const std::string& path, std::int16_t dBm)
 void App::onDevicePairedStatusChanged(const std::string& path, bool paired)
 {
     LOG_DEBUG("Device %s %s", path.c_str(), paired ? "paired" : "unpaired");
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     if (path == mRc.path) {
         mRc.paired = paired;
         mRcPairedCond.signal();
@@ -603,7 +619,7 @@ void App::onDevicePairedStatusChanged(const std::string& path, bool paired)
 
 void App::onDeviceConnectionStatusChanged(const std::string& path, bool connected)
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     if (path != mRc.path) {
         return;
     }
@@ -619,7 +635,7 @@ void App::onDeviceConnectionStatusChanged(const std::string& path, bool connecte
 
 void App::onDeviceServicesResolvedStatusChanged(const std::string& path, bool resolved)
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     if (path == mRc.path) {
         LOG_DEBUG("VEXA RC services resolved status changed: %s", resolved ? "resolved" : "unresolved");
     }
@@ -627,7 +643,7 @@ void App::onDeviceServicesResolvedStatusChanged(const std::string& path, bool re
 
 void App::onServiceAdded(const std::string& path, const Bluez::Service& service)
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     if (!mRc.path.empty() && service.parent == mRc.path && service.type == Bluez::Service::Type::Battery) {
         LOG_DEBUG("Battery service resolved");
         mRc.hasBatteryService = true;
@@ -637,7 +653,7 @@ void App::onServiceAdded(const std::string& path, const Bluez::Service& service)
 
 void App::onServiceRemoved(const std::string& path)
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     if (path != mRc.batteryServicePath) {
         return;
     }
@@ -651,7 +667,7 @@ void App::onServiceRemoved(const std::string& path)
 
 void App::onCharacteristicAdded(const std::string& path, const Bluez::Service::Characteristic& characteristic)
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     // Any characteristic of the battery service counts as the level, and the last one stands.
     if (mRc.hasBatteryService && characteristic.parent == mRc.batteryServicePath) {
         LOG_DEBUG("Battery level characteristic resolved");
@@ -669,7 +685,7 @@ void App::onCharacteristicAdded(const std::string& path, const Bluez::Service::C
 
 void App::onCharacteristicRemoved(const std::string& path)
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Lock lock(*this, Lock::Handler);
     if (mRc.hasBatteryService && path == mRc.batteryLevelPath) {
         LOG_DEBUG("Batter level characteristic removed");
         mRc.batteryLevelPath.clear();
@@ -699,10 +715,13 @@ void App::onDescriptorRemoved(const std::string& path)
 
 void App::writeStatus()
 {
-    const pthread_helper::scoped_lock lock(mMutex);
+    const Section section(*this);
     if (mRc.path.empty()) {
         std::remove(kRcFile);
         writeFile("no device", kStatusFile);
+        return;
+    }
+    if (section.isGoing(mRc.path)) {
         return;
     }
     if (!refreshRc()) {
@@ -712,8 +731,8 @@ void App::writeStatus()
     publishRc();
     scheduleReading();
     if (readingDue()) {
-        readBattery();
-        readFwVersion();
+        readBattery(section);
+        readFwVersion(section);
     }
 }
 
@@ -760,8 +779,11 @@ bool App::readingDue() const
            mBattery.shouldRead && mRc.connected;
 }
 
-void App::readBattery()
+void App::readBattery(const Section& section)
 {
+    if (section.isGoing(mRc.batteryLevelPath)) {
+        return;
+    }
     // The text is one zero longer than the value, so the usual value of one byte comes as two characters.
     const std::string text = mBluez->valueFor(mRc.batteryLevelPath);
     if (text.size() == 1 || text.size() == 2) {
@@ -781,9 +803,9 @@ void App::readBattery()
     }
 }
 
-void App::readFwVersion()
+void App::readFwVersion(const Section& section)
 {
-    if (!mRc.fwVersionPath.empty()) {
+    if (!mRc.fwVersionPath.empty() && !section.isGoing(mRc.fwVersionPath)) {
         const std::vector<std::uint8_t> bytes = mBluez->readCharacteristic(mRc.fwVersionPath);
         if (bytes.size() > kLongestVersion) {
             LOG_ERROR("Read fw version: invalid response");
@@ -808,9 +830,8 @@ void App::readFwVersion()
 void App::processUpdate()
 {
     UpdateRequest request;
-    // Kept: this guard outlives the unlock below and releases once more at the end, which unlock() passes
-    // over.
-    const pthread_helper::scoped_lock lock(mMutex);
+    // Kept: this guard outlives the unlock below and releases once more at the end, which passes.
+    Lock lock(*this, Lock::MainThread);
     request.adapterPath = firstOf(mAdapters);
     request.rcAddress = mRc.address;
     request.otaPath = mRc.otaPath;
@@ -818,7 +839,7 @@ void App::processUpdate()
     request.rcVersion = mRc.fwVersion;
     request.batteryLevel = mBattery.level;
     // Not held during the update, whose events come through the handlers above.
-    mMutex.unlock();
+    lock.unlock();
 
     updateRc(request);
     sleep(kUpdatePauseSec); // so that readers see the outcome before the ordinary words come back
@@ -843,8 +864,9 @@ void App::updateRc(const UpdateRequest& request)
     } else {
         runUpdate(*updater, request);
     }
-    // A callback that is under way outlasts the updater's unsubscription, so it ends where none is.
-    mBluez->runBetweenEvents([&updater] { updater.reset(); });
+    if (updater) {
+        RcuOtaUpdater::retire(std::move(updater));
+    }
 }
 
 void App::runUpdate(RcuOtaUpdater& updater, const UpdateRequest& request)

@@ -72,17 +72,6 @@ public:
         }
     }
 
-    /// Tells whether the calling thread holds the lock. Returns at once, whoever else holds it.
-    bool heldByCaller()
-    {
-        const timespec past{};
-        const int res = pthread_mutex_timedlock(&_mutex, &past);
-        if (res == 0) {
-            unlock();
-        }
-        return res == EDEADLK;
-    }
-
 private:
     friend class cond;
 

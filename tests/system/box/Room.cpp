@@ -236,6 +236,9 @@ void Room::startOwn(const std::string& path, const std::vector<std::string>& arg
         }
     }
     all["LD_PRELOAD"] = show(mInterruptedEarly ? VEXABOX_INTERRUPT_PRELOAD : VEXABOX_CLOCK_PRELOAD);
+    if (mHandlersSlow) {
+        all["LD_PRELOAD"] += ":" + show(VEXABOX_SLOW_HANDLERS_PRELOAD);
+    }
     all[kClockVariable] = "/run/clock";
     options.path = show(path);
     options.arguments = arguments;

@@ -43,6 +43,9 @@ public:
     /// the true clock.
     void interruptEarly() { mInterruptedEarly = true; }
 
+    /// In programs of the build started from now on the main thread wins every race for a lock.
+    void slowHandlers() { mHandlersSlow = true; }
+
     Program& program() { return *mProgram; }
     LogReader& log() { return *mLog; }
     /// What the program wrote to its standard output.
@@ -94,6 +97,7 @@ private:
     Handle mJanitor; ///< when it closes, the janitor sweeps the folder away
     pid_t mJanitorPid = -1;
     bool mInterruptedEarly = false;
+    bool mHandlersSlow = false;
     std::unique_ptr<Clock> mClock;
     std::unique_ptr<FileWatch> mFiles;
     std::unique_ptr<Program> mProgram;

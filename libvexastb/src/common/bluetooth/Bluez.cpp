@@ -2,7 +2,8 @@
 #include "Bluez.h"
 
 #include <algorithm>
-#include <future>
+#include <array>
+#include <utility>
 
 #include "BluezVariant.h"
 #include "STBLogger.h"
@@ -67,6 +68,8 @@ bool isArrayOfBytes(GVariant* variant)
 // The pairing's answer is dropped unread, an error too: the outcome is polled instead.
 void pairCompleted(GObject* /*proxy*/, GAsyncResult* /*result*/, gpointer /*client*/) {}
 
+thread_local Bluez* clientOfThisThread = nullptr;
+
 // GDBus ends the process by SIGTERM after this: a supervisor starts it anew when the bus is back.
 void connectionClosed(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
                       gpointer /*none*/)
@@ -90,7 +93,7 @@ Bluez::Bluez(Listener* listener)
 
 Bluez::~Bluez()
 {
-    _stopping = true;
+    stopEvents();
     // Kept: these pointers belong to the event thread and are read here without a lock. Where they aren't set
     // yet nothing is posted, and the event thread, which comes second then, stays out of its loop.
     if (_loopMadeOrForgone.exchange(true)) {
@@ -116,8 +119,12 @@ gboolean quit_task(gpointer loop)
 
 void Bluez::run()
 {
+    clientOfThisThread = this;
     LOG_DEBUG("Initing Bluez..");
     const bool loopIsKnown = createLoop();
+    if (!loopIsKnown) {
+        g_cancellable_cancel(_cancellable); // the destructor had none to cancel
+    }
     if (!connectToBlueZ()) {
         // Kept: nothing is released and nothing tried again; the client stays without objects.
         return;
@@ -195,6 +202,9 @@ void Bluez::fetchObjects()
     // A path sorts before every path that extends it: parents are reported before their children.
     std::sort(paths.begin(), paths.end());
     for (const std::string& path : paths) {
+        if (_stopping) {
+            return; // each object costs calls on the bus, which may stay unanswered
+        }
         onObjectAdded(path);
     }
 }
@@ -215,24 +225,30 @@ void Bluez::unsubscribe(Listener* listener)
     _listeners[listener] = false;
 }
 
-void Bluez::runBetweenEvents(const std::function<void()>& task)
+Bluez& Bluez::ofThisThread()
 {
-    struct Visit {
-        const std::function<void()>& task;
-        std::promise<void> done;
-    };
-    auto* const visit = new Visit{task, {}};
-    const std::future<void> done = visit->done.get_future();
-    // Called at once on this thread where nobody runs the loop.
-    g_main_context_invoke_full(
-        nullptr, G_PRIORITY_DEFAULT,
+    return *clientOfThisThread;
+}
+
+void Bluez::runAfterEvents(std::function<void()> task)
+{
+    using Task = std::function<void()>;
+    GSource* source = g_idle_source_new();
+    g_source_set_callback(
+        source,
         [](gpointer data) -> gboolean {
-            static_cast<Visit*>(data)->task();
-            static_cast<Visit*>(data)->done.set_value();
+            (*static_cast<Task*>(data))();
             return G_SOURCE_REMOVE;
         },
-        visit, [](gpointer data) { delete static_cast<Visit*>(data); });
-    done.wait();
+        new Task(std::move(task)), [](gpointer data) { delete static_cast<Task*>(data); });
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
+}
+
+void Bluez::stopEvents()
+{
+    _stopping = true;
 }
 
 Bluez::ListenerMap Bluez::getListeners() const
@@ -241,12 +257,13 @@ Bluez::ListenerMap Bluez::getListeners() const
     return _listeners;
 }
 
-// Calls `callback` with each subscribed listener; the caller doesn't hold _mutex.
+// Calls `callback` with each subscribed listener, as long as the client isn't being ended; the caller doesn't
+// hold _mutex.
 template <typename Callback>
 void Bluez::fanOut(Callback callback) const
 {
     for (const auto& [listener, subscribed] : getListeners()) {
-        if (subscribed) {
+        if (subscribed && !_stopping) {
             callback(*listener);
         }
     }
@@ -375,7 +392,12 @@ void Bluez::watchProperties(ProxyMap& proxies, const std::string& path)
 
 void Bluez::onObjectRemoved(const std::string& path)
 {
-    forgetObject(path);
+    const RemovalGate::Removal removal(_removals, path);
+    {
+        // A thread that stands in a call looks nothing up that is gone, and hears of it first afterwards.
+        const pthread_helper::scoped_lock unused(_removals.hold());
+        forgetObject(path);
+    }
     // The listeners hear of it whether or not any map held the path.
     if (isDescriptor(path)) {
         fanOut([&](Listener& listener) { listener.onDescriptorRemoved(path); });
@@ -435,23 +457,27 @@ void Bluez::onPropertyChanged(const std::string& path, const std::string& name, 
 
 void Bluez::onDevicePropertyChanged(const std::string& path, const std::string& name, GVariant* value)
 {
-    using BoolCallback = void (Listener::*)(const std::string&, bool);
-    static const std::map<std::string, BoolCallback> boolCallbacks = {
+    struct BoolProperty {
+        const char* name;
+        void (Listener::*callback)(const std::string&, bool);
+    };
+    static constexpr std::array<BoolProperty, 3> kBoolProperties = {{
         {"Paired", &Listener::onDevicePairedStatusChanged},
         {"Connected", &Listener::onDeviceConnectionStatusChanged},
         {"ServicesResolved", &Listener::onDeviceServicesResolvedStatusChanged},
-    };
+    }};
 
+    const auto* const found =
+        std::find_if(kBoolProperties.begin(), kBoolProperties.end(),
+                     [&](const BoolProperty& property) { return name == property.name; });
     bool flag = false;
     std::int16_t dBm = 0;
-    const auto found = boolCallbacks.find(name);
-    if (found == boolCallbacks.end() && name != "RSSI") {
+    if (found == kBoolProperties.end() && name != "RSSI") {
         return;
     }
-    if (found != boolCallbacks.end() && bluez_variant::read(value, flag)) {
-        const BoolCallback callback = found->second;
-        fanOut([&](Listener& listener) { (listener.*callback)(path, flag); });
-    } else if (found == boolCallbacks.end() && bluez_variant::read(value, dBm)) {
+    if (found != kBoolProperties.end() && bluez_variant::read(value, flag)) {
+        fanOut([&](Listener& listener) { (listener.*found->callback)(path, flag); });
+    } else if (found == kBoolProperties.end() && bluez_variant::read(value, dBm)) {
         fanOut([&](Listener& listener) { listener.onDeviceRSSIChanged(path, dBm); });
     } else {
         LOG_WARN("Ignoring %s of %s: unexpected type %s", name.c_str(), path.c_str(),

@@ -12,6 +12,7 @@
 
 #include <gio/gio.h>
 
+#include "RemovalGate.h"
 #include "STBThread.h"
 #include "pthread_helper.h"
 
@@ -147,10 +148,19 @@ public:
     void subscribe(Listener* listener);
     /// Ends the subscription. An event that is being delivered may still reach the listener once.
     void unsubscribe(Listener* listener);
-    /// Runs `task` on the event thread while no event is being delivered, and returns when it has run; on the
-    /// calling thread at once if the event thread runs no loop. A listener that unsubscribes in it can be
-    /// destroyed in it: nothing calls it any more. Not to be called under a lock that a callback takes.
-    void runBetweenEvents(const std::function<void()>& task);
+    /// The client whose event thread is the calling one, as it is in a callback: known there before the
+    /// constructor has returned and while the last owner lets go. To be called on an event thread only.
+    static Bluez& ofThisThread();
+    /// Runs `task` on the event thread after the event that is being delivered, and returns at once. A
+    /// listener that has unsubscribed can be destroyed in it: nothing calls it any more. `task` is destroyed
+    /// unrun if the event loop ends first; it must not hold the last reference to the client.
+    void runAfterEvents(std::function<void()> task);
+    /// Passes over all events from now on, as the destructor does first: no further object is fetched and no
+    /// further callback begins. Any thread.
+    void stopEvents();
+    /// Keeps removals and a caller's look-ups apart. The event thread waits for its holder, so a holder
+    /// doesn't wait for events.
+    RemovalGate& removals() { return _removals; }
     /// A copy of the table of listeners.
     ListenerMap getListeners() const;
 
@@ -347,6 +357,7 @@ private:
     std::atomic<bool> _loopMadeOrForgone{false};
     /// Set first in the destructor: events that are still queued are passed over.
     std::atomic<bool> _stopping{false};
+    RemovalGate _removals;
 
     /// Never destroyed: the event thread may still read it when a second interrupt runs the exit handlers.
     static const std::map<std::uint32_t, Service::Type>& _codeToServiceType;

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#include "App.h"
+
+#include <unistd.h>
+
+namespace
+{
+
+constexpr useconds_t kYieldUs = 1000;
+constexpr int kLongestYield = 1000; // of these slices: a second
+
+} // namespace
+
+App::Lock::Lock(App& app, By by) : mApp(app)
+{
+    if (by == Handler) {
+        mApp.mHandlerWaits = true;
+    }
+    mApp.mMutex.lock();
+    mApp.mLocked = true;
+    if (by == Handler) {
+        mApp.mHandlerWaits = false;
+    }
+}
+
+void App::Lock::unlock()
+{
+    if (mHolding) {
+        mHolding = false;
+        mApp.mLocked = false;
+    }
+    mApp.mMutex.unlock();
+}
+
+// Without this the main thread, which asks for mMutex again within microseconds, would mostly have it before
+// a handler that has waited for it. A handler that holds up the daemon for longer than a second, or an
+// interrupt, ends the waiting; what is going is then not looked up.
+App::Section::Section(App& app) : mRemovals(app.mBluez->removals())
+{
+    mRemovals.hold().lock();
+    for (int slice = 0; slice < kLongestYield && app.mRunning; ++slice) {
+        if (!mRemovals.removing() && !app.mHandlerWaits) {
+            break;
+        }
+        mRemovals.hold().unlock();
+        usleep(kYieldUs);
+        mRemovals.hold().lock();
+    }
+    mLock.emplace(app, Lock::MainThread);
+}
+
+App::Section::~Section()
+{
+    mLock.reset();
+    mRemovals.hold().unlock();
+}
