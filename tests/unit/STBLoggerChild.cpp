@@ -31,7 +31,7 @@ void wrappedSyslog(int priority, const char* format, ...) __asm__("__wrap_syslog
 void wrappedSyslogChk(int priority, int flag, const char* format, ...) __asm__("__wrap___syslog_chk");
 
 void (*onClockRead)() = nullptr;
-void (*onSyslog)() = nullptr;
+void (*onStep)(const std::string& step) = nullptr;
 std::vector<std::string>* lockTrace = nullptr;
 
 namespace
@@ -39,41 +39,62 @@ namespace
 
 bool clockStands = false;
 
+void tell(const std::string& step)
+{
+    if (onStep != nullptr) {
+        onStep(step);
+    }
+}
+
 void recordSyslog(int priority, const char* format, va_list arguments)
 {
-    if (onSyslog != nullptr) {
-        onSyslog();
-    }
+    tell("syslog");
     const char* text = va_arg(arguments, const char*);
     dprintf(STDOUT_FILENO, "syslog %d %s <%s>\n", priority, format, text);
 }
 
-void traceLock(const char* event, const void* object)
+void trace(const std::string& step)
+{
+    if (lockTrace != nullptr) {
+        lockTrace->push_back(step);
+    }
+}
+
+std::string nameOf(const void* lock)
 {
     static std::map<const void*, std::string> names;
-    if (lockTrace != nullptr) {
-        auto* trace = lockTrace;
-        lockTrace = nullptr;
-        const auto name =
-            names.try_emplace(object, std::string(1, static_cast<char>('A' + names.size()))).first;
-        trace->push_back(event + name->second);
-        lockTrace = trace;
-    }
+    return names.try_emplace(lock, std::string(1, static_cast<char>('A' + names.size()))).first->second;
+}
+
+bool watched()
+{
+    return lockTrace != nullptr || onStep != nullptr;
 }
 
 } // namespace
 
 int wrappedMutexLock(pthread_mutex_t* mutex)
 {
+    if (!watched()) {
+        return realMutexLock(mutex);
+    }
+    tell("before lock " + nameOf(mutex));
     const int result = realMutexLock(mutex);
-    traceLock("lock ", mutex);
+    trace("lock " + nameOf(mutex));
+    tell("lock " + nameOf(mutex));
     return result;
 }
 
 int wrappedMutexUnlock(pthread_mutex_t* mutex)
 {
-    traceLock("unlock ", mutex);
-    return realMutexUnlock(mutex);
+    if (!watched()) {
+        return realMutexUnlock(mutex);
+    }
+    trace("unlock " + nameOf(mutex));
+    tell("unlock " + nameOf(mutex));
+    const int result = realMutexUnlock(mutex);
+    tell("after unlock " + nameOf(mutex));
+    return result;
 }
 
 // 12:34:56.789999 UTC
@@ -82,6 +103,7 @@ int wrappedGettimeofday(timeval* now, void* zone)
     if (onClockRead != nullptr) {
         onClockRead();
     }
+    tell("clock");
     if (!clockStands) {
         return realGettimeofday(now, zone);
     }
@@ -92,8 +114,9 @@ int wrappedGettimeofday(timeval* now, void* zone)
 
 int wrappedFputs(const char* text, FILE* stream)
 {
-    if (lockTrace != nullptr && stream == stderr) {
-        lockTrace->push_back(std::string("write ") + (text + 1));
+    if (stream == stderr && watched()) {
+        trace(std::string("write ") + (text + 1));
+        tell(std::string("write ") + (text + 1));
     }
     return realFputs(text, stream);
 }

@@ -45,6 +45,8 @@ std::vector<std::string> sent(const Outcome& outcome);
 
 // --- What happens inside of the library's calls, in this process
 
-extern void (*onClockRead)();               ///< called before the clock is read
-extern void (*onSyslog)();                  ///< called before a record goes to syslog
+extern void (*onClockRead)(); ///< called before the clock is read
+/// Called with each step into and out of the calls: "before lock A", "lock A", "unlock A", "after unlock A",
+/// "write [34m" for colours, "clock", "syslog". The locks are named in the order in which they are met.
+extern void (*onStep)(const std::string& step);
 extern std::vector<std::string>* lockTrace; ///< gets "lock A", "unlock A", and "write ..." for colours

@@ -51,7 +51,6 @@ namespace
 {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // --- Static objects that log: the first when it is destroyed, after the registry; the second all the time
 
@@ -180,12 +179,7 @@ TEST(AMessageOfAModuleOfTheDaemon, AllocatesNothing)
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
 }
 
-// --- Interrupts
-
-void logInterrupt(int /*signal*/)
-{
-    LOG_WARN("Interrupt!");
-}
+// --- A handler that exits
 
 void exitAtOnce(int /*signal*/)
 {
@@ -195,22 +189,7 @@ void exitAtOnce(int /*signal*/)
 void interruptOnce()
 {
     onClockRead = nullptr;
-    onSyslog = nullptr;
     std::raise(SIGINT);
-}
-
-TEST(AnInterruptWhileALineIsWritten, DiesByTheLockIfItsHandlerLogs)
-{
-    const Outcome outcome = withEnvironment(plain(), [] {
-        std::setvbuf(stdout, nullptr, _IOLBF, 0);
-        std::signal(SIGINT, logInterrupt);
-        say(STBLogLevel_eInfo, "first");
-        onClockRead = interruptOnce; // within the line
-        say(STBLogLevel_eInfo, "second");
-    });
-
-    EXPECT_TRUE(outcome.killedBy(SIGKILL)) << outcome;
-    EXPECT_THAT(outcome.output, HasSubstr(" ASSERT (res != 35) ret=35 on "));
 }
 
 TEST(AnInterruptWhileALineIsWritten, CanEndTheProcess)
@@ -223,20 +202,6 @@ TEST(AnInterruptWhileALineIsWritten, CanEndTheProcess)
     });
 
     EXPECT_TRUE(outcome.exitedWith(1)) << outcome;
-}
-
-TEST(AnInterruptWhileSyslogSends, WaitsForItsEndAndThenLogs)
-{
-    const Outcome outcome = withEnvironment(onSyslogOnly({{"VEXA_LOG_LINENUM", "0"}}), [] {
-        std::signal(SIGINT, logInterrupt);
-        say(STBLogLevel_eInfo, "first");
-        onSyslog = interruptOnce;
-        say(STBLogLevel_eInfo, "second");
-    });
-
-    EXPECT_THAT(sent(outcome),
-                ElementsAre("syslog 6 %s <.789 [Bluez] first>", "syslog 6 %s <.789 [Bluez] second>",
-                            "syslog 4 %s <.789 [STBLoggerSafety_test] Interrupt!>"));
 }
 
 // --- The end of the process

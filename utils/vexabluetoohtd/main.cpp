@@ -884,9 +884,12 @@ void App::runUpdate(RcuOtaUpdater& updater, const UpdateRequest& request)
 
 // --- Entry ---
 
-void signalHandler(int /*signal*/)
+void signalHandler(int signal)
 {
-    // Kept: logs, although the interrupted thread may hold a lock of the logger.
+    // Kept: logs, and takes the logger's locks for it; so not while its thread is in the logger.
+    if (STBLogger_deferSignal(signal)) {
+        return;
+    }
     if (!gApp) {
         exit(EXIT_SUCCESS);
     }

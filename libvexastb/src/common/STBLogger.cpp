@@ -164,24 +164,50 @@ void sendLines(int priority, char* text)
     }
 }
 
-// The C library's syslog holds a lock of its own that the handler of an interrupt on the same thread would
-// wait for without end, since the handler logs.
-class InterruptBlocked
+// Of the calling thread, and of handlers that interrupt it: constant from its start, so that reading it
+// allocates nothing. How deep the thread stands in places where a handler that logs must not run, and how
+// often each signal has come there.
+thread_local volatile std::sig_atomic_t deferralDepth = 0;
+thread_local volatile std::sig_atomic_t anyDeferred = 0;
+thread_local std::array<volatile std::sig_atomic_t, NSIG> deferredSignals{};
+
+// A handler may interrupt between any two steps; it changes these variables only while the depth isn't 0.
+void raiseDeferredSignals()
+{
+    anyDeferred = 0;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        volatile std::sig_atomic_t& deferred = deferredSignals[static_cast<std::size_t>(signal)];
+        const int count = deferred;
+        deferred = 0; // before the first is raised: its handler may log and come here, too
+        for (int i = 0; i < count; ++i) {
+            std::raise(signal);
+        }
+    }
+}
+
+// A place where a handler that logs must not run on this thread: it would take a lock that the thread holds,
+// the C library's for stderr and syslog included, or wait for a thread that waits for this one. Signals are
+// counted here and raised behind the outermost such place. By variables and not by the thread's mask, which
+// would cost two system calls for each message, dropped ones included.
+class SignalsDeferred
 {
 public:
-    InterruptBlocked()
+    SignalsDeferred()
     {
-        sigset_t interrupt;
-        sigemptyset(&interrupt);
-        sigaddset(&interrupt, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &interrupt, &_before);
+        deferralDepth = deferralDepth + 1;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
     }
-    ~InterruptBlocked() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
-    InterruptBlocked(const InterruptBlocked&) = delete;
-    InterruptBlocked& operator=(const InterruptBlocked&) = delete;
-
-private:
-    sigset_t _before{};
+    ~SignalsDeferred()
+    {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        deferralDepth = deferralDepth - 1;
+        // Only then the look: a signal that comes between the two runs its handler at once.
+        if (deferralDepth == 0 && anyDeferred != 0) {
+            raiseDeferredSignals();
+        }
+    }
+    SignalsDeferred(const SignalsDeferred&) = delete;
+    SignalsDeferred& operator=(const SignalsDeferred&) = delete;
 };
 
 // While the process exits, other threads still log, and so may the destructors of static objects. So what a
@@ -217,6 +243,17 @@ public:
 
 } // namespace
 
+bool STBLogger_deferSignal(int signal)
+{
+    if (deferralDepth == 0 || signal <= 0 || signal >= NSIG) {
+        return false;
+    }
+    volatile std::sig_atomic_t& deferred = deferredSignals[static_cast<std::size_t>(signal)];
+    deferred = deferred + 1;
+    anyDeferred = 1;
+    return true;
+}
+
 /// The registry: owns the logger of each application, until the one instance is destroyed.
 class STBLoggerContainer
 {
@@ -244,6 +281,7 @@ STBLoggerContainer::~STBLoggerContainer()
     // A message under way may be another thread's, or of this very thread if a handler has interrupted it: so
     // don't wait for it, but leave the loggers to the end of the process.
     const bool inUse = messagesInFlight != 0;
+    const SignalsDeferred deferred;
     const pthread_helper::scoped_lock lock(_mutex);
     for (auto& [application, logger] : _loggers) {
         if (logger->_useSyslog) {
@@ -280,14 +318,18 @@ void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel l
     if (loggersGone) {
         return;
     }
-    static const std::unique_ptr<STBLoggerContainer> owner(new STBLoggerContainer);
-    STBLogger& logger = STBLoggerContainer::loggerFor(params);
-    if (!logger.wants(tag, level)) {
+    STBLogger* logger = nullptr;
+    {
+        const SignalsDeferred deferred; // the making of the registry can't be entered twice either
+        static const std::unique_ptr<STBLoggerContainer> owner(new STBLoggerContainer);
+        logger = &STBLoggerContainer::loggerFor(params);
+    }
+    if (!logger->wants(tag, level)) {
         return;
     }
     va_list arguments;
     va_start(arguments, format);
-    logger.write(tag.c_str(), level, line, file, format, arguments);
+    logger->write(tag.c_str(), level, line, file, format, arguments);
     va_end(arguments);
 }
 
@@ -405,6 +447,7 @@ void STBLogger::log(const char* module, STBLogLevel level, int line, const char*
 void STBLogger::write(const char* module, STBLogLevel level, int line, const char* file, const char* format,
                       va_list arguments) const
 {
+    const SignalsDeferred deferred; // from the opening colour to the reset
     const LevelTraits& traits = traitsOf(level);
     if (_useSyslog) {
         log_send_syslog(module, traits.priority, line, file, format, arguments);
@@ -454,6 +497,5 @@ void STBLogger::log_send_syslog(const char* module, int priority, int line, cons
     text.appendTags(_threadId, _lineNumbers, module, line);
     text.appendList(format, arguments);
     text.dropNewline();
-    const InterruptBlocked blocked;
     sendLines(priority, text.text());
 }

@@ -44,6 +44,16 @@ struct STBLoggerLogParams {
 void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel level, int line,
                    const char* file, const char* format, ...) __attribute__((format(printf, 6, 7)));
 
+/// For a signal handler that logs: to be called first in it, with its own argument. Gives false where the
+/// handler may go on. Where it has interrupted the calling thread in the logger, with one of the logger's
+/// locks or of the C library's output, the function counts the signal and gives true: then the handler
+/// returns at once, and when the thread leaves the logger it raises the signal as often as it was counted, so
+/// that the handler runs anew. Two signals stay two; of more, some may become one, as the kernel has it with
+/// signals that are blocked.
+///
+/// Async-signal-safe; makes no system call.
+bool STBLogger_deferSignal(int signal);
+
 /// The logger of one application: its settings, which never change once it is made, and its two outputs,
 /// standard error and syslog. The registry behind STBLogger_log owns it.
 class STBLogger
