@@ -101,15 +101,16 @@ TEST_F(ARoom, SaysWhichProgramItCantStart)
 
 TEST_F(ARoom, InterruptsOnceAndTwice)
 {
-    sh("trap 'echo one >&2' INT; sleep 60 & while :; do wait; done");
-    // The shell says nothing when it is ready; ask until its trap answers.
-    do {
-        room.interrupt();
-    } while (!room.log().await([](const LogRecord& record) { return record.text == "one"; }, 100ms));
-    room.log().skip();
+    const auto says = [this](const std::string& text) {
+        return room.log().await([&text](const LogRecord& record) { return record.text == text; });
+    };
+    sh("trap 'echo one >&2' INT; echo ready >&2; sleep 60 & while :; do wait; done");
+    ASSERT_TRUE(says("ready"));
+    room.interrupt();
+    ASSERT_TRUE(says("one"));
     room.interruptTwice();
 
-    EXPECT_TRUE(room.log().await([](const LogRecord& record) { return record.text == "one"; }));
+    EXPECT_TRUE(says("one"));
 }
 
 TEST_F(ARoom, ShowsStandardOutputAlthoughTheProgramIsKilled)

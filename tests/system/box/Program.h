@@ -59,9 +59,7 @@ public:
     void signal(int number) const;
     /// To the main thread alone.
     void signalMainThread(int number) const;
-    /// Until the main thread waits in the kernel. The daemon's signal handler
-    /// logs, and kills the process if the thread that it interrupts is in the
-    /// logger itself: no test wants to meet that by chance.
+    /// Until the main thread waits in the kernel.
     bool awaitMainThreadAsleep(std::chrono::milliseconds limit = kPatience) const;
     /// Until the main thread waits on a condition, or for a lock.
     bool awaitMainThreadOnCondition(std::chrono::milliseconds limit = kPatience) const;

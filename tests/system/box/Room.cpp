@@ -316,7 +316,6 @@ void Room::removeAdc() const
 
 void Room::interrupt()
 {
-    mProgram->awaitMainThreadAsleep();
     mProgram->signal(SIGINT);
 }
 

@@ -74,9 +74,10 @@ public:
     void releaseButton() const { writeAdc("1023\n"); }
 
     // ---- signals
-    /// SIGINT, at a moment when the main thread waits.
+    /// SIGINT, wherever the program stands.
     void interrupt();
-    /// Two, of which the second comes before the main thread can go on.
+    /// Two, of which the second comes before the main thread can go on; at a
+    /// moment when it waits, since the daemon's logger puts both off to its end.
     void interruptTwice();
     std::optional<Exit> awaitExit(std::chrono::milliseconds limit = kPatience);
 
