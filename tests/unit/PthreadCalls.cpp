@@ -49,6 +49,7 @@ std::atomic<const timeval*> fixedClock{nullptr};
 std::atomic<long long> clockAheadUs{0};
 std::atomic<void (*)()> onTimedwait{nullptr};
 std::atomic<void (*)()> onJoin{nullptr};
+thread_local CallTrace* callTrace = nullptr;
 thread_local timespec givenDeadline{};
 std::atomic<int> mutexKind{-1};
 std::atomic<int> attributeDestructions{0};
@@ -85,6 +86,22 @@ class CountsFromZero : public testing::EmptyTestEventListener
     return true;
 }();
 
+void trace(const char* call)
+{
+    if (callTrace != nullptr) {
+        callTrace->calls.emplace_back(call);
+    }
+}
+
+void trace(const std::string& call, const void* mutex)
+{
+    if (callTrace != nullptr) {
+        auto& names = callTrace->names;
+        const char name = names.try_emplace(mutex, static_cast<char>('A' + names.size())).first->second;
+        callTrace->calls.push_back(call + " " + name);
+    }
+}
+
 void callHook(const std::atomic<void (*)()>& hook)
 {
     if (auto* function = hook.load()) {
@@ -119,16 +136,19 @@ int wrappedMutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attribut
 
 int wrappedMutexDestroy(pthread_mutex_t* mutex)
 {
+    trace("destroy", mutex);
     return isInjected("pthread_mutex_destroy") ? injectedResult.load() : realMutexDestroy(mutex);
 }
 
 int wrappedMutexLock(pthread_mutex_t* mutex)
 {
+    trace("lock", mutex);
     return isInjected("pthread_mutex_lock") ? injectedResult.load() : realMutexLock(mutex);
 }
 
 int wrappedMutexUnlock(pthread_mutex_t* mutex)
 {
+    trace("unlock", mutex);
     return isInjected("pthread_mutex_unlock") ? injectedResult.load() : realMutexUnlock(mutex);
 }
 
@@ -140,11 +160,13 @@ int wrappedCondInit(pthread_cond_t* condition, const pthread_condattr_t* attribu
 
 int wrappedCondDestroy(pthread_cond_t* condition)
 {
+    trace("destroy cond");
     return isInjected("pthread_cond_destroy") ? injectedResult.load() : realCondDestroy(condition);
 }
 
 int wrappedCondTimedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline)
 {
+    trace("timedwait");
     ++timedwaits;
     givenDeadline = *deadline;
     callHook(onTimedwait);
@@ -159,17 +181,20 @@ int wrappedCondSignal(pthread_cond_t* condition)
 
 int wrappedCondBroadcast(pthread_cond_t* condition)
 {
+    trace("broadcast");
     return isInjected("pthread_cond_broadcast") ? injectedResult.load() : realCondBroadcast(condition);
 }
 
 int wrappedCreate(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument)
 {
+    trace("create");
     threadAttributes = attributes;
     return isInjected("pthread_create") ? injectedResult.load() : realCreate(id, attributes, entry, argument);
 }
 
 int wrappedJoin(pthread_t id, void** result)
 {
+    trace("join");
     ++joins;
     callHook(onJoin);
     return realJoin(id, result);

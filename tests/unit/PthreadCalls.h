@@ -3,6 +3,9 @@
 
 #include <atomic>
 #include <ctime>
+#include <map>
+#include <string>
+#include <vector>
 
 #include <sys/time.h>
 
@@ -20,6 +23,15 @@ extern std::atomic<long long> clockAheadUs;
 /// Called on the calling thread before a timed wait and before a join; null: nothing.
 extern std::atomic<void (*)()> onTimedwait;
 extern std::atomic<void (*)()> onJoin;
+
+/// Calls in their order, as "lock A", "timedwait", "broadcast", "unlock A", "create", "join", "destroy A" and
+/// "destroy cond"; the mutexes are named in the order in which they are met.
+struct CallTrace {
+    std::vector<std::string> calls;
+    std::map<const void*, char> names;
+};
+/// Gets this thread's calls; null: nothing.
+extern thread_local CallTrace* callTrace;
 
 /// The deadline of this thread's last timed wait.
 extern thread_local timespec givenDeadline;
