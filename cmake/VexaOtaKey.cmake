@@ -83,6 +83,15 @@ const std::array<unsigned char, 32> RcuOtaUpdater::AES_KEY = {${bytes}};
 ")
 endfunction()
 
+# Nobody but its owner may read what is compiled or linked into these targets,
+# from the first byte on: each holds the key.
+function(vexa_keep_private)
+  set(launcher "\"${CMAKE_CURRENT_FUNCTION_LIST_DIR}/privately\"")
+  set_target_properties(${ARGN} PROPERTIES
+    RULE_LAUNCH_COMPILE "${launcher}"
+    RULE_LAUNCH_LINK "${launcher}")
+endfunction()
+
 # Adds the object library TARGET that defines the key, as the options say.
 function(vexa_add_ota_key_library target)
   set(VEXA_OTA_KEY_FILE "" CACHE FILEPATH
@@ -101,4 +110,5 @@ function(vexa_add_ota_key_library target)
   add_library(${target} OBJECT "${source}")
   # A compiler cache would keep a copy of the key in somebody's home.
   set_target_properties(${target} PROPERTIES CXX_COMPILER_LAUNCHER "")
+  vexa_keep_private(${target})
 endfunction()

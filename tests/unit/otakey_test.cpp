@@ -366,26 +366,56 @@ TEST_F(TheProject, KeepsTheKeyInItsGeneratedSourceAndTheObjectMadeOfIt)
     ASSERT_EQ(0, made.status) << made.output << made.errors;
     EXPECT_FALSE(reveals(made.output + made.errors, kOwnKey));
     EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeyObject, kKeySource));
+    EXPECT_EQ(mode_t{0600}, modeOf(build() + "/" + kKeyObject));
     EXPECT_THAT(made.output, Not(HasSubstr("env "))) << "a compiler launcher, which may keep copies";
 }
 
-TEST_F(TheProject, InstallsNothingOfTheKeyButTheDaemonItself)
+// Of the build that this test belongs to, since a whole one takes its time.
+TEST(TheBuild, LetsNobodyElseReadWhatHoldsTheKey)
 {
-    const std::string file = mFolder.write("key", kOwnKey);
-    const auto configured = configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + file});
-    ASSERT_EQ(0, configured.status) << configured.output << configured.errors;
-    // The programs aren't built for this; something stands in for each.
-    for (const char* program : {"vexabluetoohtd", "vexaagent", "vexafw"}) {
-        std::ofstream{build() + "/utils/" + program + "/" + program} << "a program";
+    for (const char* file : {VEXA_KEY_OBJECT, VEXA_KEY_ARCHIVE, VEXA_DAEMON, VEXA_UPDATER_TEST}) {
+        ASSERT_TRUE(fs::exists(file)) << file;
+        EXPECT_EQ(mode_t{0}, modeOf(file) & 077) << file;
+    }
+}
+
+class TheInstallation : public TheProject
+{
+protected:
+    TheInstallation()
+    {
+        const std::string file = mFolder.write("key", kOwnKey);
+        const auto configured = configure(
+            "release-package", {"-DVEXA_OTA_KEY_FILE=" + file, "-DCMAKE_INSTALL_PREFIX=" + installed()});
+        EXPECT_EQ(0, configured.status) << configured.output << configured.errors;
+        // The programs aren't built for this; one with symbols and another key stands in for each.
+        for (const char* program : {"vexabluetoohtd", "vexaagent", "vexafw"}) {
+            fs::copy_file(VEXA_DAEMON, build() + "/utils/" + program + "/" + program);
+        }
+        mInstalling = runProgram({VEXA_CMAKE, "--install", build()});
+        EXPECT_EQ(0, mInstalling.status) << mInstalling.output << mInstalling.errors;
     }
 
-    const auto installed =
-        runProgram({VEXA_CMAKE, "--install", build(), "--prefix", mFolder.path("installed")});
+    std::string installed() const { return mFolder.path("installed"); }
 
-    ASSERT_EQ(0, installed.status) << installed.output << installed.errors;
-    ASSERT_TRUE(fs::exists(mFolder.path("installed/sbin/vexabluetoohtd")));
-    EXPECT_THAT(filesThatReveal(kOwnKey, mFolder.path("installed")), IsEmpty());
-    EXPECT_FALSE(reveals(installed.output + installed.errors, kOwnKey));
+    ProgramResult mInstalling;
+};
+
+TEST_F(TheInstallation, HoldsNothingOfTheKeyButTheDaemonItself)
+{
+    EXPECT_THAT(filesThatReveal(kOwnKey, installed()), IsEmpty());
+    EXPECT_FALSE(reveals(mInstalling.output + mInstalling.errors, kOwnKey));
+}
+
+TEST_F(TheInstallation, KeepsTheDaemonFromOthersAndWithoutItsSymbols)
+{
+    const std::string daemon = installed() + "/sbin/vexabluetoohtd";
+
+    EXPECT_EQ(mode_t{0750}, modeOf(daemon));
+    EXPECT_FALSE(runProgram({VEXA_NM, VEXA_DAEMON}).output.empty());
+    EXPECT_TRUE(runProgram({VEXA_NM, daemon}).output.empty());
+    EXPECT_THAT(runProgram({VEXA_NM, "--dynamic", daemon}).output, HasSubstr(" T main"))
+        << "the names that a stack trace shows";
 }
 
 TEST_F(TheProject, TakesAChangedKeyOnTheNextBuild)
