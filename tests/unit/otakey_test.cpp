@@ -8,12 +8,14 @@
 #include <iterator>
 #include <ostream>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +27,7 @@ namespace
 {
 
 namespace fs = std::filesystem;
+using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -385,8 +388,9 @@ protected:
     TheInstallation()
     {
         const std::string file = mFolder.write("key", kOwnKey);
-        const auto configured = configure(
-            "release-package", {"-DVEXA_OTA_KEY_FILE=" + file, "-DCMAKE_INSTALL_PREFIX=" + installed()});
+        const auto configured =
+            configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + file, "-DVEXA_SYSTEMD_UNIT_DIR=units",
+                                          "-DCMAKE_INSTALL_PREFIX=" + installed()});
         EXPECT_EQ(0, configured.status) << configured.output << configured.errors;
         // The programs aren't built for this; one with symbols and another key stands in for each.
         for (const char* program : {"vexabluetoohtd", "vexaagent", "vexafw"}) {
@@ -397,6 +401,22 @@ protected:
     }
 
     std::string installed() const { return mFolder.path("installed"); }
+
+    /// The lines of a section of an installed unit.
+    std::vector<std::string> section(const std::string& unit, const std::string& heading) const
+    {
+        std::istringstream text{mFolder.read("installed/units/" + unit)};
+        std::vector<std::string> lines;
+        std::string current;
+        for (std::string line; std::getline(text, line);) {
+            if (!line.empty() && line.front() == '[') {
+                current = line;
+            } else if (current == heading) {
+                lines.push_back(line);
+            }
+        }
+        return lines;
+    }
 
     ProgramResult mInstalling;
 };
@@ -416,6 +436,41 @@ TEST_F(TheInstallation, KeepsTheDaemonFromOthersAndWithoutItsSymbols)
     EXPECT_TRUE(runProgram({VEXA_NM, daemon}).output.empty());
     EXPECT_THAT(runProgram({VEXA_NM, "--dynamic", daemon}).output, HasSubstr(" T main"))
         << "the names that a stack trace shows";
+}
+
+TEST_F(TheInstallation, HasTheDaemonStartedAnewWheneverItEnds)
+{
+    for (const char* unit : {"vexabluetoohtd.service", "vexaagent.service"}) {
+        EXPECT_THAT(section(unit, "[Unit]"), Contains("StartLimitIntervalSec=0")) << unit;
+        EXPECT_THAT(section(unit, "[Service]"), Contains("Restart=always")) << unit;
+    }
+}
+
+TEST_F(TheInstallation, HasTheDaemonLeaveNoCoreAndFillNoLog)
+{
+    EXPECT_THAT(
+        section("vexabluetoohtd.service", "[Service]"),
+        testing::IsSupersetOf({"LimitCORE=0", "LogRateLimitIntervalSec=30s", "LogRateLimitBurst=5000"}));
+}
+
+TEST_F(TheInstallation, HasAnInitScriptThatRunsTheDaemonWithoutACore)
+{
+    const std::string daemon = installed() + "/sbin/vexabluetoohtd";
+    fs::remove(daemon);
+    std::ofstream{daemon} << "#!/bin/sh\necho core $(ulimit -c) syslog $VEXA_LOG_SYSLOG";
+    fs::permissions(daemon, fs::perms::owner_all);
+    rlimit core{};
+    getrlimit(RLIMIT_CORE, &core);
+    if (core.rlim_max == 0) {
+        GTEST_SKIP() << "no process of this one may leave a core anyway, for instance under a sanitizer";
+    }
+    core.rlim_cur = core.rlim_max; // what the script finds
+    setrlimit(RLIMIT_CORE, &core);
+
+    const auto run = runProgram({installed() + "/etc/init.d/vexabluetoohtd", "run"});
+
+    EXPECT_EQ(0, run.status) << run.errors;
+    EXPECT_EQ("core 0 syslog 1\n", run.output);
 }
 
 TEST_F(TheProject, TakesAChangedKeyOnTheNextBuild)

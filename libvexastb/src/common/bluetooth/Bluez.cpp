@@ -70,7 +70,8 @@ void pairCompleted(GObject* /*proxy*/, GAsyncResult* /*result*/, gpointer /*clie
 
 thread_local Bluez* clientOfThisThread = nullptr;
 
-// GDBus ends the process by SIGTERM after this: a supervisor starts it anew when the bus is back.
+// GDBus ends the process by SIGTERM after this, which a supervisor may take for a clean end: it has to start
+// the daemon anew after every end.
 void connectionClosed(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
                       gpointer /*none*/)
 {
