@@ -14,6 +14,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr char kCharacteristic[] = "org.bluez.GattCharacteristic1";
+constexpr auto kRoomForTwo = 1s; // far more than two notifications need to arrive
 
 // ---------------------------------------------------------------------------------- Answers of the remote
 
@@ -128,6 +129,58 @@ TEST_F(AnUpdate, ForgetsANotificationThatCameBetweenCommands)
 
     EXPECT_THAT(packets(), testing::Contains("< control 030001"));
     EXPECT_THAT(failures(), ElementsAre("E Write characteristics failed", "E Verification failed"));
+}
+
+struct TwoAnswers {
+    const char* name;
+    Bytes first;
+    Bytes second;
+    const char* failure; ///< where the second one leads to
+
+    friend std::ostream& operator<<(std::ostream& out, const TwoAnswers& given) { return out << given.name; }
+};
+
+/// Two notifications for one command. Both are there before the write itself is answered, and so before
+/// the updater takes what came.
+class ASecondAnswer : public AnUpdate, public testing::WithParamInterface<TwoAnswers>
+{
+};
+
+TEST_P(ASecondAnswer, CountsInsteadOfTheFirst)
+{
+    mSimulator->bend(
+        Bend::lateReply("WriteValue", kRoomForTwo).on(updatePath(vexasim::uuid::kControlPoint)).times(2));
+    receiver().setFault(UpdateStep::GetImageInfo, answers({GetParam().first, GetParam().second}));
+    receiver().setFault(UpdateStep::StartUpdate, refusal());
+
+    EXPECT_FALSE(update(FirmwareImage::ofWords(5)));
+
+    EXPECT_THAT(failures(), ElementsAre(GetParam().failure));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ThatIs, ASecondAnswer,
+    testing::Values(TwoAnswers{"Good", {6, 0, 0}, {6, 0, 1, 2, 0, 3, 0, 0, 0}, "E Couldn't start update"},
+                    TwoAnswers{
+                        "Bad", {6, 0, 1, 2, 0, 3, 0, 0, 0}, {6, 0, 0}, "E Couldn't get img info from rc"}),
+    [](const auto& given) { return std::string{given.param.name}; });
+
+// BlueZ needs longer for the write than the remote may take for its answer, and the remote answers behind
+// that.
+TEST_F(AnUpdate, GivesAnAnswerItsSecondFromTheWritesReturn)
+{
+    constexpr auto kWrite = 2500ms;
+    mSimulator->bend(
+        Bend::lateReply("WriteValue", kWrite).on(updatePath(vexasim::uuid::kControlPoint)).times(2));
+    UpdateFault behind;
+    behind.late = kWrite + 200ms;
+    receiver().setFault(UpdateStep::GetImageInfo, behind);
+    receiver().setFault(UpdateStep::StartUpdate, refusal());
+
+    EXPECT_FALSE(update(FirmwareImage::ofWords(5)));
+
+    EXPECT_THAT(failures(), ElementsAre("E Couldn't start update")) << "the image's information was heard";
+    EXPECT_GE(timeOf(0x01) - timeOf(0x06), 2'500'000);
 }
 
 TEST_F(AnUpdate, HearsNoNotificationButThatOfTheControlPoint)

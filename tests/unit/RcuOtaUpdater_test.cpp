@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ostream>
+#include <stdexcept>
 
 #include <gmock/gmock.h>
 
@@ -442,6 +443,89 @@ TEST_F(ASecondUpdate, OnOneUpdaterEndsInAFutureError)
                         std::string{std::future_error{std::future_errc::future_already_retrieved}.what()}));
     EXPECT_EQ(2U, mSimulator->calls("StartDiscovery").size()) << "the steps before are repeated";
     EXPECT_EQ(1U, mSimulator->calls("Connect").size());
+}
+
+// ------------------------------------------------------------------------------------------ Other exceptions
+
+struct Exception {
+    const char* name;
+    std::function<void()> raise;
+
+    friend std::ostream& operator<<(std::ostream& out, const Exception& given) { return out << given.name; }
+};
+
+class AnException : public AnUpdate, public testing::WithParamInterface<Exception>
+{
+};
+
+// Of a word's reader, say. Only what the hand-over of an answer itself raises ends in a failed update.
+TEST_P(AnException, LeavesTheUpdate)
+{
+    mOnWord = [](const std::string& word) {
+        if (word == "rc_fw_update_uploading_40") {
+            GetParam().raise();
+        }
+    };
+    ASSERT_TRUE(create(FirmwareImage::ofWords(25)));
+
+    std::string caught = "nothing";
+    try {
+        mUpdater->update();
+    } catch (const std::exception& exception) {
+        caught = exception.what();
+    }
+
+    EXPECT_EQ("the reader failed", caught);
+    EXPECT_EQ(words({20, 40}), mWords);
+    EXPECT_THAT(failures(), IsEmpty());
+    EXPECT_EQ(2U, dataSent().size()) << "it ends there";
+}
+
+// The second is what the caught one derives from.
+INSTANTIATE_TEST_SUITE_P(
+    OfAReader, AnException,
+    testing::Values(Exception{"AtRunTime", [] { throw std::runtime_error("the reader failed"); }},
+                    Exception{"OfLogic", [] { throw std::logic_error("the reader failed"); }}),
+    [](const auto& given) { return std::string{given.param.name}; });
+
+// -------------------------------------------------------------------------------------------- Its
+// destruction
+
+class AnUpdateThatIsOver : public AnUpdate
+{
+protected:
+    /// Destroys the updater and sees that neither BlueZ nor the remote hears of it.
+    void expectSilentEnd()
+    {
+        mSimulator->sync();
+        mSimulator->clearCalls();
+        const Texts before = packets();
+
+        mUpdater.reset();
+
+        mSimulator->sync();
+        EXPECT_THAT(calls(), IsEmpty());
+        EXPECT_EQ(before, packets());
+    }
+};
+
+TEST_F(AnUpdateThatIsOver, EndsInSilenceIfItWasGood)
+{
+    ASSERT_TRUE(update(FirmwareImage::ofWords(1)));
+
+    expectSilentEnd();
+}
+
+TEST_F(AnUpdateThatIsOver, EndsInSilenceAndLeavesTheLinkIfItFailed)
+{
+    receiver().setFault(UpdateStep::StartUpdate, refusal());
+    ASSERT_FALSE(update(FirmwareImage::ofWords(1)));
+
+    expectSilentEnd();
+
+    const auto connected =
+        mSimulator->property(mSimulator->updateDevicePath(), "org.bluez.Device1", "Connected");
+    EXPECT_EQ("true", connected.text());
 }
 
 } // namespace
