@@ -2,6 +2,7 @@
 #include "Firmware.h"
 
 #include <filesystem>
+#include <fstream>
 #include <ostream>
 
 #include <fcntl.h>
@@ -45,6 +46,29 @@ protected:
             sizes.push_back(nextBlock(firmware).size());
         }
         return sizes;
+    }
+
+    /// Where this process has the file open, -1 if nowhere.
+    int descriptorOf(const std::string& name) const
+    {
+        const std::string path = mFolder.path(name);
+        for (const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
+            std::error_code gone;
+            if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+                return std::stoi(entry.path().filename().string());
+            }
+        }
+        return -1;
+    }
+
+    /// From here on no read of the image succeeds: its descriptor turns into a folder's.
+    void breakDisk() const
+    {
+        const int descriptor = descriptorOf("image.bin");
+        ASSERT_GE(descriptor, 0);
+        const int folder = ::open(mFolder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(descriptor, dup2(folder, descriptor));
+        close(folder);
     }
 
     ScratchFolder mFolder;
@@ -222,31 +246,68 @@ INSTANTIATE_TEST_SUITE_P(Sizes, ABufferOfSomeSize,
 
 TEST_F(AFirmware, TakesAnErrorOfTheDiskForTheEndOfTheFile)
 {
-    // Longer than the stream reads ahead; then its descriptor turns into a folder's, which can't be read.
+    // Longer than the stream reads ahead.
     const auto firmware = open(FirmwareImage::ofWords(10000).file());
     ASSERT_NE(nullptr, firmware);
-    const std::string path = mFolder.path("image.bin");
-    int descriptor = -1;
-    for (const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
-        std::error_code gone;
-        if (std::filesystem::read_symlink(entry.path(), gone) == path) {
-            descriptor = std::stoi(entry.path().filename().string());
-        }
-    }
-    ASSERT_GE(descriptor, 0);
-    const int folder = ::open(mFolder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_EQ(descriptor, dup2(folder, descriptor));
-    close(folder);
+    breakDisk();
 
     std::size_t bytes = 0;
-    Bytes block;
-    for (block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
+    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
         bytes += block.size();
     }
     EXPECT_GT(bytes, 0U);
     EXPECT_LT(bytes, 40000U);
     EXPECT_THAT(nextBlock(*firmware), IsEmpty());
 }
+
+TEST_F(AFirmware, GivesTheBytesThatCameBeforeAnErrorOfTheDisk)
+{
+    // Read ahead to its end, so that the error comes within the second block.
+    const FirmwareImage image = FirmwareImage::ofBytes(10, 33);
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    breakDisk();
+
+    EXPECT_THAT(blockSizes(*firmware, 1), ElementsAre(20));
+    EXPECT_EQ(Bytes(image.payload.begin() + 20, image.payload.end()), nextBlock(*firmware));
+    EXPECT_THAT(nextBlock(*firmware), IsEmpty());
+}
+
+TEST_F(AFirmware, StaysAtItsEndThoughTheFileGrows)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(10, 33).file());
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(20, 13));
+    std::ofstream{mFolder.path("image.bin"), std::ios::app} << "more";
+
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(0, 0));
+}
+
+// A file of another image takes the name, or nothing does: the open file stays.
+class AnImageThatIs : public AFirmware, public testing::WithParamInterface<bool>
+{
+};
+
+TEST_P(AnImageThatIs, IsReadOnAsItWas)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(10000); // longer than the stream reads ahead
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    Bytes all = nextBlock(*firmware);
+    if (GetParam()) {
+        std::filesystem::rename(mFolder.write("other.bin", Bytes(50000, 0xee)), mFolder.path("image.bin"));
+    } else {
+        std::filesystem::remove(mFolder.path("image.bin"));
+    }
+
+    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
+        all.insert(all.end(), block.begin(), block.end());
+    }
+    EXPECT_EQ(image.payload, all);
+}
+
+INSTANTIATE_TEST_SUITE_P(WhileItIsRead, AnImageThatIs, testing::Bool(),
+                         [](const auto& given) { return given.param ? "Replaced" : "Removed"; });
 
 // -------------------------------------------------------------------- Starting again
 

@@ -72,8 +72,12 @@ int Firmware::fillBuffer(std::vector<std::uint8_t>& buffer)
         buffer.clear();
         return 0;
     }
-    mStream.read(reinterpret_cast<char*>(buffer.data()), static_cast<std::streamsize>(buffer.size()));
-    buffer.resize(static_cast<std::size_t>(mStream.gcount()));
+    // Byte by byte: read() gives nothing of a block within which the disk fails.
+    std::size_t count = 0;
+    for (char byte = 0; count < buffer.size() && mStream.get(byte); ++count) {
+        buffer[count] = static_cast<std::uint8_t>(byte);
+    }
+    buffer.resize(count);
     return static_cast<int>(buffer.size());
 }
 

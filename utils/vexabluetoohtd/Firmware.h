@@ -37,7 +37,8 @@ public:
     bool parseHeader();
 
     /// Reads the next bytes of the file into `buffer`, as many as it holds on entry: 20 if it is empty, and
-    /// 20 at most. Cuts `buffer` to the bytes that came and returns their number, which is 0 from the end on.
+    /// 20 at most. Cuts `buffer` to the bytes that came and returns their number, which is 0 from the end on,
+    /// or from an error of the disk on.
     int fillBuffer(std::vector<std::uint8_t>& buffer);
 
     /// Makes the stream readable again, from the first byte of the header and not of the payload.
