@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "Agent.h"
 
+#include "Printable.h"
 #include "STBLogger.h"
 
 #include <memory>
@@ -132,7 +133,7 @@ bool Agent::connect()
     const ErrorOwner error(failure);
     if (mConnection == nullptr) {
         if (!mWaiting)
-            LOG_WARN("no system bus yet, waiting for it: %s", error->message);
+            LOG_WARN("no system bus yet, waiting for it: %s", Printable(error->message).text());
         mWaiting = true;
         return false;
     }
@@ -199,7 +200,7 @@ void Agent::onRegistered(GObject* connection, GAsyncResult* result, gpointer sel
     if (error && isCancelled(*error))
         return;
     if (error) {
-        LOG_ERROR("bluetoothd doesn't take the agent: %s", error->message);
+        LOG_ERROR("bluetoothd doesn't take the agent: %s", Printable(error->message).text());
         return;
     }
     static_cast<Agent*>(self)->callManager("RequestDefaultAgent", g_variant_new("(o)", kPath), onMadeDefault);
@@ -213,7 +214,7 @@ void Agent::onMadeDefault(GObject* connection, GAsyncResult* result, gpointer)
     if (error && isCancelled(*error))
         return;
     if (error)
-        LOG_ERROR("bluetoothd doesn't make it the default agent: %s", error->message);
+        LOG_ERROR("bluetoothd doesn't make it the default agent: %s", Printable(error->message).text());
     else
         LOG_INFO("registered as the default agent");
 }
@@ -255,7 +256,7 @@ void Agent::onName(GObject* connection, GAsyncResult* result, gpointer data)
     if (error) {
         if (!isCancelled(*error))
             LOG_WARN("pairing refused to %s, whose name can't be read: %s", question->device.c_str(),
-                     error->message);
+                     Printable(error->message).text());
         return refuse(question->invocation, "a device without a name isn't the remote");
     }
     GVariant* boxed = nullptr;
@@ -264,10 +265,11 @@ void Agent::onName(GObject* connection, GAsyncResult* result, gpointer data)
     const bool isText = g_variant_is_of_type(boxed, G_VARIANT_TYPE_STRING) != FALSE;
     const std::string name = isText ? g_variant_get_string(boxed, nullptr) : "";
     if (!question->agent->isRemote(name)) {
-        LOG_WARN("pairing refused to %s \"%s\": not the remote", question->device.c_str(), name.c_str());
+        LOG_WARN("pairing refused to %s \"%s\": not the remote", question->device.c_str(),
+                 Printable(name).text());
         return refuse(question->invocation, "not the remote");
     }
-    LOG_INFO("pairing granted to %s \"%s\"", question->device.c_str(), name.c_str());
+    LOG_INFO("pairing granted to %s \"%s\"", question->device.c_str(), Printable(name).text());
     g_dbus_method_invocation_return_value(question->invocation, nullptr);
 }
 

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "NSRegExp.h"
+#include "Printable.h"
 #include "RcuOtaUpdater.h"
 #include "STBLogger.h"
 
@@ -183,7 +184,7 @@ bool App::findAdapter(std::string& path, std::optional<std::string>& address)
 void App::powerAdapter(const std::string& path, const std::optional<std::string>& address)
 {
     if (address) {
-        LOG_INFO("Adapter %s found", address->c_str());
+        LOG_INFO("Adapter %s found", Printable(*address).text());
     }
     if (mBluez->adapterSetPowered(path, true)) {
         LOG_INFO("Adapter powered");
@@ -213,14 +214,14 @@ bool App::bringUpRc()
     mBluez->deviceGetAddress(mRc.path, mRc.address);
     mBluez->deviceGetPaired(mRc.path, mRc.paired);
     mBluez->deviceGetConnected(mRc.path, mRc.connected);
-    LOG_DEBUG("RC %s found", mRc.address.c_str());
+    LOG_DEBUG("RC %s found", Printable(mRc.address).text());
     if (!mRc.paired) {
         return false;
     }
     if (mRc.connected) {
         return true;
     }
-    LOG_DEBUG("RC %s is paired and disconnected. Trying to reconnect...", mRc.address.c_str());
+    LOG_DEBUG("RC %s is paired and disconnected. Trying to reconnect...", Printable(mRc.address).text());
     return mBluez->deviceConnect(mRc.path);
 }
 
@@ -341,7 +342,7 @@ bool App::takeFirmwareLink()
         return false;
     }
     const std::string path(target.data(), strnlen(target.data(), target.size()));
-    LOG_DEBUG("Firmware symlink found: %s", path.c_str());
+    LOG_DEBUG("Firmware symlink found: %s", Printable(path).text());
     LOG_WARN("REMOVE: %s", kFirmwareLink);
     std::remove(kFirmwareLink);
     mFirmwarePath = path;
@@ -394,7 +395,7 @@ void App::connectRc()
     writeFile("connecting", kStatusFile);
     // Across the call on the bus, so that the remote stays the one that is named in the log.
     const Section section(*this);
-    LOG_INFO("Trying to connect to %s", mRc.address.c_str());
+    LOG_INFO("Trying to connect to %s", Printable(mRc.address).text());
     if (!section.isGoing(mRc.path)) {
         mBluez->deviceConnect(mRc.path);
     }
@@ -484,7 +485,7 @@ bool App::reportScan()
         LOG_WARN("VEXA RC not found");
         return false;
     }
-    LOG_INFO("VEXA RC %s found. Trying to pair...", mRc.address.c_str());
+    LOG_INFO("VEXA RC %s found. Trying to pair...", Printable(mRc.address).text());
     return true;
 }
 
@@ -538,9 +539,9 @@ void App::reportPairing()
     if (mRc.path.empty()) {
         LOG_ERROR("Broken VEXA RC handle");
     } else if (mRc.paired) {
-        LOG_INFO("VEXA RC %s has been successfully paired", mRc.address.c_str());
+        LOG_INFO("VEXA RC %s has been successfully paired", Printable(mRc.address).text());
     } else {
-        LOG_WARN("VEXA RC %s hasn't been paired", mRc.address.c_str());
+        LOG_WARN("VEXA RC %s hasn't been paired", Printable(mRc.address).text());
     }
 }
 
@@ -580,7 +581,7 @@ void App::onDeviceAdded(const std::string& path)
     if (!pattern.match(name, groups, 0)) {
         return; // and isn't looked at again, even if its name becomes known
     }
-    LOG_DEBUG("RC found %s : %s", name.c_str(), path.c_str());
+    LOG_DEBUG("RC found %s : %s", Printable(name).text(), path.c_str());
     // The last one seen is the remote, whatever was known before.
     mRc = RcInfo();
     mRc.path = path;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "BluezVariant.h"
+#include "Printable.h"
 #include "STBLogger.h"
 
 namespace
@@ -36,7 +37,7 @@ bool reportError(GError* error)
     if (error == nullptr) {
         return false;
     }
-    LOG_ERROR("%s", error->message);
+    LOG_ERROR("%s", Printable(error->message).text());
     g_error_free(error);
     return true;
 }
@@ -75,7 +76,8 @@ thread_local Bluez* clientOfThisThread = nullptr;
 void connectionClosed(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
                       gpointer /*none*/)
 {
-    LOG_ERROR("System bus connection closed: %s", error != nullptr ? error->message : "by this side");
+    LOG_ERROR("System bus connection closed: %s",
+              Printable(error != nullptr ? error->message : "by this side").text());
 }
 
 } // namespace
