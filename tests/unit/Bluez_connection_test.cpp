@@ -707,7 +707,7 @@ TEST_F(AClientWithoutABus, StillTellsOfARemovalButNotOfAnArrival)
     EXPECT_EQ(listener.events(), Lines{std::string("onDeviceRemoved ") + kDevice});
 }
 
-// A socket that takes a client and never says a word.
+// A socket that takes a client and never says a word, or none after the authentication.
 class AMuteBus
 {
 public:
@@ -717,7 +717,7 @@ public:
         address.sun_family = AF_UNIX;
         std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
         if (bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            listen(mSocket, 1) != 0) {
+            listen(mSocket, 128) != 0) {
             throw std::runtime_error("can't listen at " + path);
         }
     }
@@ -736,8 +736,31 @@ public:
         char byte = 0;
         EXPECT_EQ(read(mClient, &byte, 1), 1);
     }
+    /// Authenticates a client and returns when it has said Hello.
+    void awaitHello()
+    {
+        awaitClient();
+        for (std::string line = readLine(); line != "BEGIN"; line = readLine()) {
+            const bool negotiates = line == "NEGOTIATE_UNIX_FD";
+            const std::string answer =
+                negotiates ? "AGREE_UNIX_FD\r\n" : "OK 0123456789abcdef0123456789abcdef\r\n";
+            ASSERT_EQ(write(mClient, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+        }
+        char byte = 0;
+        EXPECT_EQ(read(mClient, &byte, 1), 1);
+    }
 
 private:
+    std::string readLine()
+    {
+        std::string line;
+        char byte = 0;
+        while (read(mClient, &byte, 1) == 1 && byte != '\n') {
+            line += byte;
+        }
+        return line.empty() ? "BEGIN" : line.substr(0, line.size() - 1);
+    }
+
     int mSocket;
     int mClient = -1;
 };
@@ -754,6 +777,34 @@ TEST_F(AClientWithoutABus, CanBeDestroyedWhileTheBusIsMute)
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
     EXPECT_EQ(log.lines("E"), Lines{"E Connection failed"});
     EXPECT_EQ(log.count("D Stopping loop task"), 0U);
+}
+
+TEST_F(AClientWithoutABus, CanBeDestroyedRightAfterItsConstructionWhileTheBusIsMute)
+{
+    AMuteBus mute(bus->socketPath());
+    const auto begin = std::chrono::steady_clock::now();
+
+    for (int i = 0; i < 50; ++i) {
+        construct();
+        destroy();
+    }
+
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
+    EXPECT_EQ(log.count("E Connection failed"), 50U);
+}
+
+// The D-Bus library's own limit: it doesn't let its greeting be cancelled.
+TEST_F(AClientWithoutABus, CanBeDestroyedWithin25SecondsWhileTheBusIgnoresItsGreeting)
+{
+    AMuteBus mute(bus->socketPath());
+    construct();
+    mute.awaitHello();
+    const auto begin = std::chrono::steady_clock::now();
+
+    destroy();
+
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds{25} + kSoon);
+    EXPECT_EQ(log.lines("E"), Lines{"E Connection failed"});
 }
 
 // --- A bus, but no BlueZ ---

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <ostream>
 #include <stdexcept>
 
@@ -93,6 +94,48 @@ TEST_F(AnUpdater, ListensForItsLifeAndSendsNothing)
     EXPECT_THAT(packets(), IsEmpty());
 }
 
+/// A device whose name takes a while: the updater's callback stands in that call.
+class AnUpdaterInACallback : public AnUpdater
+{
+protected:
+    void SetUp() override
+    {
+        AnUpdater::SetUp();
+        mUpdater = makeWith(mBluez, mAdapterPath, "address", image(), mSwitchPath);
+        ASSERT_NE(nullptr, mUpdater);
+        mSimulator->bend(Bend::late("Get", 1s).property("Name"));
+        mSimulator->addObject(kStranger, {{"org.bluez.Device1", {}}});
+        ASSERT_TRUE(mSimulator->awaitCall("Get", kStranger));
+    }
+
+    std::size_t openImages() const
+    {
+        std::size_t open = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            open += std::filesystem::read_symlink(entry, gone) == mFolder.path("image.bin") ? 1 : 0;
+        }
+        return open;
+    }
+
+    static constexpr const char* kStranger = "/org/bluez/hci0/dev_00_00_00_00_00_09";
+};
+
+TEST_F(AnUpdaterInACallback, IsRetiredWithoutWaitingForThat)
+{
+    ASSERT_EQ(1U, openImages());
+    const std::weak_ptr<Bluez> client = mBluez;
+
+    const auto start = std::chrono::steady_clock::now();
+    RcuOtaUpdater::retire(std::move(mUpdater));
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+    EXPECT_EQ(0U, openImages());
+    EXPECT_EQ(1U, subscribed());
+    EXPECT_EQ(1, client.use_count()) << "the storage, which goes on the event thread, doesn't own the client";
+    EXPECT_NE("", mWatcher.await(kStranger)) << "and the callback goes on in it";
+}
+
 // The last round key, looked for in the memory that updaters live in.
 std::size_t roundKeysOnHeap()
 {
@@ -133,6 +176,12 @@ TEST_F(AnUpdater, LeavesNoRoundKeysBehind)
     ASSERT_EQ(2U, roundKeysOnHeap()) << "it ends one schedule and begins the other";
 
     updater.reset();
+
+    EXPECT_EQ(0U, roundKeysOnHeap());
+
+    updater = makeWith(mBluez, "adapter", "address", image(), "switch");
+    ASSERT_NE(nullptr, updater);
+    RcuOtaUpdater::retire(std::move(updater));
 
     EXPECT_EQ(0U, roundKeysOnHeap());
 }
