@@ -137,14 +137,14 @@ class Process:
 
 class Clock:
     """The daemon's monotonic clock, which a case moves on instead of waiting.
-    The page is that of tests/system/box/ClockPage.h: the offset, and the time at
-    which the clock is held, both in nanoseconds."""
+    The page is that of tests/system/box/ClockPage.h, which begins with the offset
+    in nanoseconds."""
 
     def __init__(self, preload):
         self._path = pathlib.Path("/run/clock")
-        self._path.write_bytes(bytes(24))
+        self._path.write_bytes(bytes(64))
         with open(self._path, "r+b") as file:
-            self._page = mmap.mmap(file.fileno(), 24)
+            self._page = mmap.mmap(file.fileno(), 64)
         self._preload = preload
 
     def environment(self):
@@ -152,19 +152,6 @@ class Clock:
 
     def skip(self, seconds):
         self._set(0, self._get(0) + int(seconds * NANOSECONDS))
-
-    def hold(self):
-        """From now on the daemon begins no idle pass: its clock stands, a bit
-        before the last one."""
-        self._set(8, time.monotonic_ns() + self._get(0) - 10 * NANOSECONDS)
-
-    def step(self):
-        """Lets it begin one pass while the clock is held."""
-        self._set(8, self._get(8) + 20 * NANOSECONDS)
-
-    def go_on(self):
-        self._set(0, self._get(0) + 30 * NANOSECONDS)
-        self._set(8, 0)
 
     def _get(self, at):
         return struct.unpack_from("=q", self._page, at)[0]
@@ -302,18 +289,9 @@ class Box:
 
     def stop_daemon(self, how=signal.SIGINT):
         """Its exit status."""
-        status = self.interrupt_daemon(how)
+        status = self.daemon.stop(how)
         self.processes.remove(self.daemon)
         self.daemon = None
-        return status
-
-    def interrupt_daemon(self, how=signal.SIGINT):
-        """Not while its main thread logs: the signal's handler logs too and
-        would meet the logger's lock, a settled trait."""
-        self.clock.hold()
-        time.sleep(0.5)
-        status = self.daemon.stop(how)
-        self.clock.go_on()
         return status
 
     def start_all(self, *air_options):
@@ -355,7 +333,7 @@ class Box:
             complaints.append("the case never noted the daemon's memory in a calm")
         else:
             complaints += memory_complaints(self.calm_kilobytes, self.daemon.own_kilobytes())
-        if (status := self.interrupt_daemon()) != 0:
+        if (status := self.daemon.stop(signal.SIGINT)) != 0:
             complaints.append(f"the daemon ended with status {status}")
         left = [path.name for path in TMP.glob("bluetooth_*")]
         if left:
