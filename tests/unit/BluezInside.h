@@ -56,6 +56,10 @@ struct Cancellable {
     using Type = GCancellable* Bluez::*;
     friend Type open(Cancellable);
 };
+struct Mutex {
+    using Type = pthread_helper::mutex Bluez::*;
+    friend Type open(Mutex);
+};
 struct OnObjectAdded {
     using Type = void (Bluez::*)(const std::string&);
     friend Type open(OnObjectAdded);
@@ -75,6 +79,7 @@ template struct Opener<ObjectManager, &Bluez::_objectManager>;
 template struct Opener<Connection, &Bluez::_connection>;
 template struct Opener<Loop, &Bluez::_loop>;
 template struct Opener<Cancellable, &Bluez::_cancellable>;
+template struct Opener<Mutex, &Bluez::_mutex>;
 template struct Opener<OnObjectAdded, &Bluez::onObjectAdded>;
 template struct Opener<OnObjectRemoved, &Bluez::onObjectRemoved>;
 

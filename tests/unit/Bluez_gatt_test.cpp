@@ -4,9 +4,7 @@
 #include "BluezTest.h"
 #include "GioSpy.h"
 
-#include <future>
 #include <ostream>
-#include <set>
 
 namespace
 {
@@ -188,23 +186,6 @@ TEST_P(AnOperationOnACharacteristic, FindsNoProxyForADescriptor)
 
     EXPECT_EQ(log.lines(), Lines{std::string("E No proxy found for characteristic ") + kDescriptor});
     EXPECT_EQ(keys<inside::CharacteristicProxies>(), (Lines{kCharacteristic, kDescriptor}));
-}
-
-TEST_P(AnOperationOnACharacteristic, KeepsItsProxyWhenTheObjectGoesInTheMiddleOfTheCall)
-{
-    startWithAll();
-    sim->bend(Bend::silence(GetParam().method));
-    GioSpy spy;
-    spy.setDefaultTimeout(2s);
-    std::future<bool> running = std::async(std::launch::async, [&] { return call(kCharacteristic); });
-    ASSERT_TRUE(sim->awaitCall(GetParam().method, kCharacteristic));
-
-    sim->removeObject(kCharacteristic);
-    settle();
-
-    EXPECT_EQ(unrefs(), 1U) << "only that of the descriptor";
-    EXPECT_FALSE(running.get());
-    EXPECT_EQ(unrefs(), 2U);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -14,8 +14,10 @@ struct Record {
     bool on = false;
     std::vector<GioSpy::Call> calls;
     std::map<std::string, GioSpy::Stand> stands;
+    std::function<void(const GioSpy::Call&)> hook;
     std::vector<GMainLoop*> loops;
     Lines releases;
+    std::vector<gconstpointer> releasedObjects;
     int defaultTimeout = -1;
     bool failNewProxies = false;
 };
@@ -51,12 +53,41 @@ void note(const GioSpy::Call& call)
     }
 }
 
-void noteRelease(const std::string& type)
+void runHook(const GioSpy::Call& call)
+{
+    Record& record = theRecord();
+    std::unique_lock lock(record.mutex);
+    const std::function<void(const GioSpy::Call&)> hook = record.hook;
+    lock.unlock();
+    if (hook) {
+        hook(call);
+    }
+}
+
+void observe(const GioSpy::Call& call)
+{
+    note(call);
+    runHook(call);
+}
+
+// An access to the cache is no call: it is led to the hook alone.
+GioSpy::Call cacheAccess(const char* function, GDBusProxy* proxy, const gchar* property)
+{
+    GioSpy::Call access;
+    access.function = function;
+    access.path = g_dbus_proxy_get_object_path(proxy);
+    access.interface = g_dbus_proxy_get_interface_name(proxy);
+    access.parameters = property;
+    return access;
+}
+
+void noteRelease(const std::string& type, gconstpointer object)
 {
     Record& record = theRecord();
     const std::lock_guard lock(record.mutex);
     if (record.on) {
         record.releases.push_back(type);
+        record.releasedObjects.push_back(object);
     }
 }
 
@@ -91,6 +122,7 @@ GioSpy::GioSpy()
     record.on = true;
     record.calls.clear();
     record.releases.clear();
+    record.releasedObjects.clear();
 }
 
 GioSpy::~GioSpy()
@@ -99,6 +131,7 @@ GioSpy::~GioSpy()
     const std::lock_guard lock(record.mutex);
     record.on = false;
     record.stands.clear();
+    record.hook = nullptr;
     record.defaultTimeout = -1;
     record.failNewProxies = false;
 }
@@ -126,11 +159,25 @@ Lines GioSpy::releases() const
     return record.releases;
 }
 
+std::ptrdiff_t GioSpy::releasesOf(gconstpointer object) const
+{
+    Record& record = theRecord();
+    const std::lock_guard lock(record.mutex);
+    return std::count(record.releasedObjects.begin(), record.releasedObjects.end(), object);
+}
+
 void GioSpy::answer(const std::string& method, Stand stand)
 {
     Record& record = theRecord();
     const std::lock_guard lock(record.mutex);
     record.stands[method] = std::move(stand);
+}
+
+void GioSpy::onCall(std::function<void(const Call&)> hook)
+{
+    Record& record = theRecord();
+    const std::lock_guard lock(record.mutex);
+    record.hook = std::move(hook);
 }
 
 void GioSpy::setDefaultTimeout(std::chrono::milliseconds timeout)
@@ -167,7 +214,10 @@ decltype(g_dbus_connection_call_sync) __real_g_dbus_connection_call_sync;
 decltype(g_dbus_proxy_new_sync) __real_g_dbus_proxy_new_sync;
 decltype(g_bus_get_sync) __real_g_bus_get_sync;
 decltype(g_dbus_object_manager_client_new_sync) __real_g_dbus_object_manager_client_new_sync;
+decltype(g_dbus_proxy_get_cached_property) __real_g_dbus_proxy_get_cached_property;
+decltype(g_dbus_proxy_set_cached_property) __real_g_dbus_proxy_set_cached_property;
 decltype(g_object_unref) __real_g_object_unref;
+decltype(g_variant_builder_unref) __real_g_variant_builder_unref;
 decltype(g_main_context_unref) __real_g_main_context_unref;
 
 GVariant* __wrap_g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method, GVariant* parameters,
@@ -175,9 +225,9 @@ GVariant* __wrap_g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method, 
                                         GError** error)
 {
     if (proxy != nullptr) {
-        note({"g_dbus_proxy_call_sync", g_dbus_proxy_get_object_path(proxy),
-              g_dbus_proxy_get_interface_name(proxy), method, textOf(parameters), static_cast<int>(flags),
-              timeout, cancellable != nullptr, error != nullptr});
+        observe({"g_dbus_proxy_call_sync", g_dbus_proxy_get_object_path(proxy),
+                 g_dbus_proxy_get_interface_name(proxy), method, textOf(parameters), static_cast<int>(flags),
+                 timeout, cancellable != nullptr, error != nullptr});
     }
     if (const GioSpy::Stand stand = standFor(method)) {
         const Bluez::GVariantHolder consumed(parameters != nullptr ? g_variant_ref_sink(parameters)
@@ -192,8 +242,8 @@ void __wrap_g_dbus_proxy_call(GDBusProxy* proxy, const gchar* method, GVariant* 
                               GDBusCallFlags flags, gint timeout, GCancellable* cancellable,
                               GAsyncReadyCallback callback, gpointer data)
 {
-    note({"g_dbus_proxy_call", g_dbus_proxy_get_object_path(proxy), g_dbus_proxy_get_interface_name(proxy),
-          method, textOf(parameters), static_cast<int>(flags), timeout, cancellable != nullptr, false});
+    observe({"g_dbus_proxy_call", g_dbus_proxy_get_object_path(proxy), g_dbus_proxy_get_interface_name(proxy),
+             method, textOf(parameters), static_cast<int>(flags), timeout, cancellable != nullptr, false});
     __real_g_dbus_proxy_call(proxy, method, parameters, flags, timeout, cancellable, callback, data);
 }
 
@@ -218,14 +268,26 @@ GDBusProxy* __wrap_g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxy
                                          GDBusInterfaceInfo* info, const gchar* name, const gchar* path,
                                          const gchar* interface, GCancellable* cancellable, GError** error)
 {
-    note({"g_dbus_proxy_new_sync", orEmpty(path), orEmpty(interface), orEmpty(name),
-          info == nullptr ? "null" : "info", static_cast<int>(flags), 0, cancellable != nullptr,
-          error != nullptr});
+    observe({"g_dbus_proxy_new_sync", orEmpty(path), orEmpty(interface), orEmpty(name),
+             info == nullptr ? "null" : "info", static_cast<int>(flags), 0, cancellable != nullptr,
+             error != nullptr});
     if (newProxiesFail()) {
         g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "no proxy today");
         return nullptr;
     }
     return __real_g_dbus_proxy_new_sync(connection, flags, info, name, path, interface, cancellable, error);
+}
+
+GVariant* __wrap_g_dbus_proxy_get_cached_property(GDBusProxy* proxy, const gchar* property)
+{
+    runHook(cacheAccess("g_dbus_proxy_get_cached_property", proxy, property));
+    return __real_g_dbus_proxy_get_cached_property(proxy, property);
+}
+
+void __wrap_g_dbus_proxy_set_cached_property(GDBusProxy* proxy, const gchar* property, GVariant* value)
+{
+    runHook(cacheAccess("g_dbus_proxy_set_cached_property", proxy, property));
+    __real_g_dbus_proxy_set_cached_property(proxy, property, value);
 }
 
 GDBusConnection* __wrap_g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error)
@@ -252,8 +314,14 @@ GDBusObjectManager* __wrap_g_dbus_object_manager_client_new_sync(GDBusConnection
 
 void __wrap_g_object_unref(gpointer object)
 {
-    noteRelease(object != nullptr ? G_OBJECT_TYPE_NAME(object) : "null");
+    noteRelease(object != nullptr ? G_OBJECT_TYPE_NAME(object) : "null", object);
     __real_g_object_unref(object);
+}
+
+void __wrap_g_variant_builder_unref(GVariantBuilder* builder)
+{
+    noteRelease("GVariantBuilder", builder);
+    __real_g_variant_builder_unref(builder);
 }
 
 // Loops of this program's own live on. A stopping task that nobody needed any more stays in the context and
@@ -261,7 +329,7 @@ void __wrap_g_object_unref(gpointer object)
 // does.
 void __wrap_g_main_loop_unref(GMainLoop* loop)
 {
-    noteRelease("GMainLoop");
+    noteRelease("GMainLoop", loop);
     Record& record = theRecord();
     const std::lock_guard lock(record.mutex);
     record.loops.push_back(loop);
@@ -269,7 +337,7 @@ void __wrap_g_main_loop_unref(GMainLoop* loop)
 
 void __wrap_g_main_context_unref(GMainContext* context)
 {
-    noteRelease("GMainContext");
+    noteRelease("GMainContext", context);
     __real_g_main_context_unref(context);
 }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -47,8 +48,13 @@ public:
     std::vector<Call> calls(const std::string& method) const;
     /// The types of what this program's own code has given a reference back to, in that order.
     Lines releases() const;
+    /// How many references to this object it has given back.
+    std::ptrdiff_t releasesOf(gconstpointer object) const;
     /// Answers every synchronous call of this method on a proxy without going to the bus.
     void answer(const std::string& method, Stand stand);
+    /// Runs on the calling thread at the beginning of each call through a proxy, of each access to its cache
+    /// and of the making of each new one.
+    void onCall(std::function<void(const Call&)> hook);
     /// From here on no proxy can be made.
     void failNewProxies();
     /// Calls with the library's default timeout get this one, so that nobody has to wait for 25 s.
