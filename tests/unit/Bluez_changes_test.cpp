@@ -213,6 +213,63 @@ TEST_F(ATrackedTree, DoesntSeeChangesOfOtherInterfaces)
     EXPECT_EQ(listener.events(), Lines{});
 }
 
+struct TwoKinds {
+    const char* name;
+    const char* component;
+    const char* interface;
+    Lines heard; ///< behind the arrival, without the path
+};
+std::ostream& operator<<(std::ostream& out, const TwoKinds& kinds)
+{
+    return out << kinds.component;
+}
+
+class AChangeOfAPathOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
+{
+};
+
+// The kind that the path has on arrival decides whether it is watched, and the first of device and
+// characteristic what a change means.
+TEST_P(AChangeOfAPathOfTwoKinds, IsThatOfTheFirst)
+{
+    const std::string path = std::string("/x/") + GetParam().component;
+    start();
+    addObject(path, GetParam().interface);
+    settle();
+    listener.clear();
+
+    for (const char* interface : {kAdapterInterface, kDeviceInterface, kServiceInterface,
+                                  kCharacteristicInterface, kDescriptorInterface}) {
+        sim->emitPropertiesChanged(path, interface,
+                                   {{"Paired", boolean(true)}, {"Value", Variant::bytes({7})}});
+    }
+    settle();
+
+    Lines heard;
+    for (const std::string& event : GetParam().heard) {
+        heard.push_back(event.substr(0, event.find(' ')) + " " + path + event.substr(event.find(' ')));
+    }
+    EXPECT_EQ(listener.events(), heard);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Such, AChangeOfAPathOfTwoKinds,
+    testing::Values(TwoKinds{"AsAdapterAndDevice", "dev_AA_BB_CC_DD_EE_FFhci0", kAdapterInterface, {}},
+                    TwoKinds{"AsDeviceAndService",
+                             "service0001dev_AA_BB_CC_DD_EE_FF",
+                             kDeviceInterface,
+                             {"onDevicePairedStatusChanged true"}},
+                    TwoKinds{"AsDeviceAndCharacteristic",
+                             "char0001dev_AA_BB_CC_DD_EE_FF",
+                             kDeviceInterface,
+                             {"onDevicePairedStatusChanged true"}},
+                    TwoKinds{"AsServiceAndCharacteristic", "char0001service0001", kServiceInterface, {}},
+                    TwoKinds{"AsCharacteristicAndDescriptor",
+                             "desc0001char0001",
+                             kCharacteristicInterface,
+                             {"onGattCharacteristicChanged 7"}}),
+    [](const auto& test) { return test.param.name; });
+
 // --- Values ---
 
 TEST_F(ATrackedTree, TellsOfAValueWithItsBytesAndAFreshRecord)
@@ -348,11 +405,10 @@ TEST_F(ATrackedTree, SharesTheBytesOfAValueAmongTheListeners)
     // Only the address tells a shared vector from a copy.
     struct Shared : Bluez::Listener {
         const Bytes* bytes = nullptr;
-        const Characteristic* record = nullptr;
-        void onGattCharacteristicChanged(const Characteristic& characteristic, const Bytes& value) override
+        void onGattCharacteristicChanged(const Characteristic& /*characteristic*/,
+                                         const Bytes& value) override
         {
             bytes = &value;
-            record = &characteristic;
         }
     };
     Shared first;
@@ -369,6 +425,32 @@ TEST_F(ATrackedTree, SharesTheBytesOfAValueAmongTheListeners)
     destroy();
     ASSERT_NE(first.bytes, nullptr);
     EXPECT_EQ(first.bytes, second.bytes);
+}
+
+TEST_F(ATrackedTree, BuildsARecordOfAValueForEachListenerWhenItsTurnComes)
+{
+    RecordingListener& first = others.front();
+    RecordingListener& second = others.back();
+    // What the proxy knows changes between the two.
+    first.onEvent = [&](const std::string& event) {
+        if (event.rfind("onGattCharacteristicChanged", 0) == 0) {
+            GDBusProxy* proxy = inside::of<inside::CharacteristicProxies>(*client).at(kCharacteristic).get();
+            g_dbus_proxy_set_cached_property(proxy, "UUID", g_variant_new_string("meanwhile"));
+        }
+    };
+    start(nullptr);
+    client->subscribe(&first);
+    client->subscribe(&second);
+    addCharacteristic();
+    settle();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface, {{"Value", Variant::bytes({7})}});
+    settle();
+
+    ASSERT_EQ(first.values().size(), 1U);
+    ASSERT_EQ(second.values().size(), 1U);
+    EXPECT_EQ(first.values()[0].characteristic.uuid, kLevelUuid);
+    EXPECT_EQ(second.values()[0].characteristic.uuid, "meanwhile");
 }
 
 } // namespace

@@ -624,11 +624,17 @@ void expectLoggedRefusals(Bluez& client)
     EXPECT_FALSE(client.characteristicStartNotify(kCharacteristic));
     EXPECT_FALSE(client.characteristicStopNotify(kCharacteristic));
     EXPECT_FALSE(client.writeCharacteristic(kCharacteristic, {}));
+    // Before the path, and before the bytes.
+    EXPECT_FALSE(client.getCachedProperty("", "", word));
+    EXPECT_FALSE(client.characteristicStartNotify(""));
+    EXPECT_FALSE(client.characteristicStopNotify(""));
+    EXPECT_FALSE(client.writeCharacteristic("", {}));
     EXPECT_EQ(client.readCharacteristic("/"), std::vector<std::uint8_t>{});
     EXPECT_EQ(client.valueFor(""), "");
     EXPECT_FALSE(client.readCharacteristic(characteristic));
     EXPECT_EQ(LogRecorder::instance().lines(),
               (Lines{"E No connection", "E Not connected", "E Not connected", "E Not connected",
+                     "E No connection", "E Not connected", "E Not connected", "E Not connected",
                      "E Not connected", "D No connection", "D No connection"}));
 
     EXPECT_EQ(word, "as it was");
@@ -690,6 +696,12 @@ TEST_F(AClientWithoutABus, DoesntTryAgain)
     EXPECT_FALSE(client->adapterGetPowered(kAdapter, powered));
     EXPECT_FALSE(client->adapterSetPowered(kAdapter, true));
     EXPECT_TRUE(client->isRunning()) << "the mark says nothing about whether the thread has ended";
+    EXPECT_EQ(client
+                  ->makeSharedProxy(connection(), "org.bluez", kDevice, kDeviceInterface,
+                                    G_DBUS_PROXY_FLAGS_NONE, nullptr, nullptr, nullptr)
+                  .use_count(),
+              0)
+        << "on a connection of the caller's neither";
     EXPECT_EQ(log.lines(), Lines{});
 }
 

@@ -4,6 +4,7 @@
 #include "BluezTest.h"
 #include "GioSpy.h"
 
+#include <algorithm>
 #include <ostream>
 
 namespace
@@ -271,6 +272,27 @@ TEST_F(ACharacteristic, TakesEveryByteThatIsWritten)
     GVariant* expected[] = {g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1),
                             g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0)};
     EXPECT_TRUE(g_variant_equal(calls[0].parameters.get(), Variant(g_variant_new_tuple(expected, 2)).get()));
+}
+
+// A read gives the builder of its empty options back, a write doesn't.
+TEST_F(ACharacteristic, KeepsTheBuilderOfEachWriteButNotOfARead)
+{
+    startWithAll();
+    GioSpy spy;
+    for (const char* method : {"ReadValue", "WriteValue"}) {
+        spy.answer(method, [](GError**) { return nullptr; });
+    }
+    const auto builders = [&] {
+        const Lines releases = spy.releases();
+        return std::count(releases.begin(), releases.end(), "GVariantBuilder");
+    };
+
+    client->readCharacteristic(kCharacteristic);
+    EXPECT_EQ(builders(), 1);
+    client->valueFor(kCharacteristic);
+    EXPECT_EQ(builders(), 2);
+    EXPECT_TRUE(client->writeCharacteristic(kCharacteristic, {1}));
+    EXPECT_EQ(builders(), 2);
 }
 
 // --- Reading into a vector ---

@@ -4,6 +4,7 @@
 #include "BluezTest.h"
 
 #include <cstdio>
+#include <ostream>
 
 namespace
 {
@@ -142,18 +143,49 @@ TEST_F(ATrackedTree, ListsAsItemsWhateverBeginsWithThePath)
     EXPECT_EQ(client->itemsFor(service), (Lines{service + "/char0002", service + "0/char0003"}));
 }
 
-TEST_F(ATrackedTree, TestsADeviceBeforeAServiceForItsItems)
+struct TwoKinds {
+    const char* name;
+    const char* component;
+    const char* child; ///< the item, empty for none
+    const char* said;  ///< of the path, empty for nothing at all
+};
+std::ostream& operator<<(std::ostream& out, const TwoKinds& kinds)
+{
+    return out << kinds.component;
+}
+
+class APathOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
+{
+};
+
+TEST_P(APathOfTwoKinds, HasTheItemsOfTheFirst)
 {
     start();
-    const std::string both = "/x/service0001dev_AA_BB_CC_DD_EE_FF";
-    addService(both + "/service0002");
-    addCharacteristic(both + "/char0003");
+    const std::string path = std::string("/x/") + GetParam().component;
+    addService(path + "/service0002");
+    addCharacteristic(path + "/char0003");
+    addDescriptor(path + "/desc0004");
     settle();
     log.clear();
 
-    EXPECT_EQ(client->itemsFor(both), Lines{both + "/service0002"});
-    EXPECT_EQ(log.lines().back(), "T " + both + " is device");
+    const std::string child = GetParam().child;
+    EXPECT_EQ(client->itemsFor(path), child.empty() ? Lines{} : Lines{path + "/" + child});
+
+    const std::string said = GetParam().said;
+    EXPECT_EQ(log.lines(),
+              said.empty() ? Lines{} : (Lines{"T Fetching item for " + path, "T " + path + said}));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Such, APathOfTwoKinds,
+    testing::Values(
+        TwoKinds{"AsDescriptorAndDevice", "dev_AA_BB_CC_DD_EE_FFdesc0001", "", ""},
+        TwoKinds{"AsDescriptorAndService", "service0001desc0001", "", ""},
+        TwoKinds{"AsDescriptorAndCharacteristic", "char0001desc0001", "", ""},
+        TwoKinds{"AsDeviceAndService", "service0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
+        TwoKinds{"AsDeviceAndCharacteristic", "char0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
+        TwoKinds{"AsServiceAndCharacteristic", "char0001service0001", "char0003", " is service"}),
+    [](const auto& test) { return test.param.name; });
 
 // --- The table of proxies ---
 

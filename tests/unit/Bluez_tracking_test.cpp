@@ -412,6 +412,39 @@ TEST_F(ATrackedTree, DeliversEveryChangeOfADeviceThatArrivedTwiceTwice)
     EXPECT_EQ(log.count(std::string("D props changed: ") + kDevice), 2U);
 }
 
+TEST_F(ATrackedTree, KeepsTheFirstProxyAndNoDescriptorOfACharacteristicThatArrivesTwice)
+{
+    start();
+    addAll();
+    ASSERT_TRUE(listener.await(descriptorAdded()));
+    GDBusProxy* const first = proxyOf<inside::CharacteristicProxies>(kCharacteristic);
+    log.clear();
+
+    emitObjectAdded(kCharacteristic);
+
+    EXPECT_EQ(listener.count(characteristicAdded()), 2U);
+    EXPECT_EQ(proxyOf<inside::CharacteristicProxies>(kCharacteristic), first);
+    EXPECT_EQ(unrefs(), 1U) << "of the new one";
+    const Characteristic characteristic = tree().at(kService).characteristics.at(kCharacteristic);
+    EXPECT_EQ(characteristic.uuid, kLevelUuid);
+    EXPECT_TRUE(characteristic.descriptors.empty()) << "the record is assigned whole";
+}
+
+TEST_F(ATrackedTree, DeliversEveryValueOfACharacteristicThatArrivedTwiceTwice)
+{
+    start();
+    addCharacteristic();
+    ASSERT_TRUE(listener.await(characteristicAdded()));
+    emitObjectAdded(kCharacteristic);
+    listener.clear();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface, {{"Value", Variant::bytes({80})}});
+    settle();
+
+    const std::string value = std::string("onGattCharacteristicChanged ") + kCharacteristic + " 80";
+    EXPECT_EQ(listener.events(), (Lines{value, value}));
+}
+
 TEST_F(ATrackedTree, EmptiesAServiceThatArrivesTwice)
 {
     start();
@@ -602,6 +635,17 @@ TEST_F(ATrackedTree, MakesNoProxyWithoutAName)
     EXPECT_EQ(made("org.bluez", "", kDeviceInterface).use_count(), 0);
     EXPECT_EQ(made("org.bluez", kDevice, "").use_count(), 0);
     EXPECT_EQ(log.lines(), Lines{});
+}
+
+// Whether the client is connected counts, not what the caller gives.
+TEST_F(AnObjectWithoutAProxy, IsTriedForOnAConnectionThatIsNone)
+{
+    Bluez::ProxyPtr proxy = client->makeSharedProxy(nullptr, "org.bluez", kDevice, kDeviceInterface,
+                                                    G_DBUS_PROXY_FLAGS_NONE, nullptr, nullptr, nullptr);
+
+    EXPECT_EQ(proxy.use_count(), 1) << "it holds the null that GLib gave";
+    proxy.reset();
+    expectFromGlib({"GLib-GObject-CRITICAL: g_object_unref: assertion 'G_IS_OBJECT (object)' failed"});
 }
 
 TEST_F(ATrackedTree, WrapsAProxyThatCouldntBeMade)
