@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "Bluez.h"
 
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <new>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -354,6 +357,68 @@ TEST(AListener, ThatOverridesNothingHearsEverythingInSilence)
 
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+struct Slot {
+    const char* name;
+    std::size_t place;
+};
+
+// A pointer to a virtual operation begins with the operation's offset in the virtual table; the lowest bit
+// only says that it is one.
+template <typename Operation>
+Slot slotOf(const char* name, Operation operation)
+{
+    std::uintptr_t offset = 0;
+    static_assert(sizeof operation == 2 * sizeof offset, "the Itanium ABI");
+    std::memcpy(&offset, &operation, sizeof offset);
+    return {name, (offset & ~std::uintptr_t{1}) / sizeof(void*)};
+}
+
+TEST(AListener, HasItsOperationsInTheirOrder)
+{
+    using Listener = Bluez::Listener;
+    const std::vector<Slot> slots = {
+        slotOf("onAdapterAdded", &Listener::onAdapterAdded),
+        slotOf("onAdapterRemoved", &Listener::onAdapterRemoved),
+        slotOf("onDeviceAdded", &Listener::onDeviceAdded),
+        slotOf("onDeviceRemoved", &Listener::onDeviceRemoved),
+        slotOf("onDeviceRSSIChanged", &Listener::onDeviceRSSIChanged),
+        slotOf("onDevicePairedStatusChanged", &Listener::onDevicePairedStatusChanged),
+        slotOf("onDeviceConnectionStatusChanged", &Listener::onDeviceConnectionStatusChanged),
+        slotOf("onDeviceServicesResolvedStatusChanged", &Listener::onDeviceServicesResolvedStatusChanged),
+        slotOf("onServiceAdded", &Listener::onServiceAdded),
+        slotOf("onServiceRemoved", &Listener::onServiceRemoved),
+        slotOf("onCharacteristicAdded", &Listener::onCharacteristicAdded),
+        slotOf("onCharacteristicRemoved", &Listener::onCharacteristicRemoved),
+        slotOf("onDescriptorAdded", &Listener::onDescriptorAdded),
+        slotOf("onDescriptorRemoved", &Listener::onDescriptorRemoved),
+        slotOf("onGattCharacteristicChanged", &Listener::onGattCharacteristicChanged),
+    };
+
+    for (std::size_t place = 0; place < slots.size(); ++place) {
+        EXPECT_EQ(slots[place].place, place) << slots[place].name;
+    }
+}
+
+TEST(AListener, HasItsDestructorBehindItsOperationsAndNoData)
+{
+    struct Mortal : Bluez::Listener {
+        explicit Mortal(bool& dead) : mDead(dead) {}
+        ~Mortal() override { mDead = true; }
+        bool& mDead;
+    };
+    static_assert(sizeof(Bluez::Listener) == sizeof(void*));
+    constexpr std::size_t kDestructor = 15; // the one that gives no storage back
+    bool dead = false;
+    alignas(Mortal) unsigned char storage[sizeof(Mortal)];
+    auto* const mortal = new (storage) Mortal(dead);
+    void (**table)(void*) = nullptr;
+    std::memcpy(&table, storage, sizeof table);
+
+    table[kDestructor](mortal);
+
+    EXPECT_TRUE(dead);
 }
 
 // --- Holder of a variant ---
