@@ -112,12 +112,17 @@ TEST_F(ADaemon, TakesNoArguments)
     EXPECT_THAT(box.output().records(), IsEmpty());
 }
 
+// The three seconds in which the outcome of an update stands.
 TEST_F(ADaemon, EndsAnInterruptedPauseEarly)
 {
     ASSERT_TRUE(box.startToIdle());
-    ASSERT_TRUE(box.stopClock()); // so that it only sleeps
+    box.linkFirmware("/nowhere");
+    ASSERT_TRUE(box.awaitStatus("rc_fw_update_canceled"));
+    ASSERT_TRUE(box.program().awaitMainThreadInUsleep());
+    const auto start = std::chrono::steady_clock::now();
 
     EXPECT_TRUE(box.stops());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
 TEST_F(ADaemon, StopsAlthoughTheBusIsGone)
