@@ -2,6 +2,7 @@
 // The main loop: its pace, its three states and the button. The daemon's clock
 // stands still in these cases, so each pass is one that the case has asked for.
 
+#include "TrueTime.h"
 #include "box/Box.h"
 
 #include <gmock/gmock.h>
@@ -54,6 +55,11 @@ TEST_F(AMainLoop, MakesAPassHalfASecondAfterTheBeginningOfTheLast)
     box.clock().advance(499999us);
     EXPECT_TRUE(box.makesNoPass());
     EXPECT_TRUE(box.pass(1us));
+}
+
+TEST_F(AMainLoop, LooksEveryTenthOfASecondWhetherAPassIsDue)
+{
+    EXPECT_THAT(timeOfWaits(box, 30), isAbout(3s));
 }
 
 TEST_F(AMainLoop, DoesntAddTheTimeOfALongPassToTheInterval)

@@ -11,9 +11,10 @@
 namespace vexabox
 {
 
-/// The intervals between the blocks of an upload, from the times at which they
-/// were noted. A block that was noted late makes one interval longer and the
-/// next one shorter by the same; the sum knows only the delays of its two ends.
+/// The intervals between things that happen again and again, mostly the blocks
+/// of an upload, from the times at which they were noted. One that was noted late
+/// makes one interval longer and the next one shorter by the same; the sum knows
+/// only the delays of its two ends.
 class Pacing
 {
 public:

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The pairing procedure, from the request to the report.
 
+#include "Pacing.h"
+#include "TrueTime.h"
 #include "box/Box.h"
 
 #include <gmock/gmock.h>
@@ -32,6 +34,7 @@ const std::string kNotPaired = "VEXA RC C0:FF:EE:00:00:01 hasn't been paired";
 const std::string kCallFailed = "Device pairing call has failed";
 const std::string kBroken = "Broken VEXA RC handle";
 const std::string kToIdle = "Transiting to Idle...";
+constexpr std::int64_t kLongSliceUs = 500000; // a slice of 100 ms, on a busy machine
 
 std::string removal(const std::string& device)
 {
@@ -120,9 +123,27 @@ TEST_F(APairing, StopsDiscoveringBeforeItPairs)
 
 TEST_F(APairing, WaitsAtMostASliceForARemoteThatIsThere)
 {
+    box.sim().bend(Bend::lateReply("StartDiscovery", 2s * kSlowness)); // by then the remote is there
     request();
+    EXPECT_LOG(box, DEBUG, "main", "Scanning on");
+    box.clock().hold(); // its next look is the start of the scan's sixty seconds
+    ASSERT_TRUE(box.clock().awaitHeld());
+    EXPECT_LOG(box, DEBUG, "main", "RC found VEXA RC : " + kRemote);
+    ASSERT_TRUE(box.awaitEvents()); // the signal is over, and nobody has heard it
+    const auto start = std::chrono::steady_clock::now();
+    box.clock().letGo();
 
-    EXPECT_LOG(box, INFO, "main", kSuccess); // with the daemon's clock at a standstill
+    ASSERT_TRUE(box.sim().awaitCall("StopDiscovery", "", 1, kPatience));
+    EXPECT_LE(box.sim().calls("StopDiscovery")[0].timeUs - microseconds(start), kLongSliceUs);
+}
+
+TEST_F(APairing, LooksForTheRemoteEveryTenthOfASecond)
+{
+    box.remote().leave();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+
+    EXPECT_THAT(timeOfWaits(box, 20), isAbout(2s));
 }
 
 TEST_F(APairing, LogsItsFirstLineAndRemovesNothingIfNoDeviceIsKnown)
@@ -359,10 +380,35 @@ TEST_F(APairing, PausesHalfASecondBetweenItsPolls)
     box.remote().setPairing(Peripheral::Pairing::Silent);
     request();
     const auto isPoll = [](const vexasim::Call& call) { return shortText(call) == kGetPaired; };
-    ASSERT_TRUE(box.sim().awaitCall(isPoll, 4, kPatience));
+    ASSERT_TRUE(box.sim().awaitCall(isPoll, 6, kPatience));
 
+    std::vector<std::int64_t> polls;
+    for (const vexasim::Call& call : box.sim().calls("Get", kRemote)) {
+        if (isPoll(call)) {
+            polls.push_back(call.timeUs);
+        }
+    }
+    EXPECT_THAT(Pacing(polls).medianUs(), isAbout(500ms));
+}
+
+// The polls before it pass at once. While the last one isn't answered, the wall clock is put right again.
+TEST_F(APairing, PausesOnceMoreBehindItsLastPoll)
+{
+    constexpr auto kWhileHeld = 3s * kSlowness;
+    const auto unpaired = [] { return g_variant_new("(v)", g_variant_new_boolean(FALSE)); };
+    box.sim().bend(Bend::silence("Pair"));
+    box.sim().bend(Bend::lateReply("Get", kWhileHeld).property("Paired"));
+    box.sim().bend(Bend::answer("Get", unpaired()).property("Paired").times(29));
+    hurryPolls();
+    request();
+    const auto isPoll = [](const vexasim::Call& call) { return shortText(call) == kGetPaired; };
+    ASSERT_TRUE(box.sim().awaitCall(isPoll, 30, kPatience));
+    box.clock().stepWallClock(1min);
+    ASSERT_LOG(box, ERROR, "main", kCallFailed);
+
+    const std::int64_t ended = arrivals(box, isLog(ERROR, "main", kCallFailed)).back();
     const std::vector<vexasim::Call> calls = box.sim().calls("Get", kRemote);
-    EXPECT_GT(calls.back().timeUs - calls[calls.size() - 4].timeUs, 1400000);
+    EXPECT_THAT(ended - calls.back().timeUs - microseconds(kWhileHeld), isAbout(500ms));
 }
 
 TEST_F(APairing, FailsWhenTheRemoteIsRemovedInThePolls)
@@ -473,6 +519,15 @@ TEST_F(APairing, ReportsABrokenHandleWhenTheRemoteIsRemovedMeanwhile)
 
     EXPECT_LOG(box, ERROR, "main", kBroken);
     EXPECT_TRUE(box.awaitStatus("no device"));
+}
+
+TEST_F(APairing, LooksForThePairingEveryTenthOfASecond)
+{
+    claimPaired();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("pairing"));
+
+    EXPECT_THAT(timeOfWaits(box, 20), isAbout(2s));
 }
 
 // ---- an interrupt on the way

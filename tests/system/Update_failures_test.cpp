@@ -2,6 +2,7 @@
 // Updates that fail: at each step the words of the log, the course of the status
 // file, what was sent, and what is left behind.
 
+#include "TrueTime.h"
 #include "UpdateStory.h"
 
 #include <gmock/gmock.h>
@@ -59,6 +60,12 @@ protected:
 
 // ---- one step after the other
 
+/// How long the daemon waits for something behind its last call of a member, and to no avail.
+struct Wait {
+    const char* member = "";
+    std::chrono::seconds limit{0};
+};
+
 struct Failure {
     const char* name;
     std::function<void(Box&)> arrange;
@@ -67,6 +74,7 @@ struct Failure {
     std::vector<int> numbers;
     bool discovering = false;
     const char* idle = "disconnected";
+    Wait wait = {}; ///< if there is one
 };
 
 std::ostream& operator<<(std::ostream& stream, const Failure& failure)
@@ -126,6 +134,17 @@ std::function<void(Box&)> without(bool UpdateAppearance::*part)
 
 class AnUpdateThat : public AFailingUpdate, public ::testing::WithParamInterface<Failure>
 {
+protected:
+    void expectWait(const Wait& wait)
+    {
+        const std::vector<vexasim::Call> calls = box.sim().calls(wait.member);
+        const std::vector<int64_t> errors = arrivals(box, [](const LogRecord& record) {
+            return record.level == ERROR && record.module == "RcuOtaUpdater";
+        });
+        ASSERT_FALSE(calls.empty() || errors.empty());
+        const int64_t waited = errors.front() - calls.back().timeUs;
+        EXPECT_THAT(waited, wait.limit > 1s ? isNearly(wait.limit) : isAbout(wait.limit));
+    }
 };
 
 TEST_P(AnUpdateThat, Fails)
@@ -153,7 +172,14 @@ TEST_P(AnUpdateThat, Fails)
     EXPECT_THAT(sent, ElementsAreArray(good)) << "nothing is sent behind the failure";
     EXPECT_EQ(box.sim().discovering(), failure.discovering);
     EXPECT_EQ(box.content("bluetooth_rc_fw_version"), "1a3\n");
+    if (failure.wait.limit > 0s) {
+        expectWait(failure.wait);
+    }
 }
+
+const Wait kForAnswer = {"WriteValue", 1s};
+const Wait kForCharacteristic = {"StopDiscovery", 5s};
+const Wait kForRemote = {"StartDiscovery", 60s};
 
 const Lines kNoImage = {"E Couldn't get img info from rc"};
 const Lines kNoStart = {kImageHeld, "E Couldn't start update"};
@@ -182,8 +208,18 @@ INSTANTIATE_TEST_SUITE_P(
                 without(&UpdateAppearance::withoutControlPoint),
                 {"E Control point not found"},
                 1,
-                {}},
-        Failure{"FindsNoData", without(&UpdateAppearance::withoutData), {"E Data not found"}, 1, {}},
+                {},
+                false,
+                "disconnected",
+                kForCharacteristic},
+        Failure{"FindsNoData",
+                without(&UpdateAppearance::withoutData),
+                {"E Data not found"},
+                1,
+                {},
+                false,
+                "disconnected",
+                kForCharacteristic},
         Failure{"IsRefusedNotifications",
                 refused(UpdateStep::StartNotify),
                 {"E Could not start to notify about control point changes"},
@@ -195,13 +231,27 @@ INSTANTIATE_TEST_SUITE_P(
     ToAnnounce, AnUpdateThat,
     ::testing::Values(
         Failure{"IsRefusedTheImageInfo", refused(UpdateStep::GetImageInfo), kNoImage, 3, {}},
-        Failure{"HearsNoImageInfo", silent(UpdateStep::GetImageInfo), kNoImage, 3, {}},
+        Failure{"HearsNoImageInfo",
+                silent(UpdateStep::GetImageInfo),
+                kNoImage,
+                3,
+                {},
+                false,
+                "disconnected",
+                kForAnswer},
         Failure{"HearsStatus0OfTheImage", status(UpdateStep::GetImageInfo, 0), kNoImage, 3, {}},
         Failure{"HearsStatus2OfTheImage", status(UpdateStep::GetImageInfo, 2), kNoImage, 3, {}},
         Failure{"HearsEightBytesOfTheImage", cutTo(UpdateStep::GetImageInfo, 8), kNoImage, 3, {}},
         Failure{"LosesTheRemoteAtTheImageInfo", vanishing(UpdateStep::GetImageInfo), kNoImage, 3, {}},
         Failure{"IsRefusedTheStart", refused(UpdateStep::StartUpdate), kNoStart, 4, {}},
-        Failure{"HearsNothingOfTheStart", silent(UpdateStep::StartUpdate), kNoStart, 4, {}},
+        Failure{"HearsNothingOfTheStart",
+                silent(UpdateStep::StartUpdate),
+                kNoStart,
+                4,
+                {},
+                false,
+                "disconnected",
+                kForAnswer},
         Failure{"HearsStatus0OfTheStart", status(UpdateStep::StartUpdate, 0), kNoStart, 4, {}},
         Failure{"HearsStatus2OfTheStart", status(UpdateStep::StartUpdate, 2), kNoStart, 4, {}},
         Failure{"HearsTwoBytesOfTheStart", cutTo(UpdateStep::StartUpdate, 2), kNoStart, 4, {}},
@@ -234,7 +284,8 @@ INSTANTIATE_TEST_SUITE_P(
     ToVerify, AnUpdateThat,
     ::testing::Values(
         Failure{"IsRefusedTheVerification", refused(UpdateStep::Verify), kNoAnswer, 11, kAll},
-        Failure{"HearsNothingOfTheVerification", silent(UpdateStep::Verify), kNoAnswer, 11, kAll},
+        Failure{"HearsNothingOfTheVerification", silent(UpdateStep::Verify), kNoAnswer, 11, kAll, false,
+                "disconnected", kForAnswer},
         Failure{"HearsStatus0OfTheVerification", status(UpdateStep::Verify, 0), kBadAnswer, 11, kAll},
         Failure{"HearsStatus2OfTheVerification", status(UpdateStep::Verify, 2), kBadAnswer, 11, kAll},
         Failure{"HearsTwoBytesOfTheVerification", cutTo(UpdateStep::Verify, 2), kBadAnswer, 11, kAll}),
@@ -264,13 +315,17 @@ INSTANTIATE_TEST_SUITE_P(ToFind, AnUpdateThat,
                                                    {"E Find RCU in OTA mode failed"},
                                                    1,
                                                    {},
-                                                   true},
+                                                   true,
+                                                   "disconnected",
+                                                   kForRemote},
                                            Failure{"SeesARemoteWithoutAName",
                                                    without(&UpdateAppearance::nameless),
                                                    {"E Find RCU in OTA mode failed"},
                                                    1,
                                                    {},
-                                                   true}),
+                                                   true,
+                                                   "disconnected",
+                                                   kForRemote}),
                          [](const auto& test) { return test.param.name; });
 
 // ---- another key

@@ -350,6 +350,12 @@ bool Program::awaitMainThreadInNextSleep(std::chrono::milliseconds limit) const
     return awaitAnew(&Program::mainThreadIsInUsleep, limit);
 }
 
+bool Program::awaitMainThreadWaits(unsigned count, std::chrono::milliseconds limit) const
+{
+    const long before = mainThreadWaits();
+    return poll(limit, [&] { return mainThreadWaits() >= before + static_cast<long>(count); });
+}
+
 void Program::freeze() const
 {
     kill(mPid, SIGSTOP);

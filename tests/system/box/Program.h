@@ -67,6 +67,8 @@ public:
     /// Until it does so anew: it has gone through its loop at least once since.
     bool awaitMainThreadOnNextCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInNextSleep(std::chrono::milliseconds limit = kPatience) const;
+    /// Until it has gone to wait in the kernel so often from now on, for whatever reason.
+    bool awaitMainThreadWaits(unsigned count, std::chrono::milliseconds limit = kPatience) const;
     /// Stops every thread of it; returns when it stands.
     void freeze() const;
     void thaw() const;
