@@ -34,7 +34,7 @@ const std::string kNotPaired = "VEXA RC C0:FF:EE:00:00:01 hasn't been paired";
 const std::string kCallFailed = "Device pairing call has failed";
 const std::string kBroken = "Broken VEXA RC handle";
 const std::string kToIdle = "Transiting to Idle...";
-constexpr std::int64_t kLongSliceUs = 500000; // a slice of 100 ms, on a busy machine
+constexpr std::int64_t kLongSliceUs = 5000000; // a slice of 100 ms, on a very busy machine
 
 std::string removal(const std::string& device)
 {
