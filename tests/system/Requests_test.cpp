@@ -2,6 +2,7 @@
 // What an idle pass makes of the flags, the firmware link and the remote's state.
 
 #include "box/Box.h"
+#include "box/Objects.h"
 
 #include <gmock/gmock.h>
 
@@ -433,11 +434,7 @@ TEST_F(ARemoteThatIsKnownAndNotPaired, LeavesTheStatusAsItWas)
 TEST_F(ABoxWithoutARemote, KeepsAnUnpairedRemoteThatItHasNoAdapterFor)
 {
     box.sim().addObject("/org/bluez/hci7/dev_C0_FF_EE_00_00_07",
-                        {{"org.bluez.Device1",
-                          {{"Name", g_variant_new_string("VEXA RC")},
-                           {"Address", g_variant_new_string("C0:FF:EE:00:00:07")},
-                           {"Paired", g_variant_new_boolean(FALSE)},
-                           {"Connected", g_variant_new_boolean(FALSE)}}}});
+                        deviceObject("VEXA RC", "C0:FF:EE:00:00:07", false, false));
     ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC : /org/bluez/hci7/dev_C0_FF_EE_00_00_07");
     ASSERT_TRUE(box.awaitEvents());
     box.sim().removeAdapter();

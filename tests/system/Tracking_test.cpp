@@ -2,6 +2,7 @@
 // How the daemon's picture of the remote follows what BlueZ reports.
 
 #include "box/Box.h"
+#include "box/Objects.h"
 
 #include <gmock/gmock.h>
 
@@ -25,29 +26,6 @@ const std::string kBatteryFile = "bluetooth_rc_battery";
 const std::string kVersionFile = "bluetooth_rc_fw_version";
 const std::string kConnected = "VEXA RC connection status changed: connected";
 const std::string kDisconnected = "VEXA RC connection status changed: disconnected";
-
-vexasim::InterfaceMap device(const std::string& name, const std::string& address, bool paired, bool connected)
-{
-    return {{kDeviceInterface,
-             {{"Name", g_variant_new_string(name.c_str())},
-              {"Address", g_variant_new_string(address.c_str())},
-              {"Paired", g_variant_new_boolean(paired ? TRUE : FALSE)},
-              {"Connected", g_variant_new_boolean(connected ? TRUE : FALSE)}}}};
-}
-
-vexasim::InterfaceMap service(const std::string& uuid, const std::string& devicePath)
-{
-    return {{"org.bluez.GattService1",
-             {{"UUID", g_variant_new_string(uuid.c_str())},
-              {"Device", g_variant_new_object_path(devicePath.c_str())}}}};
-}
-
-vexasim::InterfaceMap characteristic(const std::string& uuid, const std::string& servicePath)
-{
-    return {{"org.bluez.GattCharacteristic1",
-             {{"UUID", g_variant_new_string(uuid.c_str())},
-              {"Service", g_variant_new_object_path(servicePath.c_str())}}}};
-}
 
 std::string readOf(const std::string& path)
 {
@@ -76,7 +54,7 @@ protected:
 TEST_P(ADevice, IsTheRemoteOrNotByItsName)
 {
     startAtRest();
-    box.sim().addObject(kOther, device(GetParam().name, "C0:FF:EE:00:00:0A", true, false));
+    box.sim().addObject(kOther, deviceObject(GetParam().name, "C0:FF:EE:00:00:0A", true, false));
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
     ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass());
@@ -104,7 +82,7 @@ protected:
 
 TEST_F(AStrangeDevice, IsNotLookedAtAgainWhenItsNameBecomesKnown)
 {
-    vexasim::InterfaceMap nameless = device("", "C0:FF:EE:00:00:0A", true, true);
+    vexasim::InterfaceMap nameless = deviceObject("", "C0:FF:EE:00:00:0A", true, true);
     nameless[kDeviceInterface].erase("Name");
     box.sim().addObject(kOther, nameless);
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
@@ -120,7 +98,7 @@ TEST_F(AStrangeDevice, IsNotLookedAtAgainWhenItsNameBecomesKnown)
 
 TEST_F(AStrangeDevice, HasItsPairingLoggedAndNothingElse)
 {
-    box.sim().addObject(kOther, device("TV", "C0:FF:EE:00:00:0A", false, false));
+    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
     ASSERT_TRUE(box.awaitEvents());
     for (const char* name : {"Connected", "ServicesResolved", "Paired"}) {
@@ -138,7 +116,7 @@ TEST_F(AStrangeDevice, HasItsPairingLoggedAndNothingElse)
 
 TEST_F(AStrangeDevice, HasItsSignalStrengthLoggedAndInNoFile)
 {
-    box.sim().addObject(kOther, device("TV", "C0:FF:EE:00:00:0A", false, false));
+    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
     ASSERT_TRUE(box.awaitEvents());
     box.sim().setProperty(kOther, kDeviceInterface, "RSSI", g_variant_new_int16(-71));
 
@@ -148,7 +126,7 @@ TEST_F(AStrangeDevice, HasItsSignalStrengthLoggedAndInNoFile)
 
 TEST_F(AStrangeDevice, CanSayWhatItLikes)
 {
-    box.sim().addObject(kOther, device("VEXA RC", "C0:FF:EE:00:00:0A", true, true));
+    box.sim().addObject(kOther, deviceObject("VEXA RC", "C0:FF:EE:00:00:0A", true, true));
     ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC : " + kOther);
     box.sim().emitPropertiesChanged(kOther, kDeviceInterface, {});
     EXPECT_LOG(box, DEBUG, "Bluez", "props changed: " + kOther);
@@ -297,7 +275,7 @@ TEST_F(AKnownRemote, KeepsItsFilesIfItsServicesGoBehindItsDevice)
 
 TEST_F(AKnownRemote, IsLeftAloneWhenAnotherDeviceIsRemoved)
 {
-    box.sim().addObject(kOther, device("TV", "C0:FF:EE:00:00:0A", false, false));
+    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
     ASSERT_TRUE(box.awaitEvents());
     box.sim().removeObject(kOther);
@@ -319,7 +297,7 @@ TEST_F(AKnownRemote, IsLeftAloneWhenAnotherDeviceIsRemoved)
 
 TEST_F(AKnownRemote, IsReplacedByTheNextDeviceWhoseNameMatches)
 {
-    box.sim().addObject(kOther, device("VEXA RC 2", "C0:FF:EE:00:00:0A", true, true));
+    box.sim().addObject(kOther, deviceObject("VEXA RC 2", "C0:FF:EE:00:00:0A", true, true));
     ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC 2 : " + kOther);
     ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass());
@@ -339,7 +317,7 @@ TEST_F(AKnownRemote, IsReplacedByTheNextDeviceWhoseNameMatches)
 
 TEST_F(AKnownRemote, IsStillForgottenByAPairingAfterItWasReplaced)
 {
-    box.sim().addObject(kOther, device("VEXA RC 2", "C0:FF:EE:00:00:0A", true, true));
+    box.sim().addObject(kOther, deviceObject("VEXA RC 2", "C0:FF:EE:00:00:0A", true, true));
     ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC 2 : " + kOther);
     box.setFlag("reset");
     ASSERT_TRUE(box.awaitEvents());
@@ -382,9 +360,9 @@ TEST_F(AKnownRemote, IsReadAnewWhenItsBatteryServiceComesBack)
     EXPECT_LOG(box, DEBUG, "main", "Battery service removed");
     box.disconnectRemote();
     EXPECT_LOG(box, DEBUG, "main", kDisconnected);
-    box.sim().addObject(kBatteryService, service(vexasim::uuid::kBatteryService, kRemote));
+    box.sim().addObject(kBatteryService, serviceObject(vexasim::uuid::kBatteryService, kRemote));
     EXPECT_LOG(box, DEBUG, "main", "Battery service resolved");
-    box.sim().addObject(kBatteryLevel, characteristic(vexasim::uuid::kBatteryLevel, kBatteryService));
+    box.sim().addObject(kBatteryLevel, characteristicObject(vexasim::uuid::kBatteryLevel, kBatteryService));
     EXPECT_LOG(box, DEBUG, "main", "Battery level characteristic resolved");
     box.sim().bend(
         vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", vexasim::Variant::bytes({33}).get()))
@@ -435,7 +413,7 @@ TEST_F(AKnownRemote, IsReadByTheLastCharacteristicOfItsBatteryServiceWhateverTha
     box.sim().bend(
         vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", vexasim::Variant::bytes({7}).get()))
             .on(last));
-    box.sim().addObject(last, characteristic(vexasim::uuid128(0x2a1a), kBatteryService));
+    box.sim().addObject(last, characteristicObject(vexasim::uuid128(0x2a1a), kBatteryService));
     EXPECT_LOG(box, DEBUG, "main", "Battery level characteristic resolved");
 
     EXPECT_TRUE(isReadAfterTheDelay()); // its arrival has begun the delay anew
@@ -450,9 +428,9 @@ TEST_F(AKnownRemote, HasItsVersionReadFromWhicheverDeviceOfferedOneLast)
     box.sim().bend(
         vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", vexasim::Variant::bytes({0x77}).get()))
             .on(otherVersion));
-    box.sim().addObject(kOther, device("TV", "C0:FF:EE:00:00:0A", false, false));
-    box.sim().addObject(otherService, service(vexasim::uuid::kVendorService, kOther));
-    box.sim().addObject(otherVersion, characteristic(vexasim::uuid::kVersion, otherService));
+    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
+    box.sim().addObject(otherService, serviceObject(vexasim::uuid::kVendorService, kOther));
+    box.sim().addObject(otherVersion, characteristicObject(vexasim::uuid::kVersion, otherService));
     box.sim().addObject(otherVersion + "/desc0003",
                         {{"org.bluez.GattDescriptor1",
                           {{"UUID", g_variant_new_string(vexasim::uuid::kClientConfiguration.c_str())}}}});
@@ -468,10 +446,10 @@ TEST_F(AKnownRemote, IgnoresABatteryServiceOfAnotherDevice)
 {
     const std::string otherService = kOther + "/service0001";
     const std::size_t before = box.countLog(DEBUG, "main", "Battery service resolved");
-    box.sim().addObject(kOther, device("TV", "C0:FF:EE:00:00:0A", false, false));
-    box.sim().addObject(otherService, service(vexasim::uuid::kBatteryService, kOther));
+    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
+    box.sim().addObject(otherService, serviceObject(vexasim::uuid::kBatteryService, kOther));
     box.sim().addObject(otherService + "/char0002",
-                        characteristic(vexasim::uuid::kBatteryLevel, otherService));
+                        characteristicObject(vexasim::uuid::kBatteryLevel, otherService));
     box.sim().removeObject(otherService);
     box.sim().removeObject(kOther);
     ASSERT_LOG(box, DEBUG, "main", "Device: - " + kOther);
@@ -484,7 +462,7 @@ TEST_F(AKnownRemote, IgnoresABatteryServiceOfAnotherDevice)
 TEST_F(AKnownRemote, IgnoresAServiceOfAnotherType)
 {
     const std::size_t before = box.countLog(DEBUG, "main", "Battery service resolved");
-    box.sim().addObject(kRemote + "/service00f0", service(vexasim::uuid128(0x1812), kRemote));
+    box.sim().addObject(kRemote + "/service00f0", serviceObject(vexasim::uuid128(0x1812), kRemote));
     ASSERT_TRUE(box.awaitEvents());
 
     EXPECT_EQ(box.countLog(DEBUG, "main", "Battery service resolved"), before);
