@@ -395,6 +395,24 @@ TEST_F(AConnectedRemote, IsReadAgainOnEachPassWhileTheReadingFails)
 
     EXPECT_LOG(box, DEBUG, "main", "Battery level read: 80 valid");
     EXPECT_EQ(box.content(kBattery), "80\n");
+    EXPECT_EQ(box.countLog(DEBUG, "main", kShouldRead), 3U) << "at every pass";
+}
+
+TEST_F(AConnectedRemote, HasItsLevelLeftAsItIsByAReadingThatFailsThreeHoursLater)
+{
+    letItBeRead();
+    box.sim().bend(Bend::error("ReadValue", "org.bluez.Error.Failed", "busy")
+                       .on(box.pathOf(vexasim::uuid::kBatteryLevel)));
+    ASSERT_TRUE(box.pass(10801s));
+    EXPECT_LOG(box, DEBUG, "main", kShouldRead);
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "busy"));
+
+    EXPECT_EQ(box.content(kBattery), "80\n");
+    EXPECT_EQ(box.files().writes(kBattery), 1U) << "the level counts no longer as valid";
+    // For an update it still counts: this one lacks nothing but its image.
+    box.linkFirmware("/nowhere");
+    ASSERT_TRUE(box.pass());
+    EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
 }
 
 TEST_F(AConnectedRemote, IsTriedAgainAfterThreeHoursWhenItsLevelWasInvalid)
@@ -505,6 +523,15 @@ TEST_F(ARemoteWithoutABatteryService, IsNeverReadAtAll)
     box.linkFirmware("/nowhere");
     ASSERT_TRUE(box.pass());
     EXPECT_LOG(box, WARN, "main", "Update canceled: invalid state: battery: 0% version: 0");
+}
+
+TEST_F(ARemoteWithoutABatteryService, IsDueToBeReadAtEveryPass)
+{
+    ASSERT_TRUE(box.pass(16s));
+    ASSERT_TRUE(box.pass());
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(box.countLog(DEBUG, "main", kShouldRead), 3U);
 }
 
 vexasim::RemoteOptions withoutVendorService()
