@@ -3,6 +3,7 @@
 // it, and how long it waits.
 
 #include "UpdateStory.h"
+#include "box/Objects.h"
 
 #include <gmock/gmock.h>
 
@@ -21,7 +22,6 @@ namespace
 {
 
 constexpr const char* kDevice = "org.bluez.Device1";
-constexpr const char* kCharacteristic = "org.bluez.GattCharacteristic1";
 constexpr std::size_t kImageBytes = 100;
 constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
 constexpr auto kWhileHeld = 3s;  // how long the switch isn't answered, so that the air can change first
@@ -60,6 +60,14 @@ protected:
         box.sim().bend(Bend::lateReply("WriteValue", kWhileHeld).on(path));
         offer(image);
         return box.sim().awaitCall("WriteValue", path, 1, kPatience);
+    }
+
+    /// A characteristic behind which nothing stands, announced at once. Returns its path.
+    std::string announce(const std::string& service, const std::string& name, const std::string& uuid)
+    {
+        const std::string path = service + "/" + name;
+        box.sim().addObject(path, characteristicObject(uuid, service));
+        return path;
     }
 
     void appears(const UpdateAppearance& appearance) { box.remote().setUpdateAppearance(appearance); }
@@ -102,9 +110,10 @@ TEST_F(ARemoteToBeFound, IsTheFirstOfTwoWithItsName)
     ASSERT_TRUE(heldAtTheSwitch());
     ASSERT_TRUE(box.sim().awaitCall("Get", box.sim().updateDevicePath(), 1, kPatience));
 
-    show("Another BeeTgt");
+    const std::string another = show("Another BeeTgt");
 
     expectFound();
+    EXPECT_EQ(box.sim().calls("Get", another).size(), 2U) << "its name, by the tracking and by the update";
 }
 
 TEST_F(ARemoteToBeFound, IsNotOneWithItsNameInLowerCase)
@@ -194,22 +203,18 @@ TEST_F(ARemoteToBeFound, HasTimeAnewForTheSecondCharacteristic)
     half.withoutData = true;
     appears(half);
     offer(image);
-    const std::string service = box.sim().updateDevicePath() + "/service0099";
     ASSERT_TRUE(box.sim().awaitProperty(box.sim().updateDevicePath(), kDevice, "ServicesResolved",
                                         g_variant_new_boolean(TRUE), kPatience));
     std::this_thread::sleep_for(kEach);
 
-    box.sim().addObject(service + "/char00aa",
-                        {{kCharacteristic,
-                          {{"UUID", g_variant_new_string(vexasim::uuid::kData.c_str())},
-                           {"Service", g_variant_new_object_path(service.c_str())}}},
-                         {"org.freedesktop.DBus.Properties", {}}});
+    const std::string data =
+        announce(box.sim().updateDevicePath() + "/service0099", "char00aa", vexasim::uuid::kData);
 
     // Nothing stands behind it, so the first block ends the update.
     ASSERT_TRUE(ends("failed"));
     EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Write buffer failed");
     EXPECT_NO_LOG(box, ERROR, "RcuOtaUpdater", "Data not found");
-    EXPECT_EQ(box.sim().calls("WriteValue", service + "/char00aa").size(), 1U);
+    EXPECT_EQ(box.sim().calls("WriteValue", data).size(), 1U);
 }
 
 // ---- where its characteristics are
@@ -221,15 +226,29 @@ TEST_F(ARemoteToBeFound, HasItsDataWhereItWasAnnouncedLast)
     ASSERT_TRUE(box.sim().awaitCall("StartNotify", "", 1, kPatience));
     const std::string service = box.remotePath() + "/service0099"; // not even of the same device
 
-    box.sim().addObject(service + "/char00aa",
-                        {{kCharacteristic,
-                          {{"UUID", g_variant_new_string(vexasim::uuid::kData.c_str())},
-                           {"Service", g_variant_new_object_path(service.c_str())}}},
-                         {"org.freedesktop.DBus.Properties", {}}});
+    const std::string data = announce(service, "char00aa", vexasim::uuid::kData);
+    announce(service, "char00bb", "00006387-3C17-D293-8E48-14FE2E4DA212"); // BlueZ writes lower case
 
     ASSERT_TRUE(ends("failed"));
-    EXPECT_EQ(box.sim().calls("WriteValue", service + "/char00aa").size(), 1U);
+    EXPECT_EQ(box.sim().calls("WriteValue", data).size(), 1U);
     EXPECT_THAT(exchange(), ElementsAreArray(exchangeUpToData(image)));
+}
+
+TEST_F(ARemoteToBeFound, HasItsControlPointWhereItWasAnnouncedLast)
+{
+    box.sim().bend(Bend::late("StartNotify", kWhileHeld));
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitCall("StartNotify", "", 1, kPatience));
+    const std::string service = box.remotePath() + "/service0099";
+
+    const std::string controlPoint = announce(service, "char00aa", vexasim::uuid::kControlPoint);
+    announce(service, "char00bb", "00006487-3C17-D293-8E48-14FE2E4DA212");
+
+    // Nothing stands behind it: the connection parameters may go astray, the question may not.
+    ASSERT_TRUE(ends("failed"));
+    EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Couldn't get img info from rc");
+    EXPECT_EQ(box.sim().calls("WriteValue", controlPoint).size(), 2U);
+    EXPECT_THAT(exchange(), ElementsAre("> switch 01"));
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include "TrueTime.h"
 #include "UpdateStory.h"
+#include "box/Objects.h"
 
 #include <gmock/gmock.h>
 
@@ -18,6 +19,7 @@ using ::testing::IsEmpty;
 namespace
 {
 
+const std::string kOther = "/org/bluez/hci0/dev_C0_FF_EE_00_00_0A";
 constexpr const char* kVersionFile = "bluetooth_rc_fw_version";
 
 class AnOfferedImage : public UpdateStory
@@ -32,6 +34,32 @@ protected:
         EXPECT_THAT(exchange(), IsEmpty());
         EXPECT_FALSE(box.exists("bluetooth_rc_fw"));
         EXPECT_TRUE(box.exists("image.bin")); // the link goes, not the image
+    }
+
+    /// Another device than the remote; not on the air, but known to BlueZ.
+    void announceOther(const std::string& name)
+    {
+        box.sim().addObject(kOther, deviceObject(name, "C0:FF:EE:00:00:0A", true, true));
+    }
+
+    std::string announceService(const std::string& name, const std::string& uuid)
+    {
+        box.sim().addObject(kOther + "/" + name, serviceObject(uuid, kOther));
+        return kOther + "/" + name;
+    }
+
+    std::string announceCharacteristic(const std::string& service, const std::string& name,
+                                       const std::string& uuid)
+    {
+        box.sim().addObject(service + "/" + name, characteristicObject(uuid, service));
+        return service + "/" + name;
+    }
+
+    void answerReads(const std::string& path, const vexasim::Bytes& bytes)
+    {
+        box.sim().bend(
+            vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", vexasim::Variant::bytes(bytes).get()))
+                .on(path));
     }
 };
 
@@ -182,6 +210,41 @@ TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteHasNoUpdateSwitch)
     offer(newerImage(5));
 
     expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
+}
+
+TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteWasReplacedByOneWithoutAnUpdateSwitch)
+{
+    ASSERT_TRUE(remoteIsRead());
+    announceOther("VEXA RC 2");
+    const std::string battery = announceService("service0001", vexasim::uuid::kBatteryService);
+    answerReads(announceCharacteristic(battery, "char0002", vexasim::uuid::kBatteryLevel), {80});
+    const std::string vendor = announceService("service0004", vexasim::uuid::kVendorService);
+    answerReads(announceCharacteristic(vendor, "char0005", vexasim::uuid::kVersion), {0x77});
+    ASSERT_TRUE(box.awaitEvents());
+    box.clock().advance(20s);
+    ASSERT_LOG(box, DEBUG, "main", "rc fw version: 77");
+
+    offer(newerImage(5));
+
+    expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
+}
+
+TEST_F(AnOfferedImage, IsSentByWayOfTheUpdateSwitchThatWasAnnouncedLast)
+{
+    ASSERT_TRUE(remoteIsRead());
+    announceOther("TV"); // not even of the remote
+    const std::string service = announceService("service0001", vexasim::uuid::kVendorService);
+    const std::string last = announceCharacteristic(service, "char0002", vexasim::uuid::kSwitch);
+    announceCharacteristic(service, "char0003",
+                           "0000FFD1-0000-1000-8000-00805F9B34FB"); // in upper case: none
+    ASSERT_TRUE(box.awaitEvents());
+
+    offer(newerImage(5));
+
+    ASSERT_TRUE(ends("failed")); // nothing stands behind it
+    EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Write RESET failed");
+    EXPECT_EQ(box.sim().calls("WriteValue", last).size(), 1U);
+    EXPECT_EQ(box.sim().calls("WriteValue").size(), 1U);
 }
 
 TEST_F(AnOfferedImage, IsUnnecessaryIfItIsAFolder)
