@@ -28,6 +28,7 @@ const std::string kTakeLink = "REMOVE: /tmp/bluetooth_rc_fw";
 const std::string kTryToConnect = "Trying to connect to C0:FF:EE:00:00:01";
 const std::string kRemoving = "Removing failed to pair device";
 const std::string kNothing = "Do Action_eDoNothing";
+const std::string kOther = "/org/bluez/hci0/dev_C0_FF_EE_00_00_0A";
 
 // ---- no remote
 
@@ -350,6 +351,32 @@ TEST_F(ARemoteThatIsPairedAndAway, EndsItsHourByBeingForgotten)
     ASSERT_TRUE(box.pass(1800s));
 
     expectNoConnection();
+}
+
+TEST_F(ARemoteThatIsPairedAndAway, KeepsItsHourWhenAnotherDeviceIsRemoved)
+{
+    ASSERT_TRUE(box.pass(1800s));
+    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
+    box.sim().removeObject(kOther);
+    ASSERT_LOG(box, DEBUG, "main", "Device: - " + kOther);
+    ASSERT_TRUE(box.awaitEvents());
+    ASSERT_TRUE(box.pass(1800s));
+
+    EXPECT_LOG(box, INFO, "main", kTryToConnect);
+    EXPECT_THAT(box.busCalls({"Connect"}), ElementsAre(kConnect));
+}
+
+TEST_F(ARemoteThatIsPairedAndAway, LeavesItsHourToTheOneThatReplacesIt)
+{
+    box.sim().bend(Bend::answer("Connect", g_variant_new("()")));
+    ASSERT_TRUE(box.pass(1800s));
+    box.sim().addObject(kOther, deviceObject("VEXA RC 2", "C0:FF:EE:00:00:0A", true, false));
+    ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC 2 : " + kOther);
+    ASSERT_TRUE(box.awaitEvents());
+    ASSERT_TRUE(box.pass(1800s));
+
+    EXPECT_LOG(box, INFO, "main", "Trying to connect to C0:FF:EE:00:00:0A");
+    EXPECT_THAT(box.busCalls({"Connect"}), ElementsAre("hci0/dev_C0_FF_EE_00_00_0A Device1.Connect ()"));
 }
 
 TEST_F(ARemoteThatIsPairedAndAway, HasNoStatusWrittenInThePassThatConnectsIt)
