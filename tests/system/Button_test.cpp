@@ -390,4 +390,32 @@ TEST_F(AMainLoop, UpdatesAndGoesToActivation)
     EXPECT_LOG(box, INFO, "main", kPressed);
 }
 
+// The outcome of an update stands for three seconds, in which the pass goes on.
+TEST_F(AMainLoop, SamplesTheButtonBeforeItServesARequest)
+{
+    box.linkFirmware("/nowhere");
+    box.pressButton();
+    box.clock().advance(500ms);
+    ASSERT_TRUE(box.awaitStatus("rc_fw_update_canceled"));
+    box.releaseButton();
+
+    EXPECT_LOG(box, INFO, "main", kPressed);
+}
+
+TEST_F(AMainLoop, CountsAPressFromTheEndOfTheRequestThatCameWithIt)
+{
+    box.linkFirmware("/nowhere");
+    box.pressButton();
+    box.clock().advance(500ms);
+    ASSERT_TRUE(box.awaitStatus("rc_fw_update_canceled"));
+    box.clock().advance(3s);
+    EXPECT_LOG(box, INFO, "main", kPressed);
+    ASSERT_LOG(box, TRACE, "main", "ACTIVATING..."); // due at once, after so long a pass
+    ASSERT_TRUE(box.program().awaitMainThreadInUsleep());
+    EXPECT_NO_LOG(box, INFO, "main", kHeld);
+    ASSERT_TRUE(box.pass(2s));
+
+    EXPECT_LOG(box, INFO, "main", kHeld);
+}
+
 } // namespace

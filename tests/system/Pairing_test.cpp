@@ -237,6 +237,18 @@ TEST_F(APairingOfAPairedRemote, RemovesTheAddressWithoutALineInTheLog)
     EXPECT_EQ(box.statusCourse().back(), "connected") << "the old status stands until the scan is on";
 }
 
+TEST_F(APairingOfAPairedRemote, KnowsNoRemoteAlthoughBlueZRefusesToForgetIt)
+{
+    box.sim().bend(Bend::error("RemoveDevice", "org.bluez.Error.Failed", "stays"));
+    request();
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "stays"));
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    box.clock().advance(60s);
+
+    EXPECT_LOG(box, WARN, "main", kNotFound);
+    EXPECT_TRUE(box.awaitStatus("no device"));
+}
+
 TEST_F(APairingOfAPairedRemote, LeavesTheBoxWithoutARemoteIfItFails)
 {
     request();

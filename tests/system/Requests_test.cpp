@@ -379,6 +379,16 @@ TEST_F(ARemoteThatIsPairedAndAway, LeavesItsHourToTheOneThatReplacesIt)
     EXPECT_THAT(box.busCalls({"Connect"}), ElementsAre("hci0/dev_C0_FF_EE_00_00_0A Device1.Connect ()"));
 }
 
+TEST_F(ARemoteThatIsPairedAndAway, IsPublishedAsConnectingBeforeTheCall)
+{
+    box.sim().bend(Bend::silence("Connect"));
+    box.setFlag("pair");
+    box.clock().advance(500ms);
+    ASSERT_TRUE(box.sim().awaitCall("Connect", "", 1, kPatience));
+
+    EXPECT_EQ(box.content("bluetooth_status"), "connecting\n");
+}
+
 TEST_F(ARemoteThatIsPairedAndAway, HasNoStatusWrittenInThePassThatConnectsIt)
 {
     const std::size_t writes = box.files().writes("bluetooth_status");
