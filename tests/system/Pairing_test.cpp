@@ -121,6 +121,14 @@ TEST_F(APairing, StopsDiscoveringBeforeItPairs)
     EXPECT_FALSE(box.sim().discovering());
 }
 
+TEST_F(APairing, StopsDiscoveringUnderTheLock)
+{
+    box.sim().bend(Bend::late("StopDiscovery", kLateAnswer));
+    request();
+
+    expectHandlersToWaitFor("StopDiscovery");
+}
+
 TEST_F(APairing, WaitsAtMostASliceForARemoteThatIsThere)
 {
     box.sim().bend(Bend::lateReply("StartDiscovery", 2s * kSlowness)); // by then the remote is there

@@ -389,6 +389,15 @@ TEST_F(ARemoteThatIsPairedAndAway, IsPublishedAsConnectingBeforeTheCall)
     EXPECT_EQ(box.content("bluetooth_status"), "connecting\n");
 }
 
+TEST_F(ARemoteThatIsPairedAndAway, IsConnectedUnderTheLock)
+{
+    box.sim().bend(Bend::late("Connect", kLateAnswer));
+    box.setFlag("pair");
+    box.clock().advance(500ms);
+
+    expectHandlersToWaitFor("Connect");
+}
+
 TEST_F(ARemoteThatIsPairedAndAway, HasNoStatusWrittenInThePassThatConnectsIt)
 {
     const std::size_t writes = box.files().writes("bluetooth_status");
@@ -456,6 +465,14 @@ TEST_F(ARemoteThatIsKnownAndNotPaired, IsRemovedAgainIfThatFailed)
 
     EXPECT_LOG(box, DEBUG, "main", "Device: - /org/bluez/" + kDevice);
     EXPECT_THAT(box.busCalls(), ElementsAre(kRemove, kRemove));
+}
+
+TEST_F(ARemoteThatIsKnownAndNotPaired, IsRemovedUnderTheLock)
+{
+    box.sim().bend(Bend::late("RemoveDevice", kLateAnswer));
+    box.clock().advance(500ms);
+
+    expectHandlersToWaitFor("RemoveDevice");
 }
 
 TEST_F(ARemoteThatIsKnownAndNotPaired, LeavesTheStatusAsItWas)

@@ -320,6 +320,18 @@ void InABox::startDisconnectedAtRest()
     box.sim().clearCalls();
 }
 
+void InABox::expectHandlersToWaitFor(const std::string& member)
+{
+    ASSERT_TRUE(box.sim().awaitCall(member, "", 1, kPatience));
+    const std::string path = std::string(kRoot) + "hci0/dev_C0_FF_EE_00_00_0F";
+    box.sim().addObject(path, {{"org.bluez.Device1", {{"Name", g_variant_new_string("TV")}}}});
+    ASSERT_TRUE(box.sim().awaitCall("Get", path, 1, kPatience)); // for its name
+
+    const std::chrono::microseconds wait(box.sim().calls("Get", path).front().timeUs -
+                                         box.sim().calls(member).front().timeUs);
+    EXPECT_GT(wait, kLateAnswer / 2) << "the handler went on before " << member << " was answered";
+}
+
 void InABox::TearDown()
 {
     if (HasFailure()) {

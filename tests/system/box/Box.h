@@ -125,6 +125,11 @@ protected:
     /// daemon saw that, was at the time that the clock shows.
     void startDisconnectedAtRest();
 
+    /// Expects that what a handler does under the daemon's lock waits for the answer to the first call of
+    /// `member`, which the case has bent to be handled kLateAnswer late.
+    void expectHandlersToWaitFor(const std::string& member);
+    static constexpr std::chrono::milliseconds kLateAnswer{1000};
+
     Box box;
 };
 
