@@ -172,6 +172,22 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInTheMainLoop)
     EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_status");
 }
 
+TEST_F(ADaemon, LeavesAllItsFilesOnTheSecondInterrupt)
+{
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.stopClock());
+    for (const std::string& name : kPublished) {
+        box.writeText(name, "of " + name + "\n");
+    }
+    box.interruptTwice();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+    for (const std::string& name : kPublished) {
+        EXPECT_EQ(box.content(name), "of " + name + "\n");
+    }
+    EXPECT_EQ(box.log().count(beginsLog(WARN, "main", "REMOVE")), 0U);
+}
+
 TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInTheScanWait)
 {
     startScanning();

@@ -117,6 +117,24 @@ TEST_F(ABoxThatStarts, AsksARefusingAdapterAgainWithoutAPause)
     EXPECT_LT(calls.back().timeUs - calls.front().timeUs, 5000000);
 }
 
+TEST_F(ABoxThatStarts, StopsInOrderOnAnInterruptWhileItsAdapterRefuses)
+{
+    // The refusals take their time, so that the interrupt comes in the middle of one.
+    box.sim().dropProperty(box.sim().adapterPath(), "org.bluez.Adapter1", "Powered");
+    box.sim().bend(Bend::late("Set", kLateAnswer));
+    box.startDaemon();
+    ASSERT_LOG(box, ERROR, "Bluez",
+               busError("org.freedesktop.DBus.Error.UnknownProperty", "No such property 'Powered'"));
+    ASSERT_TRUE(box.sim().awaitCall("Set", "", 2, kPatience));
+    EXPECT_TRUE(box.stops());
+
+    EXPECT_LOG(box, WARN, "main", "Interrupt!");
+    EXPECT_LOG(box, DEBUG, "main", "Waiting RC...");
+    EXPECT_LOG(box, DEBUG, "main", "process loop start");
+    EXPECT_NO_LOG(box, INFO, "main", "Adapter powered");
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", kGone));
+}
+
 TEST_F(ABoxThatStarts, TakesTheFirstOfTwoAdapters)
 {
     box.sim().addAdapter({"hci1", "00:1A:7D:DA:71:14", true});
