@@ -209,8 +209,9 @@ private:
 /// The one daemon; the signal handler reaches it only through this.
 extern std::unique_ptr<App> gApp;
 
-/// Replaces the content of the file `path` by `text` and a newline. Does nothing if either is empty, and
-/// passes over a file that can't be opened.
+/// Replaces the content of the file `path` by `text` and a newline. Does nothing if either is empty. Whatever
+/// stands there besides a regular file of the daemon's own user is removed first; what can't be written is
+/// passed over.
 void writeFile(const std::string& text, const std::string& path);
 
 /// Handles SIGINT: the first stops the daemon in order, the second ends it at once with status 1.

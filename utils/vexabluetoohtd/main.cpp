@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
+#include "BoxFiles.h"
 #include "NSRegExp.h"
 #include "Printable.h"
 #include "RcuOtaUpdater.h"
@@ -70,17 +70,13 @@ std::time_t secondsSince(const NSTime& start)
 
 int readButtonLevel()
 {
-    int level = kButtonStartLevel;
-    std::ifstream file(kButtonFile);
-    if (file) {
-        file >> level; // what isn't a number gives 0, which reads as pressed; an empty file changes nothing
-    }
-    return level;
+    // What isn't a number gives 0, which reads as pressed; an empty file changes nothing.
+    return box_files::readNumber(kButtonFile, kButtonStartLevel);
 }
 
 bool fileExists(const char* path)
 {
-    return std::ifstream(path).is_open();
+    return box_files::isReadable(path);
 }
 
 void removeFile(const char* path)
@@ -118,10 +114,7 @@ void writeFile(const std::string& text, const std::string& path)
     if (text.empty() || path.empty()) {
         return;
     }
-    std::ofstream file(path);
-    if (file) {
-        file << text << '\n' << std::flush;
-    }
+    box_files::writeLine(text, path);
 }
 
 // --- Start and stop ---

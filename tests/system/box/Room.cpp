@@ -297,7 +297,7 @@ void Room::linkFirmware(const std::string& image) const
 
 void Room::writeAdc(const std::string& text) const
 {
-    const std::string path = mFolder + kAdcFile;
+    const std::string path = adcFile();
     const std::string fresh = path + ".new";
     std::ofstream stream(fresh);
     stream << text << std::flush;
@@ -309,7 +309,12 @@ void Room::writeAdc(const std::string& text) const
 
 void Room::removeAdc() const
 {
-    std::filesystem::remove(mFolder + kAdcFile);
+    std::filesystem::remove(adcFile());
+}
+
+std::string Room::adcFile() const
+{
+    return mFolder + kAdcFile;
 }
 
 // ---- signals

@@ -70,6 +70,8 @@ public:
     /// The file is replaced in one go: the program sees the old text or the new one.
     void writeAdc(const std::string& text) const;
     void removeAdc() const;
+    /// Where the button's file lies outside.
+    std::string adcFile() const;
     void pressButton() const { writeAdc("12\n"); }
     void releaseButton() const { writeAdc("1023\n"); }
 
