@@ -140,7 +140,7 @@ class Links(unittest.TestCase):
         cases = set(re.findall(r'^@(?:cases\.)?case\("(\w+)"',
                                read("tests/realstack/cases.py") + read("tests/realstack/units.py"), re.MULTILINE))
         guide = read("docs/deployment.md")
-        one = r"\d{1,2}[a-c]?"
+        one = r"\d{1,2}[a-d]?"
         lists = re.findall(rf"\(({one}(?:, {one})*)\)|\| ({one}(?:, {one})*)\b[^|]*\|$", guide, re.MULTILINE)
         named = {case for pair in lists for part in pair for case in re.findall(one, part)}
         self.assertEqual(named, cases)

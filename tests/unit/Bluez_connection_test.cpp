@@ -753,9 +753,10 @@ public:
     {
         awaitClient();
         for (std::string line = readLine(); line != "BEGIN"; line = readLine()) {
-            const bool negotiates = line == "NEGOTIATE_UNIX_FD";
-            const std::string answer =
-                negotiates ? "AGREE_UNIX_FD\r\n" : "OK 0123456789abcdef0123456789abcdef\r\n";
+            const std::string answer = line == "AUTH" ? "REJECTED EXTERNAL\r\n"
+                                       : line == "NEGOTIATE_UNIX_FD"
+                                           ? "AGREE_UNIX_FD\r\n"
+                                           : "OK 0123456789abcdef0123456789abcdef\r\n";
             ASSERT_EQ(write(mClient, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
         }
         char byte = 0;

@@ -19,6 +19,5 @@ bool RemovalGate::isGoing(const std::string& path)
         return false;
     }
     const pthread_helper::scoped_lock lock(_pathMutex);
-    const bool isBelow = _path.size() > path.size() && _path[path.size()] == '/';
-    return _removing && (isBelow || _path.size() == path.size()) && _path.compare(0, path.size(), path) == 0;
+    return _removing && _path == path;
 }

@@ -34,7 +34,7 @@ public:
     pthread_helper::mutex& hold() { return _hold; }
     /// Whether a removal is announced. Any thread.
     bool removing() const { return _removing; }
-    /// Whether it is `path` whose removal is announced, or something below it: children go first. Any thread.
+    /// Whether it is `path` whose removal is announced. Any thread.
     bool isGoing(const std::string& path);
 
 private:
