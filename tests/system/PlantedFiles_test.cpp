@@ -75,6 +75,13 @@ public:
             }
         });
     }
+    /// With the header of an image that is newer.
+    void fifoWithImage(const std::string& path)
+    {
+        fifo(path);
+        const std::vector<std::uint8_t> image = newerImage(5).file();
+        must(static_cast<int>(write(hold(path), image.data(), image.size())), path);
+    }
     void folder(const std::string& path) { std::filesystem::create_directory(path); }
     void fullFolder(const std::string& path)
     {
@@ -340,6 +347,40 @@ TEST_P(AFolderForEachStatusFile, IsPassedOverInSilence)
 INSTANTIATE_TEST_SUITE_P(Which, AFolderForEachStatusFile,
                          ::testing::Values(PlantedStatus{{"IsEmpty"}, &Planter::folder},
                                            PlantedStatus{{"IsFull"}, &Planter::fullFolder}),
+                         named);
+
+// ---- the image
+
+class AnImageThat : public UpdateStory, public ::testing::WithParamInterface<PlantedStatus>
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(remoteIsRead()); }
+
+    Planter planter{box};
+};
+
+TEST_P(AnImageThat, IsUnnecessary)
+{
+    (planter.*GetParam().plant)(box.file("planted"));
+    box.linkFirmware("/tmp/planted");
+
+    ASSERT_TRUE(ends("canceled"));
+    ASSERT_TRUE(idlesWith("connected"));
+    EXPECT_THAT(updateLog(),
+                ::testing::ElementsAre("D Firmware symlink found: /tmp/planted",
+                                       "W REMOVE: /tmp/bluetooth_rc_fw", "W RC update is unnecessary"));
+    EXPECT_TRUE(endsAtOnce(box));
+}
+
+INSTANTIATE_TEST_SUITE_P(Is, AnImageThat,
+                         ::testing::Values(PlantedStatus{{"AFifo"}, &Planter::fifo},
+                                           PlantedStatus{{"AFifoThatHoldsAnImage"}, &Planter::fifoWithImage},
+                                           PlantedStatus{{"AFolder"}, &Planter::folder},
+                                           PlantedStatus{{"ALinkToNothing"}, &Planter::linkToNothing},
+                                           PlantedStatus{{"ALinkToADevice"}, &Planter::linkToDevice},
+                                           PlantedStatus{{"ALinkToATerminal"}, &Planter::linkToTerminal},
+                                           PlantedStatus{{"ASocket"}, &Planter::socketFile},
+                                           PlantedStatus{{"ALeasedFile"}, &Planter::leasedFile}),
                          named);
 
 // ---- the button

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <filesystem>
 
 using namespace vexabox;
 using namespace std::chrono_literals;
@@ -87,6 +88,30 @@ TEST_F(AnUpdate, CallsTheStackInItsOrder)
 }
 
 // ---- images
+
+class AnImageThatIs : public AnUpdate, public ::testing::WithParamInterface<bool>
+{
+};
+
+TEST_P(AnImageThatIs, IsSentAsItWas)
+{
+    const FirmwareImage image = newerImage(2500); // longer than a stream reads ahead
+    offer(image);
+    ASSERT_LOG(box, INFO, "main", "Updating RC firmware from 1a3 to 1a4");
+    if (GetParam()) {
+        box.writeText("other.bin", std::string(20000, 'x'));
+        std::filesystem::rename(box.file("other.bin"), box.file("image.bin"));
+    } else {
+        std::filesystem::remove(box.file("image.bin"));
+    }
+
+    ASSERT_TRUE(ends("succeed", 120s));
+    EXPECT_THAT(exchange(), ElementsAreArray(goodExchange(image, 10000)));
+    EXPECT_TRUE(box.remote().receiver().verified()) << box.remote().receiver().complaint();
+}
+
+INSTANTIATE_TEST_SUITE_P(DuringItsUpdate, AnImageThatIs, ::testing::Bool(),
+                         [](const auto& test) { return test.param ? "Replaced" : "Removed"; });
 
 TEST_F(AnUpdate, OfNoWordsSendsNoBlockAndVerifies)
 {

@@ -232,6 +232,11 @@ TEST_P(AThing, IsAFlagIfItOpensAtOnce)
     EXPECT_EQ(GetParam().readable, box_files::isReadable(path.c_str()));
 }
 
+TEST_P(AThing, GivesNoStreamUnlessItIsARegularFile)
+{
+    EXPECT_EQ(GetParam().make == &ABoxFile::makeFile, box_files::openRegularFile(path).is_open());
+}
+
 INSTANTIATE_TEST_SUITE_P(Which, AThing,
                          testing::Values(Thing{{"IsNotThere"}, &ABoxFile::makeNothing, false},
                                          Thing{{"IsAnEmptyFile"}, &ABoxFile::makeFile, true},
@@ -387,6 +392,17 @@ TEST_F(AStatusFile, IsNotWrittenInThePlaceOfAFolder)
     box_files::writeLine("init", path);
 
     EXPECT_TRUE(std::filesystem::is_empty(path));
+}
+
+// --------------------------------------------------------------------------- The image
+
+TEST_F(ABoxFile, IsReadAsItWasOpenedThoughItIsReplaced)
+{
+    folder.write("file", "the image"s);
+    std::filebuf image = box_files::openRegularFile(path);
+    std::filesystem::rename(folder.write("other", "another"s), path);
+
+    EXPECT_EQ("the image", std::string(std::istreambuf_iterator<char>(&image), {}));
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <ostream>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -112,6 +113,41 @@ TEST_F(AFirmware, OfAFileThatFailsToReadIsRefusedInSilence)
     // Opens, but nothing is mapped at address 0: the read gives an I/O error.
     EXPECT_EQ(nullptr, Firmware::createWithLocation("/proc/self/mem"));
     EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfADeviceIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation("/dev/zero")) << "although it has 12 bytes to read";
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAFifoIsRefusedInSilence)
+{
+    const std::string path = mFolder.path("fifo");
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "without a writer, for whom it would wait";
+
+    const int writer = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    const Bytes file = FirmwareImage::ofWords(1).file();
+    ASSERT_EQ(static_cast<ssize_t>(file.size()), write(writer, file.data(), file.size()));
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "although an image comes through it";
+    close(writer);
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, BehindALinkIsAnImage)
+{
+    mFolder.write("image.bin", FirmwareImage::ofWords(1).file());
+    std::filesystem::create_symlink(mFolder.path("image.bin"), mFolder.path("link"));
+
+    EXPECT_NE(nullptr, Firmware::createWithLocation(mFolder.path("link")));
+}
+
+TEST_F(AFirmware, ClosesItsFile)
+{
+    open(FirmwareImage::ofWords(1).file());
+
+    EXPECT_EQ(-1, descriptorOf("image.bin"));
 }
 
 // ------------------------------------------------------------------------ The header

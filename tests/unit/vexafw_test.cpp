@@ -193,6 +193,8 @@ TEST_F(Vexafw, SaysWhyAFileIsNoImage)
         expectError(run({command, mFolder.path("missing")}),
                     "vexafw: can't open " + mFolder.path("missing") + ": No such file or directory\n");
         expectError(run({command, mFolder.path()}), "vexafw: " + mFolder.path() + " is a folder\n");
+        expectError(run({command, "/dev/zero"}),
+                    "vexafw: /dev/zero isn't a regular file, and the daemon takes no other\n");
         const std::string shortFile = mFolder.write("short", "11 bytes...");
         expectError(run({command, shortFile}),
                     shortFile + " holds 11 bytes, but the header of an image alone takes 12\n");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "BoxFiles.h"
 
+#include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,13 +34,14 @@ public:
             close(mNumber);
         }
     }
-    Descriptor(Descriptor&& other) noexcept : mNumber(std::exchange(other.mNumber, -1)) {}
+    Descriptor(Descriptor&& other) noexcept : mNumber(other.release()) {}
     Descriptor& operator=(Descriptor&&) = delete;
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
 
     bool valid() const { return mNumber >= 0; }
     int get() const { return mNumber; }
+    int release() { return std::exchange(mNumber, -1); }
 
 private:
     int mNumber;
@@ -137,6 +139,22 @@ void writeLine(const std::string& line, const std::string& path)
     if (file.valid() && ftruncate(file.get(), 0) == 0) {
         writeAll(file, line + '\n');
     }
+}
+
+std::filebuf openRegularFile(const std::string& path)
+{
+    Descriptor file = openToRead(path.c_str());
+    struct stat info {
+    };
+    if (!file.valid() || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        return {};
+    }
+    // The very descriptor that was looked at, and not its path again: somebody may have exchanged it.
+    __gnu_cxx::stdio_filebuf<char> buffer(file.get(), std::ios::in | std::ios::binary);
+    if (buffer.is_open()) {
+        file.release(); // closed by the buffer
+    }
+    return std::move(buffer);
 }
 
 } // namespace box_files

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <fstream>
 #include <string>
 
 /**
@@ -26,5 +27,8 @@ int readNumber(const char* path, int otherwise);
 /// regular file of the daemon's own user with one name; whatever else stands there is removed and made anew.
 /// A folder stays, and nothing is written.
 void writeLine(const std::string& line, const std::string& path);
+
+/// Opens a regular file for reading, through links; anything else leaves the buffer closed.
+std::filebuf openRegularFile(const std::string& path);
 
 } // namespace box_files

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 
+#include "BoxFiles.h"
 #include "STBLogger.h"
 
 namespace
@@ -40,7 +41,13 @@ std::unique_ptr<Firmware> Firmware::createWithLocation(const std::string& locati
     return firmware;
 }
 
-Firmware::Firmware(const std::string& location) : mLocation{location}, mStream{location} {}
+Firmware::Firmware(const std::string& location) : mLocation{location}
+{
+    *mStream.rdbuf() = box_files::openRegularFile(location);
+    if (!mStream.is_open()) {
+        mStream.setstate(std::ios::failbit);
+    }
+}
 
 bool Firmware::parseHeader()
 {

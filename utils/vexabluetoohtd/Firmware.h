@@ -29,7 +29,8 @@ public:
     };
 
     /// Opens the image at `location` and reads its header: the only way to make a Firmware. Empty on failure,
-    /// which is logged for an empty path only; a file of 12 bytes or more never fails.
+    /// which is logged for an empty path only; a regular file of 12 bytes or more never fails. Waits for
+    /// nothing: a FIFO, a device or a folder can't be opened.
     static std::unique_ptr<Firmware> createWithLocation(const std::string& location);
 
     /// Decodes the 12 bytes at the stream's position into the header; false, in silence, if they can't be

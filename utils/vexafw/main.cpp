@@ -86,6 +86,9 @@ std::unique_ptr<Firmware> openImage(const std::string& path)
 {
     auto firmware = Firmware::createWithLocation(path);
     if (!firmware) {
+        if (std::filesystem::is_other(path)) {
+            throw UserError{path + " isn't a regular file, and the daemon takes no other"};
+        }
         const auto size = readFile(path).size();
         throw UserError{path + " holds " + std::to_string(size) + (size == 1 ? " byte" : " bytes") +
                         ", but the header of an image alone takes " + std::to_string(kHeaderBytes)};
