@@ -227,8 +227,9 @@ INSTANTIATE_TEST_SUITE_P(OfBytes, AGoodFileThatEndsInABlock, ::testing::Values(4
 // may be shorter than 13 ms; from the first block to any later one the sum may be only by that one delay.
 TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
 {
-    // Of the pace; a busy machine decides nothing here. With a sanitizer 60 % have been seen.
-    constexpr double kWorstRate = kSlowness > 1 ? 0.2 : 0.5;
+    // Of the pace; a busy machine decides nothing here. Beside twelve programs that never rest two processors
+    // came to 50 % of it, with a median of 20 ms, and at a lower priority to 19 % and 29 ms.
+    constexpr double kWorstRate = 0.15;
     offer(newerImage(1250));
     ASSERT_TRUE(ends("succeed", 120s));
 
@@ -243,7 +244,7 @@ TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
     pacing.print();
 
     EXPECT_GE(pacing.medianUs(), Pacing::kPaceUs - 1000);
-    EXPECT_LE(pacing.medianUs(), 2 * Pacing::kPaceUs);
+    EXPECT_LE(pacing.medianUs(), 4 * Pacing::kPaceUs);
     // 100 ms for the first packet's being noted late.
     EXPECT_LE(pacing.rate(), 1.0 + 100000.0 / static_cast<double>(pacing.wholeUs()));
     EXPECT_GE(pacing.rate(), kWorstRate);

@@ -21,7 +21,7 @@ using testing::Ge;
 using testing::Le;
 
 constexpr std::int64_t kPaceUs = 13'000; // from the start of a block to that of the next
-constexpr std::int64_t kLongestPaceUs = 3 * kPaceUs;
+constexpr std::int64_t kLongestPaceUs = 4 * kPaceUs;
 constexpr std::int64_t kAnswerUs = 1'000'000;
 constexpr std::int64_t kPauseUs = 5'000'000; // before the verification
 
