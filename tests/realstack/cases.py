@@ -380,7 +380,8 @@ def no_pairing(box):
     failed = ("scanning", "no device")
     box.expect_course("init", "no device", *failed, *failed, *failed, "scanning", "pairing?", "connected")
     one = (KEPT, "Device pairing call has failed")
-    box.expect_errors(*one, *one, *one, KEPT)
+    # bluetoothd drops the device itself, perhaps before the daemon asks for it.
+    box.expect_errors(*one, *one, *one, KEPT, tolerated=[".*DoesNotExist.*"])
 
 
 @case("7b", "the remote has lost its bond")

@@ -753,10 +753,15 @@ public:
     {
         awaitClient();
         for (std::string line = readLine(); line != "BEGIN"; line = readLine()) {
-            const std::string answer = line == "AUTH" ? "REJECTED EXTERNAL\r\n"
-                                       : line == "NEGOTIATE_UNIX_FD"
-                                           ? "AGREE_UNIX_FD\r\n"
-                                           : "OK 0123456789abcdef0123456789abcdef\r\n";
+            std::string answer = "OK 0123456789abcdef0123456789abcdef";
+            if (line == "AUTH") {
+                answer = "REJECTED EXTERNAL";
+            } else if (line == "AUTH EXTERNAL") {
+                answer = "DATA";
+            } else if (line == "NEGOTIATE_UNIX_FD") {
+                answer = "AGREE_UNIX_FD";
+            }
+            answer += "\r\n";
             ASSERT_EQ(write(mClient, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
         }
         char byte = 0;
