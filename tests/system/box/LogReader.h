@@ -62,6 +62,10 @@ public:
     /// Waits for the program to close its side.
     bool awaitEnd(std::chrono::milliseconds limit = kPatience) const;
 
+    /// Nothing is read while the lock lives, so the program comes to wait for its
+    /// reader. Its holder may ask this object nothing meanwhile.
+    std::unique_lock<std::mutex> pause() { return std::unique_lock<std::mutex>(mMutex); }
+
     // These first see to it that all that the program has written so far is read.
 
     /// Awaits what comes from now on; what came is passed over.

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -246,6 +247,17 @@ void Program::start(const ProgramOptions& options)
     mErrors = std::move(errorReader);
 }
 
+void Program::fillErrors() const
+{
+    const Handle errors(
+        open(("/proc/" + std::to_string(mPid) + "/fd/2").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    require(errors.valid(), "open standard error");
+    const std::string line = std::string(PIPE_BUF - 1, '-') + "\n"; // goes in whole or not at all
+    while (write(errors.get(), line.data(), line.size()) > 0) {
+    }
+    require(errno == EAGAIN, "fill standard error");
+}
+
 void Program::signal(int number) const
 {
     kill(mPid, number);
@@ -254,6 +266,15 @@ void Program::signal(int number) const
 void Program::signalMainThread(int number) const
 {
     syscall(SYS_tgkill, mPid, mPid, number);
+}
+
+bool Program::handles(int number) const
+{
+    const std::string status = ofMainThread(mPid, "status");
+    static const std::string key = "\nSigCgt:";
+    const std::size_t at = status.find(key);
+    return at != std::string::npos &&
+           (std::strtoull(status.c_str() + at + key.size(), nullptr, 16) >> (number - 1) & 1U) != 0;
 }
 
 char Program::mainThreadState() const
@@ -295,6 +316,12 @@ bool Program::mainThreadIsOnCondition() const
 #endif
 }
 
+bool Program::mainThreadIsInWrite() const
+{
+    const std::string errors = std::to_string(SYS_write) + " 0x" + std::to_string(STDERR_FILENO) + " ";
+    return ofMainThread(mPid, "syscall").rfind(errors, 0) == 0;
+}
+
 // How often it has gone to wait in the kernel, for whatever reason.
 long Program::mainThreadWaits() const
 {
@@ -304,7 +331,7 @@ long Program::mainThreadWaits() const
     return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + key.size(), nullptr, 10);
 }
 
-// The kernel tells of neither of these by an event.
+// The kernel tells of none of these by an event.
 template <typename Condition>
 bool Program::poll(std::chrono::milliseconds limit, Condition condition) const
 {
@@ -316,6 +343,11 @@ bool Program::poll(std::chrono::milliseconds limit, Condition condition) const
         std::this_thread::sleep_for(kLookInterval);
     }
     return true;
+}
+
+bool Program::awaitHandlerOf(int number, std::chrono::milliseconds limit) const
+{
+    return poll(limit, [this, number] { return handles(number); });
 }
 
 bool Program::awaitMainThreadAsleep(std::chrono::milliseconds limit) const
@@ -331,6 +363,11 @@ bool Program::awaitMainThreadOnCondition(std::chrono::milliseconds limit) const
 bool Program::awaitMainThreadInUsleep(std::chrono::milliseconds limit) const
 {
     return poll(limit, [this] { return mainThreadIsInUsleep(); });
+}
+
+bool Program::awaitMainThreadInWrite(std::chrono::milliseconds limit) const
+{
+    return poll(limit, [this] { return mainThreadIsInWrite(); });
 }
 
 bool Program::awaitAnew(bool (Program::*place)() const, std::chrono::milliseconds limit) const

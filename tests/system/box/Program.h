@@ -56,15 +56,21 @@ public:
     Handle takeOutput() { return std::move(mOutput); }
     Handle takeErrors() { return std::move(mErrors); }
 
+    /// Fills the pipe behind its standard error with foreign lines.
+    void fillErrors() const;
     void signal(int number) const;
     /// To the main thread alone.
     void signalMainThread(int number) const;
+    /// Until it has a handler of its own for the signal.
+    bool awaitHandlerOf(int number, std::chrono::milliseconds limit = kPatience) const;
     /// Until the main thread waits in the kernel.
     bool awaitMainThreadAsleep(std::chrono::milliseconds limit = kPatience) const;
     /// Until the main thread waits on a condition, or for a lock.
     bool awaitMainThreadOnCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInUsleep(std::chrono::milliseconds limit = kPatience) const;
-    /// Until it does so anew: it has gone through its loop at least once since.
+    /// Until it waits for the reader of its standard error, which is full.
+    bool awaitMainThreadInWrite(std::chrono::milliseconds limit = kPatience) const;
+    /// As above, but anew: it has gone through its loop at least once since.
     bool awaitMainThreadOnNextCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInNextSleep(std::chrono::milliseconds limit = kPatience) const;
     /// Until it has gone to wait in the kernel so often from now on, for whatever reason.
@@ -79,10 +85,12 @@ public:
 private:
     void start(const ProgramOptions& options);
     void readExit(int status);
+    bool handles(int number) const;
     char mainThreadState() const;
     long mainThreadCall() const;
     bool mainThreadIsInUsleep() const;
     bool mainThreadIsOnCondition() const;
+    bool mainThreadIsInWrite() const;
     bool awaitAnew(bool (Program::*place)() const, std::chrono::milliseconds limit) const;
     long mainThreadWaits() const;
     template <typename Condition>
