@@ -54,11 +54,16 @@ void STBThread::start(OnThreadCompletedListener* listener)
 void STBThread::thread()
 {
     run();
-    // Kept: read without a lock, although a refused start may be replacing it.
-    OnThreadCompletedListener* const listener = _listener;
+    OnThreadCompletedListener* const listener = listenerAtEnd(); // once: it may be changing
     if (listener != nullptr) {
         listener->onThreadCompleted(this);
     }
+}
+
+// Kept: read without a lock, though a refused start may be replacing it.
+STBThread::OnThreadCompletedListener* STBThread::listenerAtEnd() const
+{
+    return _listener;
 }
 
 void STBThread::stopThread()

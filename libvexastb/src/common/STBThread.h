@@ -80,6 +80,7 @@ public:
 
 private:
     void thread();
+    OnThreadCompletedListener* listenerAtEnd() const;
     void stopAndJoin(bool reportStopped);
 
     UniqueThreadPtr _thread;
