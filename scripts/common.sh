@@ -13,7 +13,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
     daemonPackages=(g++ cmake ninja-build pkg-config libglib2.0-dev)
     developmentPackages=("${daemonPackages[@]}" libgtest-dev libgmock-dev libcli11-dev libssl-dev
         dbus-daemon)
-    testPackages=("${developmentPackages[@]}" util-linux python3 python3-cryptography-vectors)
+    testPackages=("${developmentPackages[@]}" util-linux python3 python3-cryptography-vectors
+        g++-arm-linux-gnueabihf qemu-user)
     demoPackages=("${developmentPackages[@]}" util-linux python3)
     lintPackages=("${developmentPackages[@]}" git clang clang-format clang-tidy cppcheck shellcheck
         mandoc python3)
