@@ -411,7 +411,7 @@ TEST(AListener, HasItsDestructorBehindItsOperationsAndNoData)
     static_assert(sizeof(Bluez::Listener) == sizeof(void*));
     constexpr std::size_t kDestructor = 15; // the one that gives no storage back
     bool dead = false;
-    alignas(Mortal) unsigned char storage[sizeof(Mortal)];
+    alignas(Mortal) unsigned char storage[sizeof(Mortal)] = {};
     auto* const mortal = new (storage) Mortal(dead);
     void (**table)(void*) = nullptr;
     std::memcpy(&table, storage, sizeof table);

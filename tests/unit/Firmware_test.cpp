@@ -127,11 +127,11 @@ TEST_F(AFirmware, OfAFifoIsRefusedInSilence)
     ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
     EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "without a writer, for whom it would wait";
 
-    const int writer = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    std::fstream writer(path); // for both directions, so that it doesn't wait either
     const Bytes file = FirmwareImage::ofWords(1).file();
-    ASSERT_EQ(static_cast<ssize_t>(file.size()), write(writer, file.data(), file.size()));
+    writer.write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+    ASSERT_TRUE(writer.flush());
     EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "although an image comes through it";
-    close(writer);
     EXPECT_EQ("", mLog.text());
 }
 

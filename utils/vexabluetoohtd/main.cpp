@@ -68,17 +68,6 @@ std::time_t secondsSince(const NSTime& start)
     return (NSTime::nowRelative() - start).toTimeT();
 }
 
-int readButtonLevel()
-{
-    // What isn't a number gives 0, which reads as pressed; an empty file changes nothing.
-    return box_files::readNumber(kButtonFile, kButtonStartLevel);
-}
-
-bool fileExists(const char* path)
-{
-    return box_files::isReadable(path);
-}
-
 void removeFile(const char* path)
 {
     LOG_WARN("REMOVE %s", path);
@@ -88,7 +77,7 @@ void removeFile(const char* path)
 // Consumes a flag of the box; tells whether it was set.
 bool takeFlag(const char* path)
 {
-    if (!fileExists(path)) {
+    if (!box_files::isReadable(path)) {
         return false;
     }
     removeFile(path);
@@ -244,7 +233,8 @@ void App::process()
             continue;
         }
         lastPass = NSTime::nowRelative();
-        const int buttonLevel = readButtonLevel();
+        // What isn't a number gives 0, which reads as pressed; an empty file changes nothing.
+        const int buttonLevel = box_files::readNumber(kButtonFile, kButtonStartLevel);
         switch (state) {
         case State_eIdle:
             state = idle(buttonLevel, pressStart);
