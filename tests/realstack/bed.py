@@ -84,9 +84,9 @@ def prepare_machine():
 
 def read_at_once(path):
     """The line in a small file, by one read. The daemon writes its files in place,
-    so a second read could find the end of another word."""
-    with open(path, "rb", buffering=0) as file:
-        return file.read(4096).decode(errors="replace").strip()
+    so a second read could find the end of another word. A FIFO doesn't hold it."""
+    with open(path, "rb", buffering=0, opener=lambda name, flags: os.open(name, flags | os.O_NONBLOCK)) as file:
+        return (file.read(4096) or b"").decode(errors="replace").strip()
 
 
 def own_kilobytes(pid):
@@ -280,8 +280,9 @@ class Box:
         self.await_that(lambda: self.agent.text().count("registered as the default agent")
                         >= self.counts["bluetoothd"], "the agent", 60)
 
-    def start_daemon(self):
-        self.daemon = self.start("vexabluetoohtd", self.programs["vexabluetoohtd"],
+    def start_daemon(self, *wrapper):
+        """By the command before it, if there is one."""
+        self.daemon = self.start("vexabluetoohtd", *wrapper, self.programs["vexabluetoohtd"],
                                  VEXA_LOG_USE_COLORS="0", VEXA_LOG_TRACE_MODULES="Bluez",
                                  **self.clock.environment())
         self.daemon_logs.append(self.daemon.log)

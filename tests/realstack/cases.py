@@ -18,6 +18,7 @@ import time
 import traceback
 
 import bed
+import planted
 from bed import KEPT, UPLOADING, expect
 
 CASES = {}
@@ -618,6 +619,25 @@ def broken_activation(box):
     start_bluetoothd_in_vain(box)
     box.expect_course("init", "no device")
     box.expect_errors("Creating object manager failed.*")
+
+
+@case("12", "somebody plants links, FIFOs and files where the daemon publishes")
+def planted_files(box):
+    paired_box(box)
+    box.stop_daemon()
+    planted.make_victim()
+    for protection in (1, 0):
+        planted.protect(protection)
+        for wrapper in ((), planted.with_the_units_capabilities(box.programs["build"])):
+            planted.plant("a link")
+            box.start_daemon(*wrapper)
+            box.await_log("process loop start", LATER)
+            box.await_status("connected", LATER)
+            read_battery(box, "1a3")
+            planted.attack(box)
+            expect(box.stop_daemon() == 0, "the daemon didn't end in order")
+            expect(not list(bed.TMP.glob("bluetooth_*")), "files left behind")
+    box.expect_errors(KEPT)
 
 
 # ---- running them
