@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <stdexcept>
@@ -334,6 +335,23 @@ TEST(Syslog, IsOpenedWithTheDefaultNameAndClosedAtTheEnd)
                                                      "syslog 6 %s <.789 " + kGreeting + ">",
                                                      "syslog 6 %s <.789 [Bluez:42] text>", "closelog"));
     EXPECT_EQ("", outcome.errors);
+}
+
+TEST(Syslog, IsClosedForEachLoggerThatUsesIt)
+{
+    const Outcome outcome = withEnvironment(onSyslogOnly(), [] {
+        setenv("SECOND_LOG_SYSLOG", "y", 1);
+        for (const char* application : {"VEXA", "SECOND", "THIRD"}) {
+            STBLoggerLogParams params = daemonParams();
+            params.application = application;
+            STBLogger_log(&params, "", STBLogLevel_eTrace, 42, "main.cpp", "dropped");
+        }
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+    const auto lines = linesOf(outcome.output);
+    EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "openlog null 3 8"));
+    EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "closelog"));
 }
 
 TEST(Syslog, IsLeftAloneWhileItIsOff)

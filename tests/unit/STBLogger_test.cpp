@@ -11,6 +11,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "NamedCase.h"
 #include "STBLoggerChild.h"
@@ -58,6 +59,20 @@ TEST(EachMacro, LogsAtItsLevelWithAndWithoutArguments)
         expected.push_back(std::string(letter) + " [STBLogger_test] one 1");
     }
     EXPECT_EQ(expected, toldBehindGreeting(outcome));
+}
+
+TEST(EachLine, IsOutAtOnceAlthoughStandardErrorIsBuffered)
+{
+    const Outcome outcome = withEnvironment(plain(), [] {
+        std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+        for (const char* text : {"first", "second"}) {
+            say(STBLogLevel_eInfo, text);
+            const std::string written = takeContent(dup(STDERR_FILENO)); // what the file holds now
+            EXPECT_THAT(written, testing::EndsWith(std::string("] ") + text + "\n"));
+        }
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
 }
 
 struct ColourCase : NamedCase {

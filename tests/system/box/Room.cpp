@@ -32,6 +32,9 @@ constexpr const char* kAdcFile = "/class/saradc/saradc_ch0";
 constexpr const char* kOwnFolder = "/own/"; // below the program's /run
 constexpr std::size_t kTailLines = 60;
 
+/// The devices that a program may need.
+constexpr std::array kDevices = {"/dev/null", "/dev/zero", "/dev/random", "/dev/urandom"};
+
 /// What a program in a room inherits of the test's own environment.
 constexpr std::array kInherited = {"PATH",         "TZ",           "LD_LIBRARY_PATH",
                                    "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS",
@@ -196,8 +199,24 @@ std::string Room::showSuppressions(const std::string& options) const
     return options.substr(0, begin) + "/run" + shown + options.substr(end);
 }
 
+std::string Room::makeDeviceFolder()
+{
+    std::filesystem::create_directory(mFolder + "/dev");
+    for (const char* device : kDevices) {
+        touch(mFolder + device);
+    }
+    mHasDeviceFolder = true;
+    return mFolder + "/dev";
+}
+
 void Room::launch(ProgramOptions options)
 {
+    if (mHasDeviceFolder) {
+        for (const char* device : kDevices) {
+            options.mounts.emplace_back(device, mFolder + device);
+        }
+        options.mounts.emplace_back(mFolder + "/dev", "/dev");
+    }
     // The room's /tmp last: the room itself lies under the outer one.
     options.mounts.emplace_back(mFolder + "/class", "/sys/class");
     options.mounts.emplace_back(runFolder(), "/run");

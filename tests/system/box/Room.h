@@ -46,6 +46,10 @@ public:
     /// In programs of the build started from now on the main thread wins every race for a lock.
     void slowHandlers() { mHandlersSlow = true; }
 
+    /// Programs started from now on have a /dev of their own, with the few devices
+    /// that everybody needs. Returns where it lies outside.
+    std::string makeDeviceFolder();
+
     Program& program() { return *mProgram; }
     LogReader& log() { return *mLog; }
     /// What the program wrote to its standard output.
@@ -101,6 +105,7 @@ private:
     pid_t mJanitorPid = -1;
     bool mInterruptedEarly = false;
     bool mHandlersSlow = false;
+    bool mHasDeviceFolder = false;
     std::unique_ptr<Clock> mClock;
     std::unique_ptr<FileWatch> mFiles;
     std::unique_ptr<Program> mProgram;
