@@ -1,42 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "Printable.h"
 
-#include <cstdlib>
-#include <new>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "NamedCase.h"
-
-// --- Memory: allocations are counted
-
-namespace
-{
-int allocations = 0;
-}
-
-// Out of line, or the optimiser pairs this free with the new of the caller and warns.
-// NOLINTBEGIN(cppcoreguidelines-no-malloc)
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    ++allocations;
-    if (void* memory = std::malloc(size > 0 ? size : 1)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
-// NOLINTEND(cppcoreguidelines-no-malloc)
 
 namespace
 {

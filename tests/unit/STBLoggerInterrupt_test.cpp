@@ -2,8 +2,6 @@
 // A handler that logs interrupts the logger at each step that it takes.
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,38 +13,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "Allocations.h"
 #include "STBLoggerChild.h"
-
-// --- Memory: a hook in an allocation
-
-namespace
-{
-void (*onAllocation)() = nullptr;
-}
-
-// Out of line, or the optimiser pairs this free with the new of the caller and warns.
-// NOLINTBEGIN(cppcoreguidelines-no-malloc)
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    if (onAllocation != nullptr) {
-        onAllocation();
-    }
-    if (void* memory = std::malloc(size > 0 ? size : 1)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
-// NOLINTEND(cppcoreguidelines-no-malloc)
 
 namespace
 {

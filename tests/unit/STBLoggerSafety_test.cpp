@@ -4,9 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <future>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,37 +13,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Allocations.h"
 #include "STBLoggerChild.h"
-
-// --- Memory: allocations are counted, and what is freed is spoilt
-
-namespace
-{
-std::atomic<int> allocations{0};
-}
-
-// Out of line, or the optimiser pairs this free with the new of the caller and warns.
-// NOLINTBEGIN(cppcoreguidelines-no-malloc)
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    ++allocations;
-    if (void* memory = std::malloc(size > 0 ? size : 1)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t size) noexcept
-{
-    std::memset(memory, 'Z', size); // so that nobody goes on using it unnoticed
-    std::free(memory);
-}
-// NOLINTEND(cppcoreguidelines-no-malloc)
 
 namespace
 {
