@@ -138,7 +138,7 @@ class Process:
 class Clock:
     """The daemon's monotonic clock, which a case moves on instead of waiting.
     The page is that of tests/system/box/ClockPage.h, which begins with the offset
-    in nanoseconds."""
+    and the time at which the clock is held, both in nanoseconds."""
 
     def __init__(self, preload):
         self._path = pathlib.Path("/run/clock")
@@ -152,6 +152,15 @@ class Clock:
 
     def skip(self, seconds):
         self._set(0, self._get(0) + int(seconds * NANOSECONDS))
+
+    def hold(self):
+        """From now on the daemon begins no idle pass: its clock stands, a bit
+        before the last one."""
+        self._set(8, time.monotonic_ns() + self._get(0) - 10 * NANOSECONDS)
+
+    def go_on(self):
+        self._set(0, self._get(0) + 30 * NANOSECONDS)
+        self._set(8, 0)
 
     def _get(self, at):
         return struct.unpack_from("=q", self._page, at)[0]
