@@ -52,9 +52,9 @@ struct Way {
     std::function<void(Simulator&)> comeBack;
 };
 
-void PrintTo(const Way& way, std::ostream* stream)
+std::ostream& operator<<(std::ostream& stream, const Way& way)
 {
-    *stream << way.name;
+    return stream << way.name;
 }
 
 void start(Simulator& sim)

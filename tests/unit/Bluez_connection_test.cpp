@@ -769,7 +769,7 @@ public:
     }
 
 private:
-    std::string readLine()
+    std::string readLine() const
     {
         std::string line;
         char byte = 0;
