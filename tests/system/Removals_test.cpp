@@ -7,11 +7,14 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <functional>
 
 using namespace vexabox;
 using namespace std::chrono_literals;
+using ::testing::Contains;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using vexasim::Bend;
 using vexasim::Simulator;
 
@@ -30,11 +33,11 @@ protected:
     ARemovalDuringACall() : InABox(pairedRemote()) { box.slowHandlers(); }
 
     /// From now on the method is answered late, by an error where its object has gone.
-    void slowDown(const std::string& member)
+    void slowDown(const std::string& member, std::chrono::milliseconds delay = kCallTakes)
     {
         box.sim().clearBends();
         box.sim().clearCalls();
-        box.sim().bend(Bend::late(member, kCallTakes));
+        box.sim().bend(Bend::late(member, delay));
     }
     /// The daemon stands in the call, and its next pass is due as soon as that has ended.
     void awaitCallOf(const std::string& member)
@@ -164,6 +167,30 @@ TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoe
     EXPECT_TRUE(box.files().await("bluetooth_rc_battery", "80"));
     EXPECT_THAT(box.sim().calls("ReadValue", version), IsEmpty());
     EXPECT_NO_LOG(box, ERROR, "Bluez", "No proxy found for characteristic " + version);
+}
+
+// ---- a handler that waits for the lock
+
+TEST_F(ARemovalDuringACall, LetsAHandlerThatWaitsGoBeforeTheNextPass)
+{
+    const std::string other = "/org/bluez/hci0/dev_C0_FF_EE_00_00_02";
+    box.remote().leave();
+    ASSERT_TRUE(box.startAndSkipWait());
+    ASSERT_TRUE(box.awaitStatus("disconnected"));
+    slowDown("Connect", 2s * kSlowness);
+    box.setFlag("pair");
+    awaitCallOf("Connect");
+    box.sim().addObject(other, {{"org.bluez.Device1", {{"Name", {g_variant_new_string("VEXA Two")}}}}});
+    ASSERT_LOG(box, DEBUG, "main", "Device: + " + other);
+    ASSERT_LOG(box, WARN, "main", "Removing failed to pair device");
+
+    // The pass behind the call already saw the remote that was announced during it.
+    const std::vector<std::string> log = box.logOf("main", TRACE);
+    const auto found = std::find(log.begin(), log.end(), "D RC found VEXA Two : " + other);
+    ASSERT_NE(found, log.end());
+    EXPECT_THAT(std::vector<std::string>(found, log.end()), Not(Contains("T Do Action_eDoNothing")));
+    const auto announced = std::find(log.begin(), log.end(), "D Device: + " + other);
+    EXPECT_THAT(std::vector<std::string>(announced, found), Not(Contains("T Do Action_eDoNothing")));
 }
 
 } // namespace
