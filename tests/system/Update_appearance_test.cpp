@@ -160,6 +160,17 @@ TEST_F(ARemoteToBeFound, IsNotSeenIfItsNameComesLater)
     expectNotFound();
 }
 
+// The update goes on to its end, and needs the events of its remote for it.
+TEST_F(ARemoteToBeFound, IsFoundAfterAnInterrupt)
+{
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitCall("StartDiscovery", "", 1, kPatience));
+    box.interrupt();
+
+    expectFound();
+    EXPECT_EQ(box.awaitExit(), Exit::with(0));
+}
+
 // ---- how long it takes
 
 class ARemoteThatTakesHalfAMinute : public ARemoteToBeFound

@@ -557,7 +557,7 @@ void App::onDeviceAdded(const std::string& path)
     Bluez& client = Bluez::ofThisThread();
     client.deviceGetName(path, name);
     client.deviceGetAddress(path, address);
-    if (!mRunning) {
+    if (!mRunning && !mUpdating) {
         client.stopEvents(); // interrupted meanwhile: the name of the next object may stay unanswered, too
     }
     std::vector<std::string> groups;
@@ -825,7 +825,9 @@ void App::processUpdate()
     // Not held during the update, whose events come through the handlers above.
     lock.unlock();
 
+    mUpdating = true;
     updateRc(request);
+    mUpdating = false;
     sleep(kUpdatePauseSec); // so that readers see the outcome before the ordinary words come back
 }
 
