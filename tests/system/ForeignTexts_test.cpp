@@ -2,6 +2,7 @@
 // Texts that come from the air, from the bus or from another user of the box: none makes a line of the log.
 
 #include "box/Box.h"
+#include "box/Objects.h"
 
 #include <gmock/gmock.h>
 
@@ -15,11 +16,6 @@ namespace
 const std::string kDevice = "/org/bluez/hci0/dev_00_00_00_00_00_09";
 const std::string kForged = "VEXA\n    12:00:00.000 E [main:1] forged\r\x1b[2J\x7f\xc2\x9b";
 const std::string kShown = "VEXA?    12:00:00.000 E [main:1] forged??[2J??";
-
-vexasim::Variant text(const std::string& value)
-{
-    return {g_variant_new_string(value.c_str())};
-}
 
 class ATextFromOutside : public InABox
 {
@@ -38,17 +34,16 @@ protected:
         return lines;
     }
 
-    void announce(const std::string& name, const std::string& address)
+    void announce(const std::string& name, const std::string& address, bool paired)
     {
-        box.sim().addObject(kDevice,
-                            {{"org.bluez.Device1", {{"Name", text(name)}, {"Address", text(address)}}}});
+        box.sim().addObject(kDevice, deviceObject(name, address, paired, false));
     }
 };
 
 TEST_F(ATextFromOutside, MakesNoLineAsTheNameOfARemote)
 {
     ASSERT_TRUE(box.startToIdle());
-    announce(kForged, "00:00:00:00:00:09");
+    announce(kForged, "00:00:00:00:00:09", false);
 
     EXPECT_LOG(box, DEBUG, "main", "RC found " + kShown + " : " + kDevice);
     EXPECT_THAT(foreignLines(), IsEmpty());
@@ -57,7 +52,7 @@ TEST_F(ATextFromOutside, MakesNoLineAsTheNameOfARemote)
 TEST_F(ATextFromOutside, StaysAsItIsAsAnOrdinaryName)
 {
     ASSERT_TRUE(box.startToIdle());
-    announce("VEXA J\xc3\xb6rg\xe2\x80\x99s", "00:00:00:00:00:09");
+    announce("VEXA J\xc3\xb6rg\xe2\x80\x99s", "00:00:00:00:00:09", false);
 
     EXPECT_LOG(box, DEBUG, "main", "RC found VEXA J\xc3\xb6rg\xe2\x80\x99s : " + kDevice);
 }
@@ -65,11 +60,7 @@ TEST_F(ATextFromOutside, StaysAsItIsAsAnOrdinaryName)
 TEST_F(ATextFromOutside, MakesNoLineAsTheAddressOfARemote)
 {
     ASSERT_TRUE(box.startToIdle());
-    box.sim().addObject(kDevice, {{"org.bluez.Device1",
-                                   {{"Name", text("VEXA RC")},
-                                    {"Address", text(kForged)},
-                                    {"Paired", {g_variant_new_boolean(TRUE)}},
-                                    {"Connected", {g_variant_new_boolean(FALSE)}}}}});
+    announce("VEXA RC", kForged, true);
     ASSERT_TRUE(box.awaitStatus("disconnected"));
     box.setFlag("pair");
 

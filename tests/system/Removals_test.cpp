@@ -4,6 +4,7 @@
 // the remote would be removed with its bond.
 
 #include "box/Box.h"
+#include "box/Objects.h"
 
 #include <gmock/gmock.h>
 
@@ -68,15 +69,7 @@ void start(Simulator& sim)
 // A device as bluetoothd shows one that is bonded and away.
 void addBonded(Simulator& sim)
 {
-    const auto text = [](const char* value) { return vexasim::Variant(g_variant_new_string(value)); };
-    const auto flag = [](bool value) {
-        return vexasim::Variant(g_variant_new_boolean(value ? TRUE : FALSE));
-    };
-    sim.addObject(kRemote, {{"org.bluez.Device1",
-                             {{"Address", text("C0:FF:EE:00:00:01")},
-                              {"Name", text("VEXA RC")},
-                              {"Paired", flag(true)},
-                              {"Connected", flag(false)}}}});
+    sim.addObject(kRemote, deviceObject("VEXA RC", "C0:FF:EE:00:00:01", true, false));
 }
 
 const Way kWays[] = {
@@ -180,7 +173,7 @@ TEST_F(ARemovalDuringACall, LetsAHandlerThatWaitsGoBeforeTheNextPass)
     slowDown("Connect", 2s * kSlowness);
     box.setFlag("pair");
     awaitCallOf("Connect");
-    box.sim().addObject(other, {{"org.bluez.Device1", {{"Name", {g_variant_new_string("VEXA Two")}}}}});
+    box.sim().addObject(other, deviceObject("VEXA Two", "C0:FF:EE:00:00:02", false, false));
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + other);
     ASSERT_LOG(box, WARN, "main", "Removing failed to pair device");
 

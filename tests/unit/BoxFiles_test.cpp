@@ -321,9 +321,13 @@ TEST_F(AStatusFile, StaysWhenThereIsNoDescriptorLeft)
     EXPECT_EQ("old\n", folder.read("file"));
 }
 
-TEST_F(AStatusFile, IsMadeAnewInThePlaceOfALink)
+class AStatusFileThatIsPlantedAgain : public AStatusFile, public testing::WithParamInterface<int>
 {
-    plantAfterTheNextUnlinks(0);
+};
+
+TEST_P(AStatusFileThatIsPlantedAgain, IsMadeAnewInThePlaceOfALink)
+{
+    plantAfterTheNextUnlinks(GetParam());
 
     box_files::writeLine("init", path);
 
@@ -332,16 +336,8 @@ TEST_F(AStatusFile, IsMadeAnewInThePlaceOfALink)
     EXPECT_EQ("untouched", folder.read("victim"));
 }
 
-TEST_F(AStatusFile, IsMadeAnewThoughSomebodyPlantsALinkOnceMore)
-{
-    plantAfterTheNextUnlinks(1);
-
-    box_files::writeLine("init", path);
-
-    EXPECT_TRUE(isOwnRegularFile());
-    EXPECT_EQ("init\n", folder.read("file"));
-    EXPECT_EQ("untouched", folder.read("victim"));
-}
+INSTANTIATE_TEST_SUITE_P(Times, AStatusFileThatIsPlantedAgain, testing::Values(0, 1),
+                         testing::PrintToStringParamName());
 
 TEST_F(AStatusFile, IsGivenUpWhenSomebodyAlwaysPlantsALink)
 {
