@@ -143,8 +143,11 @@ private:
 
         /// Whether the removal of `path` has begun: such a path isn't to be looked up any more.
         bool isGoing(const std::string& path) const { return mRemovals.isGoing(path); }
+        /// Whether the first of mAdapters, the one that is used, is there to be looked up.
+        bool hasAdapter() const { return !mApp.mAdapters.empty() && !isGoing(mApp.mAdapters.front()); }
 
     private:
+        App& mApp;
         RemovalGate& mRemovals;
         std::optional<Lock> mLock;
     };

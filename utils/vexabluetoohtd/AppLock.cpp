@@ -35,7 +35,7 @@ void App::Lock::unlock()
 // Without this the main thread, which asks for mMutex again within microseconds, would mostly have it before
 // a handler that has waited for it. A handler that holds up the daemon for longer than a second, or an
 // interrupt, ends the waiting; what is going is then not looked up.
-App::Section::Section(App& app) : mRemovals(app.mBluez->removals())
+App::Section::Section(App& app) : mApp(app), mRemovals(app.mBluez->removals())
 {
     mRemovals.hold().lock();
     for (int slice = 0; slice < kLongestYield && app.mRunning; ++slice) {

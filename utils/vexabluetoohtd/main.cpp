@@ -388,7 +388,7 @@ void App::removeUnpairedRc()
 {
     LOG_WARN("Removing failed to pair device");
     const Section section(*this);
-    if (!mAdapters.empty() && !section.isGoing(mAdapters.front())) {
+    if (section.hasAdapter()) {
         // mRc is blanked when BlueZ reports the removal.
         mBluez->adapterRemoveDevice(mAdapters.front(), mRc.path);
     }
@@ -431,7 +431,7 @@ void App::forgetAllDevices()
     const Section section(*this);
     for (const std::string& path : mDevices) {
         LOG_INFO("Removing device %s", path.c_str());
-        if (!mAdapters.empty() && !section.isGoing(mAdapters.front())) {
+        if (section.hasAdapter()) {
             mBluez->adapterRemoveDevice(mAdapters.front(), path);
         }
     }
@@ -441,8 +441,7 @@ bool App::startScan()
 {
     LOG_DEBUG("Scanning on");
     const Section section(*this);
-    return !mAdapters.empty() && !section.isGoing(mAdapters.front()) &&
-           mBluez->adapterScanOn(mAdapters.front());
+    return section.hasAdapter() && mBluez->adapterScanOn(mAdapters.front());
 }
 
 // False if there is no adapter left to pair with.
@@ -450,7 +449,7 @@ bool App::stopScan()
 {
     LOG_DEBUG("Scanning off");
     const Section section(*this);
-    if (mAdapters.empty() || section.isGoing(mAdapters.front())) {
+    if (!section.hasAdapter()) {
         LOG_ERROR("Switching scan off failed");
         return false;
     }
