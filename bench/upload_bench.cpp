@@ -3,8 +3,8 @@
 // dbus-daemon, timed where the calls come off the socket on the remote's side.
 // Needs a machine that has nothing else to do; 1,000 blocks take 14 seconds.
 
-#include "Pacing.h"
-#include "UpdateStory.h"
+#include "tests/daemon/Pacing.h"
+#include "tests/daemon/UpdateStory.h"
 
 #include <cstdio>
 #include <fstream>

@@ -137,7 +137,7 @@ class Process:
 
 class Clock:
     """The daemon's monotonic clock, which a case moves on instead of waiting.
-    The page is that of tests/system/box/ClockPage.h, which begins with the offset
+    The page is that of tests/kit/ClockPage.h, which begins with the offset
     and the time at which the clock is held, both in nanoseconds."""
 
     def __init__(self, preload):

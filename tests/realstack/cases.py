@@ -708,7 +708,7 @@ def programs_of(build, bluez=None):
         "vexaagent": str(build / "utils/vexaagent/vexaagent"),
         "vexafw": str(build / "utils/vexafw/vexafw"),
         "vexasim": str(build / "sim/vexasim"),
-        "clock": str(build / "tests/system/vexabox-clock.so"),
+        "clock": str(build / "tests/kit/vexabox-clock.so"),
     }
 
 

@@ -1,0 +1,44 @@
+# SPDX-License-Identifier: MIT
+# How the tests of all rooms are built and run.
+include(GoogleTest)
+
+# A sanitizer makes everything several times slower. Its report, by whatever process of a test that shares
+# the test's streams, fails the test, also where the process is ended in a way that hides its status.
+set(VEXA_TEST_LIMIT 300)
+set(VEXA_SANITIZER_PROPERTIES)
+if(VEXA_SANITIZE)
+  set(VEXA_TEST_LIMIT 900)
+  set(VEXA_SANITIZER_PROPERTIES FAIL_REGULAR_EXPRESSION
+    "(ERROR|WARNING|FATAL): (Address|Leak|Thread)Sanitizer|: runtime error: ")
+endif()
+
+# Adds the program NAME_test of NAME_test.cpp, each of its cases a test of its
+# own and so a process of its own, labelled with the name of its room.
+#   vexa_test(NAME [SOURCES ...] [LIBRARIES ...] [DEFINITIONS ...] [WRAPS ...] [DEPENDS ...] [ENVIRONMENT ...])
+# SOURCES are the program's other files. WRAPS names C functions whose calls by
+# the program and its static libraries go to functions of the test: it defines
+# __wrap_X and finds the true one as __real_X. DEPENDS names the programs that
+# the cases start. Cases whose suite is called ...ForLong aren't added: they run
+# only when they are asked for.
+function(vexa_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES;DEFINITIONS;WRAPS;DEPENDS;ENVIRONMENT")
+  cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME room)
+  add_executable(${name}_test ${name}_test.cpp ${arg_SOURCES})
+  target_include_directories(${name}_test PRIVATE "${PROJECT_SOURCE_DIR}")
+  target_compile_definitions(${name}_test PRIVATE ${arg_DEFINITIONS})
+  target_link_libraries(${name}_test PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
+  foreach(wrapped IN LISTS arg_WRAPS)
+    target_link_options(${name}_test PRIVATE "LINKER:--wrap=${wrapped}")
+  endforeach()
+  if(arg_DEPENDS)
+    add_dependencies(${name}_test ${arg_DEPENDS})
+  endif()
+  if(arg_ENVIRONMENT)
+    set(environment ENVIRONMENT ${arg_ENVIRONMENT})
+  endif()
+  gtest_discover_tests(${name}_test
+    TEST_FILTER "-*ForLong.*"
+    DISCOVERY_MODE PRE_TEST
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${VEXA_TEST_LIMIT} LABELS ${room} ${VEXA_SANITIZER_PROPERTIES} ${environment})
+endfunction()

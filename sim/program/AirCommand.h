@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/AirBox.h"
+#include "sim/program/RemoteSettings.h"
+
+#include <string>
+
+namespace CLI
+{
+class App;
+}
+
+namespace vexasim::air
+{
+
+/// The subcommand "air" of the program.
+class AirCommand
+{
+public:
+    /// Adds the subcommand and its options; must outlive the parsing.
+    explicit AirCommand(CLI::App& program);
+
+    /// The command line asks for it.
+    bool chosen() const;
+
+    /// Plays until a signal or the control interface ends it. Throws
+    /// std::runtime_error or std::invalid_argument with what to do about it.
+    void run();
+
+private:
+    CLI::App& mCommand;
+    RemoteSettings mSettings;
+    AirBoxOptions mBox;
+    bool mHurried = false;
+    bool mLegacyPairing = false;
+    std::string mBusAddress;
+    std::string mBusDirectory;
+};
+
+} // namespace vexasim::air

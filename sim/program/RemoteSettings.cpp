@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: MIT
+#include "sim/program/RemoteSettings.h"
+
+#include <CLI/CLI.hpp>
+
+#include <stdexcept>
+
+namespace vexasim
+{
+
+namespace
+{
+Bytes versionBytes(const std::string& hexadecimal)
+{
+    const std::string complaint = "--fw-version " + hexadecimal + ": 0 to ffff is wanted";
+    const unsigned long version = wholeNumber(hexadecimal, 16, complaint);
+    if (version > 0xffff)
+        throw std::invalid_argument(complaint);
+    return {static_cast<uint8_t>(version & 0xff), static_cast<uint8_t>(version >> 8)};
+}
+} // namespace
+
+unsigned long wholeNumber(const std::string& text, int base, const std::string& complaint)
+{
+    try {
+        std::size_t used = 0;
+        const unsigned long value = std::stoul(text, &used, base);
+        if (used == text.size())
+            return value;
+    } catch (const std::logic_error&) { // NOLINT(bugprone-empty-catch): its text helps nobody
+    }
+    throw std::invalid_argument(complaint);
+}
+
+void addRemoteOptions(CLI::App& app, RemoteSettings& settings)
+{
+    const char* group = "Remote";
+    RemoteOptions& remote = settings.remote;
+    app.add_option("--name", remote.name, "its name")->capture_default_str()->group(group);
+    app.add_option("--remote-address", remote.address, "its Bluetooth address")
+        ->capture_default_str()
+        ->group(group);
+    app.add_option("--update-name", remote.updateName, "its name in update mode")
+        ->capture_default_str()
+        ->group(group);
+    app.add_option("--update-address", remote.updateAddress, "its address in update mode")
+        ->capture_default_str()
+        ->group(group);
+    app.add_option("--rssi", remote.rssi, "signal strength in dBm")->capture_default_str()->group(group);
+    app.add_option("--battery", settings.battery, "battery level in percent")
+        ->check(CLI::Range(0, 255))
+        ->capture_default_str()
+        ->group(group);
+    app.add_option("--fw-version", settings.version, "firmware version, hexadecimal")
+        ->capture_default_str()
+        ->group(group);
+    app.add_flag("--away", settings.away, "it starts out of range")->group(group);
+    app.add_flag("--asleep", settings.asleep, "it starts asleep")->group(group);
+    app.add_option("--key-file", settings.keyFile,
+                   "file with the update key, 64 hexadecimal digits; without it the development key");
+    app.add_option("--image", settings.image, "image file to which an update is compared byte by byte");
+}
+
+void addBoxOptions(CLI::App& app, RemoteSettings& settings)
+{
+    const char* group = "Box";
+    app.add_option("--adc-file", settings.files.adcFile, "file that stands for the button")->group(group);
+    app.add_option("--tmp", settings.files.tmpDirectory, "folder that the daemon has as /tmp")
+        ->check(CLI::ExistingDirectory)
+        ->group(group);
+    app.add_flag("-q,--quiet", settings.quiet, "print the first line and nothing else");
+}
+
+void complete(RemoteSettings& settings)
+{
+    settings.remote.battery = {static_cast<uint8_t>(settings.battery)};
+    settings.remote.version = versionBytes(settings.version);
+    if (!settings.keyFile.empty())
+        settings.remote.key = readKeyFile(settings.keyFile);
+}
+
+void prepare(Remote& remote, const RemoteSettings& settings)
+{
+    if (!settings.image.empty())
+        remote.receiver().setExpectedImage(readFile(settings.image));
+    if (settings.away)
+        remote.leave();
+    if (settings.asleep)
+        remote.sleep();
+}
+
+} // namespace vexasim

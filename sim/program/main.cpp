@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: MIT
+#include "sim/program/AirCommand.h"
+#include "sim/bluez/Simulator.h"
+#include "sim/program/Control.h"
+#include "sim/program/Narrator.h"
+#include "sim/program/RemoteSettings.h"
+
+#include <CLI/CLI.hpp>
+#include <glib-unix.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include <array>
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace
+{
+using vexasim::Control;
+using vexasim::Simulator;
+using vexasim::SimulatorOptions;
+using vexasim::Timings;
+
+constexpr int kFailure = 1;
+constexpr const char* kDefaultAdapter = "hci0";
+
+/// What the command line says.
+struct Settings : vexasim::RemoteSettings {
+    SimulatorOptions simulator;
+    std::vector<std::string> adapters = {kDefaultAdapter};
+    bool noAdapter = false;
+    bool unpowered = false;
+    bool noRemote = false;
+    bool realistic = false;
+    bool noAutoEnable = false;
+    std::vector<std::string> timings;
+};
+
+void addBusOptions(CLI::App& app, Settings& settings)
+{
+    const char* group = "Bus";
+    app.add_option("--address", settings.simulator.busAddress,
+                   "D-Bus address of a bus to join; without it a private dbus-daemon is started")
+        ->group(group);
+    app.add_option("--bus-dir", settings.simulator.busDirectory,
+                   "folder for the private bus's socket; without it a temporary one")
+        ->group(group);
+}
+
+void addStackOptions(CLI::App& app, Settings& settings)
+{
+    const char* group = "BlueZ";
+    app.add_option("--adapter", settings.adapters, "name of an adapter, may be repeated")
+        ->capture_default_str()
+        ->group(group);
+    app.add_flag("--no-adapter", settings.noAdapter, "start without any adapter")->group(group);
+    app.add_flag("--unpowered", settings.unpowered, "the adapters start without power")->group(group);
+    app.add_flag("--no-auto-enable", settings.noAutoEnable,
+                 "adapters stay without power when the service comes back")
+        ->group(group);
+    app.add_flag("--require-agent", settings.simulator.requireAgent,
+                 "pairing fails unless some program registered an agent")
+        ->group(group);
+    app.add_flag("--realistic", settings.realistic, "take as long as a real stack and a real remote")
+        ->group(group);
+    app.add_option("--timing", settings.timings,
+                   "NAME=MILLISECONDS of: discovery, connect, resolve, pair, connect-timeout, pair-timeout, "
+                   "resolve-timeout, remove-connected, power-change, temporary, rssi; may be repeated")
+        ->group(group);
+}
+
+void addSimulatedRemoteOptions(CLI::App& app, Settings& settings)
+{
+    const char* group = "Remote";
+    app.add_flag("--paired", settings.remote.paired, "it is paired already")->group(group);
+    app.add_flag("--no-remote", settings.noRemote, "there is no remote")->group(group);
+}
+
+void setTiming(Timings& timings, const std::string& text)
+{
+    const std::vector<std::pair<std::string, std::chrono::milliseconds Timings::*>> known = {
+        {"discovery", &Timings::discovery},
+        {"connect", &Timings::connect},
+        {"resolve", &Timings::resolve},
+        {"pair", &Timings::pair},
+        {"connect-timeout", &Timings::connectTimeout},
+        {"pair-timeout", &Timings::pairTimeout},
+        {"resolve-timeout", &Timings::resolveTimeout},
+        {"remove-connected", &Timings::removeConnected},
+        {"power-change", &Timings::powerChange},
+        {"temporary", &Timings::temporary},
+        {"rssi", &Timings::rssi},
+    };
+    const std::string complaint = "--timing " + text + ": NAME=MILLISECONDS is wanted, see --help";
+    const auto equals = text.find('=');
+    for (const auto& [name, member] : known)
+        if (equals != std::string::npos && text.substr(0, equals) == name) {
+            timings.*member =
+                std::chrono::milliseconds{vexasim::wholeNumber(text.substr(equals + 1), 10, complaint)};
+            return;
+        }
+    throw std::invalid_argument(complaint);
+}
+
+/// "00:1A:7D:DA:71:13" for the first adapter, one more for each next.
+std::string adapterAddress(std::size_t index)
+{
+    std::array<char, 18> text{};
+    std::snprintf(text.data(), text.size(), "00:1A:7D:DA:71:%02X",
+                  static_cast<unsigned>(0x13 + index) & 0xffU);
+    return text.data();
+}
+
+void completeAll(Settings& settings)
+{
+    SimulatorOptions& options = settings.simulator;
+    if (settings.realistic)
+        options.timings = Timings::realistic();
+    for (const std::string& timing : settings.timings)
+        setTiming(options.timings, timing);
+    options.autoEnable = !settings.noAutoEnable;
+    options.withRemote = !settings.noRemote;
+    options.startService = false;
+    vexasim::complete(settings);
+    options.remote = settings.remote;
+    options.adapters.clear();
+    if (settings.noAdapter)
+        return;
+    for (std::size_t i = 0; i < settings.adapters.size(); ++i)
+        options.adapters.push_back({settings.adapters[i], adapterAddress(i), !settings.unpowered});
+}
+
+gboolean onSignal(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_CONTINUE;
+}
+
+void play(Settings& settings)
+{
+    vexasim::Narrator narrator(settings.quiet);
+    settings.simulator.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
+    Simulator simulator(settings.simulator);
+    if (!settings.noRemote)
+        prepare(simulator.remote(), settings);
+    const std::shared_ptr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
+    simulator.startService();
+    Control control(simulator, settings.files, [&loop] { g_main_loop_quit(loop.get()); });
+    g_unix_signal_add(SIGINT, onSignal, loop.get());
+    g_unix_signal_add(SIGTERM, onSignal, loop.get());
+    const vexasim::Hearing hearing(narrator, control.object());
+    narrator.begin("DBUS_SYSTEM_BUS_ADDRESS=" + simulator.busAddress());
+    g_main_loop_run(loop.get());
+    simulator.stopService(Simulator::Stop::Terminate);
+}
+
+int run(int argc, char** argv)
+{
+    CLI::App app("A BlueZ and a remote control in software: owns org.bluez on a bus of its own, behaves as\n"
+                 "bluetoothd does, and does on request what a test or a developer wants to see.\n"
+                 "Drive it with gdbus or busctl: name org.vexabluetoohtd.Sim, object /sim.");
+    Settings settings;
+    addBusOptions(app, settings);
+    addStackOptions(app, settings);
+    addSimulatedRemoteOptions(app, settings);
+    addRemoteOptions(app, settings);
+    addBoxOptions(app, settings);
+    vexasim::air::AirCommand air(app);
+    CLI11_PARSE(app, argc, argv);
+    if (air.chosen()) {
+        air.run();
+        return 0;
+    }
+    completeAll(settings);
+    play(settings);
+    return 0;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vexasim: %s\n", error.what());
+        return kFailure;
+    }
+}

@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/air/PairingToolbox.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+
+#include "sim/tests/AirBench.h"
+
+namespace vexasim::air
+{
+
+/// The box's security manager, played by the test: the initiator of a pairing,
+/// packet by packet, so that a test can go wrong at any of them.
+class Initiator
+{
+public:
+    static constexpr uint8_t kEncryptionKey = 1;
+    static constexpr uint8_t kIdentityKey = 2;
+
+    explicit Initiator(ScriptedHost& host) : mHost(host) {}
+
+    /// What the peripheral sent, in hexadecimal; "silence" if nothing came.
+    std::string exchange(const Bytes& packet)
+    {
+        mHost.sendOn(Channel::Security, packet);
+        return next();
+    }
+    std::string next()
+    {
+        const auto answer = mHost.awaitOn(Channel::Security);
+        mLast = answer.value_or(Bytes{});
+        return answer ? toHex(*answer) : "silence";
+    }
+
+    // ---- both ways of pairing begin alike
+    /// "Just works", bonding, keys of 16 bytes.
+    std::string request(bool secure, uint8_t ownKeys = kIdentityKey,
+                        uint8_t theirKeys = kEncryptionKey | kIdentityKey)
+    {
+        mRequest = {0x01, 0x03, 0x00, static_cast<uint8_t>(secure ? 0x09 : 0x01), 16, ownKeys, theirKeys};
+        const std::string answer = exchange(Bytes(mRequest.begin(), mRequest.end()));
+        if (mLast.size() == mResponse.size())
+            std::copy(mLast.begin(), mLast.end(), mResponse.begin());
+        return answer;
+    }
+
+    // ---- legacy
+    /// Commits; true if the peripheral commits in turn.
+    bool commit()
+    {
+        mRandom = randomArray<16>();
+        exchange(packet(0x03, c1({}, mRandom, mRequest, mResponse, mHost.self(), mHost.peer())));
+        return takeValue(0x03, mTheirConfirm);
+    }
+    /// Opens the commitment; true if the peripheral's opens too.
+    bool open()
+    {
+        exchange(packet(0x04, mRandom));
+        if (!takeValue(0x04, mTheirRandom))
+            return false;
+        key = s1({}, mTheirRandom, mRandom);
+        return c1({}, mTheirRandom, mRequest, mResponse, mHost.self(), mHost.peer()) == mTheirConfirm;
+    }
+
+    // ---- secure connections
+    /// Exchanges public keys; true if the peripheral sent a good one and a commitment.
+    bool exchangeKeys()
+    {
+        const Point own = mPair.publicKey();
+        mOwnX = swapped(own.x);
+        exchange(join(0x0c, mOwnX, swapped(own.y)));
+        if (mLast.size() != 65 || mLast.front() != 0x0c)
+            return false;
+        Point theirs;
+        uint8_t code = 0;
+        Decoder decoder(mLast);
+        decoder(code, theirs.x, theirs.y);
+        mTheirX = theirs.x;
+        const auto secret = mPair.agree({swapped(theirs.x), swapped(theirs.y)});
+        mSecret = swapped(secret.value_or(Scalar{}));
+        next();
+        return secret && takeValue(0x03, mTheirConfirm);
+    }
+    /// Exchanges the random numbers; true if the commitment opens.
+    bool exchangeRandoms()
+    {
+        mRandom = randomArray<16>();
+        exchange(packet(0x04, mRandom));
+        if (!takeValue(0x04, mTheirRandom))
+            return false;
+        const auto keys = f5(mSecret, mRandom, mTheirRandom, mHost.self(), mHost.peer());
+        mMacKey = keys.macKey;
+        key = keys.longTermKey;
+        return f4(mTheirX, mOwnX, mTheirRandom, 0) == mTheirConfirm;
+    }
+    /// Exchanges the proofs; true if the peripheral's is good.
+    bool prove()
+    {
+        const auto proof = f6(mMacKey, mRandom, mTheirRandom, {}, {mRequest[1], mRequest[2], mRequest[3]},
+                              mHost.self(), mHost.peer());
+        exchange(packet(0x0d, proof));
+        Key128 theirs{};
+        return takeValue(0x0d, theirs) &&
+               theirs == f6(mMacKey, mTheirRandom, mRandom, {}, {mResponse[1], mResponse[2], mResponse[3]},
+                            mHost.peer(), mHost.self());
+    }
+
+    // ---- the end, and what comes of it
+    /// The status of the attempt to encrypt.
+    hci::Status encrypt()
+    {
+        EXPECT_EQ(mHost.start(hci::Opcode::LeStartEncryption,
+                              hci::StartEncryption{mHost.handle(), random, diversifier, key}),
+                  hci::Status::Success);
+        const auto change = mHost.await<hci::EncryptionChange>(hci::EventCode::EncryptionChange);
+        return change ? change->status : hci::Status{0xff};
+    }
+
+    /// Takes the keys that the peripheral agreed to send, and sends ours.
+    void exchangeBondingKeys()
+    {
+        if ((mResponse[6] & kEncryptionKey) != 0) {
+            next();
+            takeValue(0x06, key);
+            next();
+            uint8_t code = 0;
+            Decoder decoder(mLast);
+            decoder(code, diversifier, random);
+        }
+        if ((mResponse[6] & kIdentityKey) != 0) {
+            next();
+            takeValue(0x08, identityKey);
+            next();
+            uint8_t code = 0;
+            Decoder decoder(mLast);
+            decoder(code, identity);
+        }
+        if ((mResponse[5] & kIdentityKey) != 0) {
+            mHost.sendOn(Channel::Security, packet(0x08, randomArray<16>()));
+            Encoder encoder;
+            encoder(uint8_t{0x09}, mHost.self());
+            mHost.sendOn(Channel::Security, encoder.take());
+        }
+        mHost.pass(std::chrono::seconds(1));
+    }
+
+    void pairLegacy()
+    {
+        request(false);
+        EXPECT_TRUE(commit());
+        EXPECT_TRUE(open());
+        EXPECT_EQ(encrypt(), hci::Status::Success);
+        exchangeBondingKeys();
+    }
+
+    void pairSecurely()
+    {
+        request(true);
+        EXPECT_TRUE(exchangeKeys());
+        EXPECT_TRUE(exchangeRandoms());
+        EXPECT_TRUE(prove());
+        EXPECT_EQ(encrypt(), hci::Status::Success);
+        exchangeBondingKeys();
+    }
+
+    static Bytes packet(uint8_t code, const Key128& value) { return join(code, value); }
+
+    /// What encrypts the next link.
+    Key128 key{};
+    uint64_t random = 0;
+    uint16_t diversifier = 0;
+    /// Of a peripheral with a private address.
+    Key128 identityKey{};
+    Address identity;
+
+private:
+    template <class... Field>
+    static Bytes join(uint8_t code, const Field&... fields)
+    {
+        Encoder encoder;
+        encoder(code, fields...);
+        return encoder.take();
+    }
+    static Scalar swapped(Scalar scalar)
+    {
+        std::reverse(scalar.begin(), scalar.end());
+        return scalar;
+    }
+    bool takeValue(uint8_t code, Key128& value)
+    {
+        if (mLast.size() != 17 || mLast.front() != code)
+            return false;
+        std::copy(mLast.begin() + 1, mLast.end(), value.begin());
+        return true;
+    }
+
+    ScriptedHost& mHost;
+    Bytes mLast;
+    std::array<uint8_t, 7> mRequest{};
+    std::array<uint8_t, 7> mResponse{};
+    Key128 mRandom{};
+    Key128 mTheirRandom{};
+    Key128 mTheirConfirm{};
+    KeyPair mPair;
+    Scalar mOwnX{};
+    Scalar mTheirX{};
+    Scalar mSecret{};
+    Key128 mMacKey{};
+};
+
+} // namespace vexasim::air

@@ -1,0 +1,555 @@
+// SPDX-License-Identifier: MIT
+// The box's controller, driven by a scripted host over a socket as the kernel
+// drives it over its device.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <numeric>
+#include <thread>
+
+#include "sim/tests/AirBench.h"
+
+namespace
+{
+
+using namespace vexasim;
+using namespace vexasim::air;
+using hci::LeEvent;
+using hci::Opcode;
+using hci::Status;
+
+const Address kRemote = Address::parse("C0:FF:EE:00:00:01").value();
+const Address kStranger = Address::parse("C0:FF:EE:00:00:99").value();
+
+class AController : public testing::Test
+{
+protected:
+    AController() { host.setUp(); }
+
+    std::shared_ptr<Peripheral> addPeripheral(const std::string& address, std::optional<std::string> name,
+                                              const RadioOptions& radio = {})
+    {
+        PeripheralOptions options;
+        options.address = address;
+        options.name = std::move(name);
+        const auto peripheral = std::make_shared<Peripheral>(options);
+        radios.push_back(PeripheralRadio::create(host.clock(), host.air(), peripheral, radio));
+        return peripheral;
+    }
+
+    std::shared_ptr<Peripheral> addRemote(const RadioOptions& radio = {})
+    {
+        return addPeripheral(kRemote.text(), "VEXA RC", radio);
+    }
+
+    /// All advertising reports within `duration`, in short: type, data, strength.
+    std::vector<std::string> reportsWithin(Clock::Duration duration)
+    {
+        std::vector<std::string> reports;
+        host.pass(duration);
+        while (const auto report = host.takeLe<hci::AdvertisingReport>(LeEvent::AdvertisingReport))
+            reports.push_back(report->address.text() + " " + std::to_string(static_cast<int>(report->type)) +
+                              " " + toHex(report->dataAndRssi));
+        return reports;
+    }
+
+    ScriptedHost host;
+    std::vector<std::shared_ptr<PeripheralRadio>> radios;
+};
+
+} // namespace
+
+// ---- set-up
+
+TEST_F(AController, AnswersEverythingThatTheKernelAsksAtItsStart)
+{
+    host.command(Opcode::Reset);
+    EXPECT_EQ(toHex(host.command(Opcode::ReadLocalFeatures)), "0000000060000000");
+    EXPECT_EQ(toHex(host.command(Opcode::ReadLocalVersion)), "090000"
+                                                             "09"
+                                                             "ffff"
+                                                             "0000");
+    EXPECT_EQ(toHex(host.command(Opcode::ReadAddress)), "1371da7d1a00");
+    EXPECT_EQ(host.command(Opcode::ReadLocalCommands).size(), 64U);
+    EXPECT_EQ(toHex(host.command(Opcode::LeReadLocalFeatures)), "2100000000000000");
+    EXPECT_EQ(toHex(host.command(Opcode::LeReadBufferSize)), "fb0008");
+    EXPECT_EQ(host.command(Opcode::LeReadSupportedStates).size(), 8U);
+    host.command(Opcode::SetEventMask, hci::EventMask{0x2000800002008890});
+    host.command(Opcode::SetEventMaskPage2, hci::EventMask{0});
+    host.command(Opcode::LeSetEventMask, hci::EventMask{0x4f});
+    host.command(Opcode::LeReadAdvertisingPower);
+    EXPECT_EQ(toHex(host.command(Opcode::LeReadAcceptListSize)), "10");
+    host.command(Opcode::LeClearAcceptList);
+    EXPECT_EQ(toHex(host.command(Opcode::LeReadMaximumDataLength)), "fb004808fb004808");
+    EXPECT_EQ(toHex(host.command(Opcode::LeReadDefaultDataLength)), "1b004801");
+    host.command(Opcode::LeWriteDefaultDataLength, hci::DefaultDataLength{251, 2120});
+    EXPECT_EQ(toHex(host.command(Opcode::LeReadDefaultDataLength)), "fb004808");
+    host.command(Opcode::LeSetAdvertisingData, hci::AdvertisingData{});
+    host.command(Opcode::LeSetScanResponseData, hci::AdvertisingData{});
+    host.command(Opcode::LeSetAdvertisingEnable, hci::Enable{0});
+    EXPECT_EQ(host.command(Opcode::LeRand).size(), 8U);
+}
+
+TEST_F(AController, ListsAsSupportedWhatItAnswers)
+{
+    const Bytes map = host.command(Opcode::ReadLocalCommands);
+    ASSERT_EQ(map.size(), 64U);
+    const auto supported = [&](size_t octet, unsigned bit) { return (map[octet] >> bit & 1) != 0; };
+    EXPECT_TRUE(supported(0, 5)) << "disconnect";
+    EXPECT_TRUE(supported(26, 3)) << "scan";
+    EXPECT_TRUE(supported(26, 4)) << "connect";
+    EXPECT_TRUE(supported(28, 0)) << "encrypt";
+    EXPECT_FALSE(supported(37, 5)) << "extended scanning";
+    EXPECT_FALSE(supported(37, 7)) << "extended connecting";
+    EXPECT_FALSE(supported(34, 3)) << "resolving list";
+    const auto bits = [](unsigned sum, uint8_t octet) {
+        return sum + static_cast<unsigned>(__builtin_popcount(octet));
+    };
+    EXPECT_EQ(std::accumulate(map.begin(), map.end(), 0U, bits), 45U);
+}
+
+TEST_F(AController, CallsACommandUnknownThatItDoesNotKnow)
+{
+    EXPECT_EQ(host.start(Opcode{0x2041}, hci::NoParameters{}), Status::UnknownCommand);
+    EXPECT_EQ(host.start(Opcode{0xfc01}, hci::Octet{1}), Status::UnknownCommand);
+}
+
+TEST_F(AController, RefusesParametersOfAWrongLength)
+{
+    EXPECT_EQ(host.rawCommand(Opcode::LeSetScanEnable, {1}), Bytes{0x12});
+    EXPECT_EQ(host.rawCommand(Opcode::LeSetScanEnable, {1, 0, 0}), Bytes{0x12});
+    host.send({0x01, 0x0c, 0x20, 0x02, 0x00});
+    EXPECT_EQ(host.rawCommand(Opcode::Reset, {}), Bytes{0x00});
+}
+
+TEST_F(AController, DropsWhatIsNoPacket)
+{
+    host.send({0x01});
+    host.send({0x02, 0x40});
+    host.send({0x03, 0x00, 0x00, 0x00});
+    host.send({0x02, 0x40, 0x00, 0x02, 0x00, 0x01});
+    host.command(Opcode::Reset);
+}
+
+TEST_F(AController, EnciphersWithTheKeyGiven)
+{
+    hci::Encrypt command;
+    for (uint8_t i = 0; i < 16; ++i) {
+        command.key[15U - i] = i;
+        command.block[15U - i] = static_cast<uint8_t>(i * 0x11);
+    }
+    Bytes expected = fromHex("69c4e0d86a7b0430d8cdb78070b4c55a");
+    std::reverse(expected.begin(), expected.end());
+    EXPECT_EQ(host.command(Opcode::LeEncrypt, command), expected);
+}
+
+// ---- scanning
+
+TEST_F(AController, ReportsAdvertisementAndScanResponse)
+{
+    addRemote();
+    host.scan(true);
+    EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)), (std::vector<std::string>{
+                                                                 "C0:FF:EE:00:00:01 0 020106"
+                                                                 "0319"
+                                                                 "8001"
+                                                                 "0809"
+                                                                 "56455841205243"
+                                                                 "cc",
+                                                                 "C0:FF:EE:00:00:01 4 cc",
+                                                             }));
+}
+
+TEST_F(AController, FindsTheNameInTheScanResponseOnlyByAsking)
+{
+    RadioOptions radio;
+    radio.nameInScanResponse = true;
+    addRemote(radio);
+    host.scan(true, false);
+    EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)),
+              std::vector<std::string>{"C0:FF:EE:00:00:01 0 02010603198001cc"});
+    host.scan(false);
+    host.scan(true, true);
+    EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)).back(),
+              "C0:FF:EE:00:00:01 4 080956455841205243cc");
+}
+
+TEST_F(AController, ForgetsDuplicatesAfterASecond)
+{
+    addRemote();
+    host.scan(true, false);
+    const auto reports = reportsWithin(std::chrono::milliseconds(3500)).size();
+    EXPECT_GE(reports, 3U);
+    EXPECT_LE(reports, 4U);
+}
+
+TEST_F(AController, ReportsEveryAdvertisementWithoutTheFilter)
+{
+    addRemote();
+    host.scan(true, false, false);
+    EXPECT_GE(reportsWithin(std::chrono::milliseconds(2000)).size(), 17U);
+}
+
+TEST_F(AController, ReportsAChangedNameAtOnce)
+{
+    const auto remote = addPeripheral(kRemote.text(), std::nullopt);
+    host.scan(true, false);
+    EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)).size(), 1U);
+    remote->setAdvertisedName("VEXA RC");
+    EXPECT_EQ(reportsWithin(std::chrono::milliseconds(300)),
+              std::vector<std::string>{"C0:FF:EE:00:00:01 0 02010603198001080956455841205243cc"});
+}
+
+TEST_F(AController, CutsANameThatDoesNotFit)
+{
+    addPeripheral(kRemote.text(), "VEXA a remote of a very long name");
+    host.scan(true, false);
+    const auto reports = reportsWithin(std::chrono::milliseconds(300));
+    ASSERT_EQ(reports.size(), 1U);
+    const Bytes data = fromHex(reports.front().substr(20));
+    EXPECT_EQ(data.size(), 32U);
+    EXPECT_EQ(data[8], 0x08) << "a shortened name";
+}
+
+TEST_F(AController, HearsNothingOfAPeripheralThatIsAwayAsleepOrOff)
+{
+    const auto remote = addRemote();
+    host.scan(true, false, false);
+    remote->leave();
+    EXPECT_TRUE(reportsWithin(std::chrono::seconds(2)).empty());
+    remote->comeBack();
+    EXPECT_FALSE(reportsWithin(std::chrono::seconds(2)).empty());
+    remote->sleep();
+    EXPECT_TRUE(reportsWithin(std::chrono::seconds(2)).empty());
+    remote->wake();
+    remote->setPresent(false);
+    EXPECT_TRUE(reportsWithin(std::chrono::seconds(2)).empty());
+}
+
+TEST_F(AController, ReportsOnlyTheAcceptListWhenAsked)
+{
+    addRemote();
+    addPeripheral(kStranger.text(), "Other");
+    host.command(Opcode::LeAddToAcceptList, hci::AcceptListEntry{kStranger});
+    host.command(Opcode::LeSetScanParameters, hci::ScanParameters{0, 0x60, 0x30, 0, 1});
+    host.command(Opcode::LeSetScanEnable, hci::ScanEnable{1, 1});
+    host.command(Opcode::LeRemoveFromAcceptList, hci::AcceptListEntry{kStranger}, Status::CommandDisallowed);
+    for (const auto& report : reportsWithin(std::chrono::seconds(2)))
+        EXPECT_EQ(report.substr(0, 17), kStranger.text());
+}
+
+TEST_F(AController, KeepsSixteenAddressesInItsAcceptList)
+{
+    for (uint8_t i = 0; i < 16; ++i)
+        host.command(Opcode::LeAddToAcceptList, hci::AcceptListEntry{{AddressKind::Public, {i}}});
+    host.command(Opcode::LeAddToAcceptList, hci::AcceptListEntry{{AddressKind::Public, {3}}});
+    host.command(Opcode::LeAddToAcceptList, hci::AcceptListEntry{{AddressKind::Public, {16}}},
+                 Status::MemoryExceeded);
+    host.command(Opcode::LeClearAcceptList);
+    host.command(Opcode::LeAddToAcceptList, hci::AcceptListEntry{{AddressKind::Public, {16}}});
+}
+
+TEST_F(AController, IsSilentWhenTheHostMasksTheEvent)
+{
+    addRemote();
+    host.command(Opcode::LeSetEventMask, hci::EventMask{0x1d});
+    host.scan(true, false, false);
+    EXPECT_TRUE(reportsWithin(std::chrono::seconds(1)).empty());
+}
+
+TEST_F(AController, IsIdleWhileNobodyListens)
+{
+    addRemote();
+    EXPECT_FALSE(host.clock().step(host.clock().now() + std::chrono::hours(1)));
+}
+
+// ---- links
+
+TEST_F(AController, ConnectsToTheAddressGiven)
+{
+    const auto remote = addRemote();
+    addPeripheral(kStranger.text(), "Other");
+    host.connect(kRemote);
+    EXPECT_TRUE(remote->connected());
+}
+
+TEST_F(AController, ConnectsToWhomeverTheAcceptListNames)
+{
+    addRemote();
+    host.command(Opcode::LeAddToAcceptList, hci::AcceptListEntry{kRemote});
+    auto wish = ScriptedHost::connectionTo({});
+    wish.useAcceptList = 1;
+    EXPECT_EQ(host.start(Opcode::LeCreateConnection, wish), Status::Success);
+    const auto complete = host.awaitLe<hci::ConnectionComplete>(LeEvent::ConnectionComplete);
+    ASSERT_TRUE(complete);
+    EXPECT_EQ(complete->peer, kRemote);
+    EXPECT_EQ(complete->interval, 0x18);
+    EXPECT_EQ(complete->timeout, 0x2a);
+}
+
+TEST_F(AController, WaitsForAnAbsentPeripheralUntilItIsCanceled)
+{
+    host.command(Opcode::LeCreateConnectionCancel, hci::NoParameters{}, Status::CommandDisallowed);
+    EXPECT_EQ(host.start(Opcode::LeCreateConnection, ScriptedHost::connectionTo(kRemote)), Status::Success);
+    EXPECT_EQ(host.start(Opcode::LeCreateConnection, ScriptedHost::connectionTo(kRemote)),
+              Status::CommandDisallowed);
+    host.pass(std::chrono::seconds(20));
+    EXPECT_FALSE(host.takeLe<hci::ConnectionComplete>(LeEvent::ConnectionComplete));
+    host.command(Opcode::LeCreateConnectionCancel);
+    const auto complete = host.takeLe<hci::ConnectionComplete>(LeEvent::ConnectionComplete);
+    ASSERT_TRUE(complete);
+    EXPECT_EQ(complete->status, Status::UnknownConnection);
+}
+
+TEST_F(AController, RefusesImpossibleConnectionParameters)
+{
+    auto wish = ScriptedHost::connectionTo(kRemote);
+    wish.minimumInterval = 5;
+    EXPECT_EQ(host.start(Opcode::LeCreateConnection, wish), Status::InvalidParameters);
+    wish.minimumInterval = 0x28;
+    wish.timeout = 10;
+    EXPECT_EQ(host.start(Opcode::LeCreateConnection, wish), Status::InvalidParameters);
+}
+
+TEST_F(AController, DoesNotConnectTwiceToOnePeripheral)
+{
+    addRemote();
+    host.connect(kRemote);
+    EXPECT_EQ(host.start(Opcode::LeCreateConnection, ScriptedHost::connectionTo(kRemote)),
+              Status::ConnectionExists);
+}
+
+TEST_F(AController, EndsALinkOnTheHostsWish)
+{
+    const auto remote = addRemote();
+    const uint16_t handle = host.connect(kRemote);
+    EXPECT_EQ(host.start(Opcode::Disconnect, hci::Disconnect{handle, Status::RemoteUserEnded}),
+              Status::Success);
+    const auto end = host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->handle, handle);
+    EXPECT_EQ(end->reason, Status::LocalHostEnded);
+    EXPECT_FALSE(remote->connected());
+    EXPECT_EQ(host.start(Opcode::Disconnect, hci::Disconnect{handle, Status::RemoteUserEnded}),
+              Status::UnknownConnection);
+}
+
+TEST_F(AController, NoticesALostPeripheralAfterTheSupervisionTimeout)
+{
+    const auto remote = addRemote();
+    host.connect(kRemote);
+    host.pass(std::chrono::seconds(1));
+    const auto before = host.clock().now();
+    remote->leave();
+    const auto end = host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->reason, Status::ConnectionTimeout);
+    EXPECT_EQ(host.clock().now() - before, std::chrono::milliseconds(420));
+}
+
+TEST_F(AController, SaysThatALinkWasNeverEstablished)
+{
+    const auto remote = addRemote();
+    host.connect(kRemote);
+    remote->leave();
+    const auto end = host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->reason, Status::FailedToEstablish);
+}
+
+TEST_F(AController, HearsAPeripheralHangUp)
+{
+    addRemote();
+    host.connect(kRemote);
+    radios.front()->hangUp();
+    const auto end = host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->reason, Status::RemoteUserEnded);
+}
+
+TEST_F(AController, LosesItsLinksAtAReset)
+{
+    const auto remote = addRemote();
+    host.connect(kRemote);
+    host.command(Opcode::Reset);
+    EXPECT_FALSE(remote->connected());
+    EXPECT_FALSE(host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete));
+}
+
+TEST_F(AController, SurvivesAPeripheralThatIsTakenOffTheAir)
+{
+    addRemote();
+    const uint16_t handle = host.connect(kRemote);
+    host.pass(std::chrono::seconds(1));
+    radios.clear();
+    EXPECT_EQ(toHex(host.command(Opcode::ReadRssi, hci::HandleOnly{handle})), "40007f");
+    const auto end = host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->reason, Status::ConnectionTimeout);
+}
+
+TEST_F(AController, AsksThePeripheralForFeaturesAndVersion)
+{
+    addRemote();
+    const uint16_t handle = host.connect(kRemote);
+    EXPECT_EQ(host.start(Opcode::LeReadRemoteFeatures, hci::HandleOnly{handle}), Status::Success);
+    EXPECT_EQ(host.start(Opcode::ReadRemoteVersion, hci::HandleOnly{handle}), Status::Success);
+    const auto features = host.awaitLe<hci::RemoteFeatures>(LeEvent::ReadRemoteFeaturesComplete);
+    ASSERT_TRUE(features);
+    EXPECT_EQ(features->features, 1U);
+    EXPECT_TRUE(host.await<hci::RemoteVersion>(hci::EventCode::ReadRemoteVersionComplete));
+}
+
+TEST_F(AController, ChangesTheIntervalOfALink)
+{
+    addRemote();
+    const uint16_t handle = host.connect(kRemote);
+    EXPECT_EQ(host.start(Opcode::LeConnectionUpdate, hci::ConnectionUpdate{handle, 6, 17, 0, 500, 0, 0}),
+              Status::Success);
+    const auto update = host.awaitLe<hci::ConnectionUpdateComplete>(LeEvent::ConnectionUpdateComplete);
+    ASSERT_TRUE(update);
+    EXPECT_EQ(update->interval, 6);
+    EXPECT_EQ(update->timeout, 500);
+    EXPECT_EQ(host.start(Opcode::LeConnectionUpdate, hci::ConnectionUpdate{handle, 0, 17, 0, 500, 0, 0}),
+              Status::InvalidParameters);
+}
+
+TEST_F(AController, UsesLongPacketsWithAPeripheralThatTakesThem)
+{
+    RadioOptions radio;
+    radio.maximumPayload = 251;
+    addRemote(radio);
+    host.command(Opcode::LeWriteDefaultDataLength, hci::DefaultDataLength{100, 912});
+    const uint16_t handle = host.connect(kRemote);
+    auto change = host.awaitLe<hci::DataLengthChange>(LeEvent::DataLengthChange);
+    ASSERT_TRUE(change);
+    EXPECT_EQ(change->lengths.sendOctets, 100);
+    EXPECT_EQ(toHex(host.command(Opcode::LeSetDataLength, hci::SetDataLength{handle, 251, 2120})), "4000");
+    change = host.awaitLe<hci::DataLengthChange>(LeEvent::DataLengthChange);
+    ASSERT_TRUE(change);
+    EXPECT_EQ(change->lengths.sendOctets, 251);
+    EXPECT_EQ(change->lengths.sendTimeUs, 2120);
+}
+
+TEST_F(AController, GivesBackEachBufferWhenItsPacketHasArrived)
+{
+    addRemote();
+    const uint16_t handle = host.connect(kRemote);
+    // Nothing that the peripheral would answer: only the buffers matter.
+    Encoder encoder;
+    const Bytes frame(100, 0);
+    encoder(hci::PacketType::AclData, handle, static_cast<uint16_t>(frame.size()), frame);
+    const Bytes packet = encoder.take();
+    for (int i = 0; i < 8; ++i)
+        host.send(packet);
+    EXPECT_EQ(host.completedPackets(), 0U);
+    // Four pieces of 27 bytes each, four pieces to the event of 30 ms.
+    host.pass(std::chrono::milliseconds(35));
+    EXPECT_EQ(host.completedPackets(), 1U);
+    EXPECT_TRUE(host.until([&] { return host.completedPackets() == 8; }));
+}
+
+// ---- the kernel's device
+
+TEST(TheVirtualController, AsksForAControllerAndLearnsItsNumber)
+{
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
+    VhciTransport transport(
+        ends[1], [](const Bytes&) { FAIL() << "the announcement is for the transport alone"; },
+        [](const std::string& why) { FAIL() << why; });
+    transport.createController();
+    Bytes asked(8);
+    ASSERT_EQ(::recv(ends[0], asked.data(), asked.size(), 0), 2);
+    EXPECT_EQ(toHex(Bytes(asked.begin(), asked.begin() + 2)), "ff00");
+    const Bytes announcement = fromHex("ff000300");
+    ASSERT_EQ(::send(ends[0], announcement.data(), announcement.size(), 0), 4);
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+    EXPECT_EQ(transport.index(), 3U);
+    ::close(ends[0]);
+}
+
+TEST(TheVirtualController, SaysWhenTheKernelIsGone)
+{
+    ScriptedHost host;
+    host.hangUp();
+    EXPECT_EQ(host.closed(), "the kernel closed the controller: end of file");
+}
+
+/// From now on what the calling thread writes into the file fails; see seccomp(2).
+void refuseWrites(int file, unsigned error)
+{
+    std::array<sock_filter, 6> steps{{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_write, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(file), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    }};
+    const sock_fprog program{steps.size(), steps.data()};
+    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+class AKernelThatRefusesAPacket : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        int ends[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
+        mKernel = ends[0];
+        mController = ends[1];
+        mTransport = std::make_unique<VhciTransport>(
+            mController, [](const Bytes&) {}, [this](const std::string& why) { mClosed = why; });
+    }
+    void TearDown() override { ::close(mKernel); }
+
+    void sendRefused(unsigned error)
+    {
+        // The filter lasts as long as its thread.
+        std::thread([&] {
+            refuseWrites(mController, error);
+            mTransport->send(fromHex("0400"));
+        }).join();
+    }
+
+    int mKernel = -1;
+    int mController = -1;
+    std::unique_ptr<VhciTransport> mTransport;
+    std::string mClosed;
+};
+
+TEST_F(AKernelThatRefusesAPacket, LosesItIfTheControllerIsDown)
+{
+    sendRefused(ENXIO);
+    EXPECT_EQ(mClosed, "");
+    mTransport->send(fromHex("0401"));
+    Bytes received(8);
+    ASSERT_EQ(::recv(mKernel, received.data(), received.size(), 0), 2);
+    EXPECT_EQ(received[1], 1);
+}
+
+TEST_F(AKernelThatRefusesAPacket, EndsTheControllerOtherwise)
+{
+    sendRefused(EIO);
+    EXPECT_EQ(mClosed, "can't hand a packet to the kernel: Input/output error");
+}
+
+TEST(TheVirtualController, SaysWhatIsMissing)
+{
+    try {
+        VhciTransport::open("/dev/no-such-device");
+        FAIL() << "opened";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "can't open /dev/no-such-device: No such file or directory; load the "
+                                   "kernel's module hci_vhci (modprobe hci_vhci)");
+    }
+}

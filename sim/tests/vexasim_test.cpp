@@ -1,0 +1,320 @@
+// SPDX-License-Identifier: MIT
+// The program vexasim as a person or a script uses it: command line, first line
+// of output, the control interface, the ends.
+#include "sim/bluez/PrivateBus.h"
+#include "tests/kit/BusClient.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace
+{
+constexpr const char* kAdapter = "/org/bluez/hci0";
+constexpr const char* kDevice = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
+constexpr const char* kAddressLine = "DBUS_SYSTEM_BUS_ADDRESS=";
+
+/// The program as a child, its standard output and error on one pipe.
+class Program
+{
+public:
+    explicit Program(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), VEXASIM_PROGRAM);
+        std::vector<char*> argv;
+        for (std::string& argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        std::array<int, 2> pipes{};
+        EXPECT_EQ(pipe(pipes.data()), 0);
+        mPid = fork();
+        if (mPid == 0) {
+            dup2(pipes[1], STDOUT_FILENO);
+            dup2(pipes[1], STDERR_FILENO);
+            close(pipes[0]);
+            close(pipes[1]);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        close(pipes[1]);
+        mOutput = fdopen(pipes[0], "r");
+    }
+
+    ~Program()
+    {
+        if (mPid > 0) {
+            kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+        }
+        std::cerr << rest(); // a sanitizer's report among it fails the case
+        fclose(mOutput);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    std::string line()
+    {
+        std::array<char, 1024> text{};
+        return fgets(text.data(), text.size(), mOutput) != nullptr ? text.data() : "";
+    }
+
+    std::string rest()
+    {
+        std::string text;
+        for (std::string next = line(); !next.empty(); next = line())
+            text += next;
+        return text;
+    }
+
+    void signal(int number) const { kill(mPid, number); }
+
+    int exitStatus()
+    {
+        int status = 0;
+        waitpid(mPid, &status, 0);
+        mPid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t mPid = -1;
+    FILE* mOutput = nullptr;
+};
+
+std::string contentOf(const std::string& path)
+{
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+} // namespace
+
+class TheProgram : public testing::Test
+{
+protected:
+    TheProgram()
+    {
+        std::string pattern = testing::TempDir() + "sim_program_XXXXXX";
+        folder = mkdtemp(pattern.data());
+    }
+    ~TheProgram() override
+    {
+        program.reset();
+        std::filesystem::remove_all(folder);
+    }
+
+    void start(std::vector<std::string> arguments = {})
+    {
+        program = std::make_unique<Program>(std::move(arguments));
+        std::string first = program->line();
+        ASSERT_THAT(first, StartsWith(kAddressLine));
+        first.pop_back();
+        client = std::make_unique<SimClient>(first.substr(std::string(kAddressLine).size()));
+    }
+
+    SimClient::Answer play(const std::string& method, GVariant* arguments = nullptr)
+    {
+        return client->callOn("org.vexabluetoohtd.Sim", "/sim", "org.vexabluetoohtd.Sim." + method,
+                              arguments);
+    }
+
+    std::string folder;
+    std::unique_ptr<Program> program;
+    std::unique_ptr<SimClient> client;
+};
+
+TEST_F(TheProgram, PrintsTheAddressFirstAndThenWhatHappens)
+{
+    start();
+    EXPECT_THAT(program->line(), HasSubstr("org.bluez is on the bus"));
+    EXPECT_THAT(program->line(), HasSubstr("adapter /org/bluez/hci0 appears"));
+    play("Quit");
+    EXPECT_THAT(program->rest(), HasSubstr("org.bluez left the bus"));
+    EXPECT_EQ(program->exitStatus(), 0);
+}
+
+TEST_F(TheProgram, PrintsNothingElseWhenQuiet)
+{
+    start({"--quiet"});
+    play("Quit");
+    EXPECT_EQ(program->rest(), "");
+    EXPECT_EQ(program->exitStatus(), 0);
+}
+
+TEST_F(TheProgram, EndsInOrderOnAnInterrupt)
+{
+    start();
+    client->clearSignals();
+    program->signal(SIGINT);
+    EXPECT_EQ(program->exitStatus(), 0);
+}
+
+TEST_F(TheProgram, RefusesABadCommandLineWithAClearWord)
+{
+    using Line = std::pair<std::vector<std::string>, std::string>;
+    for (const auto& [arguments, word] :
+         {Line{{"--no-such-option"}, "--no-such-option"}, Line{{"--timing", "pair"}, "NAME=MILLISECONDS"},
+          Line{{"--timing", "pair=soon"}, "NAME=MILLISECONDS"}, Line{{"--fw-version", "xyz"}, "0 to ffff"},
+          Line{{"--key-file", "/no/such/file"}, "can't open the key file"},
+          Line{{"--address", "unix:path=/no/such/bus"}, "no connection"},
+          Line{{"--battery", "256"}, "range"}}) {
+        Program refused(arguments);
+        EXPECT_THAT(refused.rest(), HasSubstr(word)) << arguments[0];
+        EXPECT_NE(refused.exitStatus(), 0) << arguments[0];
+    }
+}
+
+TEST_F(TheProgram, StartsAsTheCommandLineSays)
+{
+    start({"--paired", "--name", "VEXA Two", "--remote-address", "11:22:33:44:55:66", "--adapter", "hci3",
+           "--unpowered"});
+    EXPECT_EQ(client->get("/org/bluez/hci3", "org.bluez.Adapter1", "Powered"), "(<false>,)");
+    EXPECT_EQ(client->get("/org/bluez/hci3/dev_11_22_33_44_55_66", "org.bluez.Device1", "Name"),
+              "(<'VEXA Two'>,)");
+}
+
+TEST_F(TheProgram, JoinsAGivenBus)
+{
+    const vexasim::PrivateBus bus;
+    start({"--address", bus.address(), "--no-adapter"});
+    SimClient neighbour(bus.address());
+    EXPECT_EQ(neighbour.call("/org/bluez", "org.freedesktop.DBus.Peer.Ping").error, "");
+    Program second({"--address", bus.address()});
+    EXPECT_THAT(second.rest(), HasSubstr("org.bluez has an owner already"));
+    EXPECT_EQ(second.exitStatus(), 1);
+}
+
+TEST_F(TheProgram, StopsAndStartsTheService)
+{
+    start();
+    EXPECT_EQ(play("StopService", g_variant_new("(s)", "kill")).error, "");
+    EXPECT_EQ(client->get(kAdapter, "org.bluez.Adapter1", "Powered"),
+              "[org.freedesktop.DBus.Error.ServiceUnknown]");
+    EXPECT_EQ(play("StartService").error, "");
+    EXPECT_EQ(client->get(kAdapter, "org.bluez.Adapter1", "Powered"), "(<true>,)");
+}
+
+TEST_F(TheProgram, PressesTheButton)
+{
+    const std::string adc = folder + "/adc";
+    start({"--adc-file", adc});
+    EXPECT_EQ(contentOf(adc), "1023\n");
+    EXPECT_EQ(play("PressButton").error, "");
+    EXPECT_EQ(contentOf(adc), "10\n");
+    EXPECT_EQ(play("ReleaseButton").error, "");
+    EXPECT_EQ(contentOf(adc), "1023\n");
+    EXPECT_EQ(play("HoldButton", g_variant_new("(u)", 1U)).error, "");
+    while (contentOf(adc) != "1023\n")
+        usleep(1000);
+}
+
+TEST_F(TheProgram, SetsFlagsAndOffersImages)
+{
+    start({"--tmp", folder});
+    EXPECT_EQ(play("SetFlag", g_variant_new("(s)", "pair")).error, "");
+    EXPECT_TRUE(std::filesystem::exists(folder + "/bluetooth_pair"));
+    const std::string image = folder + "/image";
+    std::ofstream(image) << "twelve bytes";
+    EXPECT_EQ(play("OfferImage", g_variant_new("(s)", image.c_str())).error, "");
+    EXPECT_EQ(std::filesystem::read_symlink(folder + "/bluetooth_rc_fw"), image);
+    const auto refused = play("SetFlag", g_variant_new("(s)", "dance"));
+    EXPECT_EQ(refused.error, "org.vexabluetoohtd.Sim.Error.Failed");
+    EXPECT_THAT(refused.message, HasSubstr("flags are pair and reset"));
+}
+
+TEST_F(TheProgram, SaysWhatIsMissingForTheBox)
+{
+    start();
+    EXPECT_THAT(play("PressButton").message, HasSubstr("--adc-file"));
+    EXPECT_THAT(play("SetFlag", g_variant_new("(s)", "pair")).message, HasSubstr("--tmp"));
+}
+
+TEST_F(TheProgram, PlaysAnEveningWithTheRemote)
+{
+    start();
+    ASSERT_EQ(client->call(kAdapter, "org.bluez.Adapter1.StartDiscovery").error, "");
+    ASSERT_TRUE(client->await("/", "InterfacesAdded", kDevice));
+    ASSERT_EQ(client->call(kDevice, "org.bluez.Device1.Pair").error, "");
+    EXPECT_TRUE(client->await("/sim", "Happened", "is paired"));
+    EXPECT_EQ(play("SetBattery", g_variant_new("(y)", 17)).error, "");
+    EXPECT_EQ(play("SetVersion", g_variant_new("(q)", 0x1b0)).error, "");
+    EXPECT_THAT(SimClient::textOf(play("Status").reply),
+                testing::AllOf(HasSubstr("'battery': <[byte 0x11]>"), HasSubstr("'connected': <true>"),
+                               HasSubstr("'version': <[byte 0xb0, 0x01]>")));
+    EXPECT_EQ(play("Leave").error, "");
+    EXPECT_EQ(client->get(kDevice, "org.bluez.Device1", "Connected"), "(<false>,)");
+    EXPECT_EQ(play("ComeBack").error, "");
+    EXPECT_EQ(client->call(kDevice, "org.bluez.Device1.Connect").error, "");
+    EXPECT_EQ(play("Sleep").error, "");
+    EXPECT_EQ(client->get(kDevice, "org.bluez.Device1", "Connected"), "(<false>,)");
+    EXPECT_EQ(play("EnterUpdateMode").error, "");
+    EXPECT_THAT(SimClient::textOf(play("Status").reply), HasSubstr("'update-mode': <true>"));
+}
+
+TEST_F(TheProgram, BendsAndRecords)
+{
+    start();
+    const auto bent =
+        play("Bend", g_variant_new_parsed("('StartDiscovery', {'error': <'org.bluez.Error.NotReady'>, "
+                                          "'message': <'tired'>, 'times': <1>})"));
+    EXPECT_EQ(SimClient::textOf(bent.reply), "(1,)");
+    EXPECT_EQ(client->call(kAdapter, "org.bluez.Adapter1.StartDiscovery").message, "tired");
+    EXPECT_EQ(client->call(kAdapter, "org.bluez.Adapter1.StartDiscovery").error, "");
+    EXPECT_THAT(SimClient::textOf(play("Calls").reply), HasSubstr("'StartDiscovery'"));
+    EXPECT_EQ(play("ClearCalls").error, "");
+    EXPECT_THAT(SimClient::textOf(play("Calls").reply), testing::Not(HasSubstr("'StartDiscovery'")));
+    EXPECT_THAT(play("Bend", g_variant_new_parsed("('Pair', {'erorr': <''>})")).message,
+                HasSubstr("\"erorr\" is unknown here"));
+    EXPECT_THAT(play("Bend", g_variant_new_parsed("('Pair', {'late': <'soon'>})")).message,
+                HasSubstr("a number is wanted"));
+    EXPECT_THAT(play("Bend", g_variant_new_parsed("('Pair', {'error': <'no name'>})")).message,
+                HasSubstr("is no name of an error"));
+}
+
+TEST_F(TheProgram, ChangesWhatIsOnTheBus)
+{
+    start();
+    play("AddAdapter", g_variant_new("(ss)", "hci1", "00:00:00:00:00:01"));
+    EXPECT_EQ(client->get("/org/bluez/hci1", "org.bluez.Adapter1", "Powered"), "(<true>,)");
+    play("SetPowered", g_variant_new("(sb)", "hci1", FALSE));
+    EXPECT_EQ(client->get("/org/bluez/hci1", "org.bluez.Adapter1", "Powered"), "(<false>,)");
+    play("RemoveAdapter", g_variant_new("(s)", "hci1"));
+    EXPECT_THAT(client->get("/org/bluez/hci1", "org.bluez.Adapter1", "Powered"), HasSubstr("UnknownObject"));
+    play("AddObject", g_variant_new_parsed("(objectpath '/a', {'org.x': {'P': <1>}})"));
+    EXPECT_EQ(client->get("/a", "org.x", "P"), "(<1>,)");
+    play("SetProperty", g_variant_new_parsed("(objectpath '/a', 'org.x', 'P', <'two'>, true)"));
+    EXPECT_TRUE(client->await("/a", "PropertiesChanged", "'P': <'two'>"));
+    play("EmitSignal", g_variant_new_parsed("(objectpath '/a', 'org.x', 'Boo', <('x', 3)>)"));
+    EXPECT_TRUE(client->await("/a", "Boo", "('x', 3)"));
+    play("RemoveObject", g_variant_new("(o)", "/a"));
+    EXPECT_TRUE(client->await("/", "InterfacesRemoved", "'/a'"));
+    play("AddDevice", g_variant_new("(ss)", "AA:BB:CC:DD:EE:FF", "headset"));
+    ASSERT_EQ(client->call(kAdapter, "org.bluez.Adapter1.StartDiscovery").error, "");
+    EXPECT_TRUE(client->await("/", "InterfacesAdded", "headset"));
+    play("RemoveDevice", g_variant_new("(s)", "AA:BB:CC:DD:EE:FF"));
+    EXPECT_TRUE(client->await("/", "InterfacesRemoved", "AA_BB_CC_DD_EE_FF"));
+}
+
+TEST_F(TheProgram, TakesFaultsOfTheUpdate)
+{
+    start();
+    EXPECT_EQ(play("SetUpdateFault", g_variant_new_parsed("('verify', {'status': <byte 0>})")).error, "");
+    EXPECT_THAT(play("SetUpdateFault", g_variant_new_parsed("('verify', {'status': <300>})")).message,
+                HasSubstr("out of range"));
+    EXPECT_THAT(play("SetUpdateFault", g_variant_new_parsed("('verfy', @a{sv} {})")).message,
+                HasSubstr("no step"));
+    EXPECT_EQ(play("SetUpdateAppearance", g_variant_new_parsed("({'never': <true>},)")).error, "");
+    EXPECT_EQ(play("ClearUpdateFaults").error, "");
+    EXPECT_EQ(SimClient::textOf(play("UpdatePackets").reply), "([],)");
+}

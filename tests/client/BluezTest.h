@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "Bluez.h"
+#include "tests/client/BluezInside.h"
+#include "tests/kit/LogRecorder.h"
+#include "tests/client/RecordingListener.h"
+#include "sim/bluez/PrivateBus.h"
+#include "sim/bluez/Simulator.h"
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+using vexasim::Bend;
+using vexasim::InterfaceMap;
+using vexasim::PropertyMap;
+using vexasim::Variant;
+
+/// Where the plain objects of the tests lie.
+constexpr const char* kAdapter = "/org/bluez/hci0";
+constexpr const char* kDevice = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01";
+constexpr const char* kService = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01/service0010";
+constexpr const char* kCharacteristic = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01/service0010/char0011";
+constexpr const char* kDescriptor = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01/service0010/char0011/desc0013";
+
+constexpr const char* kAdapterInterface = "org.bluez.Adapter1";
+constexpr const char* kDeviceInterface = "org.bluez.Device1";
+constexpr const char* kServiceInterface = "org.bluez.GattService1";
+constexpr const char* kCharacteristicInterface = "org.bluez.GattCharacteristic1";
+constexpr const char* kDescriptorInterface = "org.bluez.GattDescriptor1";
+constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
+
+constexpr const char* kBatteryUuid = "0000180f-0000-1000-8000-00805f9b34fb";
+constexpr const char* kLevelUuid = "00002a19-0000-1000-8000-00805f9b34fb";
+constexpr const char* kConfigurationUuid = "00002902-0000-1000-8000-00805f9b34fb";
+
+inline Variant boolean(bool value)
+{
+    return {g_variant_new_boolean(value ? TRUE : FALSE)};
+}
+inline Variant text(const std::string& value)
+{
+    return {g_variant_new_string(value.c_str())};
+}
+inline Variant int16(std::int16_t value)
+{
+    return {g_variant_new_int16(value)};
+}
+/// The reply of a method without a result.
+inline Variant nothing()
+{
+    return {g_variant_new_tuple(nullptr, 0)};
+}
+
+/// A private bus that is this process's system bus, and a client to be started on it. Each case has its own.
+class ABus : public testing::Test
+{
+public:
+    ~ABus() override;
+
+protected:
+    ABus();
+    void SetUp() override;
+
+    /// Builds the client. It may hear of objects before this returns.
+    void construct(Bluez::Listener* first);
+    void construct() { construct(&listener); }
+    /// Builds the client and returns when it has reported all that exists and its event loop runs.
+    void start(Bluez::Listener* first);
+    void start() { start(&listener); }
+    void destroy() { client.reset(); }
+
+    /// Runs the task on the event thread, between two events, and returns when it has.
+    static void onEventThread(const std::function<void()>& task);
+    /// Returns when the client has handled all that the bus has sent so far.
+    virtual void settle();
+    /// The connection that the client uses; the test holds a reference of its own from then on.
+    GDBusConnection* connection();
+
+    /// GLib's criticals and warnings that the case expects; any other fails it.
+    void expectFromGlib(const Lines& messages);
+
+    /// Keys of one of the client's maps: keys<inside::DeviceProxies>().
+    template <typename Key>
+    Lines keys()
+    {
+        Lines found;
+        onEventThread([&] {
+            for (const auto& entry : inside::of<Key>(*client)) {
+                found.push_back(entry.first);
+            }
+        });
+        return found;
+    }
+
+    LogRecorder& log = LogRecorder::instance();
+    std::unique_ptr<vexasim::PrivateBus> bus;
+    RecordingListener listener;
+    std::array<RecordingListener, 4> others; ///< for cases with more; their addresses ascend
+    std::unique_ptr<Bluez> client;
+
+private:
+    GDBusConnection* mConnection = nullptr;
+};
+
+/// A BlueZ in software on that bus, with nothing but the objects that a case adds to it.
+class ABusWithBlueZ : public ABus
+{
+public:
+    ~ABusWithBlueZ() override { destroy(); } // before the simulator, whose end would be one more event
+
+protected:
+    explicit ABusWithBlueZ(const vexasim::SimulatorOptions& options = bare());
+
+    static vexasim::SimulatorOptions bare();
+    void settle() override;
+
+    void addObject(const std::string& path, const std::string& interface, const PropertyMap& properties = {});
+    void addAdapter(const std::string& path = kAdapter, const PropertyMap& properties = {});
+    void addDevice(const std::string& path = kDevice, const PropertyMap& properties = {});
+    void addService(const std::string& path = kService, const std::string& uuid = kBatteryUuid);
+    void addCharacteristic(const std::string& path = kCharacteristic, const std::string& uuid = kLevelUuid);
+    void addDescriptor(const std::string& path = kDescriptor, const std::string& uuid = kConfigurationUuid);
+    /// The object alone goes; what lies below it stays.
+    void removeAlone(const std::string& path, const std::string& interface);
+    /// The five above in their order.
+    void addAll();
+
+    /// A copy of the client's image of the GATT tree.
+    std::map<std::string, Bluez::Service> tree();
+    /// The proxy that one of the client's maps holds, null if it is an empty one.
+    template <typename Key>
+    GDBusProxy* proxyOf(const std::string& path)
+    {
+        GDBusProxy* proxy = nullptr;
+        onEventThread([&] { proxy = inside::of<Key>(*client).at(path).get(); });
+        return proxy;
+    }
+    /// How many proxies the log says were released.
+    std::size_t unrefs() const;
+
+    /// As GIO does it when an object arrives or goes: the manager's own signal, with this path. For arrivals
+    /// that no bus brings about.
+    void emitObjectAdded(const std::string& path) { emitFromManager("object-added", path); }
+    void emitObjectRemoved(const std::string& path) { emitFromManager("object-removed", path); }
+
+    std::unique_ptr<vexasim::Simulator> sim;
+
+private:
+    void emitFromManager(const char* signal, const std::string& path);
+};
+
+/// Counts the messages that leave this process on the client's connection, but for those of settle().
+class OutgoingMessages
+{
+public:
+    explicit OutgoingMessages(GDBusConnection* connection);
+    ~OutgoingMessages();
+    OutgoingMessages(const OutgoingMessages&) = delete;
+    OutgoingMessages& operator=(const OutgoingMessages&) = delete;
+
+    int count() const { return *mCount; }
+
+private:
+    GDBusConnection* mConnection;
+    // Shared with GDBus's thread, where a filter may still run while it is being removed.
+    std::shared_ptr<std::atomic<int>> mCount = std::make_shared<std::atomic<int>>(0);
+    unsigned mFilter;
+};

@@ -1,0 +1,456 @@
+// SPDX-License-Identifier: MIT
+#include "Bluez.h"
+
+#include "tests/client/BluezTest.h"
+#include "tests/client/GioSpy.h"
+
+#include <chrono>
+#include <future>
+#include <ostream>
+
+namespace
+{
+
+using Bytes = std::vector<std::uint8_t>;
+using Characteristic = Bluez::Service::Characteristic;
+
+using ATrackedTree = ABusWithBlueZ;
+
+std::string deviceAdded(const std::string& path = kDevice)
+{
+    return "onDeviceAdded " + path;
+}
+std::string characteristicAdded(const std::string& path = kCharacteristic)
+{
+    return "onCharacteristicAdded " + path;
+}
+std::string descriptorAdded(const std::string& path = kDescriptor)
+{
+    return "onDescriptorAdded " + path;
+}
+
+// --- Changes of properties ---
+
+struct Change {
+    const char* name;
+    const char* property;
+    const char* value;
+    const char* event; // empty for a change that is passed over
+};
+std::ostream& operator<<(std::ostream& out, const Change& change)
+{
+    return out << change.property << " = " << change.value;
+}
+
+class AChangeOfADevice : public ATrackedTree, public testing::WithParamInterface<Change>
+{
+};
+
+TEST_P(AChangeOfADevice, IsToldIfItMatters)
+{
+    const Change& change = GetParam();
+    start();
+    addDevice();
+    ASSERT_TRUE(listener.await(deviceAdded()));
+    listener.clear();
+    log.clear();
+
+    sim->emitPropertiesChanged(kDevice, kDeviceInterface, {{change.property, Variant::parse(change.value)}});
+    settle();
+
+    const std::string event = change.event;
+    const std::size_t blank = event.find(' ');
+    EXPECT_EQ(listener.events(),
+              event.empty() ? Lines{} : Lines{event.substr(0, blank) + " " + kDevice + event.substr(blank)});
+    EXPECT_EQ(log.lines(), Lines{std::string("D props changed: ") + kDevice});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Such, AChangeOfADevice,
+    testing::Values(Change{"AsPaired", "Paired", "true", "onDevicePairedStatusChanged true"},
+                    Change{"AsUnpaired", "Paired", "false", "onDevicePairedStatusChanged false"},
+                    Change{"AsConnected", "Connected", "true", "onDeviceConnectionStatusChanged true"},
+                    Change{"AsDisconnected", "Connected", "false", "onDeviceConnectionStatusChanged false"},
+                    Change{"AsItsStrength", "RSSI", "@n -71", "onDeviceRSSIChanged -71"},
+                    Change{"AsItsGreatestStrength", "RSSI", "@n 127", "onDeviceRSSIChanged 127"},
+                    Change{"AsItsServicesResolved", "ServicesResolved", "true",
+                           "onDeviceServicesResolvedStatusChanged true"},
+                    Change{"AsItsServicesLost", "ServicesResolved", "false",
+                           "onDeviceServicesResolvedStatusChanged false"},
+                    Change{"AsItsName", "Name", "'VEXA RC'", ""},
+                    Change{"AsItsAlias", "Alias", "'VEXA RC'", ""},
+                    Change{"AsItsTrust", "Trusted", "true", ""},
+                    Change{"AsAValueThatIsNone", "Value", "[byte 1]", ""},
+                    Change{"AsANameInLowerCase", "paired", "true", ""},
+                    Change{"AsANameThatGoesOn", "PairedTo", "true", ""}),
+    [](const auto& test) { return test.param.name; });
+
+class AChangeOfAWrongType : public ATrackedTree, public testing::WithParamInterface<Change>
+{
+};
+
+TEST_P(AChangeOfAWrongType, IsLoggedAndIgnored)
+{
+    const Change& change = GetParam();
+    start();
+    addDevice();
+    ASSERT_TRUE(listener.await(deviceAdded()));
+    listener.clear();
+
+    sim->emitPropertiesChanged(kDevice, kDeviceInterface, {{change.property, Variant::parse(change.value)}});
+    settle();
+
+    EXPECT_EQ(listener.events(), Lines{});
+    EXPECT_EQ(log.lines("EW"), Lines{std::string("W Ignoring ") + change.property + " of " + kDevice +
+                                     ": unexpected type " + change.event});
+}
+
+INSTANTIATE_TEST_SUITE_P(Such, AChangeOfAWrongType,
+                         testing::Values(Change{"AsPairedByAText", "Paired", "'yes'", "s"},
+                                         Change{"AsConnectedByANumber", "Connected", "1", "i"},
+                                         Change{"AsStrengthByAWideNumber", "RSSI", "-71", "i"},
+                                         Change{"AsResolvedByAList", "ServicesResolved", "[true]", "ab"}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST_F(ATrackedTree, DeliversEveryChangeOfOneSignalInItsOrder)
+{
+    start();
+    addDevice();
+    ASSERT_TRUE(listener.await(deviceAdded()));
+    listener.clear();
+
+    // In an order that isn't that of the names.
+    sim->emitSignal(kDevice, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                    Variant::parse("('org.bluez.Device1', {'ServicesResolved': <true>, 'RSSI': <@n -50>, "
+                                   "'Alias': <'x'>, 'Paired': <true>, 'Connected': <true>}, @as [])"));
+    settle();
+
+    const std::string path = kDevice;
+    EXPECT_EQ(listener.events(),
+              (Lines{"onDeviceServicesResolvedStatusChanged " + path + " true",
+                     "onDeviceRSSIChanged " + path + " -50", "onDevicePairedStatusChanged " + path + " true",
+                     "onDeviceConnectionStatusChanged " + path + " true"}));
+    EXPECT_EQ(log.count("D props changed: " + path), 1U);
+}
+
+TEST_F(ATrackedTree, FinishesTheFanOutOfOneChangeBeforeTheNext)
+{
+    Lines order;
+    RecordingListener& second = others[0];
+    listener.onEvent = [&](const std::string& event) { order.push_back(event.substr(0, event.find(' '))); };
+    second.onEvent = listener.onEvent;
+    addDevice();
+    start();
+    client->subscribe(&second);
+    order.clear();
+
+    sim->emitSignal(kDevice, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                    Variant::parse("('org.bluez.Device1', {'Paired': <true>, 'Connected': <true>}, @as [])"));
+    settle();
+
+    EXPECT_EQ(order, (Lines{"onDevicePairedStatusChanged", "onDevicePairedStatusChanged",
+                            "onDeviceConnectionStatusChanged", "onDeviceConnectionStatusChanged"}));
+}
+
+TEST_F(ATrackedTree, OnlyLogsASignalWithoutChanges)
+{
+    start();
+    addDevice();
+    ASSERT_TRUE(listener.await(deviceAdded()));
+    listener.clear();
+    log.clear();
+
+    sim->emitPropertiesChanged(kDevice, kDeviceInterface, {});
+    settle();
+
+    EXPECT_EQ(log.lines(), Lines{std::string("D props changed: ") + kDevice});
+    EXPECT_EQ(listener.events(), Lines{});
+}
+
+TEST_F(ATrackedTree, IgnoresTheInvalidatedNames)
+{
+    start();
+    addDevice(kDevice, {{"RSSI", int16(-40)}, {"Paired", boolean(true)}});
+    ASSERT_TRUE(listener.await(deviceAdded()));
+    listener.clear();
+
+    sim->emitPropertiesChanged(kDevice, kDeviceInterface, {}, {"RSSI", "Paired"});
+    settle();
+
+    EXPECT_EQ(listener.events(), Lines{});
+    std::int16_t dBm = 7;
+    EXPECT_FALSE(client->deviceGetRSSI(kDevice, dBm)) << "but the proxy forgets them";
+}
+
+TEST_F(ATrackedTree, DoesntSeeChangesOfOtherKinds)
+{
+    start();
+    addAll();
+    ASSERT_TRUE(listener.await(descriptorAdded()));
+    listener.clear();
+    log.clear();
+
+    sim->emitPropertiesChanged(kAdapter, kAdapterInterface,
+                               {{"Powered", boolean(false)}, {"Paired", boolean(true)}});
+    sim->emitPropertiesChanged(kService, kServiceInterface, {{"Value", Variant::bytes({1})}});
+    sim->emitPropertiesChanged(kDescriptor, kDescriptorInterface, {{"Value", Variant::bytes({1})}});
+    settle();
+
+    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(listener.events(), Lines{});
+}
+
+TEST_F(ATrackedTree, DoesntSeeChangesOfOtherInterfaces)
+{
+    start();
+    addDevice();
+    ASSERT_TRUE(listener.await(deviceAdded()));
+    listener.clear();
+
+    sim->emitPropertiesChanged(kDevice, "org.bluez.Battery1", {{"Paired", boolean(true)}});
+    settle();
+
+    EXPECT_EQ(listener.events(), Lines{});
+}
+
+struct TwoKinds {
+    const char* name;
+    const char* component;
+    const char* interface;
+    Lines heard; ///< behind the arrival, without the path
+};
+std::ostream& operator<<(std::ostream& out, const TwoKinds& kinds)
+{
+    return out << kinds.component;
+}
+
+class AChangeOfAPathOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
+{
+};
+
+// The kind that the path has on arrival decides whether it is watched, and the first of device and
+// characteristic what a change means.
+TEST_P(AChangeOfAPathOfTwoKinds, IsThatOfTheFirst)
+{
+    const std::string path = std::string("/x/") + GetParam().component;
+    start();
+    addObject(path, GetParam().interface);
+    settle();
+    listener.clear();
+
+    for (const char* interface : {kAdapterInterface, kDeviceInterface, kServiceInterface,
+                                  kCharacteristicInterface, kDescriptorInterface}) {
+        sim->emitPropertiesChanged(path, interface,
+                                   {{"Paired", boolean(true)}, {"Value", Variant::bytes({7})}});
+    }
+    settle();
+
+    Lines heard;
+    for (const std::string& event : GetParam().heard) {
+        heard.push_back(event.substr(0, event.find(' ')) + " " + path + event.substr(event.find(' ')));
+    }
+    EXPECT_EQ(listener.events(), heard);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Such, AChangeOfAPathOfTwoKinds,
+    testing::Values(TwoKinds{"AsAdapterAndDevice", "dev_AA_BB_CC_DD_EE_FFhci0", kAdapterInterface, {}},
+                    TwoKinds{"AsDeviceAndService",
+                             "service0001dev_AA_BB_CC_DD_EE_FF",
+                             kDeviceInterface,
+                             {"onDevicePairedStatusChanged true"}},
+                    TwoKinds{"AsDeviceAndCharacteristic",
+                             "char0001dev_AA_BB_CC_DD_EE_FF",
+                             kDeviceInterface,
+                             {"onDevicePairedStatusChanged true"}},
+                    TwoKinds{"AsServiceAndCharacteristic", "char0001service0001", kServiceInterface, {}},
+                    TwoKinds{"AsCharacteristicAndDescriptor",
+                             "desc0001char0001",
+                             kCharacteristicInterface,
+                             {"onGattCharacteristicChanged 7"}}),
+    [](const auto& test) { return test.param.name; });
+
+// --- Values ---
+
+TEST_F(ATrackedTree, TellsOfAValueWithItsBytesAndAFreshRecord)
+{
+    start();
+    addAll();
+    ASSERT_TRUE(listener.await(descriptorAdded()));
+    listener.clear();
+    log.clear();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface,
+                               {{"Value", Variant::bytes({0, 80, 255})}});
+    settle();
+
+    EXPECT_EQ(listener.events(),
+              Lines{std::string("onGattCharacteristicChanged ") + kCharacteristic + " 0 80 255"});
+    const Characteristic characteristic = listener.values().at(0).characteristic;
+    EXPECT_EQ(characteristic.uuid, kLevelUuid);
+    EXPECT_EQ(characteristic.parent, kService);
+    EXPECT_EQ(characteristic.val, "");
+    EXPECT_TRUE(characteristic.descriptors.empty()) << "whatever the tree holds";
+    EXPECT_EQ(log.lines(), Lines{std::string("D props changed: ") + kCharacteristic});
+}
+
+TEST_F(ATrackedTree, TellsOfAnEmptyValue)
+{
+    start();
+    addCharacteristic();
+    ASSERT_TRUE(listener.await(characteristicAdded()));
+    listener.clear();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface, {{"Value", Variant::bytes({})}});
+    settle();
+
+    ASSERT_EQ(listener.values().size(), 1U);
+    EXPECT_EQ(listener.values()[0].bytes, Bytes{});
+    EXPECT_EQ(log.lines("EW"), Lines{});
+}
+
+TEST_F(ATrackedTree, TellsOfAValueOfAWrongTypeWithoutBytes)
+{
+    start();
+    addCharacteristic();
+    ASSERT_TRUE(listener.await(characteristicAdded()));
+    listener.clear();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface, {{"Value", text("80")}});
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface,
+                               {{"Value", Variant::strings({"80"})}});
+    settle();
+
+    EXPECT_EQ(listener.values().size(), 2U);
+    EXPECT_EQ(listener.values().at(0).bytes, Bytes{});
+    EXPECT_EQ(listener.values().at(1).bytes, Bytes{});
+    EXPECT_EQ(log.lines("EW"), (Lines{"E Not an array", "E Not an array of bytes: as"}));
+    expectFromGlib({});
+}
+
+TEST_F(ATrackedTree, PassesOverOtherChangesOfACharacteristic)
+{
+    start();
+    addCharacteristic();
+    ASSERT_TRUE(listener.await(characteristicAdded()));
+    listener.clear();
+    log.clear();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface,
+                               {{"Notifying", boolean(true)}, {"Paired", boolean(true)}});
+    settle();
+
+    EXPECT_EQ(listener.events(), Lines{});
+    EXPECT_EQ(log.lines(), Lines{std::string("D props changed: ") + kCharacteristic});
+}
+
+// A proxy that outlives its entry, since a call on it is under way, still sees the value change; the record
+// of that event asks for the path again and so leaves an entry. The entry shows whether a record was built.
+class AValueOfACharacteristicThatHasGone : public ATrackedTree
+{
+protected:
+    // Changes the value while a call keeps the proxy alive; returns what stands in the map afterwards.
+    Lines keysAfterTheChange()
+    {
+        start();
+        addCharacteristic();
+        EXPECT_TRUE(listener.await(characteristicAdded()));
+        sim->bend(Bend::silence("StartNotify"));
+        GioSpy spy;
+        spy.setDefaultTimeout(kCallLimit);
+        std::future<bool> call = std::async(
+            std::launch::async, [&] { return client->characteristicStartNotify(kCharacteristic); });
+        EXPECT_TRUE(sim->awaitCall("StartNotify"));
+        sim->removeObject(kCharacteristic);
+        settle();
+        EXPECT_EQ(unrefs(), 0U) << "the call holds the proxy";
+        prepare();
+
+        sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface,
+                                   {{"Value", Variant::bytes({7})}});
+        settle();
+        EXPECT_EQ(log.count(std::string("D props changed: ") + kCharacteristic), 1U);
+        const Lines left = keys<inside::CharacteristicProxies>();
+
+        EXPECT_EQ(call.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "too slow to tell";
+        EXPECT_FALSE(call.get());
+        EXPECT_EQ(unrefs(), 1U);
+        return left;
+    }
+    virtual void prepare() {}
+
+private:
+    static constexpr std::chrono::seconds kCallLimit{5};
+};
+
+TEST_F(AValueOfACharacteristicThatHasGone, BuildsARecordForASubscribedListener)
+{
+    EXPECT_EQ(keysAfterTheChange(), Lines{kCharacteristic});
+    EXPECT_EQ(listener.values().size(), 1U);
+}
+
+class AValueThatNobodyHears : public AValueOfACharacteristicThatHasGone
+{
+    void prepare() override { client->unsubscribe(&listener); }
+};
+
+TEST_F(AValueThatNobodyHears, CostsNoRecord)
+{
+    EXPECT_EQ(keysAfterTheChange(), Lines{});
+    EXPECT_EQ(listener.values().size(), 0U);
+}
+
+TEST_F(ATrackedTree, SharesTheBytesOfAValueAmongTheListeners)
+{
+    // Only the address tells a shared vector from a copy.
+    struct Shared : Bluez::Listener {
+        const Bytes* bytes = nullptr;
+        void onGattCharacteristicChanged(const Characteristic& /*characteristic*/,
+                                         const Bytes& value) override
+        {
+            bytes = &value;
+        }
+    };
+    Shared first;
+    Shared second;
+    start();
+    client->subscribe(&first);
+    client->subscribe(&second);
+    addCharacteristic();
+    settle();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface, {{"Value", Variant::bytes({7})}});
+    settle();
+
+    destroy();
+    ASSERT_NE(first.bytes, nullptr);
+    EXPECT_EQ(first.bytes, second.bytes);
+}
+
+TEST_F(ATrackedTree, BuildsARecordOfAValueForEachListenerWhenItsTurnComes)
+{
+    RecordingListener& first = others.front();
+    RecordingListener& second = others.back();
+    // What the proxy knows changes between the two.
+    first.onEvent = [&](const std::string& event) {
+        if (event.rfind("onGattCharacteristicChanged", 0) == 0) {
+            GDBusProxy* proxy = inside::of<inside::CharacteristicProxies>(*client).at(kCharacteristic).get();
+            g_dbus_proxy_set_cached_property(proxy, "UUID", g_variant_new_string("meanwhile"));
+        }
+    };
+    start(nullptr);
+    client->subscribe(&first);
+    client->subscribe(&second);
+    addCharacteristic();
+    settle();
+
+    sim->emitPropertiesChanged(kCharacteristic, kCharacteristicInterface, {{"Value", Variant::bytes({7})}});
+    settle();
+
+    ASSERT_EQ(first.values().size(), 1U);
+    ASSERT_EQ(second.values().size(), 1U);
+    EXPECT_EQ(first.values()[0].characteristic.uuid, kLevelUuid);
+    EXPECT_EQ(second.values()[0].characteristic.uuid, "meanwhile");
+}
+
+} // namespace

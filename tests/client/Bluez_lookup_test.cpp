@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: MIT
+#include "Bluez.h"
+
+#include "tests/client/BluezTest.h"
+
+#include <cstdio>
+#include <ostream>
+
+namespace
+{
+
+using Type = Bluez::Service::Type;
+
+using ATrackedTree = ABusWithBlueZ;
+
+std::string descriptorAdded(const std::string& path = kDescriptor)
+{
+    return "onDescriptorAdded " + path;
+}
+
+// --- Lookups ---
+
+TEST_F(ATrackedTree, ListsAdaptersAndDevicesInAscendingOrder)
+{
+    start();
+    const std::string second = "/org/bluez/hci1";
+    addAdapter(second);
+    addAdapter();
+    addDevice(second + "/dev_AA_BB_CC_DD_EE_02");
+    addDevice();
+    settle();
+
+    EXPECT_EQ(client->getAdapters(), (Lines{kAdapter, second}));
+    EXPECT_EQ(client->getDevices(), (Lines{kDevice, second + "/dev_AA_BB_CC_DD_EE_02"}));
+}
+
+TEST_F(ATrackedTree, ListsTheServicesOfADeviceByType)
+{
+    start();
+    const std::string other = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02";
+    const std::string second = std::string(kDevice) + "/service0005";
+    addDevice();
+    addDevice(other);
+    addService();
+    addService(second);
+    addService(std::string(kDevice) + "/service0020", "0000ffd0-0000-1000-8000-00805f9b34fb");
+    addService(std::string(kDevice) + "/service0030", "00001800-0000-1000-8000-00805f9b34fb");
+    addService(other + "/service0010");
+    settle();
+
+    const auto paths = [&](Type type) {
+        Lines found;
+        for (const Bluez::Service& service : client->getServices(kDevice, type)) {
+            found.push_back(service.path);
+        }
+        return found;
+    };
+
+    EXPECT_EQ(paths(Type::Battery), (Lines{second, kService}));
+    EXPECT_EQ(paths(Type::OtaNormal), Lines{std::string(kDevice) + "/service0020"});
+    EXPECT_EQ(paths(Type::Unknown), Lines{std::string(kDevice) + "/service0030"});
+    EXPECT_EQ(paths(Type::Dfu), Lines{});
+}
+
+TEST_F(ATrackedTree, ListsNoServicesForAPathThatIsNoDevice)
+{
+    start();
+    addAll();
+    addService("/service0001"); // its own parent
+    settle();
+
+    EXPECT_TRUE(client->getServices(kAdapter, Type::Battery).empty());
+    EXPECT_TRUE(client->getServices(kService, Type::Battery).empty());
+    EXPECT_TRUE(client->getServices("/service0001", Type::Battery).empty());
+    EXPECT_TRUE(client->getServices("", Type::Battery).empty());
+    EXPECT_TRUE(client->getServices(std::string(kDevice) + "/", Type::Battery).empty())
+        << "compared as a text";
+}
+
+TEST_F(ATrackedTree, HandsOutDeepCopiesOfItsServices)
+{
+    start();
+    addAll();
+    ASSERT_TRUE(listener.await(descriptorAdded()));
+
+    auto services = client->getServices(kDevice, Type::Battery);
+    ASSERT_EQ(services.size(), 1U);
+    services[0].characteristics.at(kCharacteristic).descriptors.at(kDescriptor).uuid = "changed";
+
+    EXPECT_EQ(client->getServices(kDevice, Type::Battery)
+                  .at(0)
+                  .characteristics.at(kCharacteristic)
+                  .descriptors.at(kDescriptor)
+                  .uuid,
+              kConfigurationUuid);
+}
+
+TEST_F(ATrackedTree, ListsTheItemsOfEachKind)
+{
+    start();
+    addAll();
+    const std::string second = std::string(kService) + "/char0001";
+    addCharacteristic(second);
+    settle();
+    log.clear();
+
+    EXPECT_EQ(client->itemsFor(kDevice), Lines{kService});
+    EXPECT_EQ(client->itemsFor(kService), (Lines{second, kCharacteristic}));
+    EXPECT_EQ(client->itemsFor(kCharacteristic), Lines{kDescriptor});
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{std::string("T Fetching item for ") + kDevice, std::string("T ") + kDevice + " is device",
+               std::string("T Fetching item for ") + kService, std::string("T ") + kService + " is service",
+               std::string("T Fetching item for ") + kCharacteristic,
+               std::string("T ") + kCharacteristic + " is characteristic"}));
+}
+
+TEST_F(ATrackedTree, ListsNoItemsOfOtherPaths)
+{
+    start();
+    addAll();
+    settle();
+    log.clear();
+
+    EXPECT_EQ(client->itemsFor(""), Lines{});
+    EXPECT_EQ(client->itemsFor(kDescriptor), Lines{});
+    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(client->itemsFor(kAdapter), Lines{});
+    EXPECT_EQ(client->itemsFor("/org/bluez"), Lines{});
+    EXPECT_EQ(log.lines(),
+              (Lines{std::string("T Fetching item for ") + kAdapter, "T Fetching item for /org/bluez"}));
+}
+
+TEST_F(ATrackedTree, ListsAsItemsWhateverBeginsWithThePath)
+{
+    start();
+    const std::string service = std::string(kDevice) + "/service0001";
+    addCharacteristic(service + "/char0002");
+    addCharacteristic(service + "0/char0003"); // below service00010
+    addCharacteristic(std::string(kDevice) + "/service0002/char0004");
+    settle();
+
+    EXPECT_EQ(client->itemsFor(service), (Lines{service + "/char0002", service + "0/char0003"}));
+}
+
+struct TwoKinds {
+    const char* name;
+    const char* component;
+    const char* child; ///< the item, empty for none
+    const char* said;  ///< of the path, empty for nothing at all
+};
+std::ostream& operator<<(std::ostream& out, const TwoKinds& kinds)
+{
+    return out << kinds.component;
+}
+
+class APathOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
+{
+};
+
+TEST_P(APathOfTwoKinds, HasTheItemsOfTheFirst)
+{
+    start();
+    const std::string path = std::string("/x/") + GetParam().component;
+    addService(path + "/service0002");
+    addCharacteristic(path + "/char0003");
+    addDescriptor(path + "/desc0004");
+    settle();
+    log.clear();
+
+    const std::string child = GetParam().child;
+    EXPECT_EQ(client->itemsFor(path), child.empty() ? Lines{} : Lines{path + "/" + child});
+
+    const std::string said = GetParam().said;
+    EXPECT_EQ(log.lines(),
+              said.empty() ? Lines{} : (Lines{"T Fetching item for " + path, "T " + path + said}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Such, APathOfTwoKinds,
+    testing::Values(
+        TwoKinds{"AsDescriptorAndDevice", "dev_AA_BB_CC_DD_EE_FFdesc0001", "", ""},
+        TwoKinds{"AsDescriptorAndService", "service0001desc0001", "", ""},
+        TwoKinds{"AsDescriptorAndCharacteristic", "char0001desc0001", "", ""},
+        TwoKinds{"AsDeviceAndService", "service0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
+        TwoKinds{"AsDeviceAndCharacteristic", "char0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
+        TwoKinds{"AsServiceAndCharacteristic", "char0001service0001", "char0003", " is service"}),
+    [](const auto& test) { return test.param.name; });
+
+// --- The table of proxies ---
+
+TEST_F(ATrackedTree, PrintsItsProxies)
+{
+    start();
+    addAll();
+    ASSERT_TRUE(listener.await(descriptorAdded()));
+    bool powered = false;
+    client->adapterGetPowered("/org/bluez/hci9", powered); // leaves an empty entry
+    const auto line = [](const char* kind, const std::string& path, GDBusProxy* proxy) {
+        char text[512];
+        std::snprintf(text, sizeof text, "D %s: %s: %p", kind, path.c_str(), static_cast<void*>(proxy));
+        return std::string(text);
+    };
+    const Lines expected = {
+        "D Adapters:",
+        line("Adapter", kAdapter, proxyOf<inside::AdapterProxies>(kAdapter)),
+        line("Adapter", "/org/bluez/hci9", nullptr),
+        "D ======================",
+        "D Devices:",
+        line("Device", kDevice, proxyOf<inside::DeviceProxies>(kDevice)),
+        "D ======================",
+        "D Services:",
+        line("Service", kService, proxyOf<inside::ServiceProxies>(kService)),
+        "D ======================",
+        "D Characteristics:",
+        line("Characteristic", kCharacteristic, proxyOf<inside::CharacteristicProxies>(kCharacteristic)),
+        "D ======================",
+        "D Descriptors:",
+        line("Descriptor", kDescriptor, proxyOf<inside::DescriptorProxies>(kDescriptor)),
+        "D ======================",
+    };
+    log.clear();
+
+    client->debugPrintProxies();
+
+    EXPECT_EQ(log.lines(), expected);
+}
+
+TEST_F(ATrackedTree, PrintsHeadingsAloneWithoutProxies)
+{
+    start();
+    log.clear();
+
+    client->debugPrintProxies();
+
+    const std::string end = "D ======================";
+    EXPECT_EQ(log.lines(), (Lines{"D Adapters:", end, "D Devices:", end, "D Services:", end,
+                                  "D Characteristics:", end, "D Descriptors:", end}));
+}
+
+} // namespace

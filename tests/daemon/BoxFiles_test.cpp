@@ -1,0 +1,404 @@
+// SPDX-License-Identifier: MIT
+#include "BoxFiles.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <limits>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "tests/kit/NamedCase.h"
+#include "tests/kit/ScratchFolder.h"
+
+using namespace std::string_literals;
+
+ssize_t realWrite(int file, const void* bytes, std::size_t size) __asm__("__real_write");
+ssize_t wrappedWrite(int file, const void* bytes, std::size_t size) __asm__("__wrap_write");
+int realUnlink(const char* path) __asm__("__real_unlink");
+int wrappedUnlink(const char* path) __asm__("__wrap_unlink");
+
+namespace
+{
+
+std::size_t longestWrite = std::numeric_limits<std::size_t>::max();
+std::function<void()> afterUnlink;
+
+} // namespace
+
+ssize_t wrappedWrite(int file, const void* bytes, std::size_t size)
+{
+    return realWrite(file, bytes, std::min(size, longestWrite));
+}
+
+int wrappedUnlink(const char* path)
+{
+    const int result = realUnlink(path);
+    if (afterUnlink) {
+        afterUnlink();
+    }
+    return result;
+}
+
+namespace
+{
+
+constexpr int kOtherwise = 1024;
+const int kLargest = std::numeric_limits<int>::max();
+const int kLeast = std::numeric_limits<int>::min();
+
+class ABoxFile : public testing::Test
+{
+public:
+    ~ABoxFile() override
+    {
+        if (mHeld >= 0) {
+            close(mHeld);
+        }
+    }
+
+    void makeNothing() {}
+    void makeFile() { folder.write("file", ""s); }
+    void makeFolder() { std::filesystem::create_directory(path); }
+    void linkToDevice() { std::filesystem::create_symlink("/dev/zero", path); }
+    void linkToNothing() { std::filesystem::create_symlink("/nowhere", path); }
+    void makeFifo() { ASSERT_EQ(0, mkfifo(path.c_str(), 0666)); }
+    void makeFifoWithWriter()
+    {
+        makeFifo();
+        mHeld = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        ASSERT_GE(mHeld, 0);
+    }
+    void makeSocket()
+    {
+        mHeld = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(0, bind(mHeld, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    }
+    // Who opens it waits until it is given back, or for 45 seconds.
+    void makeLeasedFile()
+    {
+        folder.write("file", "12\n"s);
+        ::signal(SIGIO, SIG_IGN); // how the kernel asks for it back
+        mHeld = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        ASSERT_EQ(0, fcntl(mHeld, F_SETLEASE, F_WRLCK));
+    }
+
+protected:
+    ino_t inode() const
+    {
+        struct stat info {
+        };
+        return lstat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+    }
+    bool isOwnRegularFile() const
+    {
+        struct stat info {
+        };
+        return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
+               info.st_nlink == 1;
+    }
+
+    int held() const { return mHeld; }
+
+    ScratchFolder folder;
+    const std::string path = folder.path("file");
+
+private:
+    int mHeld = -1;
+};
+
+// ------------------------------------------------------------------------- The number
+
+struct Content : NamedCase {
+    std::string text;
+    int number;
+};
+
+class ANumberFile : public ABoxFile, public testing::WithParamInterface<Content>
+{
+};
+
+TEST_P(ANumberFile, IsReadAsByAStream)
+{
+    folder.write("file", GetParam().text);
+
+    EXPECT_EQ(GetParam().number, box_files::readNumber(path.c_str(), kOtherwise));
+
+    int ofStream = kOtherwise;
+    std::istringstream(GetParam().text) >> ofStream;
+    EXPECT_EQ(GetParam().number, ofStream) << "so the table is right";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Holding, ANumberFile,
+    testing::Values(Content{{"Nothing"}, "", kOtherwise}, Content{{"ALineEnd"}, "\n", kOtherwise},
+                    Content{{"EveryWhiteSpace"}, " \t\n\v\f\r", kOtherwise}, Content{{"AShortRead"}, "0", 0},
+                    Content{{"TheThreshold"}, "900\n", 900}, Content{{"ANumberWithoutEnd"}, "901", 901},
+                    Content{{"EveryWhiteSpaceBefore"}, " \t\n\v\f\r12\n", 12},
+                    Content{{"APlus"}, "+12\n", 12}, Content{{"AMinus"}, "-12\n", -12},
+                    Content{{"ASignAlone"}, "-", 0}, Content{{"TwoSigns"}, "+-12", 0},
+                    Content{{"ASpaceBehindItsSign"}, "- 12", 0},
+                    Content{{"LeadingZeros"}, "0000000000000000000000012\n", 12},
+                    Content{{"AnOctalNumber"}, "010", 10}, Content{{"AHexadecimalNumber"}, "0x7f", 0},
+                    Content{{"AFraction"}, "3.9", 3}, Content{{"AnExponent"}, "1e3", 1},
+                    Content{{"AGroupedNumber"}, "1,023", 1}, Content{{"AUnit"}, "12mV", 12},
+                    Content{{"TwoNumbers"}, "12 13", 12}, Content{{"Words"}, "no number", 0},
+                    Content{{"ALineEndAndWords"}, "\nno number", 0}, Content{{"ANullByte"}, "\0"s, 0},
+                    Content{{"ANullByteBehind"}, "12\0003"s, 12}, Content{{"AByteAboveAscii"}, "\xa0\x31", 0},
+                    Content{{"TheLargestInt"}, "2147483647", kLargest},
+                    Content{{"OneMoreThanTheLargestInt"}, "2147483648", kLargest},
+                    Content{{"TheLeastInt"}, "-2147483648", kLeast},
+                    Content{{"OneLessThanTheLeastInt"}, "-2147483649", kLeast},
+                    Content{{"TheLargestLong"}, "9223372036854775807", kLargest},
+                    Content{{"MoreThanALong"}, "9223372036854775808", kLargest},
+                    Content{{"LessThanALong"}, "-9223372036854775809", kLeast},
+                    Content{{"TwoHundredDigits"}, std::string(200, '9'), kLargest}),
+    named);
+
+TEST_F(ABoxFile, ThatIsMissingGivesNoNumber)
+{
+    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
+}
+
+TEST_F(ABoxFile, ThatIsAFolderGivesNoNumber)
+{
+    makeFolder();
+
+    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
+}
+
+TEST_F(ABoxFile, ThatFailsToReadGivesNoNumber)
+{
+    EXPECT_EQ(kOtherwise, box_files::readNumber("/proc/self/mem", kOtherwise)); // nothing is at address 0
+}
+
+TEST_F(ABoxFile, ThatIsAFifoWithoutAWriterGivesNoNumber)
+{
+    makeFifo();
+
+    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
+}
+
+TEST_F(ABoxFile, ThatIsAFifoWithASilentWriterGivesNoNumber)
+{
+    makeFifoWithWriter();
+
+    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
+}
+
+TEST_F(ABoxFile, IsReadForItsFirst256BytesAlone)
+{
+    makeFifoWithWriter();
+    const std::string text(1000, '1');
+    ASSERT_EQ(1000, realWrite(held(), text.data(), text.size()));
+
+    EXPECT_EQ(kLargest, box_files::readNumber(path.c_str(), kOtherwise));
+
+    int left = 0;
+    ASSERT_EQ(0, ioctl(held(), FIONREAD, &left));
+    EXPECT_EQ(1000 - 256, left);
+}
+
+// -------------------------------------------------------------------------- The flags
+
+struct Thing : NamedCase {
+    void (ABoxFile::*make)();
+    bool readable;
+};
+
+class AThing : public ABoxFile, public testing::WithParamInterface<Thing>
+{
+protected:
+    void SetUp() override { (this->*GetParam().make)(); }
+};
+
+TEST_P(AThing, IsAFlagIfItOpensAtOnce)
+{
+    EXPECT_EQ(GetParam().readable, box_files::isReadable(path.c_str()));
+}
+
+TEST_P(AThing, GivesNoStreamUnlessItIsARegularFile)
+{
+    EXPECT_EQ(GetParam().make == &ABoxFile::makeFile, box_files::openRegularFile(path).is_open());
+}
+
+INSTANTIATE_TEST_SUITE_P(Which, AThing,
+                         testing::Values(Thing{{"IsNotThere"}, &ABoxFile::makeNothing, false},
+                                         Thing{{"IsAnEmptyFile"}, &ABoxFile::makeFile, true},
+                                         Thing{{"IsAFolder"}, &ABoxFile::makeFolder, true},
+                                         Thing{{"IsAFifo"}, &ABoxFile::makeFifo, true},
+                                         Thing{{"IsAFifoWithAWriter"}, &ABoxFile::makeFifoWithWriter, true},
+                                         Thing{{"IsASocket"}, &ABoxFile::makeSocket, false},
+                                         Thing{{"IsALeasedFile"}, &ABoxFile::makeLeasedFile, false},
+                                         Thing{{"IsALinkToADevice"}, &ABoxFile::linkToDevice, true},
+                                         Thing{{"IsALinkToNothing"}, &ABoxFile::linkToNothing, false}),
+                         named);
+
+// ------------------------------------------------------------------- The status files
+
+class AStatusFile : public ABoxFile
+{
+protected:
+    ~AStatusFile() override
+    {
+        longestWrite = std::numeric_limits<std::size_t>::max();
+        afterUnlink = nullptr;
+    }
+
+    // Somebody is faster than the daemon so often, with a link to the file "victim".
+    void plantAfterTheNextUnlinks(int times)
+    {
+        folder.write("victim", "untouched"s);
+        std::filesystem::create_symlink(folder.path("victim"), path);
+        afterUnlink = [this, times]() mutable {
+            if (times-- > 0) {
+                std::filesystem::create_symlink(folder.path("victim"), path);
+            }
+        };
+    }
+};
+
+TEST_F(AStatusFile, IsMadeForItsFirstLine)
+{
+    const mode_t before = umask(0022);
+    box_files::writeLine("init", path);
+    umask(before);
+
+    EXPECT_EQ("init\n", folder.read("file"));
+    EXPECT_TRUE(isOwnRegularFile());
+    EXPECT_EQ(std::filesystem::perms(0644), std::filesystem::status(path).permissions());
+}
+
+TEST_F(AStatusFile, IsWrittenInPlaceAfterwards)
+{
+    folder.write("file", "a longer word than the next one\n"s);
+    const ino_t before = inode();
+    std::ifstream reader(path);
+
+    box_files::writeLine("init", path);
+
+    EXPECT_EQ(before, inode());
+    EXPECT_EQ("init\n", std::string(std::istreambuf_iterator<char>(reader), {}));
+}
+
+TEST_F(AStatusFile, IsWrittenWholeByAWriteThatComesToAStopEachTime)
+{
+    longestWrite = 3;
+
+    box_files::writeLine("rc_fw_update_preparing", path);
+
+    EXPECT_EQ("rc_fw_update_preparing\n", folder.read("file"));
+}
+
+TEST_F(AStatusFile, StaysWhenThereIsNoDescriptorLeft)
+{
+    folder.write("file", "old\n"s);
+    const ino_t before = inode();
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+
+    box_files::writeLine("init", path);
+
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(before, inode());
+    EXPECT_EQ("old\n", folder.read("file"));
+}
+
+class AStatusFileThatIsPlantedAgain : public AStatusFile, public testing::WithParamInterface<int>
+{
+};
+
+TEST_P(AStatusFileThatIsPlantedAgain, IsMadeAnewInThePlaceOfALink)
+{
+    plantAfterTheNextUnlinks(GetParam());
+
+    box_files::writeLine("init", path);
+
+    EXPECT_TRUE(isOwnRegularFile());
+    EXPECT_EQ("init\n", folder.read("file"));
+    EXPECT_EQ("untouched", folder.read("victim"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Times, AStatusFileThatIsPlantedAgain, testing::Values(0, 1),
+                         testing::PrintToStringParamName());
+
+TEST_F(AStatusFile, IsGivenUpWhenSomebodyAlwaysPlantsALink)
+{
+    plantAfterTheNextUnlinks(std::numeric_limits<int>::max());
+
+    box_files::writeLine("init", path);
+
+    EXPECT_EQ("untouched", folder.read("victim"));
+}
+
+TEST_F(AStatusFile, IsMadeAnewInThePlaceOfAHardLink)
+{
+    folder.write("victim", "untouched"s);
+    std::filesystem::create_hard_link(folder.path("victim"), path);
+
+    box_files::writeLine("init", path);
+
+    EXPECT_TRUE(isOwnRegularFile());
+    EXPECT_EQ("init\n", folder.read("file"));
+    EXPECT_EQ("untouched", folder.read("victim"));
+}
+
+class AThingInThePlaceOfAStatusFile : public AThing
+{
+};
+
+TEST_P(AThingInThePlaceOfAStatusFile, GoesForAFreshOne)
+{
+    box_files::writeLine("init", path);
+
+    EXPECT_TRUE(isOwnRegularFile());
+    EXPECT_EQ("init\n", folder.read("file"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Which, AThingInThePlaceOfAStatusFile,
+                         testing::Values(Thing{{"IsAFifo"}, &ABoxFile::makeFifo, true},
+                                         Thing{{"IsAFifoWithAWriter"}, &ABoxFile::makeFifoWithWriter, true},
+                                         Thing{{"IsASocket"}, &ABoxFile::makeSocket, true},
+                                         Thing{{"IsALeasedFile"}, &ABoxFile::makeLeasedFile, true},
+                                         Thing{{"IsALinkToADevice"}, &ABoxFile::linkToDevice, true},
+                                         Thing{{"IsALinkToNothing"}, &ABoxFile::linkToNothing, true}),
+                         named);
+
+TEST_F(AStatusFile, IsNotWrittenInThePlaceOfAFolder)
+{
+    makeFolder();
+
+    box_files::writeLine("init", path);
+
+    EXPECT_TRUE(std::filesystem::is_empty(path));
+}
+
+// --------------------------------------------------------------------------- The image
+
+TEST_F(ABoxFile, IsReadAsItWasOpenedThoughItIsReplaced)
+{
+    folder.write("file", "the image"s);
+    std::filebuf image = box_files::openRegularFile(path);
+    std::filesystem::rename(folder.write("other", "another"s), path);
+
+    EXPECT_EQ("the image", std::string(std::istreambuf_iterator<char>(&image), {}));
+}
+
+} // namespace

@@ -1,0 +1,605 @@
+// SPDX-License-Identifier: MIT
+// The pairing procedure, from the request to the report.
+
+#include "tests/daemon/Pacing.h"
+#include "tests/kit/TrueTime.h"
+#include "tests/kit/Box.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+using namespace vexabox;
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Not;
+using vexasim::Bend;
+using vexasim::Peripheral;
+
+namespace
+{
+
+const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
+const std::string kDevice = "hci0/dev_C0_FF_EE_00_00_01";
+const std::string kScanOn = "hci0 Adapter1.StartDiscovery ()";
+const std::string kScanOff = "hci0 Adapter1.StopDiscovery ()";
+const std::string kPair = kDevice + " Device1.Pair ()";
+const std::string kGetName = kDevice + " DBus.Properties.Get ('org.bluez.Device1', 'Name')";
+const std::string kGetPaired = kDevice + " DBus.Properties.Get ('org.bluez.Device1', 'Paired')";
+const std::string kFound = "VEXA RC C0:FF:EE:00:00:01 found. Trying to pair...";
+const std::string kNotFound = "VEXA RC not found";
+const std::string kSuccess = "VEXA RC C0:FF:EE:00:00:01 has been successfully paired";
+const std::string kNotPaired = "VEXA RC C0:FF:EE:00:00:01 hasn't been paired";
+const std::string kCallFailed = "Device pairing call has failed";
+const std::string kBroken = "Broken VEXA RC handle";
+const std::string kToIdle = "Transiting to Idle...";
+constexpr std::int64_t kLongSliceUs = 5000000; // a slice of 100 ms, on a very busy machine
+
+std::string removal(const std::string& device)
+{
+    return "hci0 Adapter1.RemoveDevice (objectpath '/org/bluez/" + device + "',)";
+}
+
+/// A remote in range that nobody has paired.
+class APairing : public InABox
+{
+protected:
+    explicit APairing(BoxOptions options = {}) : InABox(std::move(options)) {}
+
+    void SetUp() override { startAtRest(); }
+
+    void request()
+    {
+        box.setFlag("reset");
+        ASSERT_TRUE(box.pass());
+        box.sim().clearCalls();
+        box.clock().advance(500ms);
+        ASSERT_LOG(box, DEBUG, "main", "Pairing...");
+    }
+
+    /// The stack says that it is paired but never tells of the change, so that
+    /// the daemon waits for it.
+    void claimPaired()
+    {
+        box.sim().bend(
+            Bend::answer("Get", g_variant_new("(v)", g_variant_new_boolean(TRUE))).property("Paired"));
+        box.sim().bend(Bend::silence("Pair"));
+    }
+
+    /// The polls of the pairing end at once: a wait's deadline lies in the past.
+    void hurryPolls() { box.clock().stepWallClock(-1min); }
+
+    std::shared_ptr<Peripheral> neighbour(const std::string& name, const std::string& address)
+    {
+        vexasim::PeripheralOptions options;
+        options.name = name;
+        options.address = address;
+        auto peripheral = std::make_shared<Peripheral>(options);
+        box.sim().addPeripheral(peripheral);
+        return peripheral;
+    }
+
+    void setPaired(bool paired)
+    {
+        box.sim().setProperty(kRemote, "org.bluez.Device1", "Paired",
+                              g_variant_new_boolean(paired ? TRUE : FALSE));
+    }
+};
+
+// ---- all goes well
+
+TEST_F(APairing, ScansPairsAndReportsInThisOrder)
+{
+    request();
+    EXPECT_LOG(box, DEBUG, "main", "Removing all devices...");
+    EXPECT_LOG(box, DEBUG, "main", "Scanning on");
+    EXPECT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
+    EXPECT_LOG(box, DEBUG, "main", "RC found VEXA RC : " + kRemote);
+    EXPECT_LOG(box, DEBUG, "main", "Scanning off");
+    EXPECT_LOG(box, ERROR, "main", "Switching scan off failed"); // which means that it worked
+    EXPECT_LOG(box, INFO, "main", kFound);
+    EXPECT_LOG(box, DEBUG, "main", "Device " + kRemote + " paired");
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device", "scanning", "pairing"));
+    ASSERT_TRUE(box.pass());
+    EXPECT_TRUE(box.awaitStatus("connected"));
+    EXPECT_TRUE(box.files().await("bluetooth_rc", "C0:FF:EE:00:00:01"));
+    std::vector<std::string> calls = box.busCalls();
+    calls.erase(std::unique(calls.begin(), calls.end()), calls.end()); // polled as often as need be
+    EXPECT_THAT(calls, ElementsAre(kScanOn, kGetName, kScanOff, kPair, kGetPaired));
+}
+
+TEST_F(APairing, StopsDiscoveringBeforeItPairs)
+{
+    box.sim().bend(Bend::silence("Pair"));
+    request();
+    ASSERT_TRUE(box.sim().awaitCall("Pair", kRemote, 1, kPatience));
+
+    EXPECT_FALSE(box.sim().discovering());
+}
+
+TEST_F(APairing, StopsDiscoveringUnderTheLock)
+{
+    box.sim().bend(Bend::late("StopDiscovery", kLateAnswer));
+    request();
+
+    expectHandlersToWaitFor("StopDiscovery");
+}
+
+TEST_F(APairing, WaitsAtMostASliceForARemoteThatIsThere)
+{
+    box.sim().bend(Bend::lateReply("StartDiscovery", 2s * kSlowness)); // by then the remote is there
+    request();
+    EXPECT_LOG(box, DEBUG, "main", "Scanning on");
+    box.clock().hold(); // its next look is the start of the scan's sixty seconds
+    ASSERT_TRUE(box.clock().awaitHeld());
+    EXPECT_LOG(box, DEBUG, "main", "RC found VEXA RC : " + kRemote);
+    ASSERT_TRUE(box.awaitEvents()); // the signal is over, and nobody has heard it
+    const auto start = std::chrono::steady_clock::now();
+    box.clock().letGo();
+
+    ASSERT_TRUE(box.sim().awaitCall("StopDiscovery", "", 1, kPatience));
+    EXPECT_LE(box.sim().calls("StopDiscovery")[0].timeUs - microseconds(start), kLongSliceUs);
+}
+
+TEST_F(APairing, LooksForTheRemoteEveryTenthOfASecond)
+{
+    box.remote().leave();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+
+    EXPECT_THAT(timeOfWaits(box, 20), isAbout(2s));
+}
+
+TEST_F(APairing, LogsItsFirstLineAndRemovesNothingIfNoDeviceIsKnown)
+{
+    box.remote().leave();
+    request();
+    EXPECT_LOG(box, DEBUG, "main", "Removing all devices...");
+    EXPECT_LOG(box, DEBUG, "main", "Scanning on");
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+
+    EXPECT_THAT(box.busCalls(), ElementsAre(kScanOn));
+}
+
+TEST_F(APairing, AcceptsARemoteThatComesBeforeTheScanIsAnswered)
+{
+    box.sim().bend(Bend::lateReply("StartDiscovery", 300ms));
+    request();
+    EXPECT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
+
+    EXPECT_LOG(box, INFO, "main", kFound);
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+}
+
+TEST_F(APairing, TakesARemoteThatSaysAtOnceThatItIsPaired)
+{
+    box.sim().bend(Bend::answer("Get", g_variant_new("(v)", g_variant_new_boolean(TRUE))).property("Paired"));
+    request();
+
+    EXPECT_LOG(box, INFO, "main", kSuccess); // as soon as the stack tells of it
+    EXPECT_EQ(box.busCalls({"Pair"}).size(), 1U);
+}
+
+// ---- what was known before
+
+TEST_F(APairing, ForgetsEveryDeviceInTheOrderOfItsArrival)
+{
+    box.remote().leave();
+    box.sim().announce(neighbour("TV", "C0:FF:EE:00:00:0C"));
+    box.sim().announce(neighbour("Lamp", "C0:FF:EE:00:00:0A"));
+    box.sim().announce(neighbour("Radio", "C0:FF:EE:00:00:0B"));
+    ASSERT_LOG(box, DEBUG, "main", "Device: + /org/bluez/hci0/dev_C0_FF_EE_00_00_0B");
+    box.sim().bend(Bend::error("RemoveDevice", "org.bluez.Error.Failed", "stays")
+                       .times(1)); // its result isn't looked at
+    request();
+    EXPECT_LOG(box, INFO, "main", "Removing device /org/bluez/hci0/dev_C0_FF_EE_00_00_0C");
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "stays"));
+    EXPECT_LOG(box, INFO, "main", "Removing device /org/bluez/hci0/dev_C0_FF_EE_00_00_0A");
+    EXPECT_LOG(box, INFO, "main", "Removing device /org/bluez/hci0/dev_C0_FF_EE_00_00_0B");
+    ASSERT_TRUE(box.awaitStatus("scanning"));
+
+    EXPECT_THAT(box.busCalls({"RemoveDevice", "StartDiscovery"}),
+                ElementsAre(removal("hci0/dev_C0_FF_EE_00_00_0C"), removal("hci0/dev_C0_FF_EE_00_00_0A"),
+                            removal("hci0/dev_C0_FF_EE_00_00_0B"), kScanOn));
+}
+
+class APairingOfAPairedRemote : public APairing
+{
+protected:
+    APairingOfAPairedRemote() : APairing(pairedRemote()) {}
+    void SetUp() override { startConnectedAtRest(); }
+};
+
+TEST_F(APairingOfAPairedRemote, ForgetsItAndPairsItAnew)
+{
+    ASSERT_TRUE(box.files().await("bluetooth_rc", "C0:FF:EE:00:00:01"));
+    request();
+    EXPECT_LOG(box, INFO, "main", "Removing device " + kRemote);
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_THAT(box.files().course("bluetooth_rc"),
+                ElementsAre("C0:FF:EE:00:00:01", kGone, "C0:FF:EE:00:00:01"));
+    // The first pass may come before the daemon hears of its own connection.
+    EXPECT_THAT(box.statusCourse(),
+                ::testing::AnyOf(
+                    ElementsAre("init", "connected", "scanning", "pairing", "connected"),
+                    ElementsAre("init", "disconnected", "connected", "scanning", "pairing", "connected")));
+}
+
+TEST_F(APairingOfAPairedRemote, RemovesTheAddressWithoutALineInTheLog)
+{
+    ASSERT_TRUE(box.files().await("bluetooth_rc", "C0:FF:EE:00:00:01"));
+    box.sim().bend(Bend::error("RemoveDevice", "org.bluez.Error.Failed")); // so that only pair() removes it
+    box.sim().bend(Bend::silence("StartDiscovery"));
+    request();
+    ASSERT_TRUE(box.sim().awaitCall("StartDiscovery", "", 1, kPatience));
+
+    EXPECT_FALSE(box.exists("bluetooth_rc"));
+    EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
+    EXPECT_EQ(box.statusCourse().back(), "connected") << "the old status stands until the scan is on";
+}
+
+TEST_F(APairingOfAPairedRemote, KnowsNoRemoteAlthoughBlueZRefusesToForgetIt)
+{
+    box.sim().bend(Bend::error("RemoveDevice", "org.bluez.Error.Failed", "stays"));
+    request();
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "stays"));
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    box.clock().advance(60s);
+
+    EXPECT_LOG(box, WARN, "main", kNotFound);
+    EXPECT_TRUE(box.awaitStatus("no device"));
+}
+
+TEST_F(APairingOfAPairedRemote, LeavesTheBoxWithoutARemoteIfItFails)
+{
+    request();
+    box.remote().leave();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    box.clock().advance(60s);
+    EXPECT_LOG(box, WARN, "main", kNotFound);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+
+    EXPECT_TRUE(box.awaitStatus("no device"));
+    EXPECT_FALSE(box.exists("bluetooth_rc"));
+}
+
+// ---- the scan
+
+TEST_F(APairing, GivesUpAfterSixtySeconds)
+{
+    box.remote().leave();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    box.clock().advance(59999999us);
+    EXPECT_TRUE(box.program().awaitMainThreadOnNextCondition());
+    EXPECT_NO_LOG(box, DEBUG, "main", "Scanning off");
+    EXPECT_TRUE(box.sim().discovering());
+    box.clock().advance(1us);
+
+    EXPECT_LOG(box, DEBUG, "main", "Scanning off");
+    EXPECT_LOG(box, WARN, "main", kNotFound);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    EXPECT_THAT(box.busCalls({"StopDiscovery", "Pair"}), ElementsAre(kScanOff));
+    EXPECT_TRUE(box.awaitStatus("no device"));
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device", "scanning", "no device"));
+}
+
+TEST_F(APairing, GoesOnScanningWhenOtherDevicesComeAlong)
+{
+    box.remote().leave();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    neighbour("VEXA", "C0:FF:EE:00:00:0A");
+    neighbour("My VEXA RC", "C0:FF:EE:00:00:0B");
+    EXPECT_LOG(box, DEBUG, "main", "Device: + /org/bluez/hci0/dev_C0_FF_EE_00_00_0B");
+    box.clock().advance(30s);
+    EXPECT_TRUE(box.sim().discovering());
+    EXPECT_NO_LOG(box, DEBUG, "main", "Scanning off");
+    box.remote().comeBack();
+
+    EXPECT_LOG(box, INFO, "main", kFound);
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+}
+
+TEST_F(APairing, AcceptsARemoteThatComesJustAsTheLimitIsReached)
+{
+    box.remote().leave();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    // The handler holds the lock while it asks for the name; meanwhile the
+    // limit passes, and the wait ends by its slice and not by the signal.
+    box.sim().bend(Bend::late("Get", 500ms).property("Name"));
+    box.remote().comeBack();
+    EXPECT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
+    box.clock().advance(60s);
+
+    EXPECT_LOG(box, INFO, "main", kFound);
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+    EXPECT_NO_LOG(box, WARN, "main", kNotFound);
+}
+
+TEST_F(APairing, WaitsForARemoteAlthoughTheAdapterRefusesToScan)
+{
+    box.sim().bend(Bend::error("StartDiscovery", "org.bluez.Error.InProgress", "scanning already"));
+    request();
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.InProgress", "scanning already"));
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    box.sim().announce(box.remote().normal()); // somebody else's scan finds it
+
+    EXPECT_LOG(box, INFO, "main", kFound);
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+}
+
+TEST_F(APairing, GoesOnAlthoughTheScanCantBeSwitchedOff)
+{
+    box.sim().bend(Bend::error("StopDiscovery", "org.bluez.Error.Failed", "no"));
+    request();
+
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "no"));
+    EXPECT_LOG(box, ERROR, "main", "Switching scan off failed");
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+}
+
+TEST_F(APairing, EndsAtTheScanWithoutAnAdapter)
+{
+    box.sim().removeAdapter();
+    ASSERT_LOG(box, DEBUG, "main", "Adapter: - /org/bluez/hci0");
+    request();
+    EXPECT_LOG(box, DEBUG, "main", "Scanning on");
+    EXPECT_LOG(box, ERROR, "main", "Switching scan on failed");
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+
+    EXPECT_NO_LOG(box, DEBUG, "main", "Scanning off");
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device")) << "never \"scanning\"";
+}
+
+TEST_F(APairing, EndsAtTheScansEndIfTheAdapterIsPulledOut)
+{
+    box.remote().leave();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    box.sim().removeAdapter();
+    ASSERT_LOG(box, DEBUG, "main", "Adapter: - /org/bluez/hci0");
+    box.clock().advance(60s);
+
+    EXPECT_LOG(box, ERROR, "main", "Switching scan off failed");
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    EXPECT_TRUE(box.awaitStatus("no device"));
+}
+
+// ---- the pairing call
+
+TEST_F(APairing, PollsThirtyTimesForARemoteThatRefuses)
+{
+    box.remote().setPairing(Peripheral::Pairing::Refuses);
+    hurryPolls();
+    request();
+    EXPECT_LOG(box, INFO, "main", kFound);
+    EXPECT_LOG(box, ERROR, "main", kCallFailed);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+
+    EXPECT_EQ(box.busCalls({"Get"}).size(), 1U + 30U) << "the name and the polls";
+    EXPECT_EQ(box.busCalls({"Pair"}).size(), 1U);
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device", "scanning"));
+    ASSERT_TRUE(box.pass()); // the remote is known and not paired
+    EXPECT_LOG(box, WARN, "main", "Removing failed to pair device");
+    EXPECT_LOG(box, DEBUG, "main", "Device: - " + kRemote);
+    ASSERT_TRUE(box.pass());
+    EXPECT_TRUE(box.awaitStatus("no device"));
+}
+
+TEST_F(APairing, PausesHalfASecondBetweenItsPolls)
+{
+    box.remote().setPairing(Peripheral::Pairing::Silent);
+    request();
+    const auto isPoll = [](const vexasim::Call& call) { return shortText(call) == kGetPaired; };
+    ASSERT_TRUE(box.sim().awaitCall(isPoll, 6, kPatience));
+
+    std::vector<std::int64_t> polls;
+    for (const vexasim::Call& call : box.sim().calls("Get", kRemote)) {
+        if (isPoll(call)) {
+            polls.push_back(call.timeUs);
+        }
+    }
+    EXPECT_THAT(Pacing(polls).medianUs(), isAbout(500ms));
+}
+
+// The polls before it pass at once. While the last one isn't answered, the wall clock is put right again.
+TEST_F(APairing, PausesOnceMoreBehindItsLastPoll)
+{
+    constexpr auto kWhileHeld = 3s * kSlowness;
+    const auto unpaired = [] { return g_variant_new("(v)", g_variant_new_boolean(FALSE)); };
+    box.sim().bend(Bend::silence("Pair"));
+    box.sim().bend(Bend::lateReply("Get", kWhileHeld).property("Paired"));
+    box.sim().bend(Bend::answer("Get", unpaired()).property("Paired").times(29));
+    hurryPolls();
+    request();
+    const auto isPoll = [](const vexasim::Call& call) { return shortText(call) == kGetPaired; };
+    ASSERT_TRUE(box.sim().awaitCall(isPoll, 30, kPatience));
+    box.clock().stepWallClock(1min);
+    ASSERT_LOG(box, ERROR, "main", kCallFailed);
+
+    const std::int64_t ended = arrivals(box, isLog(ERROR, "main", kCallFailed)).back();
+    const std::vector<vexasim::Call> calls = box.sim().calls("Get", kRemote);
+    EXPECT_THAT(ended - calls.back().timeUs - microseconds(kWhileHeld), isAbout(500ms));
+}
+
+TEST_F(APairing, FailsWhenTheRemoteIsRemovedInThePolls)
+{
+    box.remote().setPairing(Peripheral::Pairing::Silent);
+    request();
+    ASSERT_TRUE(box.sim().awaitCall("Pair", kRemote, 1, kPatience));
+    box.sim().removePeripheral(box.remote().normal());
+
+    EXPECT_LOG(box, ERROR, "main", kCallFailed);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    ASSERT_TRUE(box.pass());
+    EXPECT_TRUE(box.awaitStatus("no device"));
+    EXPECT_THAT(box.statusCourse(), Not(Contains("pairing")));
+    EXPECT_EQ(
+        box.log().count(beginsLog(ERROR, "Bluez", "GDBus.Error:org.freedesktop.DBus.Error.UnknownObject")),
+        1U);
+}
+
+TEST_F(APairing, FailsOnAPollThatIsAnsweredWithAnError)
+{
+    box.sim().bend(Bend::error("Get", "org.freedesktop.DBus.Error.Failed", "no").property("Paired"));
+    request();
+
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.freedesktop.DBus.Error.Failed", "no"));
+    EXPECT_LOG(box, ERROR, "main", kCallFailed);
+}
+
+TEST_F(APairing, ReturnsWithABrokenHandleIfTheRemoteGoesBeforeTheCall)
+{
+    box.sim().bend(Bend::late("StopDiscovery", 2s * kSlowness));
+    request();
+    EXPECT_LOG(box, DEBUG, "main", "Scanning off");
+    box.clock().hold(); // its next look is the start of the pairing's ten seconds
+    EXPECT_LOG(box, INFO, "main", kFound);
+    ASSERT_TRUE(box.clock().awaitHeld());
+    box.sim().removePeripheral(box.remote().normal());
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
+    box.sim().clearCalls();
+    box.clock().letGo();
+
+    EXPECT_LOG(box, ERROR, "main", "Broken VEXA RC handle. Returning from pairing.");
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    EXPECT_EQ(box.statusCourse().back(), "scanning");
+    EXPECT_THAT(box.busCalls(), Not(Contains(kPair)));
+    ASSERT_TRUE(box.pass());
+    EXPECT_TRUE(box.awaitStatus("no device"));
+}
+
+// ---- the wait for the paired state
+
+TEST_F(APairing, GivesUpTenSecondsAfterTheScan)
+{
+    claimPaired();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("pairing"));
+    box.clock().advance(9999999us);
+    EXPECT_TRUE(box.program().awaitMainThreadOnNextCondition());
+    EXPECT_NO_LOG(box, WARN, "main", kNotPaired);
+    box.clock().advance(1us);
+
+    EXPECT_LOG(box, WARN, "main", kNotPaired);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device", "scanning", "pairing"));
+    EXPECT_LOG(box, WARN, "main", "Removing failed to pair device"); // that pass is due at once
+}
+
+TEST_F(APairing, CountsItsTenSecondsFromBeforeTheCall)
+{
+    box.sim().bend(
+        Bend::answer("Get", g_variant_new("(v)", g_variant_new_boolean(FALSE))).property("Paired").times(2));
+    box.sim().bend(Bend::silence("Pair"));
+    request();
+    ASSERT_TRUE(box.sim().awaitCall("Pair", kRemote, 1, kPatience));
+    box.clock().advance(10s);
+    claimPaired(); // from now on the polls succeed, but no signal comes
+
+    EXPECT_LOG(box, WARN, "main", kNotPaired); // at once: the clock stands still
+}
+
+TEST_F(APairing, IsntEndedByASignalThatSaysNotPaired)
+{
+    claimPaired();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("pairing"));
+    setPaired(false);
+    EXPECT_LOG(box, DEBUG, "main", "Device " + kRemote + " unpaired");
+    box.clock().advance(9s);
+    EXPECT_TRUE(box.program().awaitMainThreadOnNextCondition());
+    EXPECT_NO_LOG(box, INFO, "main", kToIdle);
+    setPaired(true);
+
+    EXPECT_LOG(box, INFO, "main", kSuccess);
+}
+
+TEST_F(APairing, ReportsABrokenHandleWhenTheRemoteIsRemovedMeanwhile)
+{
+    claimPaired();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("pairing"));
+    box.sim().removePeripheral(box.remote().normal());
+    EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
+    EXPECT_TRUE(box.program().awaitMainThreadOnNextCondition());
+    EXPECT_NO_LOG(box, ERROR, "main", kBroken) << "nothing wakes the wait, only its limit";
+    box.clock().advance(10s);
+
+    EXPECT_LOG(box, ERROR, "main", kBroken);
+    EXPECT_TRUE(box.awaitStatus("no device"));
+}
+
+TEST_F(APairing, LooksForThePairingEveryTenthOfASecond)
+{
+    claimPaired();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("pairing"));
+
+    EXPECT_THAT(timeOfWaits(box, 20), isAbout(2s));
+}
+
+// ---- an interrupt on the way
+
+TEST_F(APairing, SkipsTheScanWaitWhenItIsToldToStopBefore)
+{
+    box.remote().leave();
+    box.sim().bend(Bend::late("StartDiscovery", 300ms));
+    request();
+    ASSERT_TRUE(box.sim().awaitCall("StartDiscovery", "", 1, kPatience));
+    EXPECT_TRUE(box.stops());
+
+    EXPECT_LOG(box, WARN, "main", "Interrupt!");
+    EXPECT_LOG(box, DEBUG, "main", "Scanning off");
+    EXPECT_LOG(box, WARN, "main", kNotFound);
+    EXPECT_LOG(box, INFO, "main", kToIdle);
+    EXPECT_THAT(box.busCalls({"StartDiscovery", "StopDiscovery"}), ElementsAre(kScanOn, kScanOff));
+}
+
+TEST_F(APairing, SwitchesTheScanOffWhenItIsToldToStopInIt)
+{
+    box.remote().leave();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("scanning"));
+    EXPECT_TRUE(box.stops());
+
+    EXPECT_LOG(box, WARN, "main", "Interrupt!");
+    EXPECT_LOG(box, DEBUG, "main", "Scanning off");
+    EXPECT_LOG(box, WARN, "main", kNotFound);
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device", "scanning", kGone));
+}
+
+TEST_F(APairing, StillPairsARemoteThatItHasFoundWhenItIsToldToStop)
+{
+    claimPaired();
+    box.sim().bend(Bend::late("StopDiscovery", 300ms));
+    request();
+    ASSERT_TRUE(box.sim().awaitCall("StopDiscovery", "", 1, kPatience));
+    EXPECT_TRUE(box.stops());
+
+    EXPECT_LOG(box, INFO, "main", kFound);
+    EXPECT_LOG(box, WARN, "main", kNotPaired); // no wait at all: the clock stands still
+    EXPECT_EQ(box.busCalls({"Pair"}).size(), 1U);
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device", "scanning", "pairing", kGone));
+}
+
+TEST_F(APairing, EndsItsLastWaitWhenItIsToldToStop)
+{
+    claimPaired();
+    request();
+    ASSERT_TRUE(box.awaitWaitAt("pairing"));
+    EXPECT_TRUE(box.stops());
+
+    EXPECT_LOG(box, WARN, "main", kNotPaired);
+}
+
+} // namespace

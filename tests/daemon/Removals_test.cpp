@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: MIT
+// Objects that go while the daemon stands in a call under its lock. What comes back under the same path has
+// to be usable: a look-up between an object's end and the daemon's hearing of it would spoil that path, and
+// the remote would be removed with its bond.
+
+#include "tests/kit/Box.h"
+#include "tests/kit/Objects.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <functional>
+
+using namespace vexabox;
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using vexasim::Bend;
+using vexasim::Simulator;
+
+namespace
+{
+
+constexpr auto kCallTakes = 300ms;
+constexpr int kRounds = 2;
+
+const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
+const std::string kVersionUuid = "0000ffd3-0000-1000-8000-00805f9b34fb";
+
+class ARemovalDuringACall : public InABox
+{
+protected:
+    ARemovalDuringACall() : InABox(pairedRemote()) { box.slowHandlers(); }
+
+    /// From now on the method is answered late, by an error where its object has gone.
+    void slowDown(const std::string& member, std::chrono::milliseconds delay = kCallTakes)
+    {
+        box.sim().clearBends();
+        box.sim().clearCalls();
+        box.sim().bend(Bend::late(member, delay));
+    }
+    /// The daemon stands in the call, and its next pass is due as soon as that has ended.
+    void awaitCallOf(const std::string& member)
+    {
+        ASSERT_TRUE(box.sim().awaitCall(member, "", 1, kPatience)) << member;
+        box.clock().advance(600ms);
+    }
+};
+
+// ---- the remote
+
+struct Way {
+    const char* name;
+    std::function<void(Simulator&)> go;
+    std::function<void(Simulator&)> comeBack;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Way& way)
+{
+    return stream << way.name;
+}
+
+void start(Simulator& sim)
+{
+    sim.startService();
+}
+
+// A device as bluetoothd shows one that is bonded and away.
+void addBonded(Simulator& sim)
+{
+    sim.addObject(kRemote, deviceObject("VEXA RC", "C0:FF:EE:00:00:01", true, false));
+}
+
+const Way kWays[] = {
+    {"Restart", [](Simulator& sim) { sim.stopService(Simulator::Stop::Terminate); }, start},
+    {"Kill", [](Simulator& sim) { sim.stopService(Simulator::Stop::Kill); }, start},
+    {"Removal", [](Simulator& sim) { sim.removeObject(kRemote); }, addBonded},
+    {"Pull", [](Simulator& sim) { sim.removeAdapter(); },
+     [](Simulator& sim) { sim.addAdapter(vexasim::AdapterOptions{}); }},
+};
+
+class ARemoteThatGoesDuringACall : public ARemovalDuringACall, public ::testing::WithParamInterface<Way>
+{
+protected:
+    void goAndComeBack()
+    {
+        GetParam().go(box.sim());
+        ASSERT_LOG(box, DEBUG, "main", "Device: - " + kRemote);
+        box.sim().clearBends();
+        GetParam().comeBack(box.sim());
+        ASSERT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
+    }
+
+    void keepConnecting(int rounds)
+    {
+        box.remote().leave();
+        ASSERT_TRUE(box.startAndSkipWait());
+        ASSERT_TRUE(box.awaitStatus("disconnected"));
+        for (int round = 0; round < rounds && !HasFailure(); ++round) {
+            SCOPED_TRACE(round);
+            slowDown("Connect");
+            box.setFlag("pair");
+            awaitCallOf("Connect");
+            goAndComeBack();
+            expectUsable();
+        }
+    }
+
+private:
+    void expectUsable()
+    {
+        ASSERT_TRUE(box.awaitPasses(2));
+        EXPECT_THAT(box.busCalls({"RemoveDevice"}), IsEmpty());
+        EXPECT_TRUE(box.awaitStatus("disconnected"));
+    }
+};
+
+TEST_P(ARemoteThatGoesDuringACall, IsKeptByTheStart)
+{
+    slowDown("Connect");
+    box.startDaemon();
+    awaitCallOf("Connect");
+    goAndComeBack();
+
+    ASSERT_TRUE(box.awaitPasses(2));
+    EXPECT_THAT(box.busCalls({"RemoveDevice"}), IsEmpty());
+}
+
+TEST_P(ARemoteThatGoesDuringACall, IsKeptByTheIdlePassThatConnectsIt)
+{
+    keepConnecting(kRounds);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesDuringACall, ::testing::ValuesIn(kWays),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+using ARemoteThatGoesForLong = ARemoteThatGoesDuringACall;
+
+TEST_P(ARemoteThatGoesForLong, IsKeptEachTime)
+{
+    keepConnecting(75);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesForLong, ::testing::ValuesIn(kWays),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+// ---- its characteristics
+
+TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoes)
+{
+    ASSERT_TRUE(box.startConnected());
+    const std::string version = box.pathOf(kVersionUuid);
+    slowDown("ReadValue");
+    box.clock().advance(16s);
+    awaitCallOf("ReadValue");
+    box.sim().removeObject(version);
+    ASSERT_TRUE(box.awaitPasses(2));
+
+    EXPECT_TRUE(box.files().await("bluetooth_rc_battery", "80"));
+    EXPECT_THAT(box.sim().calls("ReadValue", version), IsEmpty());
+    EXPECT_NO_LOG(box, ERROR, "Bluez", "No proxy found for characteristic " + version);
+}
+
+// ---- a handler that waits for the lock
+
+TEST_F(ARemovalDuringACall, LetsAHandlerThatWaitsGoBeforeTheNextPass)
+{
+    const std::string other = "/org/bluez/hci0/dev_C0_FF_EE_00_00_02";
+    box.remote().leave();
+    ASSERT_TRUE(box.startAndSkipWait());
+    ASSERT_TRUE(box.awaitStatus("disconnected"));
+    slowDown("Connect", 2s * kSlowness);
+    box.setFlag("pair");
+    awaitCallOf("Connect");
+    box.sim().addObject(other, deviceObject("VEXA Two", "C0:FF:EE:00:00:02", false, false));
+    ASSERT_LOG(box, DEBUG, "main", "Device: + " + other);
+    ASSERT_LOG(box, WARN, "main", "Removing failed to pair device");
+
+    // The pass behind the call already saw the remote that was announced during it.
+    const std::vector<std::string> log = box.logOf("main", TRACE);
+    const auto found = std::find(log.begin(), log.end(), "D RC found VEXA Two : " + other);
+    ASSERT_NE(found, log.end());
+    EXPECT_THAT(std::vector<std::string>(found, log.end()), Not(Contains("T Do Action_eDoNothing")));
+    const auto announced = std::find(log.begin(), log.end(), "D Device: + " + other);
+    EXPECT_THAT(std::vector<std::string>(announced, found), Not(Contains("T Do Action_eDoNothing")));
+}
+
+} // namespace

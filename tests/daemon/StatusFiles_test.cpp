@@ -1,0 +1,573 @@
+// SPDX-License-Identifier: MIT
+// The files that the daemon publishes, and the readings behind them.
+
+#include "tests/kit/Box.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+
+using namespace vexabox;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using vexasim::Bend;
+using vexasim::Bytes;
+
+namespace
+{
+
+const std::string kAddress = "C0:FF:EE:00:00:01";
+const std::string kBattery = "bluetooth_rc_battery";
+const std::string kVersion = "bluetooth_rc_fw_version";
+const std::string kShouldRead = "Should read battery level";
+
+BoxOptions withRemote(const vexasim::RemoteOptions& remote)
+{
+    BoxOptions options;
+    options.simulator.remote = remote;
+    options.simulator.remote.paired = true;
+    return options;
+}
+
+/// A remote that has just been connected; the daemon's clock stands still.
+class AConnectedRemote : public InABox
+{
+protected:
+    explicit AConnectedRemote(const vexasim::RemoteOptions& remote = {}) : InABox(withRemote(remote)) {}
+    void SetUp() override { startConnectedAtRest(); }
+
+    /// Lets the first delay pass; the reading happens in this pass if there is one.
+    void letItBeRead()
+    {
+        ASSERT_TRUE(box.pass(16s));
+        EXPECT_LOG(box, DEBUG, "main", kShouldRead);
+    }
+
+    /// Begins the delay anew, at the time at which the clock stands.
+    void restartDelay()
+    {
+        box.sim().emitPropertiesChanged(box.remotePath(), "org.bluez.Device1",
+                                        {{"Connected", g_variant_new_boolean(TRUE)}});
+        ASSERT_TRUE(box.awaitEvents());
+    }
+
+    std::size_t readings() { return box.busCalls({"ReadValue"}).size(); }
+    std::string batteryCall()
+    {
+        return box.remotePath().substr(11) +
+               "/service0010/char0011 GattCharacteristic1.ReadValue (@a{sv} {},)";
+    }
+    std::string versionCall()
+    {
+        return box.remotePath().substr(11) +
+               "/service0020/char0021 GattCharacteristic1.ReadValue (@a{sv} {},)";
+    }
+    void setProperty(const std::string& name, const vexasim::Variant& value)
+    {
+        box.sim().setProperty(box.remotePath(), "org.bluez.Device1", name, value);
+        ASSERT_TRUE(box.awaitEvents());
+    }
+};
+
+// ---- the words and the address
+
+TEST_F(AConnectedRemote, IsPublishedWithItsAddress)
+{
+    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
+    EXPECT_THAT(
+        box.statusCourse(),
+        // The first pass may come before BlueZ has reported the connection.
+        ::testing::AnyOf(ElementsAre("init", "connected"), ElementsAre("init", "disconnected", "connected")));
+}
+
+TEST_F(AConnectedRemote, IsPublishedAgainOnEachPass)
+{
+    const std::size_t status = box.files().writes("bluetooth_status");
+    const std::size_t address = box.files().writes("bluetooth_rc");
+    ASSERT_TRUE(box.pass());
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(box.files().writes("bluetooth_status"), status + 2);
+    EXPECT_EQ(box.files().writes("bluetooth_rc"), address + 2);
+}
+
+TEST_F(AConnectedRemote, HasItsFilesBackAPassAfterSomebodyRemovedThem)
+{
+    std::filesystem::remove(box.file("bluetooth_rc"));
+    std::filesystem::remove(box.file("bluetooth_status"));
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
+}
+
+TEST_F(AConnectedRemote, KeepsItsOldAddressFileWhenItsAddressIsEmpty)
+{
+    setProperty("Address", g_variant_new_string(""));
+    const std::size_t writes = box.files().writes("bluetooth_rc");
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.files().writes("bluetooth_rc"), writes);
+    EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
+}
+
+TEST_F(AConnectedRemote, IsPublishedAsDisconnectedOnThePassAfterItsLinkEnded)
+{
+    box.remote().loseLink();
+    ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
+    ASSERT_TRUE(box.awaitEvents());
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(box.content("bluetooth_status"), "disconnected\n");
+    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+}
+
+// Between the two looks of one pass at the bond, which are the only ones that tell.
+TEST_F(AConnectedRemote, IsPublishedAsNotPairedIfItsBondIsLostWithinAPass)
+{
+    const std::string path = box.remotePath();
+    setProperty("Connected", g_variant_new_boolean(FALSE));
+    constexpr unsigned kBackOffBegins = 3; // the pass was due, its beginning is noted, then this
+    box.clock().advanceAndHold(500ms, kBackOffBegins);
+    ASSERT_TRUE(box.clock().awaitHeld());
+    box.sim().setProperty(path, "org.bluez.Device1", "Paired", g_variant_new_boolean(FALSE));
+    EXPECT_LOG(box, DEBUG, "main", "Device " + path + " unpaired");
+    box.clock().letGo();
+
+    EXPECT_TRUE(box.awaitStatus("not paired"));
+    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n") << "it stays as it is";
+}
+
+TEST_F(AConnectedRemote, IsPublishedAlthoughOneOfItsFilesCantBeWritten)
+{
+    std::filesystem::remove(box.file("bluetooth_rc"));
+    std::filesystem::create_directory(box.file("bluetooth_rc"));
+    box.remote().loseLink();
+    ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
+    ASSERT_TRUE(box.awaitEvents());
+    const std::size_t errors = box.log().count([](const LogRecord& record) { return record.level == ERROR; });
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(box.content("bluetooth_status"), "disconnected\n");
+    EXPECT_EQ(box.log().count([](const LogRecord& record) { return record.level == ERROR; }), errors);
+}
+
+// The remote's properties, of which each is needed.
+class AConnectedRemoteWithout : public AConnectedRemote, public ::testing::WithParamInterface<const char*>
+{
+};
+
+TEST_P(AConnectedRemoteWithout, IsPublishedAsAnErrorForAsLongAsThatLasts)
+{
+    const vexasim::Variant value = box.sim().property(box.remotePath(), "org.bluez.Device1", GetParam());
+    box.sim().dropProperty(box.remotePath(), "org.bluez.Device1", GetParam(), vexasim::Simulator::Emit::Yes);
+    ASSERT_TRUE(box.awaitEvents());
+    ASSERT_TRUE(box.pass());
+    EXPECT_EQ(box.content("bluetooth_status"), "error\n");
+    ASSERT_TRUE(box.pass(20s)); // nor is anything read on such a pass
+    EXPECT_EQ(box.content("bluetooth_status"), "error\n");
+    EXPECT_EQ(readings(), 0U);
+    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+
+    setProperty(GetParam(), value);
+    ASSERT_TRUE(box.pass());
+    EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Property, AConnectedRemoteWithout,
+                         ::testing::Values("Address", "Paired", "Connected"),
+                         [](const auto& test) { return std::string(test.param); });
+
+class ABoxWithoutARemote : public InABox
+{
+protected:
+    ABoxWithoutARemote() : InABox(noRemote()) {}
+};
+
+TEST_F(ABoxWithoutARemote, SaysSoAndRemovesAStaleAddressButNoOtherFile)
+{
+    for (const char* name : {"bluetooth_rc", "bluetooth_rc_battery", "bluetooth_rc_fw_version"}) {
+        box.writeText(name, "of an earlier run\n");
+    }
+    ASSERT_TRUE(box.startToIdle());
+    EXPECT_TRUE(box.awaitStatus("no device"));
+
+    EXPECT_FALSE(box.exists("bluetooth_rc"));
+    EXPECT_TRUE(box.exists(kBattery));
+    EXPECT_TRUE(box.exists(kVersion));
+    EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
+}
+
+TEST_F(ABoxWithoutARemote, TouchesASignalStrengthFromElsewhereOnlyAtItsEnd)
+{
+    box.writeText("bluetooth_rc_rssi", "-60\n");
+    ASSERT_TRUE(box.startToIdle());
+    ASSERT_TRUE(box.awaitPasses(2));
+    EXPECT_EQ(box.content("bluetooth_rc_rssi"), "-60\n");
+    EXPECT_TRUE(box.stops());
+
+    EXPECT_THAT(box.files().course("bluetooth_rc_rssi"), ElementsAre("-60", kGone));
+    EXPECT_EQ(box.files().writes("bluetooth_rc_rssi"), 1U) << "this case's own";
+}
+
+// ---- when it is read
+
+TEST_F(AConnectedRemote, IsNotReadAtFifteenWholeSeconds)
+{
+    restartDelay();
+    ASSERT_TRUE(box.pass(15999999us));
+
+    EXPECT_LOG(box, TRACE, "main", "Read delay 15s of 15s");
+    EXPECT_NO_LOG(box, DEBUG, "main", kShouldRead);
+    EXPECT_EQ(readings(), 0U);
+}
+
+TEST_F(AConnectedRemote, IsReadAtSixteen)
+{
+    restartDelay();
+    ASSERT_TRUE(box.pass(16s));
+
+    EXPECT_LOG(box, DEBUG, "main", kShouldRead);
+    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 80 valid");
+    EXPECT_LOG(box, DEBUG, "main", "rc fw version: 1a3");
+    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall(), versionCall()));
+    EXPECT_EQ(box.content(kBattery), "80\n");
+    EXPECT_EQ(box.content(kVersion), "1a3\n");
+}
+
+TEST_F(AConnectedRemote, CountsTheSecondsOfTheDelayInItsTrace)
+{
+    restartDelay();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(box.pass(1s));
+    }
+
+    EXPECT_LOG(box, TRACE, "main", "Read delay 1s of 15s");
+    EXPECT_LOG(box, TRACE, "main", "Read delay 2s of 15s");
+    EXPECT_LOG(box, TRACE, "main", "Read delay 3s of 15s");
+}
+
+TEST_F(AConnectedRemote, IsReadOnceAndThenLeftInPeace)
+{
+    letItBeRead();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(box.pass(60s));
+    }
+
+    EXPECT_EQ(readings(), 2U);
+    EXPECT_EQ(box.files().writes(kBattery), 1U);
+    EXPECT_EQ(box.files().writes(kVersion), 1U);
+}
+
+TEST_F(AConnectedRemote, IsNotReadAgainAtThreeHours)
+{
+    letItBeRead();
+    ASSERT_TRUE(box.pass(10800999999us)); // 10800 whole seconds
+
+    EXPECT_EQ(readings(), 2U);
+}
+
+TEST_F(AConnectedRemote, IsReadAgainASecondLater)
+{
+    letItBeRead();
+    ASSERT_TRUE(box.pass(10801s));
+
+    EXPECT_LOG(box, DEBUG, "main", kShouldRead);
+    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall(), versionCall(), batteryCall(), versionCall()));
+    EXPECT_EQ(box.files().writes(kBattery), 2U);
+    EXPECT_EQ(box.files().writes(kVersion), 2U);
+}
+
+TEST_F(AConnectedRemote, IsReadWhateverTheWallClockDoes)
+{
+    box.clock().stepWallClock(-24h);
+    letItBeRead();
+    box.clock().stepWallClock(48h);
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(readings(), 2U);
+}
+
+TEST_F(AConnectedRemote, IsntReadWhileItIsAway)
+{
+    box.remote().loseLink();
+    ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
+    ASSERT_TRUE(box.awaitEvents());
+    ASSERT_TRUE(box.pass(20s));
+    ASSERT_TRUE(box.pass(20s));
+
+    EXPECT_EQ(readings(), 0U);
+    EXPECT_NO_LOG(box, DEBUG, "main", kShouldRead);
+}
+
+// ---- levels
+
+struct BatteryLevel {
+    const char* name;
+    Bytes bytes;
+    const char* log;
+    std::vector<std::string> file;
+};
+
+std::ostream& operator<<(std::ostream& stream, const BatteryLevel& level)
+{
+    return stream << level.name;
+}
+
+class ABatteryLevel : public AConnectedRemote, public ::testing::WithParamInterface<BatteryLevel>
+{
+};
+
+TEST_P(ABatteryLevel, IsReadAndJudged)
+{
+    box.remote().setBatteryBytes(GetParam().bytes);
+    letItBeRead();
+
+    EXPECT_LOG(box, DEBUG, "main", std::string("Battery level read: ") + GetParam().log);
+    EXPECT_EQ(box.files().course(kBattery), GetParam().file);
+    EXPECT_EQ(box.content(kVersion), "1a3\n") << "which follows in any case";
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, ABatteryLevel,
+                         ::testing::Values(BatteryLevel{"0", {0}, "0 invalid", {}},
+                                           BatteryLevel{"1", {1}, "1 valid", {"1"}},
+                                           BatteryLevel{"42", {42}, "42 valid", {"42"}},
+                                           BatteryLevel{"100", {100}, "100 valid", {"100"}},
+                                           BatteryLevel{"101", {101}, "101 invalid", {}},
+                                           BatteryLevel{"255", {255}, "255 invalid", {}},
+                                           BatteryLevel{"NoBytes", {}, "0 invalid", {}}),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(AConnectedRemote, HasItsOldLevelMergedWithTheNewOneBitByBit)
+{
+    letItBeRead();
+    EXPECT_EQ(box.content(kBattery), "80\n");
+    box.remote().setBatteryBytes({75});
+    ASSERT_TRUE(box.pass(10801s));
+
+    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 91 valid");
+    EXPECT_EQ(box.content(kBattery), "91\n");
+}
+
+TEST_F(AConnectedRemote, KeepsItsLevelOverAReadingOfNoBytes)
+{
+    letItBeRead();
+    box.remote().setBatteryBytes({});
+    ASSERT_TRUE(box.pass(10801s));
+
+    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 80 valid");
+    EXPECT_EQ(box.files().writes(kBattery), 2U);
+}
+
+TEST_F(AConnectedRemote, IsReadAgainOnEachPassWhileItsLevelHasTwoBytes)
+{
+    box.remote().setBatteryBytes({80, 0});
+    letItBeRead();
+    ASSERT_TRUE(box.pass());
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall(), versionCall(), batteryCall(), versionCall(),
+                                            batteryCall(), versionCall()));
+    EXPECT_EQ(box.log().count(beginsLog(DEBUG, "main", "Battery level read")), 0U);
+    EXPECT_FALSE(box.exists(kBattery));
+    EXPECT_EQ(box.files().writes(kVersion), 3U);
+
+    box.remote().setBatteryBytes({80});
+    ASSERT_TRUE(box.pass());
+    EXPECT_EQ(box.content(kBattery), "80\n");
+    ASSERT_TRUE(box.pass());
+    EXPECT_EQ(readings(), 8U);
+}
+
+TEST_F(AConnectedRemote, IsReadAgainOnEachPassWhileTheReadingFails)
+{
+    box.sim().bend(Bend::error("ReadValue", "org.bluez.Error.Failed", "busy")
+                       .on(box.pathOf(vexasim::uuid::kBatteryLevel))
+                       .times(2));
+    letItBeRead();
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "busy"));
+    EXPECT_FALSE(box.exists(kBattery));
+    ASSERT_TRUE(box.pass());
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "busy"));
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 80 valid");
+    EXPECT_EQ(box.content(kBattery), "80\n");
+    EXPECT_EQ(box.countLog(DEBUG, "main", kShouldRead), 3U) << "at every pass";
+}
+
+TEST_F(AConnectedRemote, HasItsLevelLeftAsItIsByAReadingThatFailsThreeHoursLater)
+{
+    letItBeRead();
+    box.sim().bend(Bend::error("ReadValue", "org.bluez.Error.Failed", "busy")
+                       .on(box.pathOf(vexasim::uuid::kBatteryLevel)));
+    ASSERT_TRUE(box.pass(10801s));
+    EXPECT_LOG(box, DEBUG, "main", kShouldRead);
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "busy"));
+
+    EXPECT_EQ(box.content(kBattery), "80\n");
+    EXPECT_EQ(box.files().writes(kBattery), 1U) << "the level counts no longer as valid";
+    // For an update it still counts: this one lacks nothing but its image.
+    box.linkFirmware("/nowhere");
+    ASSERT_TRUE(box.pass());
+    EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
+}
+
+TEST_F(AConnectedRemote, IsTriedAgainAfterThreeHoursWhenItsLevelWasInvalid)
+{
+    letItBeRead();
+    box.remote().setBatteryBytes({0x2f}); // 80 | 47 is 127
+    ASSERT_TRUE(box.pass(10801s));
+    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 127 invalid");
+    EXPECT_EQ(box.content(kBattery), "80\n") << "the last one stays";
+    ASSERT_TRUE(box.pass(10800999999us));
+    EXPECT_EQ(readings(), 4U);
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(readings(), 6U);
+}
+
+// ---- versions
+
+struct Version {
+    const char* name;
+    Bytes bytes;
+    const char* log;
+    std::vector<std::string> file;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Version& version)
+{
+    return stream << version.name;
+}
+
+class AFirmwareVersion : public AConnectedRemote, public ::testing::WithParamInterface<Version>
+{
+};
+
+TEST_P(AFirmwareVersion, IsReadAsALittleEndianNumberAndWrittenInHexadecimal)
+{
+    box.remote().setVersionBytes(GetParam().bytes);
+    letItBeRead();
+
+    EXPECT_LOG(box, DEBUG, "main", std::string("rc fw version: ") + GetParam().log);
+    EXPECT_EQ(box.files().course(kVersion), GetParam().file);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, AFirmwareVersion,
+    ::testing::Values(Version{"TwoBytes", {0xa3, 0x01}, "1a3", {"1a3"}},
+                      Version{"OneByte", {0x0c}, "c", {"c"}},
+                      Version{"ThreeBytes", {0x01, 0x02, 0x03}, "30201", {"30201"}},
+                      Version{"FourBytes", {0xef, 0xcd, 0xab, 0x89}, "89abcdef", {"89abcdef"}},
+                      Version{"NoBytes", {}, "0", {}}, Version{"Zero", {0, 0}, "0", {}}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(AConnectedRemote, KeepsItsVersionOverAnAnswerOfFiveBytes)
+{
+    letItBeRead();
+    box.remote().setVersionBytes({1, 2, 3, 4, 5});
+    ASSERT_TRUE(box.pass(10801s));
+
+    EXPECT_LOG(box, ERROR, "main", "Read fw version: invalid response");
+    EXPECT_THAT(box.files().course(kVersion), ElementsAre("1a3"));
+    EXPECT_EQ(box.files().writes(kVersion), 2U) << "written again with the one that is known";
+}
+
+TEST_F(AConnectedRemote, LosesItsVersionOverAReadingThatFails)
+{
+    letItBeRead();
+    box.sim().bend(
+        Bend::error("ReadValue", "org.bluez.Error.Failed", "busy").on(box.pathOf(vexasim::uuid::kVersion)));
+    ASSERT_TRUE(box.pass(10801s));
+
+    EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "busy"));
+    EXPECT_LOG(box, ERROR, "Bluez", "Empty variant");
+    EXPECT_LOG(box, ERROR, "Bluez", "Not an array");
+    EXPECT_LOG(box, DEBUG, "main", "rc fw version: 0");
+    EXPECT_EQ(box.content(kVersion), "1a3\n");
+    EXPECT_EQ(box.files().writes(kVersion), 1U);
+    // An update is refused until a later reading succeeds.
+    box.linkFirmware("/nowhere");
+    ASSERT_TRUE(box.pass());
+    EXPECT_LOG(box, WARN, "main", "Update canceled: invalid state: battery: 80% version: 0");
+}
+
+// ---- what the remote may lack
+
+vexasim::RemoteOptions withoutBattery()
+{
+    vexasim::RemoteOptions remote;
+    remote.batteryService = false;
+    return remote;
+}
+
+class ARemoteWithoutABatteryService : public AConnectedRemote
+{
+protected:
+    ARemoteWithoutABatteryService() : AConnectedRemote(withoutBattery()) {}
+};
+
+TEST_F(ARemoteWithoutABatteryService, IsNeverReadAtAll)
+{
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(box.pass(24h));
+    }
+
+    EXPECT_EQ(readings(), 0U);
+    EXPECT_FALSE(box.exists(kBattery));
+    EXPECT_FALSE(box.exists(kVersion));
+    EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
+    box.linkFirmware("/nowhere");
+    ASSERT_TRUE(box.pass());
+    EXPECT_LOG(box, WARN, "main", "Update canceled: invalid state: battery: 0% version: 0");
+}
+
+TEST_F(ARemoteWithoutABatteryService, IsDueToBeReadAtEveryPass)
+{
+    ASSERT_TRUE(box.pass(16s));
+    ASSERT_TRUE(box.pass());
+    ASSERT_TRUE(box.pass());
+
+    EXPECT_EQ(box.countLog(DEBUG, "main", kShouldRead), 3U);
+}
+
+vexasim::RemoteOptions withoutVendorService()
+{
+    vexasim::RemoteOptions remote;
+    remote.vendorService = false;
+    return remote;
+}
+
+class ARemoteWithoutAVersion : public AConnectedRemote
+{
+protected:
+    ARemoteWithoutAVersion() : AConnectedRemote(withoutVendorService()) {}
+};
+
+TEST_F(ARemoteWithoutAVersion, StillHasItsBatteryRead)
+{
+    letItBeRead();
+
+    EXPECT_EQ(box.content(kBattery), "80\n");
+    EXPECT_FALSE(box.exists(kVersion));
+    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall()));
+}
+
+// ---- at the end
+
+TEST_F(AConnectedRemote, HasAllItsFilesRemovedAtTheEnd)
+{
+    letItBeRead();
+    box.clock().run();
+    EXPECT_TRUE(box.stops());
+
+    for (const char* name :
+         {"bluetooth_status", "bluetooth_rc", "bluetooth_rc_battery", "bluetooth_rc_fw_version"}) {
+        EXPECT_EQ(box.files().course(name).back(), kGone) << name;
+    }
+}
+
+} // namespace

@@ -1,0 +1,356 @@
+// SPDX-License-Identifier: MIT
+#include "tests/daemon/UpdateStory.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+namespace vexabox
+{
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using vexasim::Bend;
+using vexasim::Bytes;
+using vexasim::UpdatePacket;
+
+constexpr const char* kStatus = "bluetooth_status";
+constexpr std::size_t kCipherBytes = 16;
+constexpr std::size_t kBlockBytes = 20;
+
+bool begins(const std::string& text, const std::string& beginning)
+{
+    return text.compare(0, beginning.size(), beginning) == 0;
+}
+
+// Of the daemon's core, these records tell of the update; the others of the remote's links.
+bool isAboutUpdate(const LogRecord& record)
+{
+    if (record.module == "RcuOtaUpdater" || record.module == "Firmware") {
+        return true;
+    }
+    static const Lines kBeginnings = {"Firmware symlink found", "REMOVE: /tmp/bluetooth_rc_fw",
+                                      "Update canceled",        "RC update is unnecessary",
+                                      "Updating RC firmware",   "Firmware updated",
+                                      "Firmware update failed"};
+    return record.module == "main" &&
+           std::any_of(kBeginnings.begin(), kBeginnings.end(),
+                       [&record](const std::string& beginning) { return begins(record.text, beginning); });
+}
+
+enum class Direction { Decipher, Encipher }; // as libcrypto numbers them
+
+Bytes cipherBlock(const Bytes& block, const vexasim::UpdateKey& key, Direction direction)
+{
+    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
+                                                                                  &EVP_CIPHER_CTX_free);
+    Bytes result(kCipherBytes);
+    int length = 0;
+    if (EVP_CipherInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr,
+                          static_cast<int>(direction)) != 1 ||
+        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
+        EVP_CipherUpdate(context.get(), result.data(), &length, block.data(), int{kCipherBytes}) != 1) {
+        throw std::runtime_error("libcrypto has no AES-256-ECB");
+    }
+    return result;
+}
+
+std::string signatureOf(const FirmwareImage& image)
+{
+    const Bytes header = image.header();
+    return toHex({header[2], header[3]});
+}
+
+} // namespace
+
+// ---- the status file
+
+void StatusSampler::watch(const Room& room)
+{
+    const std::lock_guard lock(mMutex);
+    mRoom = &room;
+}
+
+void StatusSampler::begin()
+{
+    const std::lock_guard lock(mMutex);
+    mCourse.clear();
+    while (mCourse.empty()) {
+        sampleLocked(); // again if the daemon is just writing it
+    }
+}
+
+void StatusSampler::sample()
+{
+    const std::lock_guard lock(mMutex);
+    sampleLocked();
+}
+
+void StatusSampler::sampleLocked()
+{
+    const auto text = mRoom != nullptr ? mRoom->content(kStatus) : std::nullopt;
+    if (text && !text->empty() && text->back() == '\n') {
+        noteLocked(text->substr(0, text->size() - 1));
+    }
+}
+
+void StatusSampler::note(const std::string& word)
+{
+    const std::lock_guard lock(mMutex);
+    noteLocked(word);
+}
+
+void StatusSampler::noteLocked(const std::string& word)
+{
+    if (mCourse.empty() || mCourse.back() != word) {
+        mCourse.push_back(word);
+    }
+}
+
+Lines StatusSampler::course() const
+{
+    const std::lock_guard lock(mMutex);
+    return mCourse;
+}
+
+// ---- the story
+
+UpdateStory::UpdateStory(const BoxOptions& options) : InABox(sampled(options))
+{
+    sampler.watch(box);
+    // Changes nothing but that the simulator tells of each write before it answers.
+    box.sim().bend(Bend::lateReply("WriteValue", 0ms));
+}
+
+BoxOptions UpdateStory::sampled(BoxOptions options)
+{
+    options.simulator.remote.key = sharedKey();
+    options.simulator.onEvent = [this](const std::string&) { sampler.sample(); };
+    return options;
+}
+
+bool UpdateStory::remoteIsRead(uint8_t battery, uint16_t version)
+{
+    box.remote().setBattery(battery);
+    box.remote().setVersion(version);
+    if (!box.startConnected()) {
+        return false;
+    }
+    box.clock().advance(20s); // the fifteen seconds that the daemon leaves a new link alone
+    return box.log().await(beginsLog(DEBUG, "main", "rc fw version: ")) && box.awaitPasses(1);
+}
+
+void UpdateStory::offer(const FirmwareImage& image, const std::string& name)
+{
+    const Bytes bytes = image.file();
+    std::ofstream(box.file(name), std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    box.remote().receiver().setExpectedImage(bytes);
+    sampler.begin();
+    box.linkFirmware("/tmp/" + name);
+}
+
+void UpdateStory::fault(vexasim::UpdateStep step, const vexasim::UpdateFault& fault)
+{
+    box.remote().receiver().setFault(step, fault);
+}
+
+void UpdateStory::loseAdapterAlone()
+{
+    const std::string path = box.sim().adapterPath();
+    // The object stays for as long as it has an interface.
+    for (const char* interface :
+         {"org.bluez.Adapter1", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"}) {
+        box.sim().removeInterface(path, interface);
+    }
+}
+
+bool UpdateStory::ends(const std::string& outcome, std::chrono::milliseconds limit)
+{
+    const std::string word = "rc_fw_update_" + outcome;
+    if (!box.files().await(kStatus, word, limit)) {
+        return false;
+    }
+    sampler.note(word);
+    return true;
+}
+
+bool UpdateStory::idlesWith(const std::string& word)
+{
+    if (!box.awaitStatus(word)) {
+        return false;
+    }
+    sampler.note(word);
+    return true;
+}
+
+Lines UpdateStory::updateLog()
+{
+    Lines lines;
+    for (const LogRecord& record : box.log().records()) {
+        if (!record.foreign && isAboutUpdate(record)) {
+            lines.push_back(std::string(1, static_cast<char>(record.level)) + " " + record.text);
+        }
+    }
+    return lines;
+}
+
+Lines UpdateStory::exchange()
+{
+    Lines lines;
+    for (const UpdatePacket& packet : packets()) {
+        const char* channel = packet.channel == UpdatePacket::Channel::Switch         ? "switch"
+                              : packet.channel == UpdatePacket::Channel::ControlPoint ? "control"
+                                                                                      : "data";
+        lines.push_back((packet.fromRemote ? "< " : "> ") + std::string(channel) + toHex(packet.bytes));
+    }
+    return lines;
+}
+
+// ---- the image and its packets
+
+FirmwareImage newerImage(uint16_t words, std::size_t bytes)
+{
+    FirmwareImage image = FirmwareImage::ofBytes(words, bytes);
+    image.version = 0x1a4;
+    return image;
+}
+
+FirmwareImage newerImage(uint16_t words)
+{
+    return newerImage(words, std::size_t{4} * words);
+}
+
+vexasim::UpdateKey sharedKey()
+{
+    constexpr char kKeyFile[] = VEXA_OTA_KEY_FILE; // no name if the build has no key of its own
+    const std::string file(kKeyFile);
+    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
+}
+
+Bytes enciphered(const Bytes& plain, const vexasim::UpdateKey& key)
+{
+    return cipherBlock(plain, key, Direction::Encipher);
+}
+
+Bytes deciphered(const Bytes& cipher, const vexasim::UpdateKey& key)
+{
+    return cipherBlock(cipher, key, Direction::Decipher);
+}
+
+std::string toHex(const Bytes& bytes)
+{
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        std::array<char, 4> digits{};
+        std::snprintf(digits.data(), digits.size(), " %02x", byte);
+        text += digits.data();
+    }
+    return text;
+}
+
+Lines dataPackets(const FirmwareImage& image, std::size_t bytes)
+{
+    Lines lines;
+    for (std::size_t i = 0; i < bytes; i += kBlockBytes) {
+        const auto begin = image.payload.begin() + static_cast<std::ptrdiff_t>(i);
+        Bytes block(begin, begin + static_cast<std::ptrdiff_t>(std::min(kBlockBytes, bytes - i)));
+        if (block.size() >= kCipherBytes) {
+            const Bytes cipher = enciphered(Bytes(block.begin(), block.begin() + kCipherBytes));
+            std::copy(cipher.begin(), cipher.end(), block.begin());
+        }
+        lines.push_back("> data" + toHex(block));
+    }
+    return lines;
+}
+
+Lines exchangeUpToData(const FirmwareImage& image)
+{
+    Bytes plain = image.header();
+    plain.resize(kCipherBytes);
+    const std::string signature = signatureOf(image);
+    return {"> switch 01",
+            "> control 07 06 00 11 00 00 00 f4 01",
+            "< control 07 00 01",
+            "> control 06" + signature,
+            "< control 06 00 01 a3 01 00 00 00 00",
+            "> control 01" + toHex(enciphered(plain)),
+            "< control 01 00 01",
+            "> control 02" + signature + " 0c 00 00 00"};
+}
+
+Lines goodExchange(const FirmwareImage& image, std::size_t bytes)
+{
+    return exchangeUpToData(image) + dataPackets(image, bytes) +
+           Lines{"> control 03" + signatureOf(image), "< control 03 00 01", "> control 04"};
+}
+
+// ---- the log and the words
+
+Lines logOfStart(const FirmwareImage& image, const std::string& name)
+{
+    std::array<char, 160> fields{};
+    std::snprintf(fields.data(), fields.size(),
+                  "D offset: 0x%04x signature: 0x%04x version: 0x%04x checksum: 0x%04x length: 0x%04x "
+                  "ota_flag: 0x%02x reserved: 0x%02x",
+                  image.offset, image.signature, image.version, image.checksum, image.length, image.otaFlag,
+                  image.reserved);
+    return {"D Firmware symlink found: /tmp/" + name, "W REMOVE: /tmp/bluetooth_rc_fw", fields.data()};
+}
+
+Lines logOfBlocks(const FirmwareImage& image, std::size_t bytes)
+{
+    Lines lines;
+    const int total = image.length * 4;
+    for (std::size_t i = 0; i < bytes; i += kBlockBytes) {
+        const int size = static_cast<int>(std::min(kBlockBytes, bytes - i));
+        const int sent = static_cast<int>(i) + size;
+        std::array<char, 120> text{};
+        std::snprintf(text.data(), text.size(), "I %d bytes written. Sent %d of %d left %d (%0.2f%%)", size,
+                      sent, total, total - sent, 100.0 * sent / total);
+        lines.emplace_back(text.data());
+    }
+    return lines;
+}
+
+std::vector<int> publishedNumbers(int total, std::size_t bytes)
+{
+    std::vector<int> numbers;
+    float last = 0;
+    for (std::size_t sent = 0; sent < bytes;) {
+        sent = std::min(bytes, sent + kBlockBytes);
+        const float percent = float(sent) / float(total) * 100;
+        if (percent - last > 0.95F) {
+            numbers.push_back(static_cast<int>(std::ceil(percent)));
+            last = percent;
+        }
+    }
+    return numbers;
+}
+
+Lines words(const std::vector<int>& numbers, const Lines& rest)
+{
+    Lines all = {"connected", "rc_fw_update_preparing"};
+    for (const int number : numbers) {
+        all.push_back("rc_fw_update_uploading_" + std::to_string(number));
+    }
+    // A word that is published twice in a row changes nothing in the file.
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    return all + rest;
+}
+
+Lines operator+(Lines left, const Lines& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+} // namespace vexabox

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "tests/kit/Box.h"
+
+#include "tests/kit/FirmwareImage.h"
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace vexabox
+{
+
+using Lines = std::vector<std::string>;
+
+/// Reads the status file while the daemon waits for the answer to a write, so
+/// that no word is missed however late this side wakes up. Any thread.
+class StatusSampler
+{
+public:
+    void watch(const Room& room);
+    /// Forgets the course; what the file holds now is its first word.
+    void begin();
+    void sample();
+    /// Adds a word that was seen by other means.
+    void note(const std::string& word);
+    Lines course() const;
+
+private:
+    void sampleLocked();
+    void noteLocked(const std::string& word);
+
+    mutable std::mutex mMutex;
+    const Room* mRoom = nullptr;
+    Lines mCourse;
+};
+
+/// Made before the box, whose options name it.
+struct HasStatusSampler {
+    StatusSampler sampler;
+};
+
+/// A box with a paired remote, and everything that the story of an update needs.
+class UpdateStory : private HasStatusSampler, public InABox
+{
+protected:
+    explicit UpdateStory(const BoxOptions& options = pairedRemote());
+
+    // ---- before the update
+    /// Starts the daemon: the remote is connected, its battery and version are read.
+    bool remoteIsRead(uint8_t battery = 80, uint16_t version = 0x1a3);
+    /// Writes the image's file, and links it for the daemon.
+    void offer(const FirmwareImage& image, const std::string& name = "image.bin");
+    void fault(vexasim::UpdateStep step, const vexasim::UpdateFault& fault);
+    /// BlueZ tells that the adapter has gone, and nothing of the remote yet.
+    void loseAdapterAlone();
+
+    // ---- its end
+    /// "succeed", "failed" or "canceled"; the word stands for three seconds.
+    bool ends(const std::string& outcome, std::chrono::milliseconds limit = kPatience);
+    /// The ordinary word that follows the outcome.
+    bool idlesWith(const std::string& word);
+
+    // ---- what was seen
+    /// The words of the status file since the image was offered.
+    Lines course() const { return sampler.course(); }
+    /// The daemon's records about the update, as "E Upload fw failed".
+    Lines updateLog();
+    /// The packets in both directions, as "> control 07 06 00", "< control ..." or "> data ...".
+    Lines exchange();
+    std::vector<vexasim::UpdatePacket> packets() { return box.remote().receiver().packets(); }
+
+    std::string updatePathOf(const std::string& uuid)
+    {
+        return box.sim().pathOf(*box.remote().update(), uuid);
+    }
+
+private:
+    BoxOptions sampled(BoxOptions options);
+};
+
+/// An image of version 1a4 that announces `words` words and holds `bytes` of payload.
+FirmwareImage newerImage(uint16_t words, std::size_t bytes);
+FirmwareImage newerImage(uint16_t words);
+
+/// The key of this build.
+vexasim::UpdateKey sharedKey();
+/// One block of 16 bytes as libcrypto enciphers it.
+vexasim::Bytes enciphered(const vexasim::Bytes& plain, const vexasim::UpdateKey& key = sharedKey());
+/// And back.
+vexasim::Bytes deciphered(const vexasim::Bytes& cipher, const vexasim::UpdateKey& key = sharedKey());
+/// " 01 a2 ff".
+std::string toHex(const vexasim::Bytes& bytes);
+
+/// What a good remote and the daemon send each other for this image when `bytes`
+/// of its payload are sent in blocks of 20.
+Lines goodExchange(const FirmwareImage& image, std::size_t bytes);
+Lines exchangeUpToData(const FirmwareImage& image);
+Lines dataPackets(const FirmwareImage& image, std::size_t bytes);
+
+// ---- the log
+/// From the link to the beginning of the update.
+Lines logOfStart(const FirmwareImage& image, const std::string& name = "image.bin");
+/// "I 20 bytes written. Sent 20 of 100 left 80 (20.00%)" and so on.
+Lines logOfBlocks(const FirmwareImage& image, std::size_t bytes);
+
+// ---- the status file
+/// The numbers of an upload: a percentage is published when it has risen by more
+/// than 0.95, rounded up from single precision.
+std::vector<int> publishedNumbers(int total, std::size_t bytes);
+/// "connected", "rc_fw_update_preparing", a word for each number, and `rest`.
+Lines words(const std::vector<int>& numbers, const Lines& rest);
+
+Lines operator+(Lines left, const Lines& right);
+
+} // namespace vexabox

@@ -1,0 +1,265 @@
+// SPDX-License-Identifier: MIT
+// How the daemon finds the remote in its update mode: which device it takes for
+// it, and how long it waits.
+
+#include "tests/daemon/UpdateStory.h"
+#include "tests/kit/Objects.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <thread>
+
+using namespace vexabox;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+using vexasim::Bend;
+using vexasim::UpdateAppearance;
+
+namespace
+{
+
+constexpr const char* kDevice = "org.bluez.Device1";
+constexpr std::size_t kImageBytes = 100;
+constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
+constexpr auto kWhileHeld = 3s;  // how long the switch isn't answered, so that the air can change first
+
+class ARemoteToBeFound : public UpdateStory
+{
+protected:
+    explicit ARemoteToBeFound(const BoxOptions& options = pairedRemote()) : UpdateStory(options) {}
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(remoteIsRead());
+        vexasim::Timings timings = box.sim().timings();
+        timings.temporary = 10min; // no device is forgotten meanwhile
+        box.sim().setTimings(timings);
+        box.sim().clearCalls();
+    }
+
+    /// Another device on the air, announced at once; the daemon has seen it on return.
+    std::string show(const std::string& name)
+    {
+        vexasim::PeripheralOptions options;
+        options.address = "C0:FF:EE:00:00:99";
+        options.name = name;
+        const auto device = std::make_shared<vexasim::Peripheral>(options);
+        box.sim().addPeripheral(device);
+        const std::string path = box.sim().announce(device);
+        EXPECT_TRUE(box.awaitEvents());
+        return path;
+    }
+
+    /// Keeps the daemon in the write of the switch byte for a moment.
+    bool heldAtTheSwitch()
+    {
+        const std::string path = box.pathOf(vexasim::uuid::kSwitch);
+        box.sim().bend(Bend::lateReply("WriteValue", kWhileHeld).on(path));
+        offer(image);
+        return box.sim().awaitCall("WriteValue", path, 1, kPatience);
+    }
+
+    /// A characteristic behind which nothing stands, announced at once. Returns its path.
+    std::string announce(const std::string& service, const std::string& name, const std::string& uuid)
+    {
+        const std::string path = service + "/" + name;
+        box.sim().addObject(path, characteristicObject(uuid, service));
+        return path;
+    }
+
+    void appears(const UpdateAppearance& appearance) { box.remote().setUpdateAppearance(appearance); }
+
+    Lines connected()
+    {
+        Lines paths;
+        for (const vexasim::Call& call : box.sim().calls("Connect")) {
+            paths.push_back(call.path);
+        }
+        return paths;
+    }
+
+    void expectFound()
+    {
+        ASSERT_TRUE(ends("succeed", 60s + kPatience));
+        EXPECT_THAT(connected(), ElementsAre(box.sim().updateDevicePath()));
+        EXPECT_THAT(exchange(), ElementsAreArray(goodExchange(image, kImageBytes)));
+    }
+
+    void expectNotFound()
+    {
+        ASSERT_TRUE(ends("failed", kFindLimit + kPatience));
+        EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Find RCU in OTA mode failed");
+        EXPECT_THAT(connected(), IsEmpty());
+        EXPECT_THAT(exchange(), ElementsAre("> switch 01"));
+        EXPECT_TRUE(box.sim().discovering());
+    }
+
+    const FirmwareImage image = newerImage(kImageBytes / 4);
+};
+
+// ---- which device it is
+
+TEST_F(ARemoteToBeFound, IsTheFirstOfTwoWithItsName)
+{
+    UpdateAppearance early;
+    early.beforeScan = true;
+    appears(early);
+    ASSERT_TRUE(heldAtTheSwitch());
+    ASSERT_TRUE(box.sim().awaitCall("Get", box.sim().updateDevicePath(), 1, kPatience));
+
+    const std::string another = show("Another BeeTgt");
+
+    expectFound();
+    EXPECT_EQ(box.sim().calls("Get", another).size(), 2U) << "its name, by the tracking and by the update";
+}
+
+TEST_F(ARemoteToBeFound, IsNotOneWithItsNameInLowerCase)
+{
+    ASSERT_TRUE(heldAtTheSwitch());
+
+    show("My beetgt");
+
+    expectFound();
+}
+
+TEST_F(ARemoteToBeFound, IsNotOneThatWasThereBefore)
+{
+    show("Old BeeTgt");
+
+    offer(image);
+
+    expectFound();
+}
+
+// BlueZ keeps the device of an update that failed for half a minute, and doesn't announce it again.
+TEST_F(ARemoteToBeFound, IsNotSeenIfItsDeviceIsStillThere)
+{
+    box.sim().announce(box.remote().update());
+    ASSERT_TRUE(box.awaitEvents());
+
+    offer(image);
+
+    expectNotFound();
+}
+
+TEST_F(ARemoteToBeFound, IsNotSeenIfItsNameComesLater)
+{
+    UpdateAppearance nameless;
+    nameless.nameless = true;
+    appears(nameless);
+    offer(image);
+    const std::string path = box.sim().updateDevicePath();
+    ASSERT_TRUE(box.sim().awaitCall("Get", path, 1, kPatience));
+    ASSERT_TRUE(box.awaitEvents());
+
+    box.sim().setProperty(path, kDevice, "Name", g_variant_new_string("BeeTgt"));
+
+    expectNotFound();
+}
+
+// The update goes on to its end, and needs the events of its remote for it.
+TEST_F(ARemoteToBeFound, IsFoundAfterAnInterrupt)
+{
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitCall("StartDiscovery", "", 1, kPatience));
+    box.interrupt();
+
+    expectFound();
+    EXPECT_EQ(box.awaitExit(), Exit::with(0));
+}
+
+// ---- how long it takes
+
+class ARemoteThatTakesHalfAMinute : public ARemoteToBeFound
+{
+protected:
+    ARemoteThatTakesHalfAMinute() : ARemoteToBeFound(options()) {}
+    static BoxOptions options()
+    {
+        BoxOptions options = pairedRemote();
+        options.simulator.remote.bootTime = 30s;
+        return options;
+    }
+};
+
+TEST_F(ARemoteThatTakesHalfAMinute, IsWaitedFor)
+{
+    offer(image);
+
+    expectFound();
+}
+
+TEST_F(ARemoteToBeFound, HasThreeSecondsAndMoreForItsServices)
+{
+    vexasim::Timings timings = box.sim().timings();
+    timings.resolve = 3s;
+    box.sim().setTimings(timings);
+
+    offer(image);
+
+    expectFound();
+}
+
+// The five seconds for the data characteristic begin when the control point has been found.
+TEST_F(ARemoteToBeFound, HasTimeAnewForTheSecondCharacteristic)
+{
+    constexpr auto kEach = 2900ms; // together more than five seconds
+    vexasim::Timings timings = box.sim().timings();
+    timings.resolve = kEach;
+    box.sim().setTimings(timings);
+    UpdateAppearance half;
+    half.withoutData = true;
+    appears(half);
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitProperty(box.sim().updateDevicePath(), kDevice, "ServicesResolved",
+                                        g_variant_new_boolean(TRUE), kPatience));
+    std::this_thread::sleep_for(kEach);
+
+    const std::string data =
+        announce(box.sim().updateDevicePath() + "/service0099", "char00aa", vexasim::uuid::kData);
+
+    // Nothing stands behind it, so the first block ends the update.
+    ASSERT_TRUE(ends("failed"));
+    EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Write buffer failed");
+    EXPECT_NO_LOG(box, ERROR, "RcuOtaUpdater", "Data not found");
+    EXPECT_EQ(box.sim().calls("WriteValue", data).size(), 1U);
+}
+
+// ---- where its characteristics are
+
+TEST_F(ARemoteToBeFound, HasItsDataWhereItWasAnnouncedLast)
+{
+    box.sim().bend(Bend::late("StartNotify", kWhileHeld));
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitCall("StartNotify", "", 1, kPatience));
+    const std::string service = box.remotePath() + "/service0099"; // not even of the same device
+
+    const std::string data = announce(service, "char00aa", vexasim::uuid::kData);
+    announce(service, "char00bb", "00006387-3C17-D293-8E48-14FE2E4DA212"); // BlueZ writes lower case
+
+    ASSERT_TRUE(ends("failed"));
+    EXPECT_EQ(box.sim().calls("WriteValue", data).size(), 1U);
+    EXPECT_THAT(exchange(), ElementsAreArray(exchangeUpToData(image)));
+}
+
+TEST_F(ARemoteToBeFound, HasItsControlPointWhereItWasAnnouncedLast)
+{
+    box.sim().bend(Bend::late("StartNotify", kWhileHeld));
+    offer(image);
+    ASSERT_TRUE(box.sim().awaitCall("StartNotify", "", 1, kPatience));
+    const std::string service = box.remotePath() + "/service0099";
+
+    const std::string controlPoint = announce(service, "char00aa", vexasim::uuid::kControlPoint);
+    announce(service, "char00bb", "00006487-3C17-D293-8E48-14FE2E4DA212");
+
+    // Nothing stands behind it: the connection parameters may go astray, the question may not.
+    ASSERT_TRUE(ends("failed"));
+    EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Couldn't get img info from rc");
+    EXPECT_EQ(box.sim().calls("WriteValue", controlPoint).size(), 2U);
+    EXPECT_THAT(exchange(), ElementsAre("> switch 01"));
+}
+
+} // namespace

@@ -1,0 +1,383 @@
+// SPDX-License-Identifier: MIT
+#include "tests/kit/Room.h"
+
+#include "tests/kit/Handle.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace vexabox
+{
+
+namespace
+{
+
+constexpr const char* kAdcFolder = "/class/saradc";
+constexpr const char* kAdcFile = "/class/saradc/saradc_ch0";
+constexpr const char* kOwnFolder = "/own/"; // below the program's /run
+constexpr std::size_t kTailLines = 60;
+
+/// The devices that a program may need.
+constexpr std::array kDevices = {"/dev/null", "/dev/zero", "/dev/random", "/dev/urandom"};
+
+/// What a program in a room inherits of the test's own environment.
+constexpr std::array kInherited = {"PATH",         "TZ",           "LD_LIBRARY_PATH",
+                                   "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS",
+                                   "TSAN_OPTIONS", "G_SLICE"};
+
+std::runtime_error systemError(const std::string& what)
+{
+    return std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+std::string makeFolder()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "vexabox-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw systemError("can't make " + pattern);
+    }
+    return pattern;
+}
+
+/// Starts a process that waits for the test's end, however it comes, and then
+/// removes `folder`. Returns its id and what to close when it shall begin.
+std::pair<pid_t, Handle> hireJanitor(const std::string& folder)
+{
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw systemError("pipe");
+    }
+    const Handle reader(ends[0]);
+    Handle writer(ends[1]);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        // Holds none of the test's streams: who reads them would wait for it, too.
+        setsid();
+        const int null = open("/dev/null", O_RDWR);
+        dup2(reader.get(), STDIN_FILENO);
+        dup2(null, STDOUT_FILENO);
+        dup2(null, STDERR_FILENO);
+        execl("/bin/sh", "sh", "-c", "read -r _; rm -rf \"$1\"", "janitor", folder.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return {pid, std::move(writer)};
+}
+
+void touch(const std::string& path)
+{
+    std::ofstream(path).flush();
+}
+
+std::string nameOf(const std::string& path)
+{
+    return std::filesystem::path(path).filename().string();
+}
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr const char* kAsanOptions = ":verify_asan_link_order=0"; // the clock is preloaded before it
+#endif
+
+/// Where a sanitizer's options name their file of suppressions: its first character and the one behind it.
+std::optional<std::pair<std::size_t, std::size_t>> placeOfSuppressions(const std::string& options)
+{
+    static const std::string key = ":suppressions=";
+    const std::size_t at = (":" + options).find(key);
+    if (at == std::string::npos) {
+        return {};
+    }
+    const std::size_t begin = at + key.size() - 1;
+    return {{begin, std::min(options.find(':', begin), options.size())}};
+}
+
+bool beginsReport(const LogRecord& record)
+{
+    static const std::array beginnings = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                          "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer",
+                                          ": runtime error: "};
+    return std::any_of(beginnings.begin(), beginnings.end(), [&](const char* beginning) {
+        return record.raw.find(beginning) != std::string::npos;
+    });
+}
+
+/// A sanitizer has found a mistake in the program: whatever the case looks at, it has failed.
+void expectNoReport(const std::vector<LogRecord>& records)
+{
+    auto record = std::find_if(records.begin(), records.end(), beginsReport);
+    if (record == records.end()) {
+        return;
+    }
+    std::string report;
+    for (; record != records.end(); ++record) {
+        report += record->raw + "\n";
+    }
+    ADD_FAILURE() << "the program in the room was caught by a sanitizer:\n" << report;
+}
+
+} // namespace
+
+Room::Room() : mFolder(makeFolder())
+{
+    std::tie(mJanitorPid, mJanitor) = hireJanitor(mFolder);
+    for (const char* folder : {"/tmp", "/class", kAdcFolder, "/run", "/run/dbus", "/run/own"}) {
+        std::filesystem::create_directory(mFolder + folder);
+    }
+    std::filesystem::permissions(mFolder + "/tmp", std::filesystem::perms(01777));
+    mClock = std::make_unique<Clock>(runFolder() + "/clock");
+    mFiles = std::make_unique<FileWatch>(mFolder + "/tmp");
+    releaseButton();
+}
+
+Room::~Room()
+{
+    endProgram();
+    mFiles.reset();
+    mJanitor.reset();
+    waitpid(mJanitorPid, nullptr, 0);
+}
+
+// ---- the program
+
+std::vector<std::string> Room::wholeEnvironment(const Environment& extra) const
+{
+    Environment all;
+    for (const char* name : kInherited) {
+        if (const char* value = getenv(name)) {
+            all[name] = value;
+        }
+    }
+#ifdef __SANITIZE_ADDRESS__
+    all["ASAN_OPTIONS"] += kAsanOptions;
+#endif
+    for (const auto& [name, value] : extra) {
+        all[name] = value;
+    }
+    std::vector<std::string> list;
+    for (const auto& [name, value] : all) {
+        list.push_back(std::string(name).append("=").append(value));
+    }
+    return list;
+}
+
+void Room::endProgram()
+{
+    mProgram.reset();
+    if (mLog) {
+        mLog->awaitEnd();
+        expectNoReport(mLog->records());
+    }
+    mLog.reset();
+    mOutput.reset();
+}
+
+// What the program finds below /run/own, since the build may lie under the /tmp that is hidden.
+std::string Room::showSuppressions(const std::string& options) const
+{
+    const auto place = placeOfSuppressions(options);
+    if (!place) {
+        return options;
+    }
+    const auto [begin, end] = *place;
+    const std::string file = options.substr(begin, end - begin);
+    const std::string shown = kOwnFolder + nameOf(file);
+    std::filesystem::copy_file(file, runFolder() + shown, std::filesystem::copy_options::overwrite_existing);
+    return options.substr(0, begin) + "/run" + shown + options.substr(end);
+}
+
+std::string Room::makeDeviceFolder()
+{
+    std::filesystem::create_directory(mFolder + "/dev");
+    for (const char* device : kDevices) {
+        touch(mFolder + device);
+    }
+    mHasDeviceFolder = true;
+    return mFolder + "/dev";
+}
+
+void Room::launch(ProgramOptions options)
+{
+    if (mHasDeviceFolder) {
+        for (const char* device : kDevices) {
+            options.mounts.emplace_back(device, mFolder + device);
+        }
+        options.mounts.emplace_back(mFolder + "/dev", "/dev");
+    }
+    // The room's /tmp last: the room itself lies under the outer one.
+    options.mounts.emplace_back(mFolder + "/class", "/sys/class");
+    options.mounts.emplace_back(runFolder(), "/run");
+    options.mounts.emplace_back(mFolder + "/tmp", "/tmp");
+    endProgram();
+    mProgram = std::make_unique<Program>(options);
+    mLog = std::make_unique<LogReader>(mProgram->takeErrors());
+    mOutput = std::make_unique<LogReader>(mProgram->takeOutput());
+}
+
+void Room::start(const std::string& path, const std::vector<std::string>& arguments,
+                 const Environment& environment)
+{
+    ProgramOptions options;
+    options.path = path;
+    options.arguments = arguments;
+    options.environment = wholeEnvironment(environment);
+    launch(options);
+}
+
+void Room::startOwn(const std::string& path, const std::vector<std::string>& arguments,
+                    const Environment& environment)
+{
+    ProgramOptions options;
+    Environment all = environment;
+    // Shown below /run, since the build may lie under the /tmp that is hidden.
+    const auto show = [&](const std::string& own) {
+        const std::string shown = kOwnFolder + nameOf(own);
+        touch(runFolder() + shown);
+        options.mounts.emplace_back(own, runFolder() + shown);
+        return "/run" + shown;
+    };
+    for (const char* name : {"LSAN_OPTIONS", "TSAN_OPTIONS"}) {
+        if (const char* value = getenv(name)) {
+            all[name] = showSuppressions(value);
+        }
+    }
+    all["LD_PRELOAD"] = show(mInterruptedEarly ? VEXABOX_INTERRUPT_PRELOAD : VEXABOX_CLOCK_PRELOAD);
+    if (mHandlersSlow) {
+        all["LD_PRELOAD"] += ":" + show(VEXABOX_SLOW_HANDLERS_PRELOAD);
+    }
+    all[kClockVariable] = "/run/clock";
+    options.path = show(path);
+    options.arguments = arguments;
+    options.environment = wholeEnvironment(all);
+    launch(options);
+}
+
+// ---- files
+
+std::string Room::file(const std::string& name) const
+{
+    return mFolder + "/tmp/" + name;
+}
+
+bool Room::exists(const std::string& name) const
+{
+    struct stat info {
+    };
+    return lstat(file(name).c_str(), &info) == 0;
+}
+
+std::optional<std::string> Room::content(const std::string& name) const
+{
+    const Handle handle(open(file(name).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!handle.valid()) {
+        return {};
+    }
+    return readAtOnce(handle);
+}
+
+void Room::writeText(const std::string& name, const std::string& text) const
+{
+    std::ofstream stream(file(name));
+    stream << text << std::flush;
+    if (!stream) {
+        throw systemError("can't write " + file(name));
+    }
+}
+
+void Room::setFlag(const std::string& flag) const
+{
+    writeText("bluetooth_" + flag, "");
+}
+
+bool Room::awaitFlagTaken(const std::string& flag) const
+{
+    return mFiles->awaitGone("bluetooth_" + flag);
+}
+
+void Room::linkFirmware(const std::string& image) const
+{
+    std::filesystem::create_symlink(image, file("bluetooth_rc_fw"));
+}
+
+// ---- the button
+
+void Room::writeAdc(const std::string& text) const
+{
+    const std::string path = adcFile();
+    const std::string fresh = path + ".new";
+    std::ofstream stream(fresh);
+    stream << text << std::flush;
+    if (!stream) {
+        throw systemError("can't write " + fresh);
+    }
+    std::filesystem::rename(fresh, path);
+}
+
+void Room::removeAdc() const
+{
+    std::filesystem::remove(adcFile());
+}
+
+std::string Room::adcFile() const
+{
+    return mFolder + kAdcFile;
+}
+
+// ---- signals
+
+void Room::interrupt()
+{
+    mProgram->signal(SIGINT);
+}
+
+// One for the process and one for its main thread: two pending signals of the
+// same number would be one. Delivered together when it goes on.
+void Room::interruptTwice()
+{
+    mProgram->awaitMainThreadAsleep();
+    mProgram->freeze();
+    mProgram->signalMainThread(SIGINT);
+    mProgram->signal(SIGINT);
+    mProgram->thaw();
+}
+
+std::optional<Exit> Room::awaitExit(std::chrono::milliseconds limit)
+{
+    const std::optional<Exit> exit = mProgram->awaitExit(limit);
+    if (exit) {
+        mLog->awaitEnd();
+        mFiles->sync();
+    }
+    return exit;
+}
+
+std::string Room::describe()
+{
+    std::ostringstream text;
+    if (mLog) {
+        text << "  the log's end:\n" << mLog->tail(kTailLines);
+        const std::string output = mOutput->tail(kTailLines);
+        text << (output.empty() ? "" : "  standard output:\n" + output);
+        const auto exit = mProgram->running() ? std::nullopt : mProgram->awaitExit();
+        text << "  the program: ";
+        exit ? text << "ended by " << *exit : text << "runs";
+        text << "\n";
+    }
+    text << "  the files:\n" << mFiles->summary();
+    return text.str();
+}
+
+} // namespace vexabox

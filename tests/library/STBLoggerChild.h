@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/kit/ChildProcess.h"
+#include "STBLogger.h"
+
+// Helpers of the logger's tests. A logger's settings are fixed by the first message of a process, so each
+// test logs in a child of its own. There the clock stands still at 12:34:56.789999 UTC, and what goes to
+// syslog becomes lines on standard output.
+
+using Environment = std::map<std::string, std::string>;
+
+constexpr const char* kHead = "    12:34:56.789 ";
+constexpr const char* kReset = "\x1b[0m";
+const std::string kGreeting = "Logger for application \"VEXA\" was successfully initialized (level:DEBUG)";
+
+/// The record that the daemon passes.
+STBLoggerLogParams daemonParams();
+
+/// Logs with the daemon's record, as from line 42 of the module's file.
+void say(STBLogLevel level, const std::string& text, const std::string& module = "Bluez");
+
+/// Runs `body` in a process that hasn't logged yet, with these variables of the logger and no others.
+Outcome withEnvironment(const Environment& environment, const std::function<void()>& body);
+
+/// Adds to the variables that colours are off.
+Environment plain(Environment more = {});
+
+/// Adds to the variables that syslog is on.
+Environment onSyslogOnly(Environment more = {});
+
+/// What the lines on standard error say, behind the head that all of them have.
+std::vector<std::string> told(const Outcome& outcome);
+
+/// The same without the greeting; expects that the child ended with status 0.
+std::vector<std::string> toldBehindGreeting(const Outcome& outcome);
+
+/// The records that syslog got behind the greeting; expects that the child ended with status 0.
+std::vector<std::string> sent(const Outcome& outcome);
+
+// --- What happens inside of the library's calls, in this process
+
+extern void (*onClockRead)(); ///< called before the clock is read
+/// Called with each step into and out of the calls: "before lock A", "lock A", "unlock A", "after unlock A",
+/// "write [34m" for colours, "clock", "syslog". The locks are named in the order in which they are met.
+extern void (*onStep)(const std::string& step);
+extern std::vector<std::string>* lockTrace; ///< gets "lock A", "unlock A", and "write ..." for colours

@@ -1,0 +1,314 @@
+// SPDX-License-Identifier: MIT
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/kit/Allocations.h"
+#include "tests/library/STBLoggerChild.h"
+
+namespace
+{
+
+using testing::ElementsAre;
+
+// --- Static objects that log: the first when it is destroyed, after the registry; the second all the time
+
+constexpr const char* kStaticsLog = "STATICS_LOG";
+
+class LogsWhenDestroyed
+{
+public:
+    LogsWhenDestroyed() = default;
+    LogsWhenDestroyed(const LogsWhenDestroyed&) = delete;
+    LogsWhenDestroyed& operator=(const LogsWhenDestroyed&) = delete;
+    ~LogsWhenDestroyed()
+    {
+        if (std::getenv(kStaticsLog) != nullptr) {
+            LOG_INFO("too late");
+        }
+    }
+};
+
+class LogsAllTheTime
+{
+public:
+    LogsAllTheTime()
+    {
+        if (std::getenv(kStaticsLog) != nullptr) {
+            LOG_INFO("early");
+        }
+    }
+    LogsAllTheTime(const LogsAllTheTime&) = delete;
+    LogsAllTheTime& operator=(const LogsAllTheTime&) = delete;
+    ~LogsAllTheTime()
+    {
+        if (std::getenv(kStaticsLog) != nullptr) {
+            LOG_INFO("late");
+        }
+    }
+};
+
+const LogsWhenDestroyed logsWhenDestroyed;
+const LogsAllTheTime logsAllTheTime;
+
+// --- Locks, threads, memory
+
+TEST(TheFirstMessage, ConstructsTheLoggerUnderTheRegistrysLock)
+{
+    const Outcome outcome = withEnvironment({}, [] {
+        std::vector<std::string> trace;
+        lockTrace = &trace;
+        say(STBLogLevel_eInfo, "text");
+        lockTrace = nullptr;
+        // A: the registry's lock; B: the output's. The colour comes before the lock, the reset within.
+        EXPECT_THAT(trace, ElementsAre("lock A", "write [34m", "lock B", "write [0m", "unlock B", "unlock A",
+                                       "write [34m", "lock B", "write [0m", "unlock B"));
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+}
+
+TEST(ADroppedMessage, TakesTheRegistrysLockAlone)
+{
+    const Outcome outcome = withEnvironment({}, [] {
+        say(STBLogLevel_eInfo, "text");
+        std::vector<std::string> trace;
+        lockTrace = &trace;
+        say(STBLogLevel_eTrace, "text");
+        lockTrace = nullptr;
+        EXPECT_THAT(trace, ElementsAre("lock A", "unlock A"));
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+}
+
+TEST(AMessageForSyslog, TakesNoLockForTheOutput)
+{
+    const Outcome outcome = withEnvironment(onSyslogOnly(), [] {
+        say(STBLogLevel_eInfo, "text");
+        std::vector<std::string> trace;
+        lockTrace = &trace;
+        say(STBLogLevel_eInfo, "text");
+        lockTrace = nullptr;
+        EXPECT_THAT(trace, ElementsAre("lock A", "unlock A"));
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+}
+
+TEST(LinesOfSeveralThreads, DontMix)
+{
+    constexpr int kThreads = 4;
+    constexpr int kLines = 200;
+    const Outcome outcome = withEnvironment(plain(), [] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kThreads; ++i) {
+            threads.emplace_back([] {
+                for (int line = 0; line < kLines; ++line) {
+                    say(STBLogLevel_eInfo, std::string(200, 'x'));
+                }
+            });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+    });
+
+    const auto texts = toldBehindGreeting(outcome);
+    EXPECT_EQ(static_cast<std::size_t>(kThreads * kLines), texts.size());
+    EXPECT_THAT(texts, testing::Each("I [Bluez:42] " + std::string(200, 'x')));
+}
+
+TEST(AMessageOfAModuleOfTheDaemon, AllocatesNothing)
+{
+    const Outcome outcome = withEnvironment({}, [] {
+        STBLoggerLogParams params = daemonParams();
+        STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "main.cpp", "first");
+        for (const char* file : {"utils/vexabluetoohtd/main.cpp", "utils/vexabluetoohtd/RcuOtaUpdater.cpp",
+                                 "libvexastb/inc/private/pthread_helper.h"}) {
+            for (const STBLogLevel level : {STBLogLevel_eTrace, STBLogLevel_eInfo}) {
+                const int before = allocations;
+                STBLogger_log(&params, "", level, 42, file, "%d", 1);
+                const int after = allocations;
+                EXPECT_EQ(before, after) << file << " at " << level;
+            }
+        }
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+}
+
+// --- A handler that exits
+
+void exitAtOnce(int /*signal*/)
+{
+    exit(1); // NOLINT(concurrency-mt-unsafe): what the second interrupt does
+}
+
+void interruptOnce()
+{
+    onClockRead = nullptr;
+    std::raise(SIGINT);
+}
+
+TEST(AnInterruptWhileALineIsWritten, CanEndTheProcess)
+{
+    const Outcome outcome = withEnvironment(plain(), [] {
+        std::signal(SIGINT, exitAtOnce);
+        say(STBLogLevel_eInfo, "first");
+        onClockRead = interruptOnce;
+        say(STBLogLevel_eInfo, "second");
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(1)) << outcome;
+}
+
+// --- The end of the process
+
+void logLate()
+{
+    LOG_INFO("late");
+}
+
+TEST(AMessageOfALaterExitHandler, IsDroppedInSilence)
+{
+    const Outcome outcome = withEnvironment(plain(), [] {
+        std::atexit(logLate); // before the registry's, so it runs after it
+        say(STBLogLevel_eInfo, "in time");
+    });
+
+    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] in time"));
+}
+
+TEST(AMessageOfALaterExitHandler, IsDroppedWithSyslogToo)
+{
+    const Outcome outcome = withEnvironment(onSyslogOnly(), [] {
+        std::atexit(logLate);
+        say(STBLogLevel_eInfo, "in time");
+    });
+
+    EXPECT_THAT(sent(outcome), ElementsAre("syslog 6 %s <.789 [Bluez:42] in time>"));
+}
+
+TEST(AMessageOfAnEarlierExitHandler, IsWritten)
+{
+    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}}), [] {
+        say(STBLogLevel_eInfo, "in time");
+        std::atexit(logLate);
+    });
+
+    EXPECT_THAT(toldBehindGreeting(outcome),
+                ElementsAre("I [Bluez] in time", "I [STBLoggerSafety_test] late"));
+}
+
+TEST(StaticObjects, LogInTheirConstructorsAndUntilTheRegistryIsGone)
+{
+    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}, {kStaticsLog, "1"}}), [] {
+        execl("/proc/self/exe", "STBLoggerSafety_test", "--gtest_list_tests", nullptr);
+        std::perror("Can't run the test program anew");
+        _exit(1);
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+    const auto lines = linesOf(outcome.errors);
+    ASSERT_EQ(3U, lines.size()) << outcome; // one greeting: they all meet the same logger
+    EXPECT_THAT(lines[0], testing::EndsWith(kGreeting));
+    EXPECT_THAT(lines[1], testing::EndsWith("[STBLoggerSafety_test] early"));
+    EXPECT_THAT(lines[2], testing::EndsWith("[STBLoggerSafety_test] late"));
+}
+
+// A message that waits, in the middle of its line, for the loggers' end on another thread.
+std::promise<void> lineBegun;
+std::promise<void> registryGone;
+std::promise<void> lineWritten;
+
+void waitInLine()
+{
+    onClockRead = nullptr;
+    lineBegun.set_value();
+    registryGone.get_future().wait();
+}
+
+void letLineGoOn()
+{
+    registryGone.set_value();
+    lineWritten.get_future().wait_for(std::chrono::seconds(60));
+}
+
+TEST(AMessageUnderWay, IsWrittenToItsEndAlthoughTheProcessExits)
+{
+    const Outcome outcome = withEnvironment(plain(), [] {
+        std::atexit(letLineGoOn); // runs after the registry's end
+        say(STBLogLevel_eInfo, "first");
+        onClockRead = waitInLine;
+        std::thread([] {
+            say(STBLogLevel_eInfo, "second");
+            lineWritten.set_value();
+        }).detach();
+        lineBegun.get_future().wait();
+        std::exit(0);
+    });
+
+    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] first", "I [Bluez:42] second"));
+}
+
+// Each round ends at another moment of the messages of the threads beside it.
+TEST(AProcessThatExits, EndsWithItsStatusWhileOtherThreadsLog)
+{
+    constexpr int kRounds = 50;
+    for (int round = 0; round < kRounds; ++round) {
+        const Outcome outcome = withEnvironment(plain(), [] {
+            static std::atomic<int> running{0};
+            for (int i = 0; i < 2; ++i) {
+                std::thread([] {
+                    ++running;
+                    for (int pass = 0;; ++pass) {
+                        say(pass % 16 == 0 ? STBLogLevel_eInfo : STBLogLevel_eTrace, "text");
+                    }
+                }).detach();
+            }
+            while (running < 2) {
+                std::this_thread::yield();
+            }
+            std::exit(1);
+        });
+        ASSERT_TRUE(outcome.exitedWith(1)) << "round " << round << ": " << outcome;
+    }
+}
+
+TEST(AProcessThatExits, EndsWithItsStatusWhileAnotherThreadMakesLoggers)
+{
+    constexpr int kRounds = 50;
+    for (int round = 0; round < kRounds; ++round) {
+        const Outcome outcome = withEnvironment({}, [] {
+            static std::atomic<int> made{0};
+            say(STBLogLevel_eInfo, "first");
+            std::thread([] {
+                STBLoggerLogParams params = daemonParams();
+                params.defaultLevel = "error";
+                for (;; ++made) {
+                    const std::string application = "APPLICATION" + std::to_string(made);
+                    params.application = application.c_str();
+                    STBLogger_log(&params, "", STBLogLevel_eDebug, 42, "Bluez.cpp", "dropped");
+                }
+            }).detach();
+            while (made < 10) {
+                std::this_thread::yield();
+            }
+            std::exit(1);
+        });
+        ASSERT_TRUE(outcome.exitedWith(1)) << "round " << round << ": " << outcome;
+    }
+}
+
+} // namespace

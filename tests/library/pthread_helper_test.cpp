@@ -1,0 +1,582 @@
+// SPDX-License-Identifier: MIT
+#include "pthread_helper.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <future>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/kit/ChildProcess.h"
+#include "tests/kit/NamedCase.h"
+#include "tests/library/PthreadCalls.h"
+
+// Exported, so that the stack trace knows it.
+extern "C" __attribute__((noinline)) void lockTwice(pthread_helper::mutex& mutex)
+{
+    mutex.lock();
+    mutex.lock();
+}
+
+namespace
+{
+
+using pthread_helper::cond;
+using pthread_helper::mutex;
+using pthread_helper::scoped_lock;
+using testing::HasSubstr;
+
+const std::string kBanner(88, '=');
+
+// Returns at once, whoever holds the lock.
+bool heldByCaller(mutex& lock)
+{
+    static_assert(sizeof(mutex) == sizeof(pthread_mutex_t), "a mutex holds nothing else");
+    auto* const native = reinterpret_cast<pthread_mutex_t*>(&lock);
+    const timespec past{};
+    const int result = pthread_mutex_timedlock(native, &past);
+    if (result == 0) {
+        pthread_mutex_unlock(native);
+    }
+    return result == EDEADLK;
+}
+
+// --- Every call and every result
+
+struct Subject {
+    void run() {}
+};
+
+using Record = pthread_helper::thread<Subject>;
+
+// One of each, at addresses that the parent of a test's child knows, too.
+template <typename T>
+T* storage()
+{
+    alignas(T) static unsigned char bytes[sizeof(T)];
+    return reinterpret_cast<T*>(bytes);
+}
+
+template <typename T>
+T* made()
+{
+    static T* const object = new (storage<T>()) T;
+    return object;
+}
+
+Record* record()
+{
+    static Subject subject;
+    static Record* const object = new (storage<Record>()) Record(&subject, &Subject::run);
+    return object;
+}
+
+struct CallCase : NamedCase {
+    const char* function;
+    int result;
+    const char* expression; ///< null: the result is accepted
+    void (*prepare)();
+    void (*call)();
+    const void* (*object)();
+};
+
+void nothing() {}
+const void* theMutex()
+{
+    return storage<mutex>();
+}
+const void* theCond()
+{
+    return storage<cond>();
+}
+const void* theRecord()
+{
+    return record();
+}
+void makeMutex()
+{
+    made<mutex>();
+}
+void makeCond()
+{
+    made<cond>();
+}
+void makeBoth()
+{
+    makeMutex();
+    makeCond();
+    made<mutex>()->lock();
+}
+void makeRecord()
+{
+    record();
+}
+void destroyMutex()
+{
+    made<mutex>()->~mutex();
+}
+void lockMutex()
+{
+    made<mutex>()->lock();
+}
+void unlockMutex()
+{
+    made<mutex>()->unlock();
+}
+void destroyCond()
+{
+    made<cond>()->~cond();
+}
+void waitForCond()
+{
+    const int result = made<cond>()->timedWait(*made<mutex>(), 0);
+    EXPECT_EQ(injectedResult, result);
+}
+void signalCond()
+{
+    made<cond>()->signal();
+}
+void broadcastCond()
+{
+    made<cond>()->broadcast();
+}
+void startThread()
+{
+    record()->start();
+}
+
+constexpr const char* kZero = "res == 0";
+constexpr const char* kWaited = "res == 0 || res == 110";
+
+const CallCase kCalls[] = {
+    {"AttributeInitGood", "pthread_mutexattr_init", 0, nullptr, nothing, makeMutex, theMutex},
+    {"AttributeInitFails", "pthread_mutexattr_init", 12, kZero, nothing, makeMutex, theMutex},
+    {"AttributeKindFails", "pthread_mutexattr_settype", 22, kZero, nothing, makeMutex, theMutex},
+    {"MutexInitGood", "pthread_mutex_init", 0, nullptr, nothing, makeMutex, theMutex},
+    {"MutexInitFails", "pthread_mutex_init", 11, kZero, nothing, makeMutex, theMutex},
+    {"MutexInitNotPermitted", "pthread_mutex_init", 1, kZero, nothing, makeMutex, theMutex},
+    {"MutexDestroyGood", "pthread_mutex_destroy", 0, nullptr, makeMutex, destroyMutex, theMutex},
+    {"MutexDestroyBusy", "pthread_mutex_destroy", 16, "res != 16", makeMutex, destroyMutex, theMutex},
+    {"MutexDestroyInvalid", "pthread_mutex_destroy", 22, kZero, makeMutex, destroyMutex, theMutex},
+    {"LockGood", "pthread_mutex_lock", 0, nullptr, makeMutex, lockMutex, theMutex},
+    {"LockDeadlock", "pthread_mutex_lock", 35, "res != 35", makeMutex, lockMutex, theMutex},
+    {"LockInvalid", "pthread_mutex_lock", 22, kZero, makeMutex, lockMutex, theMutex},
+    {"LockNotPermitted", "pthread_mutex_lock", 1, kZero, makeMutex, lockMutex, theMutex},
+    {"UnlockGood", "pthread_mutex_unlock", 0, nullptr, makeMutex, unlockMutex, theMutex},
+    {"UnlockNotPermitted", "pthread_mutex_unlock", 1, nullptr, makeMutex, unlockMutex, theMutex},
+    {"UnlockInvalid", "pthread_mutex_unlock", 22, kZero, makeMutex, unlockMutex, theMutex},
+    {"CondInitGood", "pthread_cond_init", 0, nullptr, nothing, makeCond, theCond},
+    {"CondInitFails", "pthread_cond_init", 11, kZero, nothing, makeCond, theCond},
+    {"CondDestroyGood", "pthread_cond_destroy", 0, nullptr, makeCond, destroyCond, theCond},
+    {"CondDestroyBusy", "pthread_cond_destroy", 16, kZero, makeCond, destroyCond, theCond},
+    {"WaitGood", "pthread_cond_timedwait", 0, nullptr, makeBoth, waitForCond, theCond},
+    {"WaitTimedOut", "pthread_cond_timedwait", 110, nullptr, makeBoth, waitForCond, theCond},
+    {"WaitInvalid", "pthread_cond_timedwait", 22, kWaited, makeBoth, waitForCond, theCond},
+    {"WaitNotPermitted", "pthread_cond_timedwait", 1, kWaited, makeBoth, waitForCond, theCond},
+    {"SignalGood", "pthread_cond_signal", 0, nullptr, makeCond, signalCond, theCond},
+    {"SignalInvalid", "pthread_cond_signal", 22, kZero, makeCond, signalCond, theCond},
+    {"BroadcastGood", "pthread_cond_broadcast", 0, nullptr, makeCond, broadcastCond, theCond},
+    {"BroadcastInvalid", "pthread_cond_broadcast", 22, kZero, makeCond, broadcastCond, theCond},
+    {"CreateGood", "pthread_create", 0, nullptr, makeRecord, startThread, theRecord},
+    {"CreateFails", "pthread_create", 11, kZero, makeRecord, startThread, theRecord},
+};
+
+// A line of the header, counted from 1.
+std::string headerLine(int number)
+{
+    std::ifstream header(PTHREAD_HELPER_HEADER);
+    EXPECT_TRUE(header) << "can't read " << PTHREAD_HELPER_HEADER;
+    std::string line;
+    for (int i = 0; i < number; ++i) {
+        std::getline(header, line);
+    }
+    return line;
+}
+
+class ACall : public testing::TestWithParam<CallCase>
+{
+};
+
+TEST_P(ACall, PassesOrEndsTheProcessByItsResult)
+{
+    const Outcome outcome = inChild([] {
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);
+        GetParam().prepare();
+        injectedResult = GetParam().result;
+        injectedFunction = GetParam().function;
+        GetParam().call();
+        injectedFunction = nullptr;
+        if (!testing::Test::HasFailure()) {
+            _exit(0); // past the exit handlers: what a test has left half made isn't the point
+        }
+    });
+
+    if (GetParam().expression == nullptr) {
+        EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+        EXPECT_EQ("", outcome.output + outcome.errors);
+        return;
+    }
+    EXPECT_TRUE(outcome.killedBy(SIGKILL)) << outcome;
+    const auto lines = linesOf(outcome.output);
+    ASSERT_EQ(4U, lines.size()) << outcome;
+    EXPECT_EQ(kBanner, lines[0]);
+    EXPECT_EQ(kBanner, lines[2]);
+    EXPECT_EQ(kBanner, lines[3]);
+    // The compiler may see the header by an absolute or by a relative path.
+    EXPECT_THAT(lines[1], testing::StartsWith(" ASSERT (" + std::string(GetParam().expression) +
+                                              ") ret=" + std::to_string(GetParam().result) + " on "));
+    const std::string file = "libvexastb/inc/private/pthread_helper.h:";
+    const auto position = lines[1].find(file);
+    ASSERT_NE(std::string::npos, position) << lines[1];
+    EXPECT_THAT(headerLine(std::stoi(lines[1].substr(position + file.size()))),
+                HasSubstr("CHECK(" + std::string(GetParam().expression) + ","));
+    char object[32];
+    std::snprintf(object, sizeof object, ", this:%p", GetParam().object());
+    EXPECT_THAT(lines[1], testing::EndsWith(object));
+}
+
+INSTANTIATE_TEST_SUITE_P(WithResult, ACall, testing::ValuesIn(kCalls), named);
+
+TEST(AMutex, IsOfTheErrorCheckingKindAndNothingElse)
+{
+    static_assert(sizeof(mutex) == sizeof(pthread_mutex_t));
+    const mutex made;
+
+    EXPECT_EQ(2, mutexKind);
+    EXPECT_EQ(0, attributeDestructions);
+}
+
+TEST(ACond, HasDefaultAttributesAndNothingElse)
+{
+    static_assert(sizeof(cond) == sizeof(pthread_cond_t));
+    condAttributes = &kBanner;
+    const cond made;
+
+    EXPECT_EQ(nullptr, condAttributes);
+}
+
+// --- Locks as they really are
+
+TEST(ALock, EndsTheProcessIfItsHolderTakesItAgain)
+{
+    const Outcome outcome = inChild([] {
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);
+        mutex lock;
+        lockTwice(lock);
+    });
+
+    EXPECT_TRUE(outcome.killedBy(SIGKILL)) << outcome;
+    EXPECT_THAT(outcome.output, HasSubstr(" ASSERT (res != 35) ret=35 on "));
+}
+
+TEST(ALock, EndsTheProcessIfItIsDestroyedWhileItIsHeld)
+{
+    const Outcome outcome = inChild([] {
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);
+        auto lock = std::make_unique<mutex>();
+        lock->lock();
+        lock.reset();
+    });
+
+    EXPECT_TRUE(outcome.killedBy(SIGKILL)) << outcome;
+    EXPECT_THAT(outcome.output, HasSubstr(" ASSERT (res != 16) ret=16 on "));
+}
+
+TEST(ALock, CanBeUnlockedTwiceWithoutAMessage)
+{
+    const Outcome outcome = inChild([] {
+        mutex lock;
+        lock.lock();
+        lock.unlock();
+        lock.unlock();
+        lock.lock(); // and is as good as before
+        lock.unlock();
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+    EXPECT_EQ("", outcome.output + outcome.errors);
+}
+
+TEST(ALock, StaysAsItWasWhenAnotherThreadThanItsHolderUnlocksIt)
+{
+    mutex lock;
+    lock.lock();
+
+    std::thread([&] { lock.unlock(); }).join();
+
+    EXPECT_TRUE(heldByCaller(lock));
+    lock.unlock();
+}
+
+TEST(ALock, KeepsOthersOutUntilItIsUnlocked)
+{
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 5000;
+    mutex lock;
+    int count = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < kRounds; ++round) {
+                const scoped_lock guard(lock);
+                ++count;
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(kThreads * kRounds, count);
+}
+
+TEST(AScopedLock, HoldsTheMutexForItsScope)
+{
+    mutex lock;
+    {
+        const scoped_lock guard(lock);
+        EXPECT_TRUE(heldByCaller(lock));
+    }
+    EXPECT_FALSE(heldByCaller(lock));
+}
+
+TEST(AScopedLock, EndsWithoutAMessageIfItsScopeHasUnlocked)
+{
+    const Outcome outcome = inChild([] {
+        mutex lock;
+        {
+            const scoped_lock guard(lock);
+            lock.unlock();
+        }
+        lock.lock();
+        lock.unlock();
+    });
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
+    EXPECT_EQ("", outcome.output + outcome.errors);
+}
+
+// --- Waits
+
+struct DeadlineCase : NamedCase {
+    timeval now;
+    unsigned int milliseconds;
+    timespec deadline;
+};
+
+class TheDeadlineOfAWait : public testing::TestWithParam<DeadlineCase>
+{
+};
+
+TEST_P(TheDeadlineOfAWait, IsTheWallClockPlusItsLimit)
+{
+    mutex lock;
+    cond condition;
+    fixedClock = &GetParam().now;
+    injectedResult = 110;
+    injectedFunction = "pthread_cond_timedwait";
+    const int result = condition.timedWait(lock, GetParam().milliseconds);
+    injectedFunction = nullptr;
+    fixedClock = nullptr;
+
+    EXPECT_EQ(110, result);
+    EXPECT_EQ(GetParam().deadline.tv_sec, givenDeadline.tv_sec);
+    EXPECT_EQ(GetParam().deadline.tv_nsec, givenDeadline.tv_nsec);
+}
+
+const DeadlineCase kDeadlines[] = {
+    {"OfNothing", {1700000000, 123456}, 0, {1700000000, 123456000}},
+    {"OfAMillisecond", {1700000000, 123456}, 1, {1700000000, 124456000}},
+    {"AcrossASecond", {1700000000, 999999}, 1, {1700000001, 999000}},
+    {"ToAFullSecond", {1700000000, 900000}, 100, {1700000001, 0}},
+    {"OfAMinute", {1700000000, 5}, 60000, {1700000060, 5000}},
+    {"OfTheLargestLimit", {10, 0}, std::numeric_limits<unsigned int>::max(), {10 + 4294967, 295000000}},
+    {"Beyond2038", {4000000000, 1}, 2000, {4000000002, 1000}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, TheDeadlineOfAWait, testing::ValuesIn(kDeadlines), named);
+
+TEST(AWait, GivesTimedOutAtItsLimitWithTheLockHeldAgain)
+{
+    mutex lock;
+    cond condition;
+    const scoped_lock guard(lock);
+
+    EXPECT_EQ(110, condition.timedWait(lock, 1));
+    EXPECT_TRUE(heldByCaller(lock));
+}
+
+class AWakeUp : public testing::TestWithParam<void (cond::*)()>
+{
+};
+
+TEST_P(AWakeUp, EndsAWaitBeforeItsLimit)
+{
+    mutex lock;
+    cond condition;
+    bool waiting = false;
+    auto waiter = std::async(std::launch::async, [&] {
+        const scoped_lock guard(lock);
+        waiting = true;
+        return condition.timedWait(lock, 60000);
+    });
+    for (bool seen = false; !seen;) {
+        const scoped_lock guard(lock); // free only before the wait or within it
+        seen = waiting;
+    }
+    (condition.*GetParam())();
+
+    EXPECT_EQ(0, waiter.get());
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, AWakeUp, testing::Values(&cond::signal, &cond::broadcast),
+                         [](const auto& given) { return given.index == 0 ? "BySignal" : "ByBroadcast"; });
+
+TEST(ABroadcast, WakesAllWaiters)
+{
+    constexpr int kWaiters = 4;
+    mutex lock;
+    cond condition;
+    int waiting = 0;
+    std::vector<std::future<int>> waiters;
+    for (int i = 0; i < kWaiters; ++i) {
+        waiters.push_back(std::async(std::launch::async, [&] {
+            const scoped_lock guard(lock);
+            ++waiting;
+            return condition.timedWait(lock, 60000);
+        }));
+    }
+    for (bool all = false; !all;) {
+        const scoped_lock guard(lock);
+        all = waiting == kWaiters;
+    }
+    condition.broadcast();
+
+    for (auto& waiter : waiters) {
+        EXPECT_EQ(0, waiter.get());
+    }
+}
+
+TEST(AWait, IsShortenedByAStepOfTheWallClockForward)
+{
+    mutex lock;
+    cond condition;
+    const scoped_lock guard(lock);
+    clockAheadUs = -3600LL * 1000000; // an hour passes between the reading of the clock and the wait
+    const auto start = std::chrono::steady_clock::now();
+    const int result = condition.timedWait(lock, 1800 * 1000);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    clockAheadUs = 0;
+
+    EXPECT_EQ(110, result);
+    EXPECT_LT(waited, std::chrono::minutes(1));
+}
+
+TEST(AWait, IsLengthenedByAStepOfTheWallClockBack)
+{
+    mutex lock;
+    cond condition;
+    const scoped_lock guard(lock);
+    clockAheadUs = 300000; // as if the clock were set back by this much once it has been read
+    const auto start = std::chrono::steady_clock::now();
+    const int result = condition.timedWait(lock, 0);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    clockAheadUs = 0;
+
+    EXPECT_EQ(110, result);
+    EXPECT_GE(waited, std::chrono::milliseconds(200));
+}
+
+// --- The record of a thread
+
+struct Runner {
+    void run()
+    {
+        ranOn = pthread_self();
+        runs++;
+    }
+
+    pthread_t ranOn{};
+    int runs = 0;
+};
+
+TEST(TheRecordOfAThread, RunsItsMethodOnItsObjectOnceOnAThreadOfItsOwn)
+{
+    Runner runner;
+    pthread_helper::thread<Runner> thread(&runner, &Runner::run);
+    EXPECT_FALSE(thread._joined);
+    threadAttributes = &runner;
+    thread.start();
+    ASSERT_EQ(0, pthread_join(thread._id, nullptr));
+
+    EXPECT_EQ(nullptr, threadAttributes);
+    EXPECT_EQ(1, runner.runs);
+    EXPECT_EQ(thread._id, runner.ranOn);
+    EXPECT_FALSE(thread._joined); // for the one who joins to set
+}
+
+TEST(TheRecordOfAThread, HasAnEntryThatReturnsNull)
+{
+    Runner runner;
+    pthread_helper::thread<Runner> thread(&runner, &Runner::run);
+
+    EXPECT_EQ(nullptr, pthread_helper::thread<Runner>::thread_callback(&thread));
+    EXPECT_EQ(1, runner.runs);
+}
+
+// --- The fatal path as a whole
+
+TEST(TheFatalPath, TracesTheStackOnStandardErrorWithTheNamesOfExportedFunctions)
+{
+    const Outcome outcome = inChild([] {
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);
+        mutex lock;
+        lockTwice(lock);
+    });
+
+    const auto lines = linesOf(outcome.errors);
+    EXPECT_THAT(
+        lines,
+        testing::Contains(testing::ContainsRegex(
+            "^0x[0-9a-f]+ lockTwice \\(\\+0x[0-9a-f]+\\) \\([^ ]*pthread_helper_test at 0x[0-9a-f]+\\) $")))
+        << outcome;
+    for (const std::string& line : lines) {
+        EXPECT_THAT(line, testing::Not(HasSubstr("ASSERT")));
+    }
+}
+
+TEST(TheFatalPath, DoesntUseTheLogger)
+{
+    const Outcome outcome = inChild([] {
+        setenv("VEXA_LOG_LEVEL", "TRACE", 1);
+        mutex lock;
+        lockTwice(lock);
+    });
+
+    EXPECT_THAT(outcome.errors, testing::Not(HasSubstr("Logger for application")));
+}
+
+TEST(TheFatalPath, DoesntFlushStandardOutputButTheStack)
+{
+    const Outcome outcome = inChild([] {
+        std::setvbuf(stdout, nullptr, _IOFBF, 65536);
+        mutex lock;
+        lockTwice(lock);
+    });
+
+    EXPECT_TRUE(outcome.killedBy(SIGKILL)) << outcome;
+    EXPECT_EQ("", outcome.output);
+    EXPECT_THAT(outcome.errors, HasSubstr("lockTwice"));
+}
+
+} // namespace

@@ -1,0 +1,505 @@
+// SPDX-License-Identifier: MIT
+// The over-the-air key, from its file into the build: the real cmake, on the
+// module alone and on the whole project in a scratch folder.
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/kit/Hex.h"
+#include "tests/kit/RunProgram.h"
+#include "tests/kit/ScratchFolder.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr char kDevelopmentKey[] = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
+constexpr char kOwnKey[] = "8f3a61c05be27d94f10e6b82d7a94c3519fe60ab73d2c8451e9cb0674fa3d528";
+
+std::string upperCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::toupper(c); });
+    return text;
+}
+
+/// "0x8f, 0x3a, ..." as the generated source lists a key.
+std::string asList(const std::string& key)
+{
+    std::string list;
+    for (std::size_t i = 0; i < key.size(); i += 2) {
+        list += (i == 0 ? "0x" : ", 0x") + key.substr(i, 2);
+    }
+    return list;
+}
+
+/// Whether any eight digits of the key in a row can be read in `text`, in either case, in its list form or
+/// as bytes.
+bool reveals(const std::string& text, const std::string& key)
+{
+    for (std::size_t i = 0; i + 8 <= key.size(); i += 2) {
+        const std::string piece = key.substr(i, 8);
+        const auto bytes = fromHex(piece);
+        for (const auto& form :
+             {piece, upperCase(piece), asList(piece), std::string(bytes.begin(), bytes.end())}) {
+            if (text.find(form) != std::string::npos) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+/// All that the program said, without the line breaks that cmake puts into its messages.
+std::string saidBy(const ProgramResult& result)
+{
+    return std::regex_replace(result.output + result.errors, std::regex{"\\s+"}, " ");
+}
+
+mode_t modeOf(const std::string& path)
+{
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+std::string everythingIn(const fs::path& path)
+{
+    std::ifstream file{path, std::ios::binary};
+    return {std::istreambuf_iterator<char>{file}, {}};
+}
+
+// ------------------------------------------------------------------------- The module
+
+class TheKeyFile : public testing::Test
+{
+protected:
+    /// Runs the module's choice of a key in a script of its own.
+    ProgramResult choose(const std::string& keyFile, bool requireOwn = false,
+                         std::vector<std::string> runner = {}) const
+    {
+        const std::string script = mFolder.write(
+            "script.cmake", "cmake_minimum_required(VERSION 3.25)\ninclude(\"" VEXA_KEY_MODULE "\")\n"
+                            "vexa_generate_ota_key(\"" +
+                                keyFile + "\" " + (requireOwn ? "ON" : "OFF") + " \"" +
+                                mFolder.path("key.cpp") + "\")\n");
+        runner.insert(runner.end(), {VEXA_CMAKE, "-P", script});
+        return runProgram(runner);
+    }
+
+    /// The key that the generated source defines, as lower-case digits.
+    std::string chosenKey() const
+    {
+        static const std::regex kByte{"0x([0-9a-f]{2}), "};
+        const std::string source = mFolder.read("key.cpp");
+        std::string key;
+        for (auto i = std::sregex_iterator{source.begin(), source.end(), kByte}; i != std::sregex_iterator{};
+             ++i) {
+            key += (*i)[1];
+        }
+        return key;
+    }
+
+    bool nothingWritten() const { return !fs::exists(mFolder.path("key.cpp")); }
+
+    ScratchFolder mFolder;
+};
+
+TEST_F(TheKeyFile, GivesItsBytesInTheirOrder)
+{
+    const auto result = choose(mFolder.write("key", kOwnKey));
+
+    EXPECT_EQ(0, result.status) << result.errors;
+    EXPECT_EQ(kOwnKey, chosenKey());
+    EXPECT_THAT(saidBy(result), HasSubstr("Over-the-air key: from " + mFolder.path("key")));
+    EXPECT_FALSE(reveals(saidBy(result), kOwnKey));
+}
+
+TEST_F(TheKeyFile, MayHaveBlanksAroundTheDigitsAndEitherCase)
+{
+    const std::string upper = upperCase(kOwnKey);
+    for (const auto& content : {std::string{kOwnKey} + "\n", std::string{kOwnKey} + "\r\n", upper,
+                                " \t\n " + upper.substr(0, 32) + std::string{kOwnKey}.substr(32) + " \n\n"}) {
+        EXPECT_EQ(0, choose(mFolder.write("key", content)).status);
+        EXPECT_EQ(kOwnKey, chosenKey());
+        fs::remove(mFolder.path("key.cpp"));
+    }
+}
+
+TEST_F(TheKeyFile, MayHaveAnyName)
+{
+    EXPECT_EQ(0, choose(mFolder.write("the key; of the product $x", kOwnKey)).status);
+    EXPECT_EQ(kOwnKey, chosenKey());
+}
+
+struct Malformed {
+    const char* name;
+    std::string content;
+    const char* word;
+
+    friend std::ostream& operator<<(std::ostream& out, const Malformed& malformed)
+    {
+        return out << malformed.name;
+    }
+};
+
+const std::string kOwn{kOwnKey};
+const Malformed kMalformed[] = {
+    {"Empty", "", "has the wrong length, 0 characters"},
+    {"BlankOnly", " \n\n", "has the wrong length, 0 characters"},
+    {"OneDigitShort", kOwn.substr(1), "has the wrong length, 63 characters"},
+    {"OneDigitLong", kOwn + "0", "has the wrong length, 65 characters"},
+    {"WithAPrefix", "0x" + kOwn, "has the wrong length, 66 characters"},
+    {"TwoKeys", kOwn + "\n" + kOwn + "\n", "has the wrong length, 129 characters"},
+    {"ALetterAmongTheDigits", kOwn.substr(0, 40) + "g" + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {"ABlankAmongTheDigits", kOwn.substr(0, 40) + " " + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {"ANewlineAmongTheDigits", kOwn.substr(0, 32) + "\n" + kOwn.substr(33), "isn't a hexadecimal digit"},
+    {"ASemicolonAmongTheDigits", kOwn.substr(0, 40) + ";" + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {"ABracketAmongTheDigits", kOwn.substr(0, 40) + "[" + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {"AVariableAmongTheDigits", kOwn.substr(0, 60) + "${x}", "isn't a hexadecimal digit"},
+    {"AZeroByteBehindTheDigits", kOwn + std::string{"\0", 1} + "junk", "wrong length"},
+    {"TheBytesThemselves", "\x8f\x3a\x61\xc0\x5b\xe2\x7d\x94\xf1\x0e\x6b\x82\xd7\xa9\x4c\x35",
+     "wrong length"},
+    {"HugeAndWrong", std::string(1U << 20U, 'a'), "wrong length"},
+};
+
+class AMalformedKeyFile : public TheKeyFile, public testing::WithParamInterface<Malformed>
+{
+};
+
+TEST_P(AMalformedKeyFile, IsRefusedWithoutShowingWhatItHolds)
+{
+    const std::string file = mFolder.write("key", GetParam().content);
+
+    const auto result = choose(file);
+
+    EXPECT_NE(0, result.status);
+    const std::string message = saidBy(result);
+    EXPECT_THAT(message, HasSubstr("Over-the-air key: " + file));
+    EXPECT_THAT(message, HasSubstr(GetParam().word));
+    EXPECT_FALSE(reveals(message, kOwnKey)) << message;
+    EXPECT_THAT(message, Not(HasSubstr("aaaaaaaa")));
+    EXPECT_TRUE(nothingWritten());
+}
+
+INSTANTIATE_TEST_SUITE_P(With, AMalformedKeyFile, testing::ValuesIn(kMalformed),
+                         [](const auto& given) { return std::string{given.param.name}; });
+
+TEST_F(TheKeyFile, ThatIsMissingOrAFolderIsRefused)
+{
+    const auto missing = choose(mFolder.path("none"));
+    EXPECT_NE(0, missing.status);
+    EXPECT_THAT(saidBy(missing), HasSubstr(mFolder.path("none") + " doesn't exist or can't be read"));
+
+    const auto folder = choose(mFolder.path());
+    EXPECT_NE(0, folder.status);
+    EXPECT_THAT(saidBy(folder), HasSubstr("is a folder"));
+    EXPECT_TRUE(nothingWritten());
+}
+
+TEST_F(TheKeyFile, ThatCannotBeReadIsRefused)
+{
+    const std::string file = mFolder.write("key", kOwnKey);
+    fs::permissions(file, fs::perms::none);
+    fs::permissions(mFolder.path(), fs::perms::all);
+    // Root reads everything, so somebody else tries.
+    std::vector<std::string> runner;
+    if (geteuid() == 0) {
+        runner = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    }
+
+    const auto result = choose(file, false, runner);
+
+    EXPECT_NE(0, result.status);
+    EXPECT_THAT(saidBy(result), HasSubstr(file + " doesn't exist or can't be read"));
+    EXPECT_TRUE(nothingWritten());
+}
+
+TEST_F(TheKeyFile, ThatIsNotGivenMeansTheDevelopmentKeyAndSaysSo)
+{
+    const auto result = choose("");
+
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(kDevelopmentKey, chosenKey());
+    EXPECT_THAT(saidBy(result), HasSubstr("PUBLISHED DEVELOPMENT KEY"));
+}
+
+TEST_F(TheKeyFile, ThatHoldsTheDevelopmentKeySaysSoToo)
+{
+    const auto result = choose(mFolder.write("key", upperCase(kDevelopmentKey)));
+
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(kDevelopmentKey, chosenKey());
+    EXPECT_THAT(saidBy(result), HasSubstr("PUBLISHED DEVELOPMENT KEY"));
+}
+
+TEST_F(TheKeyFile, MustBeGivenAndItsOwnForARelease)
+{
+    const auto none = choose("", true);
+    EXPECT_NE(0, none.status);
+    EXPECT_THAT(saidBy(none), HasSubstr("VEXA_OTA_KEY_FILE"));
+    EXPECT_TRUE(nothingWritten());
+
+    const auto development = choose(mFolder.write("key", upperCase(kDevelopmentKey) + "\n"), true);
+    EXPECT_NE(0, development.status);
+    EXPECT_THAT(saidBy(development), HasSubstr("published development key"));
+    EXPECT_TRUE(nothingWritten());
+
+    EXPECT_EQ(0, choose(mFolder.write("key", kOwnKey), true).status);
+    EXPECT_EQ(kOwnKey, chosenKey());
+}
+
+TEST_F(TheKeyFile, MakesASourceThatOnlyItsOwnerCanRead)
+{
+    const std::string file = mFolder.write("key", kOwnKey);
+    const std::string source = mFolder.path("key.cpp");
+    const mode_t former = umask(0);
+
+    EXPECT_EQ(0, choose(file).status);
+    EXPECT_EQ(mode_t{0600}, modeOf(source));
+
+    fs::permissions(source, static_cast<fs::perms>(0644));
+    EXPECT_EQ(0, choose(file).status);
+    EXPECT_EQ(mode_t{0600}, modeOf(source)) << "of an older build, opened to others";
+    umask(former);
+}
+
+TEST_F(TheKeyFile, MakesTheSourceAnewOnlyWhenTheKeyChanges)
+{
+    const std::string source = mFolder.path("key.cpp");
+    EXPECT_EQ(0, choose(mFolder.write("key", kOwnKey)).status);
+    const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours{1};
+    fs::last_write_time(source, longAgo);
+
+    EXPECT_EQ(0, choose(mFolder.write("key", upperCase(kOwnKey) + "\n")).status);
+    EXPECT_EQ(longAgo, fs::last_write_time(source));
+
+    EXPECT_EQ(0, choose("").status);
+    EXPECT_NE(longAgo, fs::last_write_time(source));
+    EXPECT_EQ(kDevelopmentKey, chosenKey());
+}
+
+// ------------------------------------------------------------------ The whole project
+
+class TheProject : public testing::Test
+{
+protected:
+    TheProject()
+    {
+        // What the developer has in the environment is no part of the test.
+        for (const char* variable : {"CMAKE_CXX_COMPILER_LAUNCHER", "CMAKE_GENERATOR", "VEXA_OTA_KEY_FILE"}) {
+            unsetenv(variable);
+        }
+    }
+
+    ProgramResult configure(const std::string& preset, const std::vector<std::string>& options) const
+    {
+        std::vector<std::string> command{VEXA_CMAKE,  "--preset", preset,  "-S",
+                                         VEXA_SOURCE, "-B",       build(), "-DVEXA_DEVELOPMENT=OFF"};
+        command.insert(command.end(), options.begin(), options.end());
+        // Presets are looked for where the command runs.
+        const fs::path before = fs::current_path();
+        fs::current_path(VEXA_SOURCE);
+        auto result = runProgram(command);
+        fs::current_path(before);
+        return result;
+    }
+
+    ProgramResult make(const std::string& target) const
+    {
+        return runProgram({VEXA_CMAKE, "--build", build(), "--target", target, "--verbose"});
+    }
+
+    std::string build() const { return mFolder.path("build"); }
+
+    /// The files below the build folder, or another, in which the key can be read, in any form.
+    std::vector<std::string> filesThatReveal(const std::string& key) const
+    {
+        return filesThatReveal(key, build());
+    }
+
+    static std::vector<std::string> filesThatReveal(const std::string& key, const std::string& folder)
+    {
+        std::vector<std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator{folder}) {
+            if (entry.is_regular_file() && reveals(everythingIn(entry.path()), key)) {
+                files.push_back(fs::relative(entry.path(), folder).string());
+            }
+        }
+        std::sort(files.begin(), files.end());
+        return files;
+    }
+
+    ScratchFolder mFolder;
+};
+
+constexpr char kKeySource[] = "utils/vexabluetoohtd/otakey/OtaKey.cpp";
+constexpr char kKeyObject[] = "utils/vexabluetoohtd/CMakeFiles/vexaotakey.dir/otakey/OtaKey.cpp.o";
+
+TEST_F(TheProject, KeepsTheKeyInItsGeneratedSourceAndTheObjectMadeOfIt)
+{
+    const std::string file = mFolder.write("key", std::string{kOwnKey} + "\n");
+    const auto configured =
+        configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + file, "-DCMAKE_CXX_COMPILER_LAUNCHER=env"});
+    ASSERT_EQ(0, configured.status) << configured.output << configured.errors;
+    EXPECT_FALSE(reveals(configured.output + configured.errors, kOwnKey));
+    EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeySource))
+        << "neither the cache, nor a log, nor compile_commands.json";
+    EXPECT_EQ(mode_t{0600}, modeOf(build() + "/" + kKeySource));
+    EXPECT_EQ(mode_t{0700}, modeOf(fs::path(build() + "/" + kKeySource).parent_path()));
+
+    const auto made = make("vexaotakey");
+    ASSERT_EQ(0, made.status) << made.output << made.errors;
+    EXPECT_FALSE(reveals(made.output + made.errors, kOwnKey));
+    EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeyObject, kKeySource));
+    EXPECT_EQ(mode_t{0600}, modeOf(build() + "/" + kKeyObject));
+    EXPECT_THAT(made.output, Not(HasSubstr("env "))) << "a compiler launcher, which may keep copies";
+}
+
+// Of the build that this test belongs to, since a whole one takes its time.
+TEST(TheBuild, LetsNobodyElseReadWhatHoldsTheKey)
+{
+    for (const char* file : {VEXA_KEY_OBJECT, VEXA_KEY_ARCHIVE, VEXA_DAEMON, VEXA_UPDATER_TEST}) {
+        ASSERT_TRUE(fs::exists(file)) << file;
+        EXPECT_EQ(mode_t{0}, modeOf(file) & 077) << file;
+    }
+}
+
+class TheInstallation : public TheProject
+{
+protected:
+    TheInstallation()
+    {
+        const std::string file = mFolder.write("key", kOwnKey);
+        const auto configured =
+            configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + file, "-DVEXA_SYSTEMD_UNIT_DIR=units",
+                                          "-DCMAKE_INSTALL_PREFIX=" + installed()});
+        EXPECT_EQ(0, configured.status) << configured.output << configured.errors;
+        // The programs aren't built for this; one with symbols and another key stands in for each.
+        for (const char* program : {"vexabluetoohtd", "vexaagent", "vexafw"}) {
+            fs::copy_file(VEXA_DAEMON, build() + "/utils/" + program + "/" + program);
+        }
+        mInstalling = runProgram({VEXA_CMAKE, "--install", build()});
+        EXPECT_EQ(0, mInstalling.status) << mInstalling.output << mInstalling.errors;
+    }
+
+    std::string installed() const { return mFolder.path("installed"); }
+
+    /// The lines of a section of an installed unit.
+    std::vector<std::string> section(const std::string& unit, const std::string& heading) const
+    {
+        std::istringstream text{mFolder.read("installed/units/" + unit)};
+        std::vector<std::string> lines;
+        std::string current;
+        for (std::string line; std::getline(text, line);) {
+            if (!line.empty() && line.front() == '[') {
+                current = line;
+            } else if (current == heading) {
+                lines.push_back(line);
+            }
+        }
+        return lines;
+    }
+
+    ProgramResult mInstalling;
+};
+
+TEST_F(TheInstallation, HoldsNothingOfTheKeyButTheDaemonItself)
+{
+    EXPECT_THAT(filesThatReveal(kOwnKey, installed()), IsEmpty());
+    EXPECT_FALSE(reveals(mInstalling.output + mInstalling.errors, kOwnKey));
+}
+
+TEST_F(TheInstallation, KeepsTheDaemonFromOthersAndWithoutItsSymbols)
+{
+    const std::string daemon = installed() + "/sbin/vexabluetoohtd";
+
+    EXPECT_EQ(mode_t{0750}, modeOf(daemon));
+    EXPECT_FALSE(runProgram({VEXA_NM, VEXA_DAEMON}).output.empty());
+    EXPECT_TRUE(runProgram({VEXA_NM, daemon}).output.empty());
+    EXPECT_THAT(runProgram({VEXA_NM, "--dynamic", daemon}).output, HasSubstr(" T main"))
+        << "the names that a stack trace shows";
+}
+
+TEST_F(TheInstallation, HasTheDaemonStartedAnewWheneverItEnds)
+{
+    for (const char* unit : {"vexabluetoohtd.service", "vexaagent.service"}) {
+        EXPECT_THAT(section(unit, "[Unit]"), Contains("StartLimitIntervalSec=0")) << unit;
+        EXPECT_THAT(section(unit, "[Service]"), Contains("Restart=always")) << unit;
+    }
+}
+
+TEST_F(TheInstallation, HasTheDaemonLeaveNoCoreAndFillNoLog)
+{
+    EXPECT_THAT(
+        section("vexabluetoohtd.service", "[Service]"),
+        testing::IsSupersetOf({"LimitCORE=0", "LogRateLimitIntervalSec=30s", "LogRateLimitBurst=5000"}));
+}
+
+TEST_F(TheInstallation, HasAnInitScriptThatRunsTheDaemonWithoutACore)
+{
+    const std::string daemon = installed() + "/sbin/vexabluetoohtd";
+    fs::remove(daemon);
+    std::ofstream{daemon} << "#!/bin/sh\necho core $(ulimit -c) syslog $VEXA_LOG_SYSLOG";
+    fs::permissions(daemon, fs::perms::owner_all);
+    rlimit core{};
+    getrlimit(RLIMIT_CORE, &core);
+    if (core.rlim_max == 0) {
+        GTEST_SKIP() << "no process of this one may leave a core anyway, for instance under a sanitizer";
+    }
+    core.rlim_cur = core.rlim_max; // what the script finds
+    setrlimit(RLIMIT_CORE, &core);
+
+    const auto run = runProgram({installed() + "/etc/init.d/vexabluetoohtd", "run"});
+
+    EXPECT_EQ(0, run.status) << run.errors;
+    EXPECT_EQ("core 0 syslog 1\n", run.output);
+}
+
+TEST_F(TheProject, TakesAChangedKeyOnTheNextBuild)
+{
+    const std::string file = mFolder.write("key", kDevelopmentKey);
+    const auto configured = configure("debug", {"-DVEXA_OTA_KEY_FILE=" + file});
+    ASSERT_EQ(0, configured.status) << configured.output << configured.errors;
+    ASSERT_EQ(0, make("vexaotakey").status);
+    // The build tool compares times; it must not matter how fast this test is.
+    fs::last_write_time(mFolder.write("key", kOwnKey),
+                        fs::file_time_type::clock::now() + std::chrono::seconds{2});
+
+    const auto made = make("vexaotakey");
+
+    ASSERT_EQ(0, made.status) << made.output << made.errors;
+    EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeyObject, kKeySource));
+    EXPECT_THAT(filesThatReveal(kDevelopmentKey), IsEmpty());
+}
+
+TEST_F(TheProject, IsNoReleasePackageWithoutAKeyOfItsOwn)
+{
+    const auto none = configure("release-package", {});
+    EXPECT_NE(0, none.status);
+    EXPECT_THAT(saidBy(none), HasSubstr("Set VEXA_OTA_KEY_FILE to a file"));
+
+    const auto development =
+        configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + mFolder.write("key", kDevelopmentKey)});
+    EXPECT_NE(0, development.status);
+    EXPECT_THAT(saidBy(development), HasSubstr("published development key"));
+}
+
+} // namespace

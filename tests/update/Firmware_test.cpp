@@ -1,0 +1,389 @@
+// SPDX-License-Identifier: MIT
+#include "Firmware.h"
+
+#include <filesystem>
+#include <fstream>
+#include <ostream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/kit/CapturedLog.h"
+#include "tests/kit/FirmwareImage.h"
+#include "tests/kit/ScratchFolder.h"
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Bytes = std::vector<std::uint8_t>;
+
+class AFirmware : public testing::Test
+{
+protected:
+    std::unique_ptr<Firmware> open(const Bytes& content)
+    {
+        return Firmware::createWithLocation(mFolder.write("image.bin", content));
+    }
+
+    /// The next block as the update asks for it.
+    static Bytes nextBlock(Firmware& firmware)
+    {
+        Bytes buffer;
+        const int result = firmware.fillBuffer(buffer);
+        EXPECT_EQ(static_cast<int>(buffer.size()), result);
+        return buffer;
+    }
+
+    static std::vector<std::size_t> blockSizes(Firmware& firmware, std::size_t calls)
+    {
+        std::vector<std::size_t> sizes;
+        for (std::size_t i = 0; i < calls; ++i) {
+            sizes.push_back(nextBlock(firmware).size());
+        }
+        return sizes;
+    }
+
+    /// Where this process has the file open, -1 if nowhere.
+    int descriptorOf(const std::string& name) const
+    {
+        const std::string path = mFolder.path(name);
+        for (const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
+            std::error_code gone;
+            if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+                return std::stoi(entry.path().filename().string());
+            }
+        }
+        return -1;
+    }
+
+    /// From here on no read of the image succeeds: its descriptor turns into a folder's.
+    void breakDisk() const
+    {
+        const int descriptor = descriptorOf("image.bin");
+        ASSERT_GE(descriptor, 0);
+        const int folder = ::open(mFolder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(descriptor, dup2(folder, descriptor));
+        close(folder);
+    }
+
+    ScratchFolder mFolder;
+    CapturedLog mLog;
+};
+
+// -------------------------------------------------------------- What can't be opened
+
+TEST_F(AFirmware, WithAnEmptyPathIsRefusedAloud)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(""));
+    EXPECT_THAT(mLog.linesOf("Firmware"), ElementsAre("E Empty path"));
+}
+
+TEST_F(AFirmware, OfAMissingFileIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(mFolder.path("missing.bin")));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAnEmptyFileIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, open({}));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfElevenBytesIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, open(Bytes(11, 0xff)));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAFolderIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(mFolder.path()));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAFileThatFailsToReadIsRefusedInSilence)
+{
+    // Opens, but nothing is mapped at address 0: the read gives an I/O error.
+    EXPECT_EQ(nullptr, Firmware::createWithLocation("/proc/self/mem"));
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfADeviceIsRefusedInSilence)
+{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation("/dev/zero")) << "although it has 12 bytes to read";
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, OfAFifoIsRefusedInSilence)
+{
+    const std::string path = mFolder.path("fifo");
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "without a writer, for whom it would wait";
+
+    std::fstream writer(path); // for both directions, so that it doesn't wait either
+    const Bytes file = FirmwareImage::ofWords(1).file();
+    writer.write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+    ASSERT_TRUE(writer.flush());
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "although an image comes through it";
+    EXPECT_EQ("", mLog.text());
+}
+
+TEST_F(AFirmware, BehindALinkIsAnImage)
+{
+    mFolder.write("image.bin", FirmwareImage::ofWords(1).file());
+    std::filesystem::create_symlink(mFolder.path("image.bin"), mFolder.path("link"));
+
+    EXPECT_NE(nullptr, Firmware::createWithLocation(mFolder.path("link")));
+}
+
+TEST_F(AFirmware, ClosesItsFile)
+{
+    open(FirmwareImage::ofWords(1).file());
+
+    EXPECT_EQ(-1, descriptorOf("image.bin"));
+}
+
+// ------------------------------------------------------------------------ The header
+
+TEST_F(AFirmware, OfTwelveBytesIsAnImageWithoutPayload)
+{
+    const auto firmware = open(Bytes(12, 0xff));
+
+    ASSERT_NE(nullptr, firmware);
+    Bytes buffer;
+    EXPECT_EQ(0, firmware->fillBuffer(buffer));
+    EXPECT_THAT(buffer, IsEmpty());
+}
+
+TEST_F(AFirmware, DecodesItsHeaderLowByteFirst)
+{
+    const auto firmware =
+        open({0xcd, 0xab, 0x34, 0x12, 0x01, 0x80, 0xfe, 0xff, 0x00, 0x01, 0x7f, 0x80, 'p', 'a', 'y'});
+
+    ASSERT_NE(nullptr, firmware);
+    const Firmware::Header& header = firmware->header();
+    EXPECT_EQ(0xabcd, header.offset);
+    EXPECT_EQ(0x1234, header.signature);
+    EXPECT_EQ(0x8001, header.version);
+    EXPECT_EQ(0xfffe, header.checksum);
+    EXPECT_EQ(0x0100, header.length);
+    EXPECT_EQ(0x7f, header.ota_flag);
+    EXPECT_EQ(0x80, header.reserved);
+    EXPECT_THAT(mLog.linesOf("Firmware"),
+                ElementsAre("D offset: 0xabcd signature: 0x1234 version: 0x8001 checksum: 0xfffe "
+                            "length: 0x0100 ota_flag: 0x7f reserved: 0x80"));
+}
+
+TEST_F(AFirmware, PrintsItsHeaderWithLeadingZeros)
+{
+    ASSERT_NE(nullptr, open({1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 7}));
+
+    EXPECT_THAT(mLog.linesOf("Firmware"),
+                ElementsAre("D offset: 0x0001 signature: 0x0002 version: 0x0003 checksum: 0x0004 "
+                            "length: 0x0005 ota_flag: 0x06 reserved: 0x07"));
+}
+
+TEST_F(AFirmware, AcceptsALengthOfZero)
+{
+    const auto firmware = open(FirmwareImage::ofWords(0).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_EQ(0, firmware->header().length);
+}
+
+TEST_F(AFirmware, AcceptsALengthThatTheFileDoesNotHold)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(65535, 21).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_EQ(65535, firmware->header().length);
+    EXPECT_THAT(blockSizes(*firmware, 3), ElementsAre(20, 1, 0));
+}
+
+// ------------------------------------------------------------------------ The blocks
+
+TEST_F(AFirmware, HandsOutItsPayloadAsItLiesInTheFile)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(250);
+    const auto firmware = open(image.file());
+
+    ASSERT_NE(nullptr, firmware);
+    Bytes all;
+    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
+        all.insert(all.end(), block.begin(), block.end());
+    }
+    EXPECT_EQ(image.payload, all);
+}
+
+TEST_F(AFirmware, OfThirtyThreeBytesGivesTwentyThenThirteenThenNone)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(8, 33).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 4), ElementsAre(20, 13, 0, 0));
+}
+
+TEST_F(AFirmware, OfFullBlocksEndsWithAnEmptyOneAndStaysThere)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(10, 40).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 3), ElementsAre(20, 20, 0));
+    Bytes buffer(7, 0x11);
+    EXPECT_EQ(0, firmware->fillBuffer(buffer));
+    EXPECT_THAT(buffer, IsEmpty());
+}
+
+TEST_F(AFirmware, GoesOnBehindTheLengthOfItsHeader)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(1, 45).file());
+
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 4), ElementsAre(20, 20, 5, 0));
+}
+
+struct Asked {
+    std::size_t size;
+    std::size_t given;
+
+    friend std::ostream& operator<<(std::ostream& out, const Asked& asked) { return out << asked.size; }
+};
+
+class ABufferOfSomeSize : public AFirmware, public testing::WithParamInterface<Asked>
+{
+};
+
+TEST_P(ABufferOfSomeSize, IsFilledUpToTwentyBytes)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(25);
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    Bytes buffer(GetParam().size, 0xee);
+
+    EXPECT_EQ(static_cast<int>(GetParam().given), firmware->fillBuffer(buffer));
+
+    const auto begin = image.payload.begin();
+    EXPECT_EQ(Bytes(begin, begin + static_cast<std::ptrdiff_t>(GetParam().given)), buffer);
+    // The file stands right behind what was given.
+    EXPECT_EQ(image.payload.at(GetParam().given), nextBlock(*firmware).at(0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ABufferOfSomeSize,
+                         testing::Values(Asked{0, 20}, Asked{1, 1}, Asked{5, 5}, Asked{19, 19}, Asked{20, 20},
+                                         Asked{21, 20}, Asked{40, 20}),
+                         [](const auto& given) { return "Of" + std::to_string(given.param.size); });
+
+TEST_F(AFirmware, TakesAnErrorOfTheDiskForTheEndOfTheFile)
+{
+    // Longer than the stream reads ahead.
+    const auto firmware = open(FirmwareImage::ofWords(10000).file());
+    ASSERT_NE(nullptr, firmware);
+    breakDisk();
+
+    std::size_t bytes = 0;
+    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
+        bytes += block.size();
+    }
+    EXPECT_GT(bytes, 0U);
+    EXPECT_LT(bytes, 40000U);
+    EXPECT_THAT(nextBlock(*firmware), IsEmpty());
+}
+
+TEST_F(AFirmware, GivesTheBytesThatCameBeforeAnErrorOfTheDisk)
+{
+    // Read ahead to its end, so that the error comes within the second block.
+    const FirmwareImage image = FirmwareImage::ofBytes(10, 33);
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    breakDisk();
+
+    EXPECT_THAT(blockSizes(*firmware, 1), ElementsAre(20));
+    EXPECT_EQ(Bytes(image.payload.begin() + 20, image.payload.end()), nextBlock(*firmware));
+    EXPECT_THAT(nextBlock(*firmware), IsEmpty());
+}
+
+TEST_F(AFirmware, StaysAtItsEndThoughTheFileGrows)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(10, 33).file());
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(20, 13));
+    std::ofstream{mFolder.path("image.bin"), std::ios::app} << "more";
+
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(0, 0));
+}
+
+// A file of another image takes the name, or nothing does: the open file stays.
+class AnImageThatIs : public AFirmware, public testing::WithParamInterface<bool>
+{
+};
+
+TEST_P(AnImageThatIs, IsReadOnAsItWas)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(10000); // longer than the stream reads ahead
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    Bytes all = nextBlock(*firmware);
+    if (GetParam()) {
+        std::filesystem::rename(mFolder.write("other.bin", Bytes(50000, 0xee)), mFolder.path("image.bin"));
+    } else {
+        std::filesystem::remove(mFolder.path("image.bin"));
+    }
+
+    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
+        all.insert(all.end(), block.begin(), block.end());
+    }
+    EXPECT_EQ(image.payload, all);
+}
+
+INSTANTIATE_TEST_SUITE_P(WhileItIsRead, AnImageThatIs, testing::Bool(),
+                         [](const auto& given) { return given.param ? "Replaced" : "Removed"; });
+
+// -------------------------------------------------------------------- Starting again
+
+TEST_F(AFirmware, BeginsWithItsHeaderOnceReset)
+{
+    const FirmwareImage image = FirmwareImage::ofWords(25);
+    const auto firmware = open(image.file());
+    ASSERT_NE(nullptr, firmware);
+    nextBlock(*firmware);
+
+    firmware->resetStream();
+
+    const Bytes file = image.file();
+    EXPECT_EQ(Bytes(file.begin(), file.begin() + 20), nextBlock(*firmware));
+}
+
+TEST_F(AFirmware, CanBeReadAgainFromItsEndOnceReset)
+{
+    const auto firmware = open(FirmwareImage::ofBytes(2, 8).file());
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(8, 0));
+
+    firmware->resetStream();
+
+    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(20, 0));
+}
+
+TEST_F(AFirmware, CanParseItsHeaderAgainOnceReset)
+{
+    const auto firmware = open(FirmwareImage::ofWords(1).file());
+    ASSERT_NE(nullptr, firmware);
+    EXPECT_FALSE(firmware->parseHeader()) << "only 4 bytes are left";
+    EXPECT_FALSE(firmware->parseHeader()) << "the stream has failed";
+    EXPECT_EQ(1U, mLog.linesOf("Firmware").size()) << "a failure to parse says nothing";
+
+    firmware->resetStream();
+
+    EXPECT_TRUE(firmware->parseHeader());
+    EXPECT_EQ(0x1234, firmware->header().signature);
+    EXPECT_EQ(2U, mLog.linesOf("Firmware").size());
+}
+
+} // namespace
