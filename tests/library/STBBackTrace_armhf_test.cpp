@@ -76,7 +76,7 @@ protected:
         const std::string program = mFolder.path("trace");
         const ProgramResult build = runProgram(
             {kCompiler, "-std=c++17", "-O1", "-funwind-tables", "-rdynamic", GetParam().option,
-             std::string("-I") + BACKTRACE_FOLDER, std::string(BACKTRACE_FOLDER) + "/STBBackTrace.cpp",
+             "-I" VEXA_LIBRARY "/inc/private", VEXA_LIBRARY "/src/common/STBBackTrace.cpp",
              BACKTRACE_PROGRAM, "-o", program});
         EXPECT_EQ(0, build.status) << build.errors;
         const ProgramResult run = runProgram({kEmulator, "-L", kLibraries, program});
