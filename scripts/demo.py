@@ -53,7 +53,7 @@ def tell(who, text):
 
 def contents(path):
     try:
-        return path.read_text().rstrip("\n")
+        return path.read_text().partition("\n")[0]
     except FileNotFoundError:
         return None
 

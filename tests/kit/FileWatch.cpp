@@ -118,7 +118,8 @@ void FileWatch::record(File& file, const std::string& content)
     if (content.empty() || content.back() != '\n') {
         return; // between the truncation and the end of the write
     }
-    const std::string line = content.substr(0, content.size() - 1);
+    // Behind the first line a read can find the end of a longer one that is just being written in its place.
+    const std::string line = content.substr(0, content.find('\n'));
     if (file.moments.empty() || file.moments.back().content != line) {
         file.moments.push_back({std::chrono::steady_clock::now(), line});
     }

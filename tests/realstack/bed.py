@@ -83,10 +83,12 @@ def prepare_machine():
 
 
 def read_at_once(path):
-    """The line in a small file, by one read. The daemon writes its files in place,
-    so a second read could find the end of another word. A FIFO doesn't hold it."""
+    """The first line of a small file, by one read. The daemon writes its files in
+    place: behind "pairing" a read can find the end of a "connected" that is being
+    written, and so it can by itself, since the kernel copies in steps. A FIFO
+    doesn't hold it."""
     with open(path, "rb", buffering=0, opener=lambda name, flags: os.open(name, flags | os.O_NONBLOCK)) as file:
-        return (file.read(4096) or b"").decode(errors="replace").strip()
+        return (file.read(4096) or b"").decode(errors="replace").partition("\n")[0].strip()
 
 
 def own_kilobytes(pid):
