@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "Agent.h"
 
+#include "OtaFormat.h"
 #include "Printable.h"
 #include "STBLogger.h"
 
@@ -18,8 +19,6 @@ constexpr const char* kPath = "/org/vexabluetoohtd/agent";
 constexpr const char* kCapability = "NoInputNoOutput";
 constexpr const char* kRejected = "org.bluez.Error.Rejected";
 
-// The remote's name in normal mode and, as it takes new firmware, in its update mode.
-constexpr const char* kRemoteName = "^VEXA.+$|BeeTgt";
 
 constexpr guint kRetrySeconds = 1;
 constexpr int kCallTimeoutMs = 5000;
@@ -85,7 +84,7 @@ struct Agent::Question {
 };
 
 Agent::Agent()
-    : mInterfaces(g_dbus_node_info_new_for_xml(kInterfaces, nullptr)), mName(kRemoteName, REG_EXTENDED)
+    : mInterfaces(g_dbus_node_info_new_for_xml(kInterfaces, nullptr)), mName(std::string(ota_format::kRemoteNamePattern) + "|" + ota_format::kUpdateNamePart, REG_EXTENDED)
 {
 }
 

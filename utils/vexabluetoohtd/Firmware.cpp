@@ -5,15 +5,14 @@
 #include <cstddef>
 
 #include "BoxFiles.h"
+#include "OtaFormat.h"
 #include "STBLogger.h"
 
 namespace
 {
 
-constexpr std::size_t kHeaderBytes = 12;
-constexpr std::size_t kBlockBytes = 20; // the most that the remote takes in one write
-
-using HeaderBytes = std::array<char, kHeaderBytes>;
+using ota_format::kBlockBytes;
+using HeaderBytes = std::array<char, ota_format::kHeaderBytes>;
 
 std::uint8_t byteAt(const HeaderBytes& bytes, std::size_t position)
 {

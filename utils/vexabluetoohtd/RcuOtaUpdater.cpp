@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "OtaFormat.h"
 #include "STBLogger.h"
 
 namespace
@@ -15,10 +16,8 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
-
-constexpr char kOtaNamePart[] = "BeeTgt";
-constexpr char kControlPointUuid[] = "00006487-3c17-d293-8e48-14fe2e4da212";
-constexpr char kDataUuid[] = "00006387-3c17-d293-8e48-14fe2e4da212";
+using ota_format::kBlockBytes;
+using ota_format::kCipherBytes;
 
 constexpr char kPreparingWord[] = "rc_fw_update_preparing";
 constexpr char kUploadingWord[] = "rc_fw_update_uploading_";
@@ -42,10 +41,6 @@ constexpr std::uint8_t kStatusSuccess = 1;
 constexpr std::size_t kShortestResponse = 3;
 constexpr std::size_t kShortestImageInfo = 9;
 
-constexpr std::size_t kCipherBytes = 16;
-constexpr std::size_t kBlockBytes = 20;
-constexpr int kBytesPerWord = 4;
-constexpr std::uint32_t kImageHeaderBytes = 12;
 constexpr float kPublishedStep = 0.95F; // percent
 
 void append16(Bytes& packet, std::uint16_t value)
@@ -164,7 +159,7 @@ void RcuOtaUpdater::onDeviceAdded(const std::string& path)
             return;
         }
         // Kept: a device whose name can't be read yet isn't looked at again, not even when it gets one.
-        if (name.find(kOtaNamePart) == std::string::npos) {
+        if (name.find(ota_format::kUpdateNamePart) == std::string::npos) {
             return;
         }
         mOtaDevicePath = path;
@@ -179,10 +174,10 @@ void RcuOtaUpdater::onCharacteristicAdded(const std::string& path,
 {
     try {
         // Kept: the device it belongs to isn't checked, and a second appearance overwrites the path.
-        if (characteristic.uuid == kDataUuid) {
+        if (characteristic.uuid == ota_format::kDataUuid) {
             mDataPath = path;
             mDataFound.set_value();
-        } else if (characteristic.uuid == kControlPointUuid) {
+        } else if (characteristic.uuid == ota_format::kControlPointUuid) {
             mControlPointPath = path;
             mControlPointFound.set_value();
         }
@@ -208,36 +203,28 @@ void RcuOtaUpdater::onGattCharacteristicChanged(const Bluez::Service::Characteri
 
 bool RcuOtaUpdater::run()
 {
+    struct Step {
+        bool (RcuOtaUpdater::*take)();
+        const char* failure; // null where the step has said it itself
+    };
+    static constexpr Step kSteps[] = {
+        {&RcuOtaUpdater::prepareOta, nullptr},
+        {&RcuOtaUpdater::startNotify, "Could not start to notify about control point changes"},
+        {&RcuOtaUpdater::updateConnectionParameters, "Could not update connection params"},
+        {&RcuOtaUpdater::getImageInfo, "Couldn't get img info from rc"},
+        {&RcuOtaUpdater::sendStartUpdate, "Couldn't start update"},
+        {&RcuOtaUpdater::sendImageInfo, "Couldn't send img info to rcu"},
+        {&RcuOtaUpdater::upload, "Upload fw failed"},
+        {&RcuOtaUpdater::verifyAndReset, "Verification failed"},
+    };
     try {
-        if (!prepareOta()) {
-            return false;
-        }
-        if (!mBluez->characteristicStartNotify(mControlPointPath)) {
-            LOG_ERROR("Could not start to notify about control point changes");
-            return false;
-        }
-        if (!updateConnectionParameters()) {
-            LOG_ERROR("Could not update connection params");
-            return false;
-        }
-        if (!getImageInfo()) {
-            LOG_ERROR("Couldn't get img info from rc");
-            return false;
-        }
-        if (!sendStartUpdate()) {
-            LOG_ERROR("Couldn't start update");
-            return false;
-        }
-        if (!sendImageInfo()) {
-            LOG_ERROR("Couldn't send img info to rcu");
-            return false;
-        }
-        if (!upload()) {
-            LOG_ERROR("Upload fw failed");
-            return false;
-        }
-        if (!verifyAndReset()) {
-            LOG_ERROR("Verification failed");
+        for (const Step& step : kSteps) {
+            if ((this->*step.take)()) {
+                continue;
+            }
+            if (step.failure != nullptr) {
+                LOG_ERROR("%s", step.failure);
+            }
             return false;
         }
         return true;
@@ -304,6 +291,11 @@ bool RcuOtaUpdater::awaitCharacteristics()
     return true;
 }
 
+bool RcuOtaUpdater::startNotify()
+{
+    return mBluez->characteristicStartNotify(mControlPointPath);
+}
+
 bool RcuOtaUpdater::updateConnectionParameters()
 {
     // Intervals of 7.5 to 21.25 ms (units of 1.25 ms), no latency, a supervision timeout of 5 s (units of 10
@@ -359,7 +351,7 @@ bool RcuOtaUpdater::sendImageInfo()
 {
     Bytes packet{OTA_OP_IMAGE_INFO};
     append16(packet, getFirmwareInfo().signature);
-    append32(packet, kImageHeaderBytes);
+    append32(packet, ota_format::kHeaderBytes);
     // Kept: the one command without a wait; an answer is stored and cleared by the next awaited write.
     return mBluez->writeCharacteristic(mControlPointPath, packet);
 }
@@ -369,7 +361,7 @@ bool RcuOtaUpdater::upload()
     Bytes block;
     block.reserve(kBlockBytes);
     const WipedAtEnd wiped{block};
-    const int total = getFirmwareInfo().length * kBytesPerWord;
+    const int total = static_cast<int>(getFirmwareInfo().length * ota_format::kWordBytes);
     int sent = 0;
     int left = total;
     float published = 0.0F;

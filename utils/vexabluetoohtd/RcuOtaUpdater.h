@@ -77,6 +77,7 @@ private:
     bool switchToOta();
     bool connectOtaDevice();
     bool awaitCharacteristics();
+    bool startNotify();
     bool updateConnectionParameters();
     bool getImageInfo();
     bool sendStartUpdate();

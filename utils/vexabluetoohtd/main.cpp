@@ -13,6 +13,7 @@
 
 #include "BoxFiles.h"
 #include "NSRegExp.h"
+#include "OtaFormat.h"
 #include "Printable.h"
 #include "RcuOtaUpdater.h"
 #include "STBLogger.h"
@@ -56,7 +57,6 @@ constexpr std::size_t kLongestVersion = 4; // bytes
 constexpr std::uint16_t kLowestUpdateLevel = 16;
 constexpr unsigned int kUpdatePauseSec = 3;
 
-constexpr const char* kRcNamePattern = "^VEXA.+$";
 constexpr const char* kFwVersionUuid = "0000ffd3-0000-1000-8000-00805f9b34fb";
 constexpr const char* kOtaUuid = "0000ffd1-0000-1000-8000-00805f9b34fb";
 
@@ -549,7 +549,7 @@ void App::onDeviceAdded(const std::string& path)
     const Lock lock(*this, Lock::Handler);
     mDevices.push_back(path);
 
-    NSRegExp pattern(kRcNamePattern, REG_EXTENDED);
+    NSRegExp pattern(ota_format::kRemoteNamePattern, REG_EXTENDED);
     std::string name;
     std::string address;
     // Not mBluez, which init may not have stored yet, and which deinit empties without the lock.

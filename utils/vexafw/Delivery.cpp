@@ -3,12 +3,10 @@
 
 #include <cstdint>
 
+#include "OtaFormat.h"
+
 namespace
 {
-
-constexpr std::size_t kBytesPerWord = 4;
-constexpr std::size_t kFullBlock = 20;
-constexpr std::size_t kEncipheredBytes = 16;
 
 std::string bytes(std::size_t count)
 {
@@ -21,7 +19,7 @@ Delivery Delivery::of(Firmware& firmware)
 {
     Delivery delivery;
     delivery.version = firmware.header().version;
-    delivery.announced = firmware.header().length * kBytesPerWord;
+    delivery.announced = firmware.header().length * ota_format::kWordBytes;
     std::vector<std::uint8_t> block;
     while (firmware.fillBuffer(block) > 0) {
         delivery.present += block.size();
@@ -54,10 +52,10 @@ std::vector<std::string> Delivery::warnings() const
             "the last block carries " + bytes(sent - announced) +
             " from behind the payload: the length isn't a multiple of 5 words and the file goes on");
     }
-    if (sent == announced && announced % kFullBlock != 0) {
+    if (sent == announced && announced % ota_format::kBlockBytes != 0) {
         all.push_back(
             "the length isn't a multiple of 5 words: the last block holds " + bytes(lastBlock) +
-            (lastBlock < kEncipheredBytes ? ", too few to be enciphered, and goes in the clear" : ""));
+            (lastBlock < ota_format::kCipherBytes ? ", too few to be enciphered, and goes in the clear" : ""));
     }
     if (present > sent) {
         all.push_back("the last " + bytes(present - sent) + " of the file are never read");

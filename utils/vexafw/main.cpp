@@ -22,6 +22,7 @@
 
 #include "Delivery.h"
 #include "Firmware.h"
+#include "OtaFormat.h"
 
 namespace
 {
@@ -32,8 +33,6 @@ enum ExitStatus {
     Exit_eFailed = 2,  ///< the command line or a file is at fault
 };
 
-constexpr std::uintmax_t kHeaderBytes = 12;
-constexpr std::size_t kBytesPerWord = 4;
 constexpr unsigned kMostWords = 65535;
 constexpr double kSecondsPerBlock = 0.013;
 
@@ -91,7 +90,7 @@ std::unique_ptr<Firmware> openImage(const std::string& path)
         }
         const auto size = readFile(path).size();
         throw UserError{path + " holds " + std::to_string(size) + (size == 1 ? " byte" : " bytes") +
-                        ", but the header of an image alone takes " + std::to_string(kHeaderBytes)};
+                        ", but the header of an image alone takes " + std::to_string(ota_format::kHeaderBytes)};
     }
     return firmware;
 }
@@ -140,16 +139,16 @@ int verify(const std::string& path)
 Bytes readPayload(const PackOptions& options)
 {
     Bytes payload = readFile(options.payload);
-    const std::size_t odd = payload.size() % kBytesPerWord;
+    const std::size_t odd = payload.size() % ota_format::kWordBytes;
     if (odd != 0 && options.pad) {
-        payload.resize(payload.size() + kBytesPerWord - odd);
+        payload.resize(payload.size() + ota_format::kWordBytes - odd);
     } else if (odd != 0 && !options.lengthGiven) {
         throw UserError{options.payload + " holds " + std::to_string(payload.size()) +
                         " bytes, and a header counts in words of 4: let --pad append zeros"};
     }
-    if (payload.size() > kMostWords * kBytesPerWord && !options.lengthGiven) {
+    if (payload.size() > kMostWords * ota_format::kWordBytes && !options.lengthGiven) {
         throw UserError{options.payload + " holds " + std::to_string(payload.size()) +
-                        " bytes, but an image carries " + std::to_string(kMostWords * kBytesPerWord) +
+                        " bytes, but an image carries " + std::to_string(kMostWords * ota_format::kWordBytes) +
                         " at most"};
     }
     return payload;
@@ -158,7 +157,7 @@ Bytes readPayload(const PackOptions& options)
 Bytes makeImage(const PackOptions& options, const Bytes& payload)
 {
     const unsigned length =
-        options.lengthGiven ? options.length : static_cast<unsigned>(payload.size() / kBytesPerWord);
+        options.lengthGiven ? options.length : static_cast<unsigned>(payload.size() / ota_format::kWordBytes);
     Bytes image;
     for (const unsigned field :
          {options.offset, options.signature, options.version, options.checksum, length}) {

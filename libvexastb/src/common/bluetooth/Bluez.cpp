@@ -856,9 +856,9 @@ std::string Bluez::valueFor(const std::string& path)
     if (value.variant == nullptr || !isArrayOfBytes(value.variant)) {
         return {};
     }
-    // Kept: one character more than the value has bytes, so a value of no bytes isn't an empty text.
-    std::string text(bluez_variant::sizeOf(value.variant) + 1, '\0');
-    bluez_variant::copyBytes(value.variant, text.data());
+    const Bytes bytes = bluez_variant::bytesOf(value.variant);
+    std::string text(bytes.begin(), bytes.end());
+    text.push_back('\0'); // Kept: so a value of no bytes isn't an empty text.
     return text;
 }
 
@@ -871,12 +871,7 @@ std::vector<std::uint8_t> Bluez::getBytesArray(GVariant* variant) const
         LOG_ERROR("Not an array");
         return {};
     }
-    if (!isArrayOfBytes(variant)) {
-        return {};
-    }
-    Bytes bytes(bluez_variant::sizeOf(variant));
-    bluez_variant::copyBytes(variant, bytes.data());
-    return bytes;
+    return isArrayOfBytes(variant) ? bluez_variant::bytesOf(variant) : Bytes{};
 }
 
 std::vector<std::uint8_t> Bluez::getBytesArray(const GVariantHolder& holder) const

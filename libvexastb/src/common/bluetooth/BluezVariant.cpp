@@ -63,21 +63,11 @@ Bluez::GVariantHolder firstOf(GVariant* tuple)
     return Bluez::GVariantHolder(g_variant_get_child_value(tuple, 0));
 }
 
-std::size_t sizeOf(GVariant* array)
+std::vector<std::uint8_t> bytesOf(GVariant* array)
 {
-    return g_variant_n_children(array);
-}
-
-void copyBytes(GVariant* array, void* out)
-{
-    auto* next = static_cast<guchar*>(out);
-    GVariantIter* iterator = nullptr;
-    g_variant_get(array, "ay", &iterator);
-    guchar byte = 0;
-    while (g_variant_iter_loop(iterator, "y", &byte) != FALSE) {
-        *next++ = byte;
-    }
-    g_variant_iter_free(iterator);
+    gsize size = 0;
+    const auto* bytes = static_cast<const std::uint8_t*>(g_variant_get_fixed_array(array, &size, 1));
+    return {bytes, bytes + size};
 }
 
 GVariant* readParameters()

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -28,11 +27,8 @@ bool read(GVariant* variant, std::string& value);
 /// The first element of a tuple; holds null for anything else and for an empty tuple.
 Bluez::GVariantHolder firstOf(GVariant* tuple);
 
-/// The number of bytes in an array of bytes ("ay").
-std::size_t sizeOf(GVariant* array);
-
-/// Copies the bytes of an array of bytes to `out`, which has room for all of them.
-void copyBytes(GVariant* array, void* out);
+/// The bytes of an array of bytes ("ay"), which `array` has to be.
+std::vector<std::uint8_t> bytesOf(GVariant* array);
 
 /// The one parameter of GattCharacteristic1.ReadValue: no options. Floating.
 GVariant* readParameters();
