@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "Agent.h"
 
+#include <memory>
+#include <vector>
+
+#include "BluezVariant.h"
+#include "GlibOwner.h"
 #include "OtaFormat.h"
 #include "Printable.h"
 #include "STBLogger.h"
-
-#include <memory>
-#include <vector>
 
 namespace
 {
@@ -53,20 +55,11 @@ constexpr const char* kInterfaces = R"xml(<node>
  </interface>
 </node>)xml";
 
-template <auto release>
-struct Release {
-    template <class T>
-    void operator()(T* object) const
-    {
-        release(object);
-    }
-};
-using ErrorOwner = std::unique_ptr<GError, Release<g_error_free>>;
-using VariantOwner = std::unique_ptr<GVariant, Release<g_variant_unref>>;
+using glib_owner::Error;
 
-bool isCancelled(const GError& error)
+bool isCancelled(const Error& error)
 {
-    return g_error_matches(&error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
+    return error.matches(G_IO_ERROR, G_IO_ERROR_CANCELLED);
 }
 
 void refuse(GDBusMethodInvocation* invocation, const char* why)
@@ -121,18 +114,16 @@ gboolean Agent::onRetry(gpointer self)
 
 bool Agent::connect()
 {
-    GError* failure = nullptr;
-    const std::unique_ptr<char, Release<g_free>> address(
-        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &failure));
+    Error error;
+    const glib_owner::Text address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
     const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
     if (address)
         mConnection =
-            g_dbus_connection_new_for_address_sync(address.get(), flags, nullptr, nullptr, &failure);
-    const ErrorOwner error(failure);
+            g_dbus_connection_new_for_address_sync(address.get(), flags, nullptr, nullptr, error.out());
     if (mConnection == nullptr) {
         if (!mWaiting)
-            LOG_WARN("no system bus yet, waiting for it: %s", Printable(error->message).text());
+            LOG_WARN("no system bus yet, waiting for it: %s", Printable(error.message()).text());
         mWaiting = true;
         return false;
     }
@@ -193,13 +184,13 @@ void Agent::callManager(const char* method, GVariant* parameters, GAsyncReadyCal
 
 void Agent::onRegistered(GObject* connection, GAsyncResult* result, gpointer self)
 {
-    GError* failure = nullptr;
-    const VariantOwner reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
-    const ErrorOwner error(failure);
-    if (error && isCancelled(*error))
+    Error error;
+    const Bluez::GVariantHolder reply(
+        g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.out()));
+    if (error && isCancelled(error))
         return;
     if (error) {
-        LOG_ERROR("bluetoothd doesn't take the agent: %s", Printable(error->message).text());
+        LOG_ERROR("bluetoothd doesn't take the agent: %s", Printable(error.message()).text());
         return;
     }
     static_cast<Agent*>(self)->callManager("RequestDefaultAgent", g_variant_new("(o)", kPath), onMadeDefault);
@@ -207,13 +198,13 @@ void Agent::onRegistered(GObject* connection, GAsyncResult* result, gpointer sel
 
 void Agent::onMadeDefault(GObject* connection, GAsyncResult* result, gpointer)
 {
-    GError* failure = nullptr;
-    const VariantOwner reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
-    const ErrorOwner error(failure);
-    if (error && isCancelled(*error))
+    Error error;
+    const Bluez::GVariantHolder reply(
+        g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.out()));
+    if (error && isCancelled(error))
         return;
     if (error)
-        LOG_ERROR("bluetoothd doesn't make it the default agent: %s", Printable(error->message).text());
+        LOG_ERROR("bluetoothd doesn't make it the default agent: %s", Printable(error.message()).text());
     else
         LOG_INFO("registered as the default agent");
 }
@@ -249,20 +240,17 @@ void Agent::askForName(const char* device, GDBusMethodInvocation* invocation)
 void Agent::onName(GObject* connection, GAsyncResult* result, gpointer data)
 {
     const std::unique_ptr<Question> question(static_cast<Question*>(data));
-    GError* failure = nullptr;
-    const VariantOwner reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
-    const ErrorOwner error(failure);
+    Error error;
+    const Bluez::GVariantHolder reply(
+        g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.out()));
     if (error) {
-        if (!isCancelled(*error))
+        if (!isCancelled(error))
             LOG_WARN("pairing refused to %s, whose name can't be read: %s", question->device.c_str(),
-                     Printable(error->message).text());
+                     Printable(error.message()).text());
         return refuse(question->invocation, "a device without a name isn't the remote");
     }
-    GVariant* boxed = nullptr;
-    g_variant_get(reply.get(), "(v)", &boxed);
-    const VariantOwner value(boxed);
-    const bool isText = g_variant_is_of_type(boxed, G_VARIANT_TYPE_STRING) != FALSE;
-    const std::string name = isText ? g_variant_get_string(boxed, nullptr) : "";
+    std::string name;
+    bluez_variant::read(bluez_variant::unwrapProperty(reply).variant, name); // stays empty if it is no text
     if (!question->agent->isRemote(name)) {
         LOG_WARN("pairing refused to %s \"%s\": not the remote", question->device.c_str(),
                  Printable(name).text());

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "BluezVariant.h"
+#include "GlibOwner.h"
 #include "Printable.h"
 #include "STBLogger.h"
 
@@ -31,28 +32,28 @@ using Characteristic = Bluez::Service::Characteristic;
 using Descriptor = Bluez::Service::Characteristic::Descriptor;
 using GVariantHolder = Bluez::GVariantHolder;
 
-// Logs and frees the error of a D-Bus call; tells whether there was one.
-bool reportError(GError* error)
+// Logs the error of a D-Bus call; tells whether there was one.
+bool reportError(const glib_owner::Error& error)
 {
-    if (error == nullptr) {
+    if (!error) {
         return false;
     }
-    LOG_ERROR("%s", Printable(error->message).text());
-    g_error_free(error);
+    LOG_ERROR("%s", Printable(error.message()).text());
     return true;
 }
 
-GVariantHolder callProxy(GDBusProxy* proxy, const char* method, GVariant* parameters, GError** error)
+GVariantHolder callProxy(GDBusProxy* proxy, const char* method, GVariant* parameters,
+                         glib_owner::Error& error)
 {
     return GVariantHolder(g_dbus_proxy_call_sync(proxy, method, parameters, G_DBUS_CALL_FLAGS_NONE,
-                                                 kLibraryTimeout, nullptr, error));
+                                                 kLibraryTimeout, nullptr, error.out()));
 }
 
 // Calls a method whose answer has no content that matters; true if an answer came.
 bool callMethod(GDBusProxy* proxy, const char* method, GVariant* parameters = nullptr)
 {
-    GError* error = nullptr;
-    const GVariantHolder reply = callProxy(proxy, method, parameters, &error);
+    glib_owner::Error error;
+    const GVariantHolder reply = callProxy(proxy, method, parameters, error);
     reportError(error);
     return reply.variant != nullptr;
 }
@@ -102,11 +103,10 @@ Bluez::~Bluez()
     if (_loopMadeOrForgone.exchange(true)) {
         g_cancellable_cancel(_cancellable);
         LOG_TRACE("Posting stopping task");
-        GSource* source = g_idle_source_new();
-        g_source_set_callback(source, quit_task, _loop, nullptr);
-        g_source_set_priority(source, G_PRIORITY_DEFAULT);
-        g_source_attach(source, _context);
-        g_source_unref(source);
+        const glib_owner::Source source(g_idle_source_new());
+        g_source_set_callback(source.get(), quit_task, _loop, nullptr);
+        g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
+        g_source_attach(source.get(), _context);
     }
     stopThread();
 }
@@ -236,17 +236,16 @@ Bluez& Bluez::ofThisThread()
 void Bluez::runAfterEvents(std::function<void()> task)
 {
     using Task = std::function<void()>;
-    GSource* source = g_idle_source_new();
+    const glib_owner::Source source(g_idle_source_new());
     g_source_set_callback(
-        source,
+        source.get(),
         [](gpointer data) -> gboolean {
             (*static_cast<Task*>(data))();
             return G_SOURCE_REMOVE;
         },
         new Task(std::move(task)), [](gpointer data) { delete static_cast<Task*>(data); });
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_attach(source, nullptr);
-    g_source_unref(source);
+    g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
+    g_source_attach(source.get(), nullptr);
 }
 
 void Bluez::stopEvents()
@@ -438,15 +437,13 @@ void Bluez::onPropertiesChanged(GDBusProxy* proxy, GVariant* changed, const gcha
     const std::string path = g_dbus_proxy_get_object_path(proxy);
     LOG_DEBUG("props changed: %s", path.c_str());
 
-    GVariantIter* iterator = g_variant_iter_new(changed);
-    gchar* name = nullptr;
+    GVariantIter iterator;
+    g_variant_iter_init(&iterator, changed);
+    const gchar* name = nullptr;
     GVariant* value = nullptr;
-    while (g_variant_iter_next(iterator, "{sv}", &name, &value) != FALSE) {
+    while (g_variant_iter_loop(&iterator, "{&sv}", &name, &value) != FALSE) { // frees the value before the next
         onPropertyChanged(path, name, value);
-        g_variant_unref(value);
-        g_free(name);
     }
-    g_variant_iter_free(iterator);
 }
 
 void Bluez::onPropertyChanged(const std::string& path, const std::string& name, GVariant* value)
@@ -653,11 +650,11 @@ bool Bluez::setAdapterProperty(const std::string& path, const char* property, bo
     if (_connection == nullptr || path.empty()) {
         return false;
     }
-    GError* error = nullptr;
+    glib_owner::Error error;
     const GVariantHolder reply(callProperties(
         path, "Set",
         g_variant_new("(ssv)", kAdapterInterface, property, g_variant_new("b", value ? TRUE : FALSE)),
-        &error));
+        error.out()));
     reportError(error);
     return reply.variant != nullptr;
 }
@@ -708,9 +705,9 @@ bool Bluez::devicePair(const std::string& path)
 // Reads the live "Paired"; false if that can't be had.
 bool Bluez::pollPaired(const std::string& path, bool& paired)
 {
-    GError* error = nullptr;
+    glib_owner::Error error;
     const GVariantHolder reply(
-        callProperties(path, "Get", g_variant_new("(ss)", kDeviceInterface, "Paired"), &error));
+        callProperties(path, "Get", g_variant_new("(ss)", kDeviceInterface, "Paired"), error.out()));
     reportError(error);
     const GVariantHolder value = bluez_variant::unwrapProperty(reply);
     if (value.variant == nullptr) {
@@ -749,8 +746,8 @@ bool Bluez::callNotify(const std::string& path, const char* method)
     if (!proxy) {
         return false;
     }
-    GError* error = nullptr;
-    const GVariantHolder reply = callProxy(proxy.get(), method, nullptr, &error);
+    glib_owner::Error error;
+    const GVariantHolder reply = callProxy(proxy.get(), method, nullptr, error);
     return !reportError(error);
 }
 
@@ -792,9 +789,9 @@ bool Bluez::writeCharacteristic(const std::string& path, const std::vector<std::
     if (!proxy) {
         return false;
     }
-    GError* error = nullptr;
+    glib_owner::Error error;
     const GVariantHolder reply =
-        callProxy(proxy.get(), "WriteValue", bluez_variant::writeParameters(bytes), &error);
+        callProxy(proxy.get(), "WriteValue", bluez_variant::writeParameters(bytes), error);
     return !reportError(error);
 }
 
@@ -818,8 +815,8 @@ std::vector<std::uint8_t> Bluez::readCharacteristic(const std::string& path)
     if (!proxy) {
         return {};
     }
-    GError* error = nullptr;
-    const GVariantHolder reply = callProxy(proxy.get(), "ReadValue", bluez_variant::readParameters(), &error);
+    glib_owner::Error error;
+    const GVariantHolder reply = callProxy(proxy.get(), "ReadValue", bluez_variant::readParameters(), error);
     reportError(error);
     // Kept: a failed call goes on, too, and logs its two lines more there.
     return getBytesArray(reply);
@@ -849,8 +846,8 @@ std::string Bluez::valueFor(const std::string& path)
     GDBusProxy* proxy = _characteristicProxies[path].get();
     const GVariantHolder parameters(
         bluez_variant::readParameters()); // held here: GLib doesn't take them for a null proxy
-    GError* error = nullptr;
-    const GVariantHolder reply = callProxy(proxy, "ReadValue", parameters.variant, &error);
+    glib_owner::Error error;
+    const GVariantHolder reply = callProxy(proxy, "ReadValue", parameters.variant, error);
     reportError(error);
     const GVariantHolder value = bluez_variant::firstOf(reply.variant);
     if (value.variant == nullptr || !isArrayOfBytes(value.variant)) {
