@@ -57,7 +57,7 @@ class StatusWords(unittest.TestCase):
         self.assertEqual(first_cells(chapter(INTERFACE, "Status words")), words_of_the_daemon())
 
     def test_the_readme_lists_the_words_of_the_daemon(self):
-        table = chapter(README, "What it speaks")
+        table = chapter(README, "Files and status words")
         table = table[table.index("| Status word |"):]
         self.assertEqual(first_cells(table), words_of_the_daemon())
 
@@ -93,7 +93,7 @@ class LoggerVariables(unittest.TestCase):
         self.assertEqual(first_cells(chapter(INTERFACE, "Environment variables")), self.variables)
 
     def test_the_readme_lists_them(self):
-        self.assertEqual(first_cells(chapter(README, "Its log")), self.variables)
+        self.assertEqual(first_cells(chapter(README, "Log")), self.variables)
 
     def test_the_manual_lists_them(self):
         self.assertEqual(set(re.findall(r"\b(VEXA_LOG_[A-Z_]+)\b", MANUAL)), self.variables)
