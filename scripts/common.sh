@@ -1,13 +1,13 @@
 # shellcheck shell=bash
 # SPDX-License-Identifier: MIT
-# What the scripts of this folder share. Sourced, not run.
+# Shared by the scripts in this folder. Source it, don't run it.
 
 set -euo pipefail
 
-# Where the project lies, whatever the folder the script was called from.
+# The project's folder, wherever the script was called from.
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# Debian's packages, by what they are needed for.
+# Debian packages, grouped by purpose.
 # shellcheck disable=SC2034 # read by the scripts that source this file
 {
     daemonPackages=(g++ cmake ninja-build pkg-config libglib2.0-dev)
@@ -26,7 +26,7 @@ else
     bold='' red='' green='' yellow='' plain=''
 fi
 
-# A step that takes time begins.
+# Announces a step that takes time.
 step() { printf '%s==> %s%s\n' "$bold" "$*" "$plain"; }
 good() { printf '%s%s%s\n' "$green" "$*" "$plain"; }
 warn() { printf '%swarning:%s %s\n' "$yellow" "$plain" "$*" >&2; }
@@ -35,19 +35,19 @@ die() {
     exit 1
 }
 
-# The text that stands at the head of the calling script, for --help.
+# Prints the comment at the head of the calling script, for --help.
 usage() { sed -n '2,/^[^#]/{/^# SPDX/d;s/^# \{0,1\}//p;}' "$0"; }
 
 isInstalled() {
     [[ $(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
 }
 
-# Installs those of the named Debian packages that are missing: as root, or
-# through sudo. Elsewhere than on Debian and its children it only says what is needed.
+# Installs whichever of the named Debian packages are missing, as root or through
+# sudo. On systems that aren't based on Debian it only prints what is needed.
 needPackages() {
     local package missing=() elevate=()
     if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
-        warn "not a Debian system: make sure to have what these packages bring: $*"
+        warn "not a Debian system: install the equivalents of these packages yourself: $*"
         return
     fi
     for package in "$@"; do
@@ -61,28 +61,28 @@ needPackages() {
     fi
     step "Installing from Debian: ${missing[*]}"
     aptInstall "${missing[@]}" >/dev/null 2>&1 && return
-    # A fresh machine has no package lists yet, or old ones.
-    "${elevate[@]}" apt-get -qq update || warn "apt-get update failed; trying with the lists as they are"
-    aptInstall "${missing[@]}" || die "could not install: ${missing[*]}"
+    # A fresh machine has no package lists, or outdated ones.
+    "${elevate[@]}" apt-get -qq update || warn "apt-get update failed; trying with the present package lists"
+    aptInstall "${missing[@]}" || die "couldn't install: ${missing[*]}"
 }
 
-# Uses the caller's `elevate`. Another script may be installing, too.
+# Uses the caller's `elevate`. Waits if another script is installing packages.
 aptInstall() {
     "${elevate[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get -qq -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@" </dev/null
 }
 
-# Compilers run through ccache where it is installed; nothing depends on it.
+# Runs the compilers through ccache if it is installed; nothing depends on it.
 useCompilerCache() {
     if [[ -z ${CMAKE_CXX_COMPILER_LAUNCHER:-} ]] && command -v ccache >/dev/null; then
         export CMAKE_CXX_COMPILER_LAUNCHER=ccache
-        # Another clone of the same sources finds what this one has compiled.
+        # Lets another clone of the same sources reuse what this one has compiled.
         export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$project} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
     fi
 }
 
-# Configures and builds a preset, quietly as long as all goes well.
-# $1: the preset; the rest: targets, all if there are none.
+# Configures and builds a preset, with little output unless it fails.
+# $1: the preset; the rest: targets, all by default.
 buildPreset() {
     local preset=$1 log="$project/build/$1.log" targets=()
     shift
@@ -100,8 +100,8 @@ buildPreset() {
     )
 }
 
-# Starts the calling script anew with an address space that the thread sanitizer
-# can use, where the kernel randomises it with more bits than that one expects.
+# If the kernel randomises addresses with more bits than the thread sanitizer
+# expects, restarts the calling script without randomised addresses.
 # $@: the script's arguments.
 ensurePlainAddresses() {
     local bits personality

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
-"""The story that scripts/demo tells; it runs in the private /tmp made there."""
+"""The story of scripts/demo. Runs in the private /tmp that scripts/demo makes."""
 
 import os
 import re
@@ -11,9 +11,9 @@ import threading
 import time
 from pathlib import Path
 
-PROJECT = Path(sys.argv[1])  # as it is called in here
-OUTSIDE = Path(sys.argv[2])  # as the person in front of it calls it
-KEY = os.environ.get("VEXA_DEMO_KEY")  # open file with the update key, if the build has one of its own
+PROJECT = Path(sys.argv[1])  # its path in here
+OUTSIDE = Path(sys.argv[2])  # its path for the user
+KEY = os.environ.get("VEXA_DEMO_KEY")  # descriptor of the update key's file, if the build has its own key
 BUILD = PROJECT / "build/release"
 DAEMON_LOG = "build/demo/daemon.log"
 SIM_LOG = "build/demo/vexasim.log"
@@ -46,7 +46,7 @@ def paint(code, text):
 
 
 def tell(who, text):
-    """One line for one thing that happens."""
+    """Prints a line for an event."""
     colour = {"you": 33, "remote": 36, "daemon": 32, "box": 34}[who]
     print(f"{time.monotonic() - STARTED:6.1f} s  {paint(colour, f'{who:<7}')} {text}", flush=True)
 
@@ -59,7 +59,7 @@ def contents(path):
 
 
 class StatusWatch(threading.Thread):
-    """Remembers the words of the status file in the order in which they came."""
+    """Records the words of the status file in order."""
 
     def __init__(self):
         super().__init__(daemon=True)
@@ -70,7 +70,7 @@ class StatusWatch(threading.Thread):
         last = None
         while True:
             word = contents(STATUS)
-            if word and word != last:  # empty: caught between truncation and writing
+            if word and word != last:  # empty if read between truncation and writing
                 last = word
                 if not word.startswith(UPLOADING):
                     tell("daemon", f"{STATUS} says {paint(1, word)}")
@@ -80,14 +80,14 @@ class StatusWatch(threading.Thread):
             time.sleep(0.01)
 
     def mark(self):
-        """Where the story stands: what comes later is new."""
+        """The present position: later words come after it."""
         with self.changed:
             return len(self.words)
 
     def await_word(self, word, since, limit, what):
         with self.changed:
             if not self.changed.wait_for(lambda: word in self.words[since:], limit):
-                raise DidNotHappen(f"{what}: the status {word!r} didn't come within {limit} seconds")
+                raise DidNotHappen(f"{what}: the status wasn't {word!r} within {limit} seconds")
 
 
 def await_that(condition, limit, what):
@@ -101,7 +101,7 @@ def await_that(condition, limit, what):
 
 
 def start(program, log, pass_fds=(), **environment):
-    """A program that doesn't outlive this one."""
+    """Starts a program that ends with this one."""
     with open(PROJECT / log, "w", encoding="utf-8") as output:
         return subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", str(program[0]), *program[1:]],
@@ -109,17 +109,17 @@ def start(program, log, pass_fds=(), **environment):
             stdout=output,
             stderr=output,
             env={**os.environ, **environment},
-            start_new_session=True,  # a key press of Ctrl-C is this program's to handle
+            start_new_session=True,  # only this program handles Ctrl-C
             pass_fds=pass_fds,
         )
 
 
 class Box:
-    """A bus, a BlueZ and a remote in software."""
+    """A private bus with a simulated BlueZ and remote."""
 
     def __init__(self):
         options = ["--fw-version", f"{OLD_VERSION:x}", "--battery", "80", "--unpowered"]
-        # About as long as a person sees it take.
+        # Slow enough to watch.
         for what, milliseconds in (("discovery", 1500), ("connect", 700), ("connect-timeout", 10000),
                                    ("pair", 1000), ("pair-timeout", 10000),
                                    ("resolve", 400), ("resolve-timeout", 10000)):
@@ -127,11 +127,11 @@ class Box:
         key = [int(KEY)] if KEY else []
         options += [f"--key-file=/dev/fd/{descriptor}" for descriptor in key]
         self.process = start([BUILD / "sim/vexasim", *options], SIM_LOG, pass_fds=key)
-        self.bus = await_that(self.find_bus, 10, "the software box starts")
+        self.bus = await_that(self.find_bus, 10, "the simulated box starts")
 
     def find_bus(self):
         if self.process.poll() is not None:
-            raise DidNotHappen(f"the software box starts: vexasim ended with {self.process.returncode}")
+            raise DidNotHappen(f"the simulated box starts: vexasim ended with status {self.process.returncode}")
         found = re.search(r"unix:\S+", (PROJECT / SIM_LOG).read_text())
         return found and found.group()
 
@@ -144,7 +144,7 @@ class Box:
         return done.stdout
 
     def remote(self, method, *arguments):
-        """Has the remote in software do something."""
+        """Calls a method of the simulated remote."""
         name = "org.vexabluetoohtd.Sim"
         self.call(name, "/sim", f"{name}.{method}", *arguments)
 
@@ -154,7 +154,7 @@ class Box:
 
 
 class Bar:
-    """The progress of the update, as the status file tells it."""
+    """The progress of the update, from the status file."""
 
     WIDTH = 40
 
@@ -178,7 +178,7 @@ class Bar:
 
 
 def show_progress(watch, since, limit):
-    """Draws the bar until the outcome stands in the status file; returns that."""
+    """Draws the bar until the status file shows the outcome; returns it."""
     bar = Bar()
     end = time.monotonic() + limit
     seen = since
@@ -195,11 +195,11 @@ def show_progress(watch, since, limit):
                     return word
     finally:
         bar.end()
-    raise DidNotHappen(f"the update comes to an end: not within {limit} seconds")
+    raise DidNotHappen(f"the update ends: not within {limit} seconds")
 
 
 def write_image(path):
-    """An image of a version newer than the remote's."""
+    """Writes an image with a newer version than the remote's."""
     payload = Path("/tmp/payload")
     payload.write_bytes(bytes(i * 7 & 0xFF for i in range(IMAGE_BYTES)))
     subprocess.run([BUILD / "utils/vexafw/vexafw", "pack", payload, path, "--signature", "0x5a5a",
@@ -216,8 +216,8 @@ def await_readings(version, what):
 
 def everyday(box, watch):
     watch.await_word("init", 0, 10, "the daemon starts")
-    await_that(box.powered, 10, "the daemon switches the adapter on")
-    tell("daemon", "has switched the adapter on, and gives a known remote five seconds")
+    await_that(box.powered, 10, "the daemon powers the adapter")
+    tell("daemon", "has powered the adapter; waits five seconds for a known remote")
     watch.await_word("no device", 0, 15, "the daemon is ready")
 
     since = watch.mark()
@@ -225,25 +225,25 @@ def everyday(box, watch):
     BUTTON.write_text(f"{PRESSED}\n")
     watch.await_word("scanning", since, 10, "a held button leads to scanning")
     BUTTON.write_text(f"{RELEASED}\n")
-    tell("you", "let the button go")
+    tell("you", "release the button")
     watch.await_word("connected", since, 60, "the remote is paired and connected")
     address = await_that(lambda: contents(ADDRESS), 5, "the remote's address appears")
     tell("daemon", f"{ADDRESS} says {paint(1, address)}")
-    tell("daemon", "waits fifteen seconds before it reads the battery for the first time")
+    tell("daemon", "waits 15 seconds before the first battery reading")
     await_readings(OLD_VERSION, "after the connection")
 
     since = watch.mark()
     tell("remote", "is carried out of the room")
     box.remote("Leave")
     watch.await_word("disconnected", since, 10, "the remote goes away")
-    await_that(lambda: contents(BATTERY) is None, 5, "the battery file goes with the remote")
+    await_that(lambda: contents(BATTERY) is None, 5, "the battery file is removed")
     tell("daemon", f"{BATTERY} is gone")
 
 
 def bring_back(box, watch, what):
     since = watch.mark()
     box.remote("ComeBack")
-    tell("you", f"touch {PAIR_FLAG}, to have it connected now and not within the hour")
+    tell("you", f"touch {PAIR_FLAG}, to connect it now instead of within the hour")
     PAIR_FLAG.touch()
     watch.await_word("connecting", since, 10, f"{what}: the daemon connects it")
     watch.await_word("connected", since, 30, f"{what}: the remote is connected")
@@ -254,15 +254,15 @@ def update(box, watch):
     write_image(image)
     box.remote("ExpectImage", image)
     since = watch.mark()
-    tell("you", f"ln -s {image} {FIRMWARE_LINK}, an image of version {NEW_VERSION:x}")
+    tell("you", f"ln -s {image} {FIRMWARE_LINK}, an image with version {NEW_VERSION:x}")
     FIRMWARE_LINK.symlink_to(image)
     watch.await_word("rc_fw_update_preparing", since, 10, "the update begins")
-    tell("remote", "restarts in its update mode, under another name")
+    tell("remote", "restarts in update mode, under another name")
     outcome = show_progress(watch, since, 120)
     if outcome != "rc_fw_update_succeed":
         raise DidNotHappen(f"the update succeeds: it ended with {outcome}")
     tell("remote", "has verified the image and restarts into it")
-    watch.await_word("disconnected", since, 20, "the daemon goes back to its everyday job")
+    watch.await_word("disconnected", since, 20, "the daemon resumes its normal work")
 
 
 def interrupt(daemon):
@@ -271,18 +271,18 @@ def interrupt(daemon):
     try:
         status = daemon.wait(30)
     except subprocess.TimeoutExpired:
-        raise DidNotHappen("the daemon ends: still there 30 seconds after the interrupt") from None
+        raise DidNotHappen("the daemon ends: still running 30 seconds after the interrupt") from None
     if status:
-        raise DidNotHappen(f"the daemon ends in order: its exit status is {status}")
+        raise DidNotHappen(f"the daemon ends cleanly: its exit status is {status}")
     left = [str(path) for path in PUBLISHED if path.exists()]
     if left:
-        raise DidNotHappen(f"the files are gone: {', '.join(left)} stayed")
-    tell("daemon", "has ended with status 0, and its files are gone")
+        raise DidNotHappen(f"the files are removed: {', '.join(left)} remained")
+    tell("daemon", "has ended with status 0 and removed its files")
 
 
 def story():
     BUTTON.write_text(f"{RELEASED}\n")
-    tell("box", "a bus, a BlueZ and a remote in software; a button; an empty /tmp")
+    tell("box", "a private bus with a simulated BlueZ and remote; a button; an empty /tmp")
     box = Box()
     watch = StatusWatch()
     watch.start()
@@ -310,16 +310,16 @@ def main():
         story()
     except DidNotHappen as what:
         print(f"\n{paint(31, 'This did not happen:')} {what}", file=sys.stderr)
-        print(f"{STATUS} says {contents(STATUS)!r}. The daemon's last words:", file=sys.stderr)
+        print(f"{STATUS} says {contents(STATUS)!r}. The end of the daemon's log:", file=sys.stderr)
         log = PROJECT / DAEMON_LOG
         for line in (log.read_text(errors="replace").splitlines()[-12:] if log.exists() else []):
             print(line, file=sys.stderr)
-        print(f"The whole logs: {OUTSIDE / DAEMON_LOG} and {OUTSIDE / SIM_LOG}", file=sys.stderr)
+        print(f"Full logs: {OUTSIDE / DAEMON_LOG} and {OUTSIDE / SIM_LOG}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:
-        print("\nbroken off", file=sys.stderr)
+        print("\ninterrupted", file=sys.stderr)
         return 130
-    print(f"\n{paint(32, 'Everything happened as it should.')} The daemon's log: {OUTSIDE / DAEMON_LOG}")
+    print(f"\n{paint(32, 'Everything happened as expected.')} The daemon's log: {OUTSIDE / DAEMON_LOG}")
     return 0
 
 
