@@ -99,10 +99,11 @@ struct Oddity {
     friend std::ostream& operator<<(std::ostream& out, const Oddity& oddity) { return out << oddity.name; }
 };
 
-constexpr char kFails[] = " before the announced length: the daemon sends what there is, logs \"Stream end\" "
-                          "and fails the update";
+constexpr char kFails[] =
+    " before the announced length: the daemon sends what there is and logs \"Stream end\", "
+    "and the update fails";
 constexpr char kOvershoots[] =
-    " from behind the payload: the length isn't a multiple of 5 words and the file goes on";
+    " from beyond the payload: the length isn't a multiple of 5 words and the file goes on";
 constexpr char kLastBlock[] = "the length isn't a multiple of 5 words: the last block holds ";
 constexpr char kNoData[] = "length 0: the daemon sends no data and asks the remote to verify at once";
 
@@ -127,7 +128,7 @@ const Oddity kOddities[] = {
      32,
      8,
      true,
-     {std::string{kLastBlock} + "12 bytes, too few to be enciphered, and goes in the clear"}},
+     {std::string{kLastBlock} + "12 bytes, too few to be enciphered, and is sent in the clear"}},
     {"NoLength", 0, 0, true, {kNoData}},
     {"NoLengthButAPayload", 7, 0, true, {kNoData, "the last 7 bytes of the file are never read"}},
 };
@@ -181,7 +182,7 @@ TEST_F(Vexafw, VerifyRefusesVersionZeroWhichIsNeverSent)
 
     EXPECT_EQ(1, result.status);
     EXPECT_THAT(result.output,
-                HasSubstr("version 0: newer than no remote's, so the daemon cancels the update"));
+                HasSubstr("version 0: never newer than the remote's, so the daemon cancels the update"));
 }
 
 // ------------------------------------------------------------------ Files at fault
@@ -194,10 +195,10 @@ TEST_F(Vexafw, SaysWhyAFileIsNoImage)
                     "vexafw: can't open " + mFolder.path("missing") + ": No such file or directory\n");
         expectError(run({command, mFolder.path()}), "vexafw: " + mFolder.path() + " is a folder\n");
         expectError(run({command, "/dev/zero"}),
-                    "vexafw: /dev/zero isn't a regular file, and the daemon takes no other\n");
+                    "vexafw: /dev/zero isn't a regular file, so the daemon doesn't accept it\n");
         const std::string shortFile = mFolder.write("short", "11 bytes...");
         expectError(run({command, shortFile}),
-                    shortFile + " holds 11 bytes, but the header of an image alone takes 12\n");
+                    shortFile + " has 11 bytes, but the header of an image alone has 12\n");
     }
 }
 
@@ -235,8 +236,7 @@ TEST_F(Vexafw, PackKeepsAnExistingFileUnlessForced)
     const std::string payload = mFolder.write("payload", "word");
     const std::string present = mFolder.write("packed", "precious");
 
-    expectError(run({"pack", payload, present, "--signature", "1", "--version", "2"}),
-                "exists: give --force");
+    expectError(run({"pack", payload, present, "--signature", "1", "--version", "2"}), "exists: use --force");
     EXPECT_EQ("precious", mFolder.read("packed"));
 
     EXPECT_EQ(0, run({"pack", payload, present, "--signature", "1", "--version", "2", "--force"}).status);
@@ -250,7 +250,7 @@ TEST_F(Vexafw, PackNeverReplacesThePayload)
 
     for (const auto& image : {payload, mFolder.path("link"), mFolder.path("./payload")}) {
         expectError(run({"pack", payload, image, "--signature", "1", "--version", "2", "--force"}),
-                    image + " is the payload itself: name another file for the image");
+                    image + " is the payload itself: choose another file for the image");
     }
     EXPECT_EQ("word", mFolder.read("payload"));
 }
@@ -272,7 +272,7 @@ TEST_F(Vexafw, PackPadsOnlyWhenAsked)
     const std::string packed = mFolder.path("packed");
 
     expectError(run({"pack", payload, packed, "--signature", "1", "--version", "2"}),
-                "let --pad append zeros");
+                "use --pad to append zeros");
     EXPECT_FALSE(std::filesystem::exists(packed));
 
     EXPECT_EQ(0, run({"pack", payload, packed, "--signature", "1", "--version", "2", "--pad"}).status);
@@ -303,7 +303,7 @@ TEST_F(Vexafw, PackTakesTheLargestPayloadAndNoMore)
 
     const std::string larger = mFolder.write("larger", std::string(262144, 'x'));
     expectError(run({"pack", larger, packed, "--force", "--signature", "1", "--version", "2"}),
-                "holds 262144 bytes, but an image carries 262140 at most");
+                "has 262144 bytes, but an image carries at most 262140");
     EXPECT_EQ(262152U, mFolder.read("packed").size()) << "the image of before is gone";
 }
 
@@ -335,9 +335,9 @@ TEST_F(Vexafw, PackSaysWhichFieldIsOutOfRange)
         expectError(pack(field, "65536"), field);
         expectError(pack(field, "-1"), field);
         expectError(pack(field, "abc"), field);
-        expectError(pack(field, "08"), "08 is no number from 0 to 65535");
-        expectError(pack(field, "1.5"), "1.5 is no number from 0 to 65535");
-        expectError(pack(field, "99999999999999999999"), "is no number from 0 to 65535");
+        expectError(pack(field, "08"), "08 isn't a number from 0 to 65535");
+        expectError(pack(field, "1.5"), "1.5 isn't a number from 0 to 65535");
+        expectError(pack(field, "99999999999999999999"), "isn't a number from 0 to 65535");
     }
     for (const char* field : {"--ota-flag", "--reserved"}) {
         expectError(pack(field, "256"), field);
@@ -363,11 +363,11 @@ TEST_F(Vexafw, ExplainsItself)
 
 TEST_F(Vexafw, RefusesACommandLineThatItDoesNotKnow)
 {
-    expectError(run({}), "vexafw: which of the commands info, verify and pack?\n");
+    expectError(run({}), "vexafw: a command is required: info, verify or pack\n");
     expectError(run({"info"}), "vexafw: IMAGE is required\n");
-    expectError(run({"melt", "image"}), "vexafw: which of the commands info, verify and pack?\n");
+    expectError(run({"melt", "image"}), "vexafw: a command is required: info, verify or pack\n");
     expectError(run({"info", "a", "b"}), "vexafw: The following argument was not expected: b\n");
-    expectError(run({"info", "a", "b"}), "vexafw --help tells more.\n");
+    expectError(run({"info", "a", "b"}), "See vexafw --help.\n");
 }
 
 TEST_F(Vexafw, FailsIfNobodyCanReadItsAnswer)

@@ -37,25 +37,25 @@ std::vector<std::string> Delivery::warnings() const
 {
     std::vector<std::string> all;
     if (version == 0) {
-        all.emplace_back("version 0: newer than no remote's, so the daemon cancels the update");
+        all.emplace_back("version 0: never newer than the remote's, so the daemon cancels the update");
     }
     if (announced == 0) {
         all.emplace_back("length 0: the daemon sends no data and asks the remote to verify at once");
     }
     if (present < announced) {
         all.push_back("the file ends " + bytes(announced - present) +
-                      " before the announced length: the daemon sends what there is, logs \"Stream end\" and "
-                      "fails the update");
+                      " before the announced length: the daemon sends what there is and logs \"Stream end\", "
+                      "and the update fails");
     }
     if (sent > announced) {
         all.push_back(
             "the last block carries " + bytes(sent - announced) +
-            " from behind the payload: the length isn't a multiple of 5 words and the file goes on");
+            " from beyond the payload: the length isn't a multiple of 5 words and the file goes on");
     }
     if (sent == announced && announced % ota_format::kBlockBytes != 0) {
         all.push_back(
             "the length isn't a multiple of 5 words: the last block holds " + bytes(lastBlock) +
-            (lastBlock < ota_format::kCipherBytes ? ", too few to be enciphered, and goes in the clear" : ""));
+            (lastBlock < ota_format::kCipherBytes ? ", too few to be enciphered, and is sent in the clear" : ""));
     }
     if (present > sent) {
         all.push_back("the last " + bytes(present - sent) + " of the file are never read");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// vexafw: looks at firmware images for the remote, and makes them.
+// vexafw: inspects and creates firmware images for the remote.
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
@@ -86,11 +86,11 @@ std::unique_ptr<Firmware> openImage(const std::string& path)
     auto firmware = Firmware::createWithLocation(path);
     if (!firmware) {
         if (std::filesystem::is_other(path)) {
-            throw UserError{path + " isn't a regular file, and the daemon takes no other"};
+            throw UserError{path + " isn't a regular file, so the daemon doesn't accept it"};
         }
         const auto size = readFile(path).size();
-        throw UserError{path + " holds " + std::to_string(size) + (size == 1 ? " byte" : " bytes") +
-                        ", but the header of an image alone takes " + std::to_string(ota_format::kHeaderBytes)};
+        throw UserError{path + " has " + std::to_string(size) + (size == 1 ? " byte" : " bytes") +
+                        ", but the header of an image alone has " + std::to_string(ota_format::kHeaderBytes)};
     }
     return firmware;
 }
@@ -143,13 +143,12 @@ Bytes readPayload(const PackOptions& options)
     if (odd != 0 && options.pad) {
         payload.resize(payload.size() + ota_format::kWordBytes - odd);
     } else if (odd != 0 && !options.lengthGiven) {
-        throw UserError{options.payload + " holds " + std::to_string(payload.size()) +
-                        " bytes, and a header counts in words of 4: let --pad append zeros"};
+        throw UserError{options.payload + " has " + std::to_string(payload.size()) +
+                        " bytes, not a multiple of 4: use --pad to append zeros"};
     }
     if (payload.size() > kMostWords * ota_format::kWordBytes && !options.lengthGiven) {
-        throw UserError{options.payload + " holds " + std::to_string(payload.size()) +
-                        " bytes, but an image carries " + std::to_string(kMostWords * ota_format::kWordBytes) +
-                        " at most"};
+        throw UserError{options.payload + " has " + std::to_string(payload.size()) +
+                        " bytes, but an image carries at most " + std::to_string(kMostWords * ota_format::kWordBytes)};
     }
     return payload;
 }
@@ -204,10 +203,10 @@ int pack(const PackOptions& options)
 {
     std::error_code missing; // a file that isn't there is told of below
     if (std::filesystem::equivalent(options.payload, options.image, missing)) {
-        throw UserError{options.image + " is the payload itself: name another file for the image"};
+        throw UserError{options.image + " is the payload itself: choose another file for the image"};
     }
     if (!options.force && std::filesystem::exists(options.image)) {
-        throw UserError{options.image + " exists: give --force to replace it"};
+        throw UserError{options.image + " exists: use --force to replace it"};
     }
     writeFile(options.image, makeImage(options, readPayload(options)));
     return info(options.image);
@@ -223,8 +222,8 @@ CLI::Validator numberUpTo(unsigned largest)
         const unsigned long value = digits ? std::strtoul(text.c_str(), &end, 0) : 0;
         return digits && *end == '\0' && errno == 0 && value <= largest
                    ? std::string{}
-                   : text + " is no number from 0 to " + std::to_string(largest) +
-                         " (decimal, hexadecimal with 0x, octal with a leading 0)";
+                   : text + " isn't a number from 0 to " + std::to_string(largest) +
+                         " (decimal, hexadecimal with 0x, or octal with a leading 0)";
     };
     return CLI::Validator{check, "in [0 - " + std::to_string(largest) + "]"};
 }
@@ -241,15 +240,16 @@ void addField(CLI::App& command, const std::string& name, unsigned& value, unsig
 
 CLI::App& addPack(CLI::App& app, PackOptions& options)
 {
-    CLI::App& command = *app.add_subcommand("pack", "Make an image of a header and a payload");
+    CLI::App& command = *app.add_subcommand("pack", "Create an image from a header and a payload");
     command.add_option("PAYLOAD", options.payload, "File with the payload")->required();
     command.add_option("IMAGE", options.image, "File to write")->required();
-    addField(command, "--signature", options.signature, 0xffff, "Sent with most commands", true);
-    addField(command, "--version", options.version, 0xffff, "Compared with the remote's own", true);
-    addField(command, "--offset", options.offset, 0xffff, "Copied to the remote");
-    addField(command, "--checksum", options.checksum, 0xffff, "Copied to the remote, never computed here");
-    addField(command, "--ota-flag", options.otaFlag, 0xff, "Copied to the remote");
-    addField(command, "--reserved", options.reserved, 0xff, "Copied to the remote");
+    addField(command, "--signature", options.signature, 0xffff,
+             "Signature, sent with most commands of an update", true);
+    addField(command, "--version", options.version, 0xffff, "Version, compared with the remote's", true);
+    addField(command, "--offset", options.offset, 0xffff, "Passed on to the remote");
+    addField(command, "--checksum", options.checksum, 0xffff, "Passed on to the remote; not computed");
+    addField(command, "--ota-flag", options.otaFlag, 0xff, "Passed on to the remote");
+    addField(command, "--reserved", options.reserved, 0xff, "Passed on to the remote");
     command
         .add_option_function<unsigned>(
             "--length",
@@ -257,29 +257,31 @@ CLI::App& addPack(CLI::App& app, PackOptions& options)
                 options.length = words;
                 options.lengthGiven = true;
             },
-            "Words to announce, true or not (default: those of the payload)")
+            "Words to announce, whatever the payload holds (default: its size)")
         ->check(numberUpTo(kMostWords));
-    command.add_flag("--pad", options.pad, "Append zeros to a payload that ends within a word");
+    command.add_flag("--pad", options.pad, "Append zeros to a payload whose size isn't a multiple of 4");
     command.add_flag("--force", options.force, "Replace IMAGE if it exists");
-    command.footer("Numbers are decimal, hexadecimal with 0x or octal with a leading 0.");
+    command.footer("Numbers are decimal, hexadecimal with 0x, or octal with a leading 0.");
     return command;
 }
 
 int run(int argc, char** argv)
 {
-    CLI::App app{"Looks at firmware images for the remote control, and makes them.", "vexafw"};
+    CLI::App app{"Inspects and creates firmware images for the remote control.", "vexafw"};
     app.set_version_flag("--version", "vexafw " VEXA_VERSION);
     app.require_subcommand(1);
-    app.footer("Exit status: 0 done; 1 verify: the daemon wouldn't send exactly what the header says;\n"
-               "2 the command line or a file is at fault.");
+    app.footer("Exit status:\n"
+               "  0  success\n"
+               "  1  verify: the daemon wouldn't send exactly what the header says\n"
+               "  2  error in the command line or in a file");
 
     std::string image;
     CLI::App& infoCommand =
-        *app.add_subcommand("info", "Show an image's header and what the daemon makes of it");
-    infoCommand.add_option("IMAGE", image, "Image to look at")->required();
+        *app.add_subcommand("info", "Show an image's header and what the daemon would send");
+    infoCommand.add_option("IMAGE", image, "Image file")->required();
     CLI::App& verifyCommand =
-        *app.add_subcommand("verify", "Tell whether the daemon would send exactly what the header says");
-    verifyCommand.add_option("IMAGE", image, "Image to look at")->required();
+        *app.add_subcommand("verify", "Check whether the daemon would send exactly what the header says");
+    verifyCommand.add_option("IMAGE", image, "Image file")->required();
     PackOptions options;
     addPack(app, options);
 
@@ -290,8 +292,8 @@ int run(int argc, char** argv)
             return app.exit(error);
         }
         const bool commandless = app.get_subcommands().empty();
-        throw UserError{(commandless ? "which of the commands info, verify and pack?" : error.what()) +
-                        std::string{"\nvexafw --help tells more."}};
+        throw UserError{(commandless ? "a command is required: info, verify or pack" : error.what()) +
+                        std::string{"\nSee vexafw --help."}};
     }
     return infoCommand.parsed() ? info(image) : verifyCommand.parsed() ? verify(image) : pack(options);
 }
