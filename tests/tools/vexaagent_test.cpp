@@ -178,7 +178,7 @@ TEST_F(AnAgent, RegistersAgainWheneverBluetoothdReturns)
 {
     ASSERT_TRUE(agent.logs("registered as the default agent"));
     sim.stopService(Simulator::Stop::Kill);
-    EXPECT_TRUE(agent.logs("bluetoothd isn't there"));
+    EXPECT_TRUE(agent.logs("bluetoothd isn't running"));
     sim.startService();
     EXPECT_TRUE(agent.logs("registered as the default agent", 2));
     sim.stopService(Simulator::Stop::Terminate);
@@ -249,7 +249,7 @@ TEST_F(AnAgent, SaysWhenBluetoothdDoesNotTakeIt)
     sim.bend(vexasim::Bend::error("RegisterAgent", "org.bluez.Error.InvalidArguments", "no"));
     sim.stopService(Simulator::Stop::Kill);
     sim.startService();
-    EXPECT_TRUE(agent.logs("bluetoothd doesn't take the agent"));
+    EXPECT_TRUE(agent.logs("bluetoothd rejected the agent"));
 }
 
 TEST_F(AnAgent, EndsOnASignalWithStatusZero)
@@ -276,6 +276,6 @@ TEST(AnAgentBeforeTheBus, WaitsForIt)
     RunningAgent agent(address);
     ASSERT_TRUE(agent.logs("no system bus yet"));
     bus.start();
-    EXPECT_TRUE(agent.logs("bluetoothd isn't there"));
+    EXPECT_TRUE(agent.logs("bluetoothd isn't running"));
     EXPECT_EQ(agent.stop(SIGINT), 0);
 }

@@ -173,7 +173,7 @@ void Agent::onStackVanished(GDBusConnection* connection, const char*, gpointer)
 {
     // It may be the bus that has vanished, and that is said elsewhere.
     if (connection != nullptr && g_dbus_connection_is_closed(connection) == FALSE)
-        LOG_INFO("bluetoothd isn't there; registering when it comes");
+        LOG_INFO("bluetoothd isn't running; registering when it starts");
 }
 
 void Agent::callManager(const char* method, GVariant* parameters, GAsyncReadyCallback done)
@@ -190,7 +190,7 @@ void Agent::onRegistered(GObject* connection, GAsyncResult* result, gpointer sel
     if (error && isCancelled(error))
         return;
     if (error) {
-        LOG_ERROR("bluetoothd doesn't take the agent: %s", Printable(error.message()).text());
+        LOG_ERROR("bluetoothd rejected the agent: %s", Printable(error.message()).text());
         return;
     }
     static_cast<Agent*>(self)->callManager("RequestDefaultAgent", g_variant_new("(o)", kPath), onMadeDefault);
@@ -204,7 +204,7 @@ void Agent::onMadeDefault(GObject* connection, GAsyncResult* result, gpointer)
     if (error && isCancelled(error))
         return;
     if (error)
-        LOG_ERROR("bluetoothd doesn't make it the default agent: %s", Printable(error.message()).text());
+        LOG_ERROR("bluetoothd didn't make the agent the default: %s", Printable(error.message()).text());
     else
         LOG_INFO("registered as the default agent");
 }
@@ -224,8 +224,8 @@ void Agent::onCall(GDBusConnection*, const char*, const char*, const char*, cons
     g_variant_get_child(parameters, 0, "&o", &device);
     if (asked == "RequestAuthorization")
         return static_cast<Agent*>(self)->askForName(device, invocation);
-    LOG_WARN("%s refused to %s: this box has neither keys nor display", method, device);
-    refuse(invocation, "this box pairs its remote without a passkey, and nothing else");
+    LOG_WARN("%s refused to %s: this box has neither keys nor a display", method, device);
+    refuse(invocation, "this box pairs only its remote, and without a passkey");
 }
 
 void Agent::askForName(const char* device, GDBusMethodInvocation* invocation)
