@@ -171,6 +171,24 @@ TEST_F(ARemoteToBeFound, IsFoundAfterAnInterrupt)
     EXPECT_EQ(box.awaitExit(), Exit::with(0));
 }
 
+// A handler holds the lock that the update takes first, and goes on after the interrupt.
+TEST_F(ARemoteToBeFound, IsFoundAfterAnInterruptThatComesBeforeTheUpdate)
+{
+    const std::string other = "/org/bluez/hci0/dev_C0_FF_EE_00_00_0F";
+    ASSERT_TRUE(box.stopClock());
+    box.sim().bend(Bend::late("Get", kWhileHeld).on(other).property("Name"));
+    box.sim().addObject(other, deviceObject("TV", "C0:FF:EE:00:00:0F", false, false));
+    ASSERT_TRUE(box.sim().awaitCall("Get", other, 1, kPatience));
+    offer(image);
+    box.clock().advance(600ms);
+    ASSERT_LOG(box, WARN, "main", "REMOVE: /tmp/bluetooth_rc_fw");
+    ASSERT_TRUE(box.program().awaitMainThreadOnCondition());
+    box.interrupt();
+
+    expectFound();
+    EXPECT_EQ(box.awaitExit(), Exit::with(0));
+}
+
 // ---- how long it takes
 
 class ARemoteThatTakesHalfAMinute : public ARemoteToBeFound

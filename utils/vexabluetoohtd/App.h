@@ -206,7 +206,7 @@ private:
     BatteryInfo mBattery;
     std::string mFirmwarePath;
     std::atomic<bool> mLocked{false};       ///< somebody holds mMutex; not while only waiting on a condition
-    std::atomic<bool> mUpdating{false};     ///< an update goes on, and needs its events, after an interrupt
+    std::atomic<bool> mMayUpdate{false};    ///< a link is looked for, or its update runs
     std::atomic<bool> mHandlerWaits{false}; ///< the event thread is about to take mMutex
 };
 

@@ -233,6 +233,11 @@ void App::process()
             continue;
         }
         lastPass = NSTime::nowRelative();
+        // Before the last look at mRunning, so that no interrupt makes an update deaf that this pass begins.
+        mMayUpdate = state == State_eIdle;
+        if (!mRunning) {
+            break;
+        }
         // What isn't a number gives 0, which reads as pressed; an empty file changes nothing.
         const int buttonLevel = box_files::readNumber(kButtonFile, kButtonStartLevel);
         switch (state) {
@@ -306,10 +311,12 @@ State App::serveRequests()
 Action App::whatToDo()
 {
     const bool pairFlag = takeFlag(kPairFlag);
-    if (takeFlag(kResetFlag)) {
+    const bool resetFlag = takeFlag(kResetFlag);
+    mMayUpdate = !resetFlag && takeFirmwareLink();
+    if (resetFlag) {
         return Action_ePair;
     }
-    if (takeFirmwareLink()) {
+    if (mMayUpdate) {
         return Action_eUpdate; // Kept: a pair flag that was taken in this pass is lost
     }
     return whatToDoWithRc(pairFlag);
@@ -556,7 +563,7 @@ void App::onDeviceAdded(const std::string& path)
     Bluez& client = Bluez::ofThisThread();
     client.deviceGetName(path, name);
     client.deviceGetAddress(path, address);
-    if (!mRunning && !mUpdating) {
+    if (!mRunning && !mMayUpdate) {
         client.stopEvents(); // interrupted meanwhile: the name of the next object may stay unanswered, too
     }
     std::vector<std::string> groups;
@@ -824,9 +831,8 @@ void App::processUpdate()
     // Not held during the update, whose events come through the handlers above.
     lock.unlock();
 
-    mUpdating = true;
     updateRc(request);
-    mUpdating = false;
+    mMayUpdate = false;
     sleep(kUpdatePauseSec); // so that readers see the outcome before the ordinary words come back
 }
 
