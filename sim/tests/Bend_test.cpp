@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The simulated BlueZ bent in every way that tests of a client want.
 #include "sim/bluez/Simulator.h"
-#include "tests/kit/BusClient.h"
+#include "tests/kit/Bus.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ class ABentBlueZ : public testing::Test
 {
 protected:
     Simulator sim;
-    SimClient client{sim.busAddress()};
+    kit::BusClient client{sim.busAddress()};
 };
 
 // ---- methods
@@ -50,13 +50,13 @@ TEST_F(ABentBlueZ, AnswersWithAnErrorAsOftenAsAsked)
 TEST_F(ABentBlueZ, AnswersWithAWrongType)
 {
     sim.bend(Bend::answer("StartDiscovery", g_variant_new("(si)", "surprise", 7)));
-    EXPECT_EQ(SimClient::textOf(client.call(kAdapter, kStart).reply), "('surprise', 7)");
+    EXPECT_EQ(kit::textOf(client.call(kAdapter, kStart).reply), "('surprise', 7)");
 }
 
 TEST_F(ABentBlueZ, NeverAnswers)
 {
     sim.bend(Bend::silence("StartDiscovery"));
-    EXPECT_EQ(client.call(kAdapter, kStart, {}, 100).error, "local");
+    EXPECT_EQ(client.call(kAdapter, kStart, {}, std::chrono::milliseconds{100}).error, "local");
     EXPECT_FALSE(sim.discovering());
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // How the simulated BlueZ behaves to a plain client when nobody bends it.
 #include "sim/bluez/Simulator.h"
-#include "tests/kit/BusClient.h"
+#include "tests/kit/Bus.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -75,7 +75,7 @@ protected:
     }
 
     Simulator sim;
-    SimClient client;
+    kit::BusClient client;
 };
 
 // ---- discovery
@@ -107,7 +107,7 @@ TEST_F(ABoxWithARemoteInRange, RefusesToStopWhatWasNeverStarted)
 TEST_F(ABoxWithARemoteInRange, DiscoversUntilTheLastClientStops)
 {
     discover();
-    SimClient other(sim.busAddress());
+    kit::BusClient other(sim.busAddress());
     ASSERT_EQ(other.call(kAdapter, kStart).error, "");
     ASSERT_EQ(client.call(kAdapter, kStop).error, "");
     EXPECT_TRUE(sim.discovering());
@@ -117,7 +117,7 @@ TEST_F(ABoxWithARemoteInRange, DiscoversUntilTheLastClientStops)
 
 TEST_F(ABoxWithARemoteInRange, EndsADiscoveryWhoseClientLeavesTheBus)
 {
-    SimClient other(sim.busAddress());
+    kit::BusClient other(sim.busAddress());
     ASSERT_EQ(other.call(kAdapter, kStart).error, "");
     other.leave();
     EXPECT_TRUE(client.await(kAdapter, "PropertiesChanged", "'Discovering': <false>"));
@@ -272,7 +272,7 @@ TEST_F(ABoxWithARemoteInRange, NeedsAnAgentIfAsked)
     sim.setRequireAgent(true);
     discover();
     EXPECT_EQ(client.call(kDevice, kPair).error, "org.bluez.Error.AuthenticationFailed");
-    SimClient agent(sim.busAddress());
+    kit::BusClient agent(sim.busAddress());
     ASSERT_EQ(agent
                   .call("/org/bluez", "org.bluez.AgentManager1.RegisterAgent",
                         g_variant_new("(os)", "/agent", "NoInputNoOutput"))
@@ -448,7 +448,7 @@ TEST_F(ABoxWithARemoteInRange, TellsAValueReadBeforeItAnswers)
     pair();
     client.clearSignals();
     const auto read = client.call(kLevel, kRead, noOptions());
-    EXPECT_EQ(SimClient::textOf(read.reply), "([0x50],)");
+    EXPECT_EQ(kit::textOf(read.reply), "([0x50],)");
     EXPECT_THAT(client.story(), ElementsAre(HasSubstr("'Value': <[byte 0x50]>")));
 }
 
@@ -469,7 +469,7 @@ TEST_F(ABoxWithARemoteInRange, NotifiesOnlyThoseWhoAsked)
     client.clearSignals();
     sim.remote().setBattery(70);
     settle();
-    EXPECT_THAT(client.signals(), testing::Each(testing::Field(&SimClient::Signal::path, kDevice)));
+    EXPECT_THAT(client.signals(), testing::Each(testing::Field(&kit::BusClient::Signal::path, kDevice)));
     ASSERT_EQ(client.call(kLevel, kStartNotify).error, "");
     sim.remote().setBattery(60);
     EXPECT_TRUE(client.await(kLevel, "PropertiesChanged", "'Value': <[byte 0x3c]>"));
@@ -565,12 +565,11 @@ TEST_F(ABoxWithARemoteInRange, ListsItsObjects)
 {
     discover();
     const auto objects = client.call("/", "org.freedesktop.DBus.ObjectManager.GetManagedObjects");
-    EXPECT_THAT(SimClient::textOf(objects.reply),
-                AllOf(HasSubstr("'/org/bluez'"), HasSubstr("'/org/bluez/hci0'"), HasSubstr(kDevice),
-                      HasSubstr("'org.bluez.Device1'")));
+    EXPECT_THAT(kit::textOf(objects.reply), AllOf(HasSubstr("'/org/bluez'"), HasSubstr("'/org/bluez/hci0'"),
+                                                  HasSubstr(kDevice), HasSubstr("'org.bluez.Device1'")));
     const auto device = client.call(kDevice, "org.freedesktop.DBus.Properties.GetAll",
                                     g_variant_new("(s)", "org.bluez.Device1"));
-    EXPECT_THAT(SimClient::textOf(device.reply), HasSubstr("'Address': <'C0:FF:EE:00:00:01'>"));
+    EXPECT_THAT(kit::textOf(device.reply), HasSubstr("'Address': <'C0:FF:EE:00:00:01'>"));
 }
 
 // ---- the process
@@ -607,7 +606,7 @@ TEST_F(ABoxWithARemoteInRange, SurvivesARestartOfTheBus)
     sim.bus()->stop();
     sim.bus()->start();
     sim.startService();
-    SimClient again(sim.busAddress());
+    kit::BusClient again(sim.busAddress());
     EXPECT_EQ(again.call(kAdapter, kStart).error, "");
 }
 

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 // The receiving side of the update, with packets made by hand.
 #include "sim/model/Remote.h"
+#include "tests/kit/Cipher.h"
+#include "tests/kit/ScratchFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
-#include <cstdio>
 #include <deque>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 
@@ -36,19 +35,6 @@ Bytes part(const Bytes& bytes, std::size_t from, std::size_t to)
 {
     return {bytes.begin() + static_cast<std::ptrdiff_t>(from),
             bytes.begin() + static_cast<std::ptrdiff_t>(to)};
-}
-
-/// One block of AES-256-ECB.
-Bytes enciphered(const vexasim::UpdateKey& key, const Bytes& block)
-{
-    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
-                                                                                  &EVP_CIPHER_CTX_free);
-    Bytes out(16);
-    int length = 0;
-    EVP_EncryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr);
-    EVP_CIPHER_CTX_set_padding(context.get(), 0);
-    EVP_EncryptUpdate(context.get(), out.data(), &length, block.data(), 16);
-    return out;
 }
 
 Bytes imageOf(std::size_t words, std::size_t payloadBytes)
@@ -133,15 +119,15 @@ protected:
         return remote->update()->write(remote->update()->handleOf(vexasim::uuid::kData), bytes);
     }
 
-    void start(const Bytes& image) { command(Bytes{0x01} + enciphered(key, part(image, 0, 12) + Bytes(4))); }
+    void start(const Bytes& image)
+    {
+        command(Bytes{0x01} + kit::enciphered(part(image, 0, 12) + Bytes(4), key));
+    }
 
     void upload(const Bytes& image)
     {
         for (std::size_t at = ImageHeader::kSize; at < image.size(); at += 20) {
-            Bytes block = part(image, at, std::min(image.size(), at + 20));
-            if (block.size() >= 16)
-                block = enciphered(key, part(block, 0, 16)) + part(block, 16, block.size());
-            data(block);
+            data(kit::onAir(part(image, at, std::min(image.size(), at + 20)), key));
         }
     }
 
@@ -479,15 +465,10 @@ TEST_F(ARemoteInTheHand, CanOfferOneOfItsTwoCharacteristics)
 class AKeyFile : public testing::Test
 {
 protected:
-    ~AKeyFile() override { std::remove(path.c_str()); }
+    void write(const std::string& text) const { folder.write("key", text); }
 
-    void write(const std::string& text)
-    {
-        std::ofstream file(path);
-        file << text;
-    }
-
-    std::string path = testing::TempDir() + "sim_update_key";
+    kit::ScratchFolder folder;
+    const std::string path = folder.path("key");
     const std::string digits = "000102030405060708090a0b0c0d0e0f101112131415161718191A1B1C1D1E1F";
 };
 

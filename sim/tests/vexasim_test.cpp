@@ -2,20 +2,16 @@
 // The program vexasim as a person or a script uses it: command line, first line
 // of output, the control interface, the ends.
 #include "sim/bluez/PrivateBus.h"
-#include "tests/kit/BusClient.h"
+#include "tests/kit/Bus.h"
+#include "tests/kit/Program.h"
+#include "tests/kit/ScratchFolder.h"
 
+#include <csignal>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
-#include <csignal>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <memory>
+#include <thread>
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -26,112 +22,57 @@ constexpr const char* kAdapter = "/org/bluez/hci0";
 constexpr const char* kDevice = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
 constexpr const char* kAddressLine = "DBUS_SYSTEM_BUS_ADDRESS=";
 
-/// The program as a child, its standard output and error on one pipe.
-class Program
+/// The program; it says what happens on its output, and why it ends on its log.
+class Simulator : public kit::Program
 {
 public:
-    explicit Program(std::vector<std::string> arguments)
+    explicit Simulator(std::vector<std::string> arguments)
+        : kit::Program({VEXASIM_PROGRAM, std::move(arguments), {}, {}})
     {
-        arguments.insert(arguments.begin(), VEXASIM_PROGRAM);
-        std::vector<char*> argv;
-        for (std::string& argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        std::array<int, 2> pipes{};
-        EXPECT_EQ(pipe(pipes.data()), 0);
-        mPid = fork();
-        if (mPid == 0) {
-            dup2(pipes[1], STDOUT_FILENO);
-            dup2(pipes[1], STDERR_FILENO);
-            close(pipes[0]);
-            close(pipes[1]);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(pipes[1]);
-        mOutput = fdopen(pipes[0], "r");
     }
 
-    ~Program()
-    {
-        if (mPid > 0) {
-            kill(mPid, SIGKILL);
-            waitpid(mPid, nullptr, 0);
-        }
-        std::cerr << rest(); // a sanitizer's report among it fails the case
-        fclose(mOutput);
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
+    std::string line() { return output().next().value_or(""); }
 
-    std::string line()
-    {
-        std::array<char, 1024> text{};
-        return fgets(text.data(), text.size(), mOutput) != nullptr ? text.data() : "";
-    }
-
+    /// Everything that it prints until its end.
     std::string rest()
     {
         std::string text;
-        for (std::string next = line(); !next.empty(); next = line())
-            text += next;
+        for (std::string next = line(); !next.empty(); next = line()) {
+            text += next + "\n";
+        }
         return text;
     }
 
-    void signal(int number) const { kill(mPid, number); }
-
-    int exitStatus()
+    /// What it says to its standard error, once it has ended.
+    std::string errors()
     {
-        int status = 0;
-        waitpid(mPid, &status, 0);
-        mPid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        awaitExit();
+        return log().tail(20);
     }
-
-private:
-    pid_t mPid = -1;
-    FILE* mOutput = nullptr;
 };
-
-std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 } // namespace
 
 class TheProgram : public testing::Test
 {
 protected:
-    TheProgram()
-    {
-        std::string pattern = testing::TempDir() + "sim_program_XXXXXX";
-        folder = mkdtemp(pattern.data());
-    }
-    ~TheProgram() override
-    {
-        program.reset();
-        std::filesystem::remove_all(folder);
-    }
-
     void start(std::vector<std::string> arguments = {})
     {
-        program = std::make_unique<Program>(std::move(arguments));
-        std::string first = program->line();
+        program = std::make_unique<Simulator>(std::move(arguments));
+        const std::string first = program->line();
         ASSERT_THAT(first, StartsWith(kAddressLine));
-        first.pop_back();
-        client = std::make_unique<SimClient>(first.substr(std::string(kAddressLine).size()));
+        client = std::make_unique<kit::BusClient>(first.substr(std::string(kAddressLine).size()));
     }
 
-    SimClient::Answer play(const std::string& method, GVariant* arguments = nullptr)
+    kit::Answer play(const std::string& method, GVariant* arguments = nullptr)
     {
         return client->callOn("org.vexabluetoohtd.Sim", "/sim", "org.vexabluetoohtd.Sim." + method,
                               arguments);
     }
 
-    std::string folder;
-    std::unique_ptr<Program> program;
-    std::unique_ptr<SimClient> client;
+    const kit::ScratchFolder scratch;
+    const std::string folder = scratch.path();
+    std::unique_ptr<Simulator> program;
+    std::unique_ptr<kit::BusClient> client;
 };
 
 TEST_F(TheProgram, PrintsTheAddressFirstAndThenWhatHappens)
@@ -141,7 +82,7 @@ TEST_F(TheProgram, PrintsTheAddressFirstAndThenWhatHappens)
     EXPECT_THAT(program->line(), HasSubstr("adapter /org/bluez/hci0 appears"));
     play("Quit");
     EXPECT_THAT(program->rest(), HasSubstr("org.bluez left the bus"));
-    EXPECT_EQ(program->exitStatus(), 0);
+    EXPECT_EQ(program->awaitExit(), kit::Exit::with(0));
 }
 
 TEST_F(TheProgram, PrintsNothingElseWhenQuiet)
@@ -149,7 +90,8 @@ TEST_F(TheProgram, PrintsNothingElseWhenQuiet)
     start({"--quiet"});
     play("Quit");
     EXPECT_EQ(program->rest(), "");
-    EXPECT_EQ(program->exitStatus(), 0);
+    EXPECT_EQ(program->errors(), "");
+    EXPECT_EQ(program->awaitExit(), kit::Exit::with(0));
 }
 
 TEST_F(TheProgram, EndsInOrderOnAnInterrupt)
@@ -157,7 +99,7 @@ TEST_F(TheProgram, EndsInOrderOnAnInterrupt)
     start();
     client->clearSignals();
     program->signal(SIGINT);
-    EXPECT_EQ(program->exitStatus(), 0);
+    EXPECT_EQ(program->awaitExit(), kit::Exit::with(0));
 }
 
 TEST_F(TheProgram, RefusesABadCommandLineWithAClearWord)
@@ -169,9 +111,9 @@ TEST_F(TheProgram, RefusesABadCommandLineWithAClearWord)
           Line{{"--key-file", "/no/such/file"}, "can't open the key file"},
           Line{{"--address", "unix:path=/no/such/bus"}, "no connection"},
           Line{{"--battery", "256"}, "range"}}) {
-        Program refused(arguments);
-        EXPECT_THAT(refused.rest(), HasSubstr(word)) << arguments[0];
-        EXPECT_NE(refused.exitStatus(), 0) << arguments[0];
+        Simulator refused(arguments);
+        EXPECT_THAT(refused.errors(), HasSubstr(word)) << arguments[0];
+        EXPECT_FALSE(refused.awaitExit() == kit::Exit::with(0)) << arguments[0];
     }
 }
 
@@ -188,11 +130,11 @@ TEST_F(TheProgram, JoinsAGivenBus)
 {
     const vexasim::PrivateBus bus;
     start({"--address", bus.address(), "--no-adapter"});
-    SimClient neighbour(bus.address());
+    kit::BusClient neighbour(bus.address());
     EXPECT_EQ(neighbour.call("/org/bluez", "org.freedesktop.DBus.Peer.Ping").error, "");
-    Program second({"--address", bus.address()});
-    EXPECT_THAT(second.rest(), HasSubstr("org.bluez has an owner already"));
-    EXPECT_EQ(second.exitStatus(), 1);
+    Simulator second({"--address", bus.address()});
+    EXPECT_THAT(second.errors(), HasSubstr("org.bluez has an owner already"));
+    EXPECT_EQ(second.awaitExit(), kit::Exit::with(1));
 }
 
 TEST_F(TheProgram, StopsAndStartsTheService)
@@ -207,16 +149,16 @@ TEST_F(TheProgram, StopsAndStartsTheService)
 
 TEST_F(TheProgram, PressesTheButton)
 {
-    const std::string adc = folder + "/adc";
-    start({"--adc-file", adc});
-    EXPECT_EQ(contentOf(adc), "1023\n");
+    start({"--adc-file", scratch.path("adc")});
+    EXPECT_EQ(scratch.read("adc"), "1023\n");
     EXPECT_EQ(play("PressButton").error, "");
-    EXPECT_EQ(contentOf(adc), "10\n");
+    EXPECT_EQ(scratch.read("adc"), "10\n");
     EXPECT_EQ(play("ReleaseButton").error, "");
-    EXPECT_EQ(contentOf(adc), "1023\n");
+    EXPECT_EQ(scratch.read("adc"), "1023\n");
     EXPECT_EQ(play("HoldButton", g_variant_new("(u)", 1U)).error, "");
-    while (contentOf(adc) != "1023\n")
-        usleep(1000);
+    while (scratch.read("adc") != "1023\n") {
+        std::this_thread::sleep_for(std::chrono::milliseconds{1});
+    }
 }
 
 TEST_F(TheProgram, SetsFlagsAndOffersImages)
@@ -224,8 +166,7 @@ TEST_F(TheProgram, SetsFlagsAndOffersImages)
     start({"--tmp", folder});
     EXPECT_EQ(play("SetFlag", g_variant_new("(s)", "pair")).error, "");
     EXPECT_TRUE(std::filesystem::exists(folder + "/bluetooth_pair"));
-    const std::string image = folder + "/image";
-    std::ofstream(image) << "twelve bytes";
+    const std::string image = scratch.write("image", "twelve bytes");
     EXPECT_EQ(play("OfferImage", g_variant_new("(s)", image.c_str())).error, "");
     EXPECT_EQ(std::filesystem::read_symlink(folder + "/bluetooth_rc_fw"), image);
     const auto refused = play("SetFlag", g_variant_new("(s)", "dance"));
@@ -249,7 +190,7 @@ TEST_F(TheProgram, PlaysAnEveningWithTheRemote)
     EXPECT_TRUE(client->await("/sim", "Happened", "is paired"));
     EXPECT_EQ(play("SetBattery", g_variant_new("(y)", 17)).error, "");
     EXPECT_EQ(play("SetVersion", g_variant_new("(q)", 0x1b0)).error, "");
-    EXPECT_THAT(SimClient::textOf(play("Status").reply),
+    EXPECT_THAT(kit::textOf(play("Status").reply),
                 testing::AllOf(HasSubstr("'battery': <[byte 0x11]>"), HasSubstr("'connected': <true>"),
                                HasSubstr("'version': <[byte 0xb0, 0x01]>")));
     EXPECT_EQ(play("Leave").error, "");
@@ -259,7 +200,7 @@ TEST_F(TheProgram, PlaysAnEveningWithTheRemote)
     EXPECT_EQ(play("Sleep").error, "");
     EXPECT_EQ(client->get(kDevice, "org.bluez.Device1", "Connected"), "(<false>,)");
     EXPECT_EQ(play("EnterUpdateMode").error, "");
-    EXPECT_THAT(SimClient::textOf(play("Status").reply), HasSubstr("'update-mode': <true>"));
+    EXPECT_THAT(kit::textOf(play("Status").reply), HasSubstr("'update-mode': <true>"));
 }
 
 TEST_F(TheProgram, BendsAndRecords)
@@ -268,12 +209,12 @@ TEST_F(TheProgram, BendsAndRecords)
     const auto bent =
         play("Bend", g_variant_new_parsed("('StartDiscovery', {'error': <'org.bluez.Error.NotReady'>, "
                                           "'message': <'tired'>, 'times': <1>})"));
-    EXPECT_EQ(SimClient::textOf(bent.reply), "(1,)");
+    EXPECT_EQ(kit::textOf(bent.reply), "(1,)");
     EXPECT_EQ(client->call(kAdapter, "org.bluez.Adapter1.StartDiscovery").message, "tired");
     EXPECT_EQ(client->call(kAdapter, "org.bluez.Adapter1.StartDiscovery").error, "");
-    EXPECT_THAT(SimClient::textOf(play("Calls").reply), HasSubstr("'StartDiscovery'"));
+    EXPECT_THAT(kit::textOf(play("Calls").reply), HasSubstr("'StartDiscovery'"));
     EXPECT_EQ(play("ClearCalls").error, "");
-    EXPECT_THAT(SimClient::textOf(play("Calls").reply), testing::Not(HasSubstr("'StartDiscovery'")));
+    EXPECT_THAT(kit::textOf(play("Calls").reply), testing::Not(HasSubstr("'StartDiscovery'")));
     EXPECT_THAT(play("Bend", g_variant_new_parsed("('Pair', {'erorr': <''>})")).message,
                 HasSubstr("\"erorr\" is unknown here"));
     EXPECT_THAT(play("Bend", g_variant_new_parsed("('Pair', {'late': <'soon'>})")).message,
@@ -316,5 +257,5 @@ TEST_F(TheProgram, TakesFaultsOfTheUpdate)
                 HasSubstr("no step"));
     EXPECT_EQ(play("SetUpdateAppearance", g_variant_new_parsed("({'never': <true>},)")).error, "");
     EXPECT_EQ(play("ClearUpdateFaults").error, "");
-    EXPECT_EQ(SimClient::textOf(play("UpdatePackets").reply), "([],)");
+    EXPECT_EQ(kit::textOf(play("UpdatePackets").reply), "([],)");
 }

@@ -8,13 +8,6 @@
 #include <future>
 #include <stdexcept>
 
-namespace
-{
-
-constexpr std::chrono::seconds kLimit = LogRecorder::kLimit;
-
-} // namespace
-
 ABus::ABus()
 {
     GlibMessages::instance().take();
@@ -85,7 +78,7 @@ void ABus::onEventThread(const std::function<void()>& task)
         errand, [](gpointer data) { delete static_cast<Errand*>(data); });
     g_source_attach(source, nullptr);
     g_source_unref(source);
-    if (done.wait_for(kLimit) != std::future_status::ready) {
+    if (done.wait_for(kit::kPatience) != std::future_status::ready) {
         throw std::runtime_error("the event thread doesn't run its loop");
     }
 }
@@ -103,8 +96,7 @@ void ABus::settle()
     // The bus answers in order: with the reply everything that it sent before has been read and queued.
     GVariant* reply = g_dbus_connection_call_sync(
         connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
-        nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(std::chrono::milliseconds(kLimit).count()),
-        nullptr, nullptr);
+        nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(kit::kPatience.count()), nullptr, nullptr);
     ASSERT_NE(reply, nullptr) << "the bus doesn't answer";
     g_variant_unref(reply);
     onEventThread([] {});

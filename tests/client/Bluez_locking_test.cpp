@@ -248,12 +248,12 @@ public:
         mSpy.onCall([this](const GioSpy::Call& call) {
             if (call.function == "g_dbus_proxy_new_sync") {
                 mBegun.set_value();
-                mMayGoOn.get_future().wait_for(LogRecorder::kLimit);
+                mMayGoOn.get_future().wait_for(kit::kPatience);
             }
         });
     }
 
-    bool awaitBegin() { return mBegun.get_future().wait_for(LogRecorder::kLimit) == kReady; }
+    bool awaitBegin() { return mBegun.get_future().wait_for(kit::kPatience) == kReady; }
     void goOn() { mMayGoOn.set_value(); }
 
     /// Runs `task` on a thread of its own. True if it meets the lock on its way, false if it ends before.
@@ -265,10 +265,10 @@ public:
         });
         Race& race = theRace();
         std::unique_lock lock(race.mutex);
-        EXPECT_TRUE(race.news.wait_for(lock, LogRecorder::kLimit, [&] { return race.waits || race.ended; }));
+        EXPECT_TRUE(race.news.wait_for(lock, kit::kPatience, [&] { return race.waits || race.ended; }));
         return !race.ended;
     }
-    bool awaitTask() { return mTask.wait_for(LogRecorder::kLimit) == kReady; }
+    bool awaitTask() { return mTask.wait_for(kit::kPatience) == kReady; }
 
 private:
     static constexpr auto kReady = std::future_status::ready;

@@ -47,13 +47,13 @@ public:
     bool await(const std::string& event, std::size_t times = 1) const
     {
         std::unique_lock lock(mMutex);
-        return mNews.wait_for(lock, LogRecorder::kLimit, [&] { return countLocked(event) >= times; });
+        return mNews.wait_for(lock, kit::kPatience, [&] { return countLocked(event) >= times; });
     }
     /// Waits until there are so many events of any kind.
     bool awaitAny(std::size_t times) const
     {
         std::unique_lock lock(mMutex);
-        return mNews.wait_for(lock, LogRecorder::kLimit, [&] { return mEvents.size() >= times; });
+        return mNews.wait_for(lock, kit::kPatience, [&] { return mEvents.size() >= times; });
     }
     void clear()
     {

@@ -23,7 +23,6 @@ using Rows = std::vector<std::string>;
 constexpr const char* kBegin = "<!-- the exchange of an update -->";
 constexpr const char* kEnd = "<!-- end of the exchange -->";
 constexpr std::size_t kPayloadBytes = 48;
-constexpr std::size_t kCipherBytes = 16;
 
 // The rows between the marks, without the heading and the last column, which is for people.
 Rows documentedExchange()
@@ -68,7 +67,7 @@ std::string row(const UpdatePacket& packet)
                            : packet.channel == UpdatePacket::Channel::ControlPoint ? "control point"
                                                                                    : "data";
     return std::string("| ") + (packet.fromRemote ? "remote" : "daemon") + " | " + endpoint + " | `" +
-           toHex(asDocumented(packet)).substr(1) + "` |";
+           toHex(asDocumented(packet), " ").substr(1) + "` |";
 }
 
 class ARemoteWithItsReadings : public UpdateStory

@@ -8,7 +8,7 @@
 #include <map>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
 
 /// The intervals between things that happen again and again, mostly the blocks
@@ -65,4 +65,4 @@ private:
     int64_t mWholeUs = 0;
 };
 
-} // namespace vexabox
+} // namespace kit

@@ -2,7 +2,7 @@
 // While nothing changes the daemon has nothing to say on the bus.
 
 #include "tests/kit/Box.h"
-#include "tests/kit/BusMonitor.h"
+#include "tests/kit/Bus.h"
 
 #include <gmock/gmock.h>
 

@@ -1,17 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "tests/daemon/UpdateStory.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <memory>
-#include <stdexcept>
 
-namespace vexabox
+namespace kit
 {
 
 namespace
@@ -23,7 +19,6 @@ using vexasim::Bytes;
 using vexasim::UpdatePacket;
 
 constexpr const char* kStatus = "bluetooth_status";
-constexpr std::size_t kCipherBytes = 16;
 constexpr std::size_t kBlockBytes = 20;
 
 bool begins(const std::string& text, const std::string& beginning)
@@ -46,27 +41,10 @@ bool isAboutUpdate(const LogRecord& record)
                        [&record](const std::string& beginning) { return begins(record.text, beginning); });
 }
 
-enum class Direction { Decipher, Encipher }; // as libcrypto numbers them
-
-Bytes cipherBlock(const Bytes& block, const vexasim::UpdateKey& key, Direction direction)
-{
-    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
-                                                                                  &EVP_CIPHER_CTX_free);
-    Bytes result(kCipherBytes);
-    int length = 0;
-    if (EVP_CipherInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr,
-                          static_cast<int>(direction)) != 1 ||
-        EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
-        EVP_CipherUpdate(context.get(), result.data(), &length, block.data(), int{kCipherBytes}) != 1) {
-        throw std::runtime_error("libcrypto has no AES-256-ECB");
-    }
-    return result;
-}
-
 std::string signatureOf(const FirmwareImage& image)
 {
     const Bytes header = image.header();
-    return toHex({header[2], header[3]});
+    return toHex(Bytes{header[2], header[3]}, " ");
 }
 
 } // namespace
@@ -210,7 +188,7 @@ Lines UpdateStory::exchange()
         const char* channel = packet.channel == UpdatePacket::Channel::Switch         ? "switch"
                               : packet.channel == UpdatePacket::Channel::ControlPoint ? "control"
                                                                                       : "data";
-        lines.push_back((packet.fromRemote ? "< " : "> ") + std::string(channel) + toHex(packet.bytes));
+        lines.push_back((packet.fromRemote ? "< " : "> ") + std::string(channel) + toHex(packet.bytes, " "));
     }
     return lines;
 }
@@ -229,45 +207,13 @@ FirmwareImage newerImage(uint16_t words)
     return newerImage(words, std::size_t{4} * words);
 }
 
-vexasim::UpdateKey sharedKey()
-{
-    constexpr char kKeyFile[] = VEXA_OTA_KEY_FILE; // no name if the build has no key of its own
-    const std::string file(kKeyFile);
-    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
-}
-
-Bytes enciphered(const Bytes& plain, const vexasim::UpdateKey& key)
-{
-    return cipherBlock(plain, key, Direction::Encipher);
-}
-
-Bytes deciphered(const Bytes& cipher, const vexasim::UpdateKey& key)
-{
-    return cipherBlock(cipher, key, Direction::Decipher);
-}
-
-std::string toHex(const Bytes& bytes)
-{
-    std::string text;
-    for (const uint8_t byte : bytes) {
-        std::array<char, 4> digits{};
-        std::snprintf(digits.data(), digits.size(), " %02x", byte);
-        text += digits.data();
-    }
-    return text;
-}
-
 Lines dataPackets(const FirmwareImage& image, std::size_t bytes)
 {
     Lines lines;
     for (std::size_t i = 0; i < bytes; i += kBlockBytes) {
         const auto begin = image.payload.begin() + static_cast<std::ptrdiff_t>(i);
-        Bytes block(begin, begin + static_cast<std::ptrdiff_t>(std::min(kBlockBytes, bytes - i)));
-        if (block.size() >= kCipherBytes) {
-            const Bytes cipher = enciphered(Bytes(block.begin(), block.begin() + kCipherBytes));
-            std::copy(cipher.begin(), cipher.end(), block.begin());
-        }
-        lines.push_back("> data" + toHex(block));
+        const Bytes block(begin, begin + static_cast<std::ptrdiff_t>(std::min(kBlockBytes, bytes - i)));
+        lines.push_back("> data" + toHex(onAir(block), " "));
     }
     return lines;
 }
@@ -282,7 +228,7 @@ Lines exchangeUpToData(const FirmwareImage& image)
             "< control 07 00 01",
             "> control 06" + signature,
             "< control 06 00 01 a3 01 00 00 00 00",
-            "> control 01" + toHex(enciphered(plain)),
+            "> control 01" + toHex(enciphered(plain), " "),
             "< control 01 00 01",
             "> control 02" + signature + " 0c 00 00 00"};
 }
@@ -353,4 +299,4 @@ Lines operator+(Lines left, const Lines& right)
     return left;
 }
 
-} // namespace vexabox
+} // namespace kit

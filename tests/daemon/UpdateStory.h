@@ -2,15 +2,16 @@
 #pragma once
 
 #include "tests/kit/Box.h"
-
+#include "tests/kit/Cipher.h"
 #include "tests/kit/FirmwareImage.h"
+#include "tests/kit/Hex.h"
 
 #include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
 
 using Lines = std::vector<std::string>;
@@ -85,15 +86,6 @@ private:
 FirmwareImage newerImage(uint16_t words, std::size_t bytes);
 FirmwareImage newerImage(uint16_t words);
 
-/// The key of this build.
-vexasim::UpdateKey sharedKey();
-/// One block of 16 bytes as libcrypto enciphers it.
-vexasim::Bytes enciphered(const vexasim::Bytes& plain, const vexasim::UpdateKey& key = sharedKey());
-/// And back.
-vexasim::Bytes deciphered(const vexasim::Bytes& cipher, const vexasim::UpdateKey& key = sharedKey());
-/// " 01 a2 ff".
-std::string toHex(const vexasim::Bytes& bytes);
-
 /// What a good remote and the daemon send each other for this image when `bytes`
 /// of its payload are sent in blocks of 20.
 Lines goodExchange(const FirmwareImage& image, std::size_t bytes);
@@ -115,4 +107,4 @@ Lines words(const std::vector<int>& numbers, const Lines& rest);
 
 Lines operator+(Lines left, const Lines& right);
 
-} // namespace vexabox
+} // namespace kit

@@ -2,14 +2,12 @@
 // Runs every example of docs/simulator.md that is marked for it, in order, in
 // one shell against one simulator.
 #include "sim/bluez/PrivateBus.h"
+#include "tests/kit/ChildProcess.h"
+#include "tests/kit/ScratchFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -45,22 +43,21 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 
 TEST(TheManual, HasExamplesThatRun)
 {
-    std::string pattern = testing::TempDir() + "sim_manual_XXXXXX";
-    const std::string folder = mkdtemp(pattern.data());
+    const kit::ScratchFolder scratch;
+    const std::string folder = scratch.path();
     const vexasim::PrivateBus bus;
     std::string script = examples();
     ASSERT_THAT(script, testing::HasSubstr("sim Quit"));
     replaceAll(script, "/tmp/evening", folder);
     replaceAll(script, "build/debug/utils/vexafw/vexafw", VEXAFW_PROGRAM);
     // The simulator that the examples talk to, ready when its first line is there.
-    std::ofstream(folder + "/script")
-        << "set -e\nDBUS_SYSTEM_BUS_ADDRESS=" << bus.address() << "\n"
-        << VEXASIM_PROGRAM << " --address \"$DBUS_SYSTEM_BUS_ADDRESS\" --adc-file " << folder
-        << "/button --tmp " << folder << " > " << folder << "/log &\n"
-        << "until grep -q DBUS " << folder << "/log; do sleep 0.02; done\n"
-        << "set -x\n"
-        << script << "wait\n";
-    const int status = std::system(("bash " + folder + "/script > " + folder + "/said 2>&1").c_str());
-    EXPECT_EQ(WEXITSTATUS(status), 0) << contentOf(folder + "/said");
-    std::filesystem::remove_all(folder);
+    const std::string file = scratch.write(
+        "script", "set -e\nDBUS_SYSTEM_BUS_ADDRESS=" + bus.address() +
+                      "\n" VEXASIM_PROGRAM " --address \"$DBUS_SYSTEM_BUS_ADDRESS\" --adc-file " + folder +
+                      "/button --tmp " + folder + " > " + folder + "/log &\nuntil grep -q DBUS " + folder +
+                      "/log; do sleep 0.02; done\nset -x\n" + script + "wait\n");
+
+    const kit::Outcome outcome = kit::runProgram({"bash", file});
+
+    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
 }

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <iostream>
 
-namespace vexabox
+namespace kit
 {
 
 namespace
@@ -21,22 +21,6 @@ constexpr const char* kFreedesktop = "org.freedesktop.";
 std::string without(const std::string& beginning, const std::string& text)
 {
     return text.compare(0, beginning.size(), beginning) == 0 ? text.substr(beginning.size()) : text;
-}
-
-GDBusConnection* connectTo(const std::string& address)
-{
-    GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (connection == nullptr) {
-        const std::string text = error->message;
-        g_error_free(error);
-        throw std::runtime_error("the box's bus: " + text);
-    }
-    return connection;
 }
 
 bool isOfGDBus(const vexasim::Call& call)
@@ -82,13 +66,7 @@ Box::Box(BoxOptions options) : mOptions(std::move(options))
 {
     mOptions.simulator.busDirectory = runFolder() + "/dbus";
     mSimulator = std::make_unique<vexasim::Simulator>(mOptions.simulator);
-    mAnother = connectTo(mSimulator->busAddress());
-    g_dbus_connection_set_exit_on_close(mAnother, FALSE); // some tests stop the bus
-}
-
-Box::~Box()
-{
-    g_object_unref(mAnother);
+    mAnother = std::make_unique<BusConnection>(mSimulator->busAddress());
 }
 
 void Box::startDaemon(const std::vector<std::string>& arguments)
@@ -214,7 +192,7 @@ bool Box::awaitStatus(const std::string& word)
 
 bool Box::isOfDaemon(const vexasim::Call& call) const
 {
-    return call.sender != g_dbus_connection_get_unique_name(mAnother);
+    return call.sender != mAnother->uniqueName();
 }
 
 bool Box::awaitWaitAt(const std::string& word)
@@ -251,14 +229,7 @@ std::string Box::pathOf(const std::string& uuid)
 
 bool Box::callAsAnother(const std::string& path, const std::string& interface, const std::string& member)
 {
-    GVariant* reply =
-        g_dbus_connection_call_sync(mAnother, "org.bluez", path.c_str(), interface.c_str(), member.c_str(),
-                                    nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (reply == nullptr) {
-        return false;
-    }
-    g_variant_unref(reply);
-    return true;
+    return mAnother->call(path, interface + "." + member).error.empty();
 }
 
 void Box::connectRemote()
@@ -339,4 +310,4 @@ void InABox::TearDown()
     }
 }
 
-} // namespace vexabox
+} // namespace kit

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "tests/kit/Bus.h"
 #include "tests/kit/Room.h"
 
 #include "sim/bluez/Simulator.h"
@@ -13,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
 
 struct BoxOptions {
@@ -33,7 +34,6 @@ class Box : public Room
 {
 public:
     explicit Box(BoxOptions options = {});
-    ~Box() override;
 
     vexasim::Simulator& sim() { return *mSimulator; }
     vexasim::Remote& remote() { return mSimulator->remote(); }
@@ -100,7 +100,7 @@ private:
 
     BoxOptions mOptions;
     std::unique_ptr<vexasim::Simulator> mSimulator;
-    GDBusConnection* mAnother = nullptr;
+    std::unique_ptr<BusConnection> mAnother;
     unsigned mMarkers = 0;
 };
 
@@ -133,14 +133,12 @@ protected:
     Box box;
 };
 
-} // namespace vexabox
+} // namespace kit
 
 /// Awaits a record behind the one awaited last.
 #define EXPECT_LOG(box, level, module, text)                                                                 \
-    EXPECT_TRUE((box).awaitLog(vexabox::level, module, text))                                                \
-        << "no " #level " of " << (module) << ": " << (text)
+    EXPECT_TRUE((box).awaitLog(kit::level, module, text)) << "no " #level " of " << (module) << ": " << (text)
 #define ASSERT_LOG(box, level, module, text)                                                                 \
-    ASSERT_TRUE((box).awaitLog(vexabox::level, module, text))                                                \
-        << "no " #level " of " << (module) << ": " << (text)
+    ASSERT_TRUE((box).awaitLog(kit::level, module, text)) << "no " #level " of " << (module) << ": " << (text)
 /// No such record so far; await something later first.
-#define EXPECT_NO_LOG(box, level, module, text) EXPECT_EQ(0U, (box).countLog(vexabox::level, module, text))
+#define EXPECT_NO_LOG(box, level, module, text) EXPECT_EQ(0U, (box).countLog(kit::level, module, text))

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <thread>
 
-namespace vexabox
+namespace kit
 {
 
 namespace
@@ -105,4 +105,4 @@ void Clock::stepWallClock(std::chrono::microseconds step)
     mPage->wallOffsetUs.fetch_add(step.count());
 }
 
-} // namespace vexabox
+} // namespace kit

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string>
 
-namespace vexabox
+namespace kit
 {
 
 /// The clocks of the program in the box. Only what the program's own code reads
@@ -44,4 +44,4 @@ private:
     ClockPage* mPage = nullptr;
 };
 
-} // namespace vexabox
+} // namespace kit

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace vexabox
+namespace kit
 {
 
 /// The page through which a test moves the clocks of the program in the box:
@@ -21,4 +21,4 @@ struct ClockPage {
 /// Where the program in the box finds the page's file.
 constexpr const char* kClockVariable = "VEXABOX_CLOCK";
 
-} // namespace vexabox
+} // namespace kit

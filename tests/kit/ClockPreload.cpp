@@ -23,7 +23,7 @@
 namespace
 {
 
-using vexabox::ClockPage;
+using kit::ClockPage;
 
 constexpr int64_t kNsPerSecond = 1000000000;
 constexpr int64_t kUsPerSecond = 1000000;
@@ -53,7 +53,7 @@ void findProgram()
 
 __attribute__((constructor)) void setUp()
 {
-    const char* path = getenv(vexabox::kClockVariable);
+    const char* path = getenv(kit::kClockVariable);
     if (path == nullptr) {
         return;
     }

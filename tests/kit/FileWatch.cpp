@@ -14,7 +14,7 @@
 #include <cstring>
 #include <system_error>
 
-namespace vexabox
+namespace kit
 {
 
 const std::string kGone = "(gone)";
@@ -226,4 +226,4 @@ std::string FileWatch::summary() const
     return text;
 }
 
-} // namespace vexabox
+} // namespace kit

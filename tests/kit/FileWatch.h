@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
 
 /// Stands in a file's course for its removal.
@@ -82,4 +82,4 @@ private:
     std::thread mThread;
 };
 
-} // namespace vexabox
+} // namespace kit

@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <vector>
 
+namespace kit
+{
+
 /// A firmware image to be written into a file: any header over any payload.
 struct FirmwareImage {
     std::uint16_t offset = 0x0011;
@@ -51,3 +54,8 @@ struct FirmwareImage {
         return bytes;
     }
 };
+
+} // namespace kit
+
+// Until the rooms name them.
+using kit::FirmwareImage;

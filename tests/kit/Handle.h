@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-namespace vexabox
+namespace kit
 {
 
 /// Owner of a file descriptor.
@@ -52,4 +52,4 @@ inline std::string readAtOnce(const Handle& file)
     return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
 }
 
-} // namespace vexabox
+} // namespace kit

@@ -8,6 +8,9 @@
 #include <string_view>
 #include <vector>
 
+namespace kit
+{
+
 /// The bytes that hexadecimal digits stand for; blanks between them are skipped.
 /// Throws std::invalid_argument on anything else.
 inline std::vector<std::uint8_t> fromHex(std::string_view text)
@@ -28,16 +31,23 @@ inline std::vector<std::uint8_t> fromHex(std::string_view text)
     return bytes;
 }
 
-/// Two lower-case digits for each byte.
+/// Two lower-case digits for each byte, each with `separator` in front.
 template <typename Bytes>
-std::string toHex(const Bytes& bytes)
+std::string toHex(const Bytes& bytes, const char* separator = "")
 {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
     for (const auto value : bytes) {
         const auto byte = static_cast<std::uint8_t>(value); // text has signed ones
+        text += separator;
         text += kDigits[byte >> 4];
         text += kDigits[byte & 15];
     }
     return text;
 }
+
+} // namespace kit
+
+// Until the rooms name them.
+using kit::fromHex;
+using kit::toHex;

@@ -3,8 +3,11 @@
 
 #include <chrono>
 
-namespace vexabox
+namespace kit
 {
+
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kSlowness = 3;
@@ -17,4 +20,6 @@ constexpr int kSlowness = 1;
 /// have failed, never whether.
 constexpr std::chrono::milliseconds kPatience = std::chrono::seconds{30} * kSlowness;
 
-} // namespace vexabox
+} // namespace kit
+
+namespace vexabox = kit; // until the rooms name it

@@ -1,35 +1,32 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/LogRecorder.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <iterator>
 #include <utility>
 
 #include <unistd.h>
 
 #include <glib.h>
 
+namespace kit
+{
+
 namespace
 {
 
-// "    12:34:56.789 E [Bluez:123] text" becomes "E text"; a line that isn't one of the log stays as it is.
-std::string recordFrom(const std::string& line)
+std::string lineOf(const LogRecord& record)
 {
-    constexpr std::size_t kLevel = 17; // behind four blanks, the time and one blank
-    constexpr std::size_t kTag = kLevel + 2;
-    if (line.size() <= kTag || line.compare(0, 4, "    ") != 0 || line[kTag] != '[') {
-        return line;
+    if (record.foreign) {
+        return record.text;
     }
-    const std::size_t colon = line.find(':', kTag);
-    const std::size_t end = line.find("] ", kTag);
-    if (colon == std::string::npos || end == std::string::npos || colon > end) {
-        return line;
-    }
-    const std::string module = line.substr(kTag + 1, colon - kTag - 1);
-    const std::string text = line.substr(end + 2);
-    const std::string level(1, line[kLevel]);
-    return module == "Bluez" ? level + " " + text : level + " [" + module + "] " + text;
+    const std::string level(1, record.level);
+    return record.module == "Bluez" ? level + " " + record.text
+                                    : level + " [" + record.module + "] " + record.text;
+}
+
+LogPredicate is(const std::string& line)
+{
+    return [=](const LogRecord& record) { return lineOf(record) == line; };
 }
 
 } // namespace
@@ -50,62 +47,63 @@ LogRecorder::LogRecorder()
     setvbuf(stderr, nullptr, _IOLBF, BUFSIZ);
 }
 
+LogRecorder& LogRecorder::cleared()
+{
+    instance().clear();
+    return instance();
+}
+
 ssize_t LogRecorder::write(void* recorder, const char* text, std::size_t size)
 {
-    static_cast<LogRecorder*>(recorder)->append(text, size);
+    static_cast<LogRecorder*>(recorder)->mLog.append({text, size});
     return ::write(STDERR_FILENO, text, size) < 0 ? 0 : static_cast<ssize_t>(size);
-}
-
-void LogRecorder::append(const char* text, std::size_t size)
-{
-    const std::lock_guard lock(mMutex);
-    mUnfinished.append(text, size);
-    std::size_t end = 0;
-    while ((end = mUnfinished.find('\n')) != std::string::npos) {
-        mLines.push_back(recordFrom(mUnfinished.substr(0, end)));
-        mUnfinished.erase(0, end + 1);
-    }
-    mNews.notify_all();
-}
-
-void LogRecorder::clear()
-{
-    const std::lock_guard lock(mMutex);
-    mLines.clear();
 }
 
 Lines LogRecorder::lines(const std::string& levels) const
 {
-    const std::lock_guard lock(mMutex);
     Lines wanted;
-    std::copy_if(mLines.begin(), mLines.end(), std::back_inserter(wanted), [&](const std::string& line) {
-        return line.size() > 1 && line[1] == ' ' && levels.find(line[0]) != std::string::npos;
-    });
+    for (const LogRecord& record : mLog.records()) {
+        if (!record.foreign && levels.find(record.level) != std::string::npos) {
+            wanted.push_back(lineOf(record));
+        }
+    }
     return wanted;
+}
+
+Lines LogRecorder::linesOf(const std::string& module, const std::string& levels) const
+{
+    Lines wanted;
+    for (const LogRecord& record : mLog.records()) {
+        if (!record.foreign && record.module == module && levels.find(record.level) != std::string::npos) {
+            wanted.push_back(std::string(1, record.level) + " " + record.text);
+        }
+    }
+    return wanted;
+}
+
+std::string LogRecorder::text() const
+{
+    std::string all;
+    for (const LogRecord& record : mLog.records()) {
+        all += record.raw + "\n";
+    }
+    return all;
 }
 
 std::size_t LogRecorder::count(const std::string& line) const
 {
-    const std::lock_guard lock(mMutex);
-    return countLocked(line);
-}
-
-std::size_t LogRecorder::countLocked(const std::string& line) const
-{
-    return static_cast<std::size_t>(std::count(mLines.begin(), mLines.end(), line));
+    return mLog.count(is(line));
 }
 
 bool LogRecorder::await(const std::string& line, std::size_t times) const
 {
-    std::unique_lock lock(mMutex);
-    return mNews.wait_for(lock, kLimit, [&] { return countLocked(line) >= times; });
+    return mLog.awaitCount(is(line), times);
 }
 
 bool LogRecorder::awaitBeginning(const std::string& beginning) const
 {
-    const auto beginsSo = [&](const std::string& line) { return line.rfind(beginning, 0) == 0; };
-    std::unique_lock lock(mMutex);
-    return mNews.wait_for(lock, kLimit, [&] { return std::any_of(mLines.begin(), mLines.end(), beginsSo); });
+    return mLog.awaitCount([&](const LogRecord& record) { return lineOf(record).rfind(beginning, 0) == 0; },
+                           1);
 }
 
 GlibMessages& GlibMessages::instance()
@@ -144,3 +142,5 @@ Lines GlibMessages::take()
     const std::lock_guard lock(mMutex);
     return std::exchange(mMessages, {});
 }
+
+} // namespace kit

@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <cstddef>
-#include <cstdio>
+#include "tests/kit/Log.h"
+
 #include <mutex>
 #include <string>
 #include <vector>
 
+namespace kit
+{
+
 using Lines = std::vector<std::string>;
 
 /**
- * Reads what the process writes to `stderr`, line by line, as records of the log, and lets a test wait for
- * one. Everything goes on to standard error. The one instance is made before the first message, since the
- * logger reads its environment then, and lives until the process has ended.
+ * Records what the process writes to `stderr` as records of the log, and lets a test wait for one. Everything
+ * goes on to standard error. The one instance is made before the first message, since the logger reads its
+ * environment then, and lives until the process has ended.
  *
  * A record reads "E Not connected": the letter of the level and the text. One that wasn't logged by Bluez.cpp
  * carries its module, too: "E [STBThread] ...".
@@ -22,14 +23,18 @@ using Lines = std::vector<std::string>;
 class LogRecorder
 {
 public:
-    static constexpr std::chrono::seconds kLimit{60};
-
     /// Sets every level and no colours, and takes over `stderr`.
     static LogRecorder& instance();
+    /// The same, cleared.
+    static LogRecorder& cleared();
 
-    void clear();
+    void clear() { mLog.clear(); }
     /// The records of these levels since the last clear().
     Lines lines(const std::string& levels = "EWIDT") const;
+    /// Those of one module, without its name.
+    Lines linesOf(const std::string& module, const std::string& levels = "EWIDT") const;
+    /// Everything since the last clear(), as it was written.
+    std::string text() const;
     std::size_t count(const std::string& line) const;
     /// Waits until the record has been there `times` times; false if the limit passed first.
     bool await(const std::string& line, std::size_t times = 1) const;
@@ -39,13 +44,8 @@ public:
 private:
     LogRecorder();
     static ssize_t write(void* recorder, const char* text, std::size_t size);
-    void append(const char* text, std::size_t size);
-    std::size_t countLocked(const std::string& line) const;
 
-    mutable std::mutex mMutex;
-    mutable std::condition_variable mNews;
-    std::string mUnfinished;
-    Lines mLines;
+    Log mLog;
 };
 
 /**
@@ -66,3 +66,10 @@ private:
     mutable std::mutex mMutex;
     Lines mMessages;
 };
+
+} // namespace kit
+
+// Until the rooms name them.
+using kit::GlibMessages;
+using kit::Lines;
+using kit::LogRecorder;

@@ -4,6 +4,9 @@
 #include <ostream>
 #include <string>
 
+namespace kit
+{
+
 /// The base of a row in a table of cases: its name, by which the row appears among the tests.
 struct NamedCase {
     const char* name;
@@ -12,4 +15,10 @@ struct NamedCase {
 };
 
 /// Names the tests of a table, as the last argument of INSTANTIATE_TEST_SUITE_P.
-constexpr auto named = [](const auto& given) { return std::string(given.param.name); };
+inline constexpr auto named = [](const auto& given) { return std::string(given.param.name); };
+
+} // namespace kit
+
+// Until the rooms name them.
+using kit::named;
+using kit::NamedCase;

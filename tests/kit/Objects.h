@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace vexabox
+namespace kit
 {
 
 // Objects for Simulator::addObject, behind which nothing stands: with the properties that the daemon looks at
@@ -35,4 +35,4 @@ inline vexasim::InterfaceMap characteristicObject(const std::string& uuid, const
               {"Service", g_variant_new_object_path(servicePath.c_str())}}}};
 }
 
-} // namespace vexabox
+} // namespace kit

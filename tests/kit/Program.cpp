@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/Program.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -22,7 +24,7 @@
 #include <stdexcept>
 #include <thread>
 
-namespace vexabox
+namespace kit
 {
 
 namespace
@@ -54,11 +56,69 @@ std::string explain(const Failure& failure)
            std::strerror(failure.error);
 }
 
+/// What a program inherits of the test's own environment.
+constexpr std::array kInherited = {"PATH",         "TZ",           "LD_LIBRARY_PATH",
+                                   "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS",
+                                   "TSAN_OPTIONS", "G_SLICE"};
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr const char* kAsanOptions = ":verify_asan_link_order=0"; // the clock is preloaded before it
+#endif
+
+/// All variables that the program gets, "NAME=value".
+std::vector<std::string> wholeEnvironment(const Environment& extra)
+{
+    Environment all;
+    for (const char* name : kInherited) {
+        if (const char* value = getenv(name)) {
+            all[name] = value;
+        }
+    }
+#ifdef __SANITIZE_ADDRESS__
+    all["ASAN_OPTIONS"] += kAsanOptions;
+#endif
+    for (const auto& [name, value] : extra) {
+        all[name] = value;
+    }
+    std::vector<std::string> list;
+    for (const auto& [name, value] : all) {
+        list.push_back(std::string(name).append("=").append(value));
+    }
+    return list;
+}
+
+bool beginsReport(const LogRecord& record)
+{
+    static const std::array beginnings = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                          "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer",
+                                          ": runtime error: "};
+    return std::any_of(beginnings.begin(), beginnings.end(), [&](const char* beginning) {
+        return record.raw.find(beginning) != std::string::npos;
+    });
+}
+
+/// A sanitizer has found a mistake in the program: whatever the case looks at, it has failed.
+void expectNoReport(const std::vector<LogRecord>& records)
+{
+    auto record = std::find_if(records.begin(), records.end(), beginsReport);
+    if (record == records.end()) {
+        return;
+    }
+    std::string report;
+    for (; record != records.end(); ++record) {
+        report += record->raw + "\n";
+    }
+    ADD_FAILURE() << "the program was caught by a sanitizer:\n" << report;
+}
+
 /// Everything that the new process needs. Made before the fork: other threads
 /// of the test may hold the allocator's lock at that moment.
 struct Launch {
     explicit Launch(const ProgramOptions& options)
-        : path(options.path), texts(options.arguments), mounts(options.mounts), variables(options.environment)
+        : path(options.path),
+          texts(options.arguments),
+          mounts(options.mounts),
+          variables(wholeEnvironment(options.environment))
     {
         texts.insert(texts.begin(), options.path);
         std::transform(texts.begin(), texts.end(), std::back_inserter(arguments),
@@ -142,8 +202,10 @@ void resetSignals()
 [[noreturn]] void become(const Launch& launch)
 {
     setsid(); // a ^C in the terminal is for the tests, not for the program
-    enterNamespace(launch);
-    mountAll(launch);
+    if (!launch.mounts.empty()) {
+        enterNamespace(launch);
+        mountAll(launch);
+    }
     // Behind the namespace: new credentials clear it.
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != launch.parent) {
         fail(launch, Step::Death);
@@ -196,14 +258,6 @@ std::pair<Handle, Handle> makeTerminal()
 
 } // namespace
 
-std::ostream& operator<<(std::ostream& stream, const Exit& exit)
-{
-    if (exit.status) {
-        return stream << "status " << *exit.status;
-    }
-    return stream << "signal " << exit.signal.value_or(0);
-}
-
 Program::Program(const ProgramOptions& options)
 {
     start(options);
@@ -216,6 +270,10 @@ Program::~Program()
         if (!mExit) {
             waitpid(mPid, nullptr, 0);
         }
+    }
+    if (mLog) {
+        mLog->awaitEnd();
+        expectNoReport(mLog->records());
     }
 }
 
@@ -240,11 +298,11 @@ void Program::start(const ProgramOptions& options)
     failureWriter.reset();
     Failure failure{};
     if (read(failureReader.get(), &failure, sizeof failure) == sizeof failure) {
-        awaitExit();
+        awaitDeath(kPatience);
         throw std::runtime_error(explain(failure) + " (" + options.path + ")");
     }
-    mOutput = std::move(outputReader);
-    mErrors = std::move(errorReader);
+    mOutput = std::make_unique<Log>(std::move(outputReader));
+    mLog = std::make_unique<Log>(std::move(errorReader));
 }
 
 void Program::fillErrors() const
@@ -405,24 +463,19 @@ void Program::thaw() const
     kill(mPid, SIGCONT);
 }
 
-void Program::readExit(int status)
-{
-    mExit = WIFEXITED(status) ? Exit::with(WEXITSTATUS(status)) : Exit::by(WTERMSIG(status));
-}
-
 bool Program::running()
 {
     int status = 0;
     if (!mExit && mPid > 0 && waitpid(mPid, &status, WNOHANG) == mPid) {
-        readExit(status);
+        mExit = Exit::of(status);
     }
     return !mExit && mPid > 0;
 }
 
-std::optional<Exit> Program::awaitExit(std::chrono::milliseconds limit)
+bool Program::awaitDeath(std::chrono::milliseconds limit)
 {
     if (!running()) {
-        return mExit;
+        return true;
     }
     const Handle process(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
     require(process.valid(), "pidfd_open");
@@ -432,11 +485,20 @@ std::optional<Exit> Program::awaitExit(std::chrono::milliseconds limit)
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         if (left.count() < 0) {
-            return {};
+            return false;
         }
         ::poll(&watched, 1, static_cast<int>(left.count()) + 1);
+    }
+    return true;
+}
+
+std::optional<Exit> Program::awaitExit(std::chrono::milliseconds limit)
+{
+    if (awaitDeath(limit)) {
+        mLog->awaitEnd();
+        mOutput->awaitEnd();
     }
     return mExit;
 }
 
-} // namespace vexabox
+} // namespace kit

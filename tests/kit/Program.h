@@ -1,43 +1,39 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Handle.h"
+#include "tests/kit/ChildProcess.h"
 #include "tests/kit/Limits.h"
+#include "tests/kit/Log.h"
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <map>
+#include <memory>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
 
-/// How a program ended: by its exit status or by a signal.
-struct Exit {
-    std::optional<int> status;
-    std::optional<int> signal;
-
-    static Exit with(int status) { return {status, {}}; }
-    static Exit by(int signal) { return {{}, signal}; }
-    bool operator==(const Exit& other) const { return status == other.status && signal == other.signal; }
-};
-std::ostream& operator<<(std::ostream& stream, const Exit& exit);
+/// Variables over those that every program gets.
+using Environment = std::map<std::string, std::string>;
 
 struct ProgramOptions {
     std::string path; ///< as seen inside, behind the mounts
     std::vector<std::string> arguments;
-    std::vector<std::string> environment; ///< the whole of it, "NAME=value"
+    Environment environment;
     /// Files and folders outside to be seen at other places inside, bound in this order.
     std::vector<std::pair<std::string, std::string>> mounts;
 };
 
-/// A program in a mount namespace of its own; in a user namespace as well where
-/// the caller may not make one without, with its own user mapped to itself so
-/// that D-Bus knows it. It dies with the thread that started it.
+/// A program that runs beside the test. It dies with the thread that started it. Of the test's own
+/// environment it gets only what every program needs. A sanitizer's report by it fails the case.
+///
+/// If it has mounts it gets a mount namespace of its own; a user namespace as well where the caller may
+/// not make one without, with its own user mapped to itself so that D-Bus knows it.
 ///
 /// Its standard output is a terminal, so that nothing is left in a buffer when
 /// it kills itself; its standard error is a pipe.
@@ -52,9 +48,10 @@ public:
     Program& operator=(const Program&) = delete;
 
     pid_t pid() const { return mPid; }
-    /// The reading ends, for the one who asks first.
-    Handle takeOutput() { return std::move(mOutput); }
-    Handle takeErrors() { return std::move(mErrors); }
+    /// What it writes to its standard error.
+    Log& log() { return *mLog; }
+    /// What it writes to its standard output.
+    Log& output() { return *mOutput; }
 
     /// Fills the pipe behind its standard error with foreign lines.
     void fillErrors() const;
@@ -78,13 +75,13 @@ public:
     /// Stops every thread of it; returns when it stands.
     void freeze() const;
     void thaw() const;
-    /// Nothing if it still runs at the limit.
+    /// Behind everything that it wrote. Nothing if it still runs at the limit.
     std::optional<Exit> awaitExit(std::chrono::milliseconds limit = kPatience);
     bool running();
 
 private:
     void start(const ProgramOptions& options);
-    void readExit(int status);
+    bool awaitDeath(std::chrono::milliseconds limit);
     bool handles(int number) const;
     char mainThreadState() const;
     long mainThreadCall() const;
@@ -98,8 +95,8 @@ private:
 
     pid_t mPid = -1;
     std::optional<Exit> mExit;
-    Handle mOutput;
-    Handle mErrors;
+    std::unique_ptr<Log> mOutput;
+    std::unique_ptr<Log> mLog;
 };
 
-} // namespace vexabox
+} // namespace kit

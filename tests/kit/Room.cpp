@@ -19,9 +19,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include <gtest/gtest.h>
-
-namespace vexabox
+namespace kit
 {
 
 namespace
@@ -34,11 +32,6 @@ constexpr std::size_t kTailLines = 60;
 
 /// The devices that a program may need.
 constexpr std::array kDevices = {"/dev/null", "/dev/zero", "/dev/random", "/dev/urandom"};
-
-/// What a program in a room inherits of the test's own environment.
-constexpr std::array kInherited = {"PATH",         "TZ",           "LD_LIBRARY_PATH",
-                                   "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS",
-                                   "TSAN_OPTIONS", "G_SLICE"};
 
 std::runtime_error systemError(const std::string& what)
 {
@@ -89,10 +82,6 @@ std::string nameOf(const std::string& path)
     return std::filesystem::path(path).filename().string();
 }
 
-#ifdef __SANITIZE_ADDRESS__
-constexpr const char* kAsanOptions = ":verify_asan_link_order=0"; // the clock is preloaded before it
-#endif
-
 /// Where a sanitizer's options name their file of suppressions: its first character and the one behind it.
 std::optional<std::pair<std::size_t, std::size_t>> placeOfSuppressions(const std::string& options)
 {
@@ -103,30 +92,6 @@ std::optional<std::pair<std::size_t, std::size_t>> placeOfSuppressions(const std
     }
     const std::size_t begin = at + key.size() - 1;
     return {{begin, std::min(options.find(':', begin), options.size())}};
-}
-
-bool beginsReport(const LogRecord& record)
-{
-    static const std::array beginnings = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
-                                          "WARNING: ThreadSanitizer", "FATAL: ThreadSanitizer",
-                                          ": runtime error: "};
-    return std::any_of(beginnings.begin(), beginnings.end(), [&](const char* beginning) {
-        return record.raw.find(beginning) != std::string::npos;
-    });
-}
-
-/// A sanitizer has found a mistake in the program: whatever the case looks at, it has failed.
-void expectNoReport(const std::vector<LogRecord>& records)
-{
-    auto record = std::find_if(records.begin(), records.end(), beginsReport);
-    if (record == records.end()) {
-        return;
-    }
-    std::string report;
-    for (; record != records.end(); ++record) {
-        report += record->raw + "\n";
-    }
-    ADD_FAILURE() << "the program in the room was caught by a sanitizer:\n" << report;
 }
 
 } // namespace
@@ -145,45 +110,13 @@ Room::Room() : mFolder(makeFolder())
 
 Room::~Room()
 {
-    endProgram();
+    mProgram.reset();
     mFiles.reset();
     mJanitor.reset();
     waitpid(mJanitorPid, nullptr, 0);
 }
 
 // ---- the program
-
-std::vector<std::string> Room::wholeEnvironment(const Environment& extra) const
-{
-    Environment all;
-    for (const char* name : kInherited) {
-        if (const char* value = getenv(name)) {
-            all[name] = value;
-        }
-    }
-#ifdef __SANITIZE_ADDRESS__
-    all["ASAN_OPTIONS"] += kAsanOptions;
-#endif
-    for (const auto& [name, value] : extra) {
-        all[name] = value;
-    }
-    std::vector<std::string> list;
-    for (const auto& [name, value] : all) {
-        list.push_back(std::string(name).append("=").append(value));
-    }
-    return list;
-}
-
-void Room::endProgram()
-{
-    mProgram.reset();
-    if (mLog) {
-        mLog->awaitEnd();
-        expectNoReport(mLog->records());
-    }
-    mLog.reset();
-    mOutput.reset();
-}
 
 // What the program finds below /run/own, since the build may lie under the /tmp that is hidden.
 std::string Room::showSuppressions(const std::string& options) const
@@ -221,20 +154,14 @@ void Room::launch(ProgramOptions options)
     options.mounts.emplace_back(mFolder + "/class", "/sys/class");
     options.mounts.emplace_back(runFolder(), "/run");
     options.mounts.emplace_back(mFolder + "/tmp", "/tmp");
-    endProgram();
+    mProgram.reset(); // the one of before is ended before this one starts
     mProgram = std::make_unique<Program>(options);
-    mLog = std::make_unique<LogReader>(mProgram->takeErrors());
-    mOutput = std::make_unique<LogReader>(mProgram->takeOutput());
 }
 
 void Room::start(const std::string& path, const std::vector<std::string>& arguments,
                  const Environment& environment)
 {
-    ProgramOptions options;
-    options.path = path;
-    options.arguments = arguments;
-    options.environment = wholeEnvironment(environment);
-    launch(options);
+    launch({path, arguments, environment, {}});
 }
 
 void Room::startOwn(const std::string& path, const std::vector<std::string>& arguments,
@@ -261,7 +188,7 @@ void Room::startOwn(const std::string& path, const std::vector<std::string>& arg
     all[kClockVariable] = "/run/clock";
     options.path = show(path);
     options.arguments = arguments;
-    options.environment = wholeEnvironment(all);
+    options.environment = all;
     launch(options);
 }
 
@@ -358,7 +285,6 @@ std::optional<Exit> Room::awaitExit(std::chrono::milliseconds limit)
 {
     const std::optional<Exit> exit = mProgram->awaitExit(limit);
     if (exit) {
-        mLog->awaitEnd();
         mFiles->sync();
     }
     return exit;
@@ -367,9 +293,9 @@ std::optional<Exit> Room::awaitExit(std::chrono::milliseconds limit)
 std::string Room::describe()
 {
     std::ostringstream text;
-    if (mLog) {
-        text << "  the log's end:\n" << mLog->tail(kTailLines);
-        const std::string output = mOutput->tail(kTailLines);
+    if (mProgram) {
+        text << "  the log's end:\n" << log().tail(kTailLines);
+        const std::string output = this->output().tail(kTailLines);
         text << (output.empty() ? "" : "  standard output:\n" + output);
         const auto exit = mProgram->running() ? std::nullopt : mProgram->awaitExit();
         text << "  the program: ";
@@ -380,4 +306,4 @@ std::string Room::describe()
     return text.str();
 }
 
-} // namespace vexabox
+} // namespace kit

@@ -3,21 +3,16 @@
 
 #include "tests/kit/Clock.h"
 #include "tests/kit/FileWatch.h"
-#include "tests/kit/LogReader.h"
 #include "tests/kit/Program.h"
 
 #include <chrono>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
-
-/// Variables over those that every program in a room gets.
-using Environment = std::map<std::string, std::string>;
 
 /// A place with a /tmp, a /sys/class and a /run of its own for one program. Both
 /// sides see the same files in them. It vanishes with the test, however that ends. A
@@ -51,9 +46,9 @@ public:
     std::string makeDeviceFolder();
 
     Program& program() { return *mProgram; }
-    LogReader& log() { return *mLog; }
+    Log& log() { return mProgram->log(); }
     /// What the program wrote to its standard output.
-    LogReader& output() { return *mOutput; }
+    Log& output() { return mProgram->output(); }
     FileWatch& files() { return *mFiles; }
     Clock& clock() { return *mClock; }
 
@@ -95,9 +90,7 @@ protected:
     std::string runFolder() const { return mFolder + "/run"; }
 
 private:
-    std::vector<std::string> wholeEnvironment(const Environment& extra) const;
     std::string showSuppressions(const std::string& options) const;
-    void endProgram();
     void launch(ProgramOptions options);
 
     std::string mFolder;
@@ -109,8 +102,6 @@ private:
     std::unique_ptr<Clock> mClock;
     std::unique_ptr<FileWatch> mFiles;
     std::unique_ptr<Program> mProgram;
-    std::unique_ptr<LogReader> mLog;
-    std::unique_ptr<LogReader> mOutput;
 };
 
-} // namespace vexabox
+} // namespace kit

@@ -16,7 +16,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;

@@ -11,6 +11,9 @@
 #include <string_view>
 #include <vector>
 
+namespace kit
+{
+
 /// An empty temporary folder that goes with the object.
 class ScratchFolder
 {
@@ -60,3 +63,8 @@ public:
 private:
     std::filesystem::path mPath;
 };
+
+} // namespace kit
+
+// Until the rooms name them.
+using kit::ScratchFolder;

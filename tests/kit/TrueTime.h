@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
 
 // Times of the true clock, in microseconds: how long the daemon paused, seen from outside.
@@ -71,4 +71,4 @@ inline std::int64_t timeOfWaits(Box& box, unsigned count)
         std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start));
 }
 
-} // namespace vexabox
+} // namespace kit

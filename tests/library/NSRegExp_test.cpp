@@ -114,7 +114,7 @@ TEST(AnExpressionThatReportsNoGroups, GivesEmptyStringsInTheirPlaces)
 
 TEST(AnInvalidPattern, IsReportedOnceWhenItIsMade)
 {
-    const Outcome outcome = inChild([] { const NSRegExp expression("(a", REG_EXTENDED); });
+    const kit::Outcome outcome = kit::inChild([] { const NSRegExp expression("(a", REG_EXTENDED); });
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     EXPECT_EQ("NSRegExp: Error while compiling regexp: (a\n", outcome.errors);
@@ -123,7 +123,7 @@ TEST(AnInvalidPattern, IsReportedOnceWhenItIsMade)
 
 TEST(AnInvalidPattern, MatchesNothingSaysSoEachTimeAndLeavesTheGroupsAlone)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         NSRegExp expression("[", REG_EXTENDED);
         Groups groups{"filled", "earlier"};
         EXPECT_FALSE(expression.match("[", groups, 0));
@@ -140,7 +140,7 @@ TEST(AnInvalidPattern, MatchesNothingSaysSoEachTimeAndLeavesTheGroupsAlone)
 
 TEST(AValidPattern, WritesNothing)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         NSRegExp expression("a", REG_EXTENDED);
         Groups groups;
         expression.match("a", groups, 0);

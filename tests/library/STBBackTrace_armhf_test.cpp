@@ -10,7 +10,6 @@
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/NamedCase.h"
-#include "tests/kit/RunProgram.h"
 #include "tests/kit/ScratchFolder.h"
 
 namespace
@@ -22,7 +21,7 @@ constexpr const char* kLibraries = "/usr/arm-linux-gnueabihf";
 
 bool isInstalled(const char* program)
 {
-    return runProgram({program, "--version"}).status == 0;
+    return kit::runProgram({program, "--version"}).exitedWith(0);
 }
 
 struct Frame {
@@ -38,7 +37,7 @@ std::vector<Frame> framesOf(const std::string& trace)
     static const std::regex form(
         R"(0x([0-9a-f]+) (?:- no matching symbol|(\w+) \(\+0x([0-9a-f]+)\) \((.*) at 0x[0-9a-f]+\) ))");
     std::vector<Frame> frames;
-    for (const std::string& line : linesOf(trace)) {
+    for (const std::string& line : kit::linesOf(trace)) {
         std::smatch parts;
         EXPECT_TRUE(std::regex_match(line, parts, form)) << line;
         if (parts.empty()) {
@@ -74,13 +73,13 @@ protected:
     std::string trace()
     {
         const std::string program = mFolder.path("trace");
-        const ProgramResult build = runProgram(
+        const kit::Outcome build = kit::runProgram(
             {kCompiler, "-std=c++17", "-O1", "-funwind-tables", "-rdynamic", GetParam().option,
              "-I" VEXA_LIBRARY "/inc/private", VEXA_LIBRARY "/src/common/STBBackTrace.cpp",
              BACKTRACE_PROGRAM, "-o", program});
-        EXPECT_EQ(0, build.status) << build.errors;
-        const ProgramResult run = runProgram({kEmulator, "-L", kLibraries, program});
-        EXPECT_EQ(0, run.status) << run.errors;
+        EXPECT_TRUE(build.exitedWith(0)) << build;
+        const kit::Outcome run = kit::runProgram({kEmulator, "-L", kLibraries, program});
+        EXPECT_TRUE(run.exitedWith(0)) << run;
         return run.output;
     }
 

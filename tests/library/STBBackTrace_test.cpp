@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 
 #include "tests/kit/ChildProcess.h"
+#include "tests/kit/Handle.h"
 
 // The linker sends the library's calls of this function here (--wrap).
 _Unwind_Ptr realGetIp(_Unwind_Context*) __asm__("__real__Unwind_GetIP");
@@ -61,13 +62,13 @@ TRACED_FUNCTION int hiddenFunction()
 // missing.
 std::string traced(std::uintptr_t address)
 {
-    const int file = memfd_create("trace", 0);
-    std::FILE* stream = fdopen(dup(file), "w");
+    const kit::Handle file(memfd_create("trace", 0));
+    std::FILE* stream = fdopen(dup(file.get()), "w");
     std::setvbuf(stream, nullptr, _IOFBF, BUFSIZ);
     frameAddress = &address;
     EXPECT_EQ(0, STBBackTrace::backtrace_helper(nullptr, stream)); // the walk goes on
     frameAddress = nullptr;
-    const std::string text = takeContent(file);
+    const std::string text = kit::contentOf(file.get());
     std::fclose(stream);
     return text;
 }
@@ -114,18 +115,18 @@ TEST(AFrame, OfAnExportedFunctionHasItsNameItsDistanceAndItsObject)
 
 TEST(AWalk, TracesEachFrameFromTheInnermostOutward)
 {
-    const int file = memfd_create("trace", 0);
-    std::FILE* stream = fdopen(dup(file), "w");
+    const kit::Handle file(memfd_create("trace", 0));
+    std::FILE* stream = fdopen(dup(file.get()), "w");
     EXPECT_GT(outerFunction(stream), 0);
     std::fclose(stream);
-    const std::string text = takeContent(file);
+    const std::string text = kit::contentOf(file.get());
 
     const auto inner = text.find(" innerFunction (+0x");
     const auto outer = text.find(" outerFunction (+0x");
     EXPECT_NE(std::string::npos, inner) << text;
     EXPECT_NE(std::string::npos, outer) << text;
     EXPECT_LT(inner, outer) << text;
-    EXPECT_THAT(linesOf(text).size(), testing::Ge(3U)); // and goes on to main
+    EXPECT_THAT(kit::linesOf(text).size(), testing::Ge(3U)); // and goes on to main
 }
 
 } // namespace

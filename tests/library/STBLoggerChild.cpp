@@ -164,9 +164,9 @@ void say(STBLogLevel level, const std::string& text, const std::string& module)
     STBLogger_log(&params, "", level, 42, ("some/where/" + module + ".cpp").c_str(), "%s", text.c_str());
 }
 
-Outcome withEnvironment(const Environment& environment, const std::function<void()>& body)
+kit::Outcome withEnvironment(const Environment& environment, const std::function<void()>& body)
 {
-    return inChild([&] {
+    return kit::inChild([&] {
         for (const char* suffix : {"SYSLOG", "LEVEL", "LINENUM", "THREAD_ID", "USE_COLORS", "WARN_MODULES",
                                    "INFO_MODULES", "DEBUG_MODULES", "TRACE_MODULES"}) {
             unsetenv((std::string("VEXA_LOG_") + suffix).c_str());
@@ -192,17 +192,17 @@ Environment onSyslogOnly(Environment more)
     return more;
 }
 
-std::vector<std::string> told(const Outcome& outcome)
+std::vector<std::string> told(const kit::Outcome& outcome)
 {
     std::vector<std::string> texts;
-    for (const std::string& line : linesOf(outcome.errors)) {
+    for (const std::string& line : kit::linesOf(outcome.errors)) {
         EXPECT_THAT(line, StartsWith(kHead));
         texts.push_back(line.substr(std::min(line.size(), std::strlen(kHead))));
     }
     return texts;
 }
 
-std::vector<std::string> toldBehindGreeting(const Outcome& outcome)
+std::vector<std::string> toldBehindGreeting(const kit::Outcome& outcome)
 {
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     auto texts = told(outcome);
@@ -213,11 +213,11 @@ std::vector<std::string> toldBehindGreeting(const Outcome& outcome)
     return texts;
 }
 
-std::vector<std::string> sent(const Outcome& outcome)
+std::vector<std::string> sent(const kit::Outcome& outcome)
 {
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     EXPECT_EQ("", outcome.errors);
-    auto records = linesOf(outcome.output);
+    auto records = kit::linesOf(outcome.output);
     EXPECT_GE(records.size(), 3U) << outcome;
     if (records.size() < 3) {
         return records;

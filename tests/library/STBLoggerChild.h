@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/kit/ChildProcess.h"
 #include "STBLogger.h"
+#include "tests/kit/ChildProcess.h"
 
 // Helpers of the logger's tests. A logger's settings are fixed by the first message of a process, so each
 // test logs in a child of its own. There the clock stands still at 12:34:56.789999 UTC, and what goes to
@@ -26,7 +26,7 @@ STBLoggerLogParams daemonParams();
 void say(STBLogLevel level, const std::string& text, const std::string& module = "Bluez");
 
 /// Runs `body` in a process that hasn't logged yet, with these variables of the logger and no others.
-Outcome withEnvironment(const Environment& environment, const std::function<void()>& body);
+kit::Outcome withEnvironment(const Environment& environment, const std::function<void()>& body);
 
 /// Adds to the variables that colours are off.
 Environment plain(Environment more = {});
@@ -35,13 +35,13 @@ Environment plain(Environment more = {});
 Environment onSyslogOnly(Environment more = {});
 
 /// What the lines on standard error say, behind the head that all of them have.
-std::vector<std::string> told(const Outcome& outcome);
+std::vector<std::string> told(const kit::Outcome& outcome);
 
 /// The same without the greeting; expects that the child ended with status 0.
-std::vector<std::string> toldBehindGreeting(const Outcome& outcome);
+std::vector<std::string> toldBehindGreeting(const kit::Outcome& outcome);
 
 /// The records that syslog got behind the greeting; expects that the child ended with status 0.
-std::vector<std::string> sent(const Outcome& outcome);
+std::vector<std::string> sent(const kit::Outcome& outcome);
 
 // --- What happens inside of the library's calls, in this process
 

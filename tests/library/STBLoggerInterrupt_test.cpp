@@ -64,10 +64,10 @@ void handleInterrupt(int signal)
 
 // --- In the test
 
-Steps stepsOf(const Outcome& outcome)
+Steps stepsOf(const kit::Outcome& outcome)
 {
     Steps steps;
-    for (const std::string& line : linesOf(outcome.output)) {
+    for (const std::string& line : kit::linesOf(outcome.output)) {
         if (line.rfind(kStep, 0) == 0) {
             steps.push_back(line.substr(std::string(kStep).size()));
         }
@@ -181,7 +181,7 @@ class AnInterruptWithinAMessage : public testing::TestWithParam<InterruptedStep>
 TEST_P(AnInterruptWithinAMessage, IsHandledBehindItAndTwoStayTwo)
 {
     const Message& message = GetParam().message;
-    const Outcome outcome = withEnvironment(message.environment, [&] {
+    const kit::Outcome outcome = withEnvironment(message.environment, [&] {
         std::signal(SIGINT, handleInterrupt);
         if (!message.isFirst) {
             say(STBLogLevel_eInfo, "first");
@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Table, AnInterruptWithinAMessage, testing::ValuesIn(all
 
 TEST(AnInterruptInTheMakingOfTheRegistry, IsHandledBehindIt)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         std::signal(SIGINT, handleInterrupt);
         onAllocation = [] {
             onAllocation = nullptr;
@@ -223,7 +223,7 @@ TEST(AnInterruptInTheMakingOfTheRegistry, IsHandledBehindIt)
 
 TEST(AnInterruptInTheEndOfTheLoggers, IsHandledBehindItAndLogsNothing)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         std::signal(SIGINT, handleInterrupt);
         say(STBLogLevel_eInfo, "first");
         interruptedStep = 1;
@@ -240,7 +240,7 @@ TEST(AnInterruptInTheEndOfTheLoggers, IsHandledBehindItAndLogsNothing)
 
 TEST(AnInterruptOutsideOfTheLogger, IsHandledAtOnce)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         std::signal(SIGINT, handleInterrupt);
         say(STBLogLevel_eInfo, "first");
         std::raise(SIGINT);
@@ -253,7 +253,7 @@ TEST(AnInterruptOutsideOfTheLogger, IsHandledAtOnce)
 
 TEST(AnInterruptOfAnotherThread, DoesntWaitForTheOneInTheLogger)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         std::signal(SIGINT, handleInterrupt);
         say(STBLogLevel_eInfo, "first");
         onStep = [](const std::string& step) {
@@ -273,7 +273,7 @@ TEST(AnInterruptOfAnotherThread, DoesntWaitForTheOneInTheLogger)
 
 TEST(AHandlerThatDoesntAsk, EndsTheProcessByTheLoggersLock)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         std::signal(SIGINT, [](int) { LOG_WARN("Interrupt!"); });
         say(STBLogLevel_eInfo, "first");
@@ -288,7 +288,7 @@ TEST(AHandlerThatDoesntAsk, EndsTheProcessByTheLoggersLock)
 
 TEST(ANumberThatIsNoSignal, IsNeverDeferred)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         say(STBLogLevel_eInfo, "first");
         onStep = [](const std::string& /*step*/) {
             for (const int number : {-1, 0, NSIG}) {
@@ -309,7 +309,7 @@ TEST(ADroppedMessage, MakesNoSystemCall)
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the thread sanitizer makes system calls of its own";
 #endif
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         std::signal(SIGINT, handleInterrupt);
         say(STBLogLevel_eInfo, "first");
         STBLoggerLogParams params = daemonParams();

@@ -65,7 +65,7 @@ const LogsAllTheTime logsAllTheTime;
 
 TEST(TheFirstMessage, ConstructsTheLoggerUnderTheRegistrysLock)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         std::vector<std::string> trace;
         lockTrace = &trace;
         say(STBLogLevel_eInfo, "text");
@@ -80,7 +80,7 @@ TEST(TheFirstMessage, ConstructsTheLoggerUnderTheRegistrysLock)
 
 TEST(ADroppedMessage, TakesTheRegistrysLockAlone)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         say(STBLogLevel_eInfo, "text");
         std::vector<std::string> trace;
         lockTrace = &trace;
@@ -94,7 +94,7 @@ TEST(ADroppedMessage, TakesTheRegistrysLockAlone)
 
 TEST(AMessageForSyslog, TakesNoLockForTheOutput)
 {
-    const Outcome outcome = withEnvironment(onSyslogOnly(), [] {
+    const kit::Outcome outcome = withEnvironment(onSyslogOnly(), [] {
         say(STBLogLevel_eInfo, "text");
         std::vector<std::string> trace;
         lockTrace = &trace;
@@ -110,7 +110,7 @@ TEST(LinesOfSeveralThreads, DontMix)
 {
     constexpr int kThreads = 4;
     constexpr int kLines = 200;
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         std::vector<std::thread> threads;
         for (int i = 0; i < kThreads; ++i) {
             threads.emplace_back([] {
@@ -131,7 +131,7 @@ TEST(LinesOfSeveralThreads, DontMix)
 
 TEST(AMessageOfAModuleOfTheDaemon, AllocatesNothing)
 {
-    const Outcome outcome = withEnvironment({}, [] {
+    const kit::Outcome outcome = withEnvironment({}, [] {
         STBLoggerLogParams params = daemonParams();
         STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "main.cpp", "first");
         for (const char* file : {"utils/vexabluetoohtd/main.cpp", "utils/vexabluetoohtd/RcuOtaUpdater.cpp",
@@ -163,7 +163,7 @@ void interruptOnce()
 
 TEST(AnInterruptWhileALineIsWritten, CanEndTheProcess)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         std::signal(SIGINT, exitAtOnce);
         say(STBLogLevel_eInfo, "first");
         onClockRead = interruptOnce;
@@ -182,7 +182,7 @@ void logLate()
 
 TEST(AMessageOfALaterExitHandler, IsDroppedInSilence)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         std::atexit(logLate); // before the registry's, so it runs after it
         say(STBLogLevel_eInfo, "in time");
     });
@@ -192,7 +192,7 @@ TEST(AMessageOfALaterExitHandler, IsDroppedInSilence)
 
 TEST(AMessageOfALaterExitHandler, IsDroppedWithSyslogToo)
 {
-    const Outcome outcome = withEnvironment(onSyslogOnly(), [] {
+    const kit::Outcome outcome = withEnvironment(onSyslogOnly(), [] {
         std::atexit(logLate);
         say(STBLogLevel_eInfo, "in time");
     });
@@ -202,7 +202,7 @@ TEST(AMessageOfALaterExitHandler, IsDroppedWithSyslogToo)
 
 TEST(AMessageOfAnEarlierExitHandler, IsWritten)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}}), [] {
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}}), [] {
         say(STBLogLevel_eInfo, "in time");
         std::atexit(logLate);
     });
@@ -213,14 +213,14 @@ TEST(AMessageOfAnEarlierExitHandler, IsWritten)
 
 TEST(StaticObjects, LogInTheirConstructorsAndUntilTheRegistryIsGone)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}, {kStaticsLog, "1"}}), [] {
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}, {kStaticsLog, "1"}}), [] {
         execl("/proc/self/exe", "STBLoggerSafety_test", "--gtest_list_tests", nullptr);
         std::perror("Can't run the test program anew");
         _exit(1);
     });
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
-    const auto lines = linesOf(outcome.errors);
+    const auto lines = kit::linesOf(outcome.errors);
     ASSERT_EQ(3U, lines.size()) << outcome; // one greeting: they all meet the same logger
     EXPECT_THAT(lines[0], testing::EndsWith(kGreeting));
     EXPECT_THAT(lines[1], testing::EndsWith("[STBLoggerSafety_test] early"));
@@ -247,7 +247,7 @@ void letLineGoOn()
 
 TEST(AMessageUnderWay, IsWrittenToItsEndAlthoughTheProcessExits)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         std::atexit(letLineGoOn); // runs after the registry's end
         say(STBLogLevel_eInfo, "first");
         onClockRead = waitInLine;
@@ -267,7 +267,7 @@ TEST(AProcessThatExits, EndsWithItsStatusWhileOtherThreadsLog)
 {
     constexpr int kRounds = 50;
     for (int round = 0; round < kRounds; ++round) {
-        const Outcome outcome = withEnvironment(plain(), [] {
+        const kit::Outcome outcome = withEnvironment(plain(), [] {
             static std::atomic<int> running{0};
             for (int i = 0; i < 2; ++i) {
                 std::thread([] {
@@ -290,7 +290,7 @@ TEST(AProcessThatExits, EndsWithItsStatusWhileAnotherThreadMakesLoggers)
 {
     constexpr int kRounds = 50;
     for (int round = 0; round < kRounds; ++round) {
-        const Outcome outcome = withEnvironment({}, [] {
+        const kit::Outcome outcome = withEnvironment({}, [] {
             static std::atomic<int> made{0};
             say(STBLogLevel_eInfo, "first");
             std::thread([] {

@@ -29,7 +29,7 @@ struct FlagCase : NamedCase {
 class AFlagOfTheEnvironment : public testing::TestWithParam<FlagCase>
 {
 protected:
-    static Outcome logWith(const char* variable, const std::function<void(STBLoggerLogParams&)>& prepare)
+    static kit::Outcome logWith(const char* variable, const std::function<void(STBLoggerLogParams&)>& prepare)
     {
         Environment environment;
         if (GetParam().value != nullptr) {
@@ -49,7 +49,7 @@ protected:
 TEST_P(AFlagOfTheEnvironment, DecidesAboutLineNumbers)
 {
     for (const bool record : {false, true}) {
-        const Outcome outcome =
+        const kit::Outcome outcome =
             logWith("VEXA_LOG_LINENUM", [&](STBLoggerLogParams& params) { params.lineNumbers = record; });
         const bool on = record ? GetParam().onByRecord : GetParam().on;
         EXPECT_THAT(outcome.errors, HasSubstr(on ? " I [Bluez:42] text\n" : " I [Bluez] text\n"));
@@ -59,7 +59,7 @@ TEST_P(AFlagOfTheEnvironment, DecidesAboutLineNumbers)
 TEST_P(AFlagOfTheEnvironment, DecidesAboutTheThreadIdentifier)
 {
     for (const bool record : {false, true}) {
-        const Outcome outcome =
+        const kit::Outcome outcome =
             logWith("VEXA_LOG_THREAD_ID", [&](STBLoggerLogParams& params) { params.threadId = record; });
         const bool on = record ? GetParam().onByRecord : GetParam().on;
         EXPECT_THAT(outcome.errors, HasSubstr(on ? " I 0x" : " I [Bluez] text\n"));
@@ -69,7 +69,7 @@ TEST_P(AFlagOfTheEnvironment, DecidesAboutTheThreadIdentifier)
 TEST_P(AFlagOfTheEnvironment, DecidesAboutColours)
 {
     for (const bool record : {false, true}) {
-        const Outcome outcome =
+        const kit::Outcome outcome =
             logWith("VEXA_LOG_USE_COLORS", [&](STBLoggerLogParams& params) { params.useColors = record; });
         const bool on = record ? GetParam().onByRecord : GetParam().on;
         EXPECT_EQ(on, outcome.errors.find('\x1b') != std::string::npos) << outcome;
@@ -78,7 +78,7 @@ TEST_P(AFlagOfTheEnvironment, DecidesAboutColours)
 
 TEST_P(AFlagOfTheEnvironment, DecidesAboutSyslog)
 {
-    const Outcome outcome = logWith("VEXA_LOG_SYSLOG", [](STBLoggerLogParams&) {});
+    const kit::Outcome outcome = logWith("VEXA_LOG_SYSLOG", [](STBLoggerLogParams&) {});
 
     EXPECT_EQ(GetParam().on, outcome.errors.empty()) << outcome;
     EXPECT_EQ(GetParam().on, !outcome.output.empty()) << outcome;
@@ -106,7 +106,7 @@ class AListOfModules : public testing::TestWithParam<ListCase>
 
 TEST_P(AListOfModules, IsSplitAtCommas)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_TRACE_MODULES", GetParam().list}, {"VEXA_LOG_LINENUM", "0"}}),
                         [] { say(STBLogLevel_eTrace, "dropped", "unnamed"); });
 
@@ -133,12 +133,12 @@ INSTANTIATE_TEST_SUITE_P(Table, AListOfModules, testing::ValuesIn(kAListOfModule
 
 TEST(AModuleInSeveralLists, KeepsTheMostTalkativeLevel)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"},
-                                                   {"VEXA_LOG_WARN_MODULES", "a,b,c,d"},
-                                                   {"VEXA_LOG_INFO_MODULES", "b,c,d"},
-                                                   {"VEXA_LOG_DEBUG_MODULES", "c,d"},
-                                                   {"VEXA_LOG_TRACE_MODULES", "d"}}),
-                                            [] { say(STBLogLevel_eTrace, "dropped"); });
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"},
+                                                        {"VEXA_LOG_WARN_MODULES", "a,b,c,d"},
+                                                        {"VEXA_LOG_INFO_MODULES", "b,c,d"},
+                                                        {"VEXA_LOG_DEBUG_MODULES", "c,d"},
+                                                        {"VEXA_LOG_TRACE_MODULES", "d"}}),
+                                                 [] { say(STBLogLevel_eTrace, "dropped"); });
 
     EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("D Setting loglevel for module 'a' to 'WARN'",
                                                          "D Setting loglevel for module 'b' to 'INFO'",
@@ -148,7 +148,7 @@ TEST(AModuleInSeveralLists, KeepsTheMostTalkativeLevel)
 
 TEST(TheListsOfTheRecord, CountWhereTheEnvironmentHasNone)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}, {"VEXA_LOG_INFO_MODULES", "e"}}), [] {
             STBLoggerLogParams params = daemonParams();
             params.warnModules = "w";
@@ -166,7 +166,7 @@ TEST(TheListsOfTheRecord, CountWhereTheEnvironmentHasNone)
 
 TEST(AnEmptyListInTheEnvironment, ReplacesTheRecordsToo)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_WARN_MODULES", ""}}), [] {
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_WARN_MODULES", ""}}), [] {
         STBLoggerLogParams params = daemonParams();
         params.warnModules = "Bluez";
         STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");
@@ -177,7 +177,7 @@ TEST(AnEmptyListInTheEnvironment, ReplacesTheRecordsToo)
 
 TEST(TheAnnouncementOfAModule, HasALineButNoModuleInItsTag)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_INFO_MODULES", "a"}}), [] { say(STBLogLevel_eTrace, "dropped"); });
 
     EXPECT_THAT(
@@ -189,14 +189,14 @@ TEST(TheAnnouncementOfAModule, HasALineButNoModuleInItsTag)
 
 TEST(TheGreeting, ComesBeforeTheFirstMessageAndHasNoTag)
 {
-    const Outcome outcome = withEnvironment(plain(), [] { say(STBLogLevel_eInfo, "first"); });
+    const kit::Outcome outcome = withEnvironment(plain(), [] { say(STBLogLevel_eInfo, "first"); });
 
     EXPECT_THAT(told(outcome), ElementsAre("I " + kGreeting, "I [Bluez:42] first"));
 }
 
 TEST(TheGreeting, ComesAlsoWhenTheFirstMessageIsDropped)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         say(STBLogLevel_eTrace, "dropped");
         say(STBLogLevel_eTrace, "dropped");
     });
@@ -206,7 +206,7 @@ TEST(TheGreeting, ComesAlsoWhenTheFirstMessageIsDropped)
 
 TEST(TheGreeting, IsSubjectToTheLevelItself)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_LEVEL", "WARN"}}), [] { say(STBLogLevel_eWarn, "first"); });
 
     EXPECT_THAT(told(outcome), ElementsAre("W [Bluez:42] first"));
@@ -214,7 +214,7 @@ TEST(TheGreeting, IsSubjectToTheLevelItself)
 
 TEST(TheFirstRecord, IsTheOneThatCounts)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         say(STBLogLevel_eInfo, "first");
         STBLoggerLogParams other = daemonParams();
         other.prefix = ">>";
@@ -229,7 +229,7 @@ TEST(TheFirstRecord, IsTheOneThatCounts)
 
 TEST(TheEnvironment, IsReadOnceOnly)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         say(STBLogLevel_eInfo, "first");
         setenv("VEXA_LOG_LEVEL", "ERROR", 1);
         setenv("VEXA_LOG_LINENUM", "0", 1);
@@ -241,7 +241,7 @@ TEST(TheEnvironment, IsReadOnceOnly)
 
 TEST(EachApplication, HasALoggerAndVariablesOfItsOwn)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"OTHER_LOG_LEVEL", "ERROR"}, {"OTHER_LOG_USE_COLORS", "0"}}), [] {
             STBLoggerLogParams other = daemonParams();
             other.application = "OTHER";
@@ -265,7 +265,7 @@ class ANull : public testing::TestWithParam<NullCase>
 TEST_P(ANull, IsALogicErrorThatPassesThroughAndLeavesTheLoggerUsable)
 {
     for (const char* level : {"", "INFO"}) { // also where the variable stands in for the default
-        const Outcome outcome = withEnvironment(
+        const kit::Outcome outcome = withEnvironment(
             plain(*level != '\0' ? Environment{{"VEXA_LOG_LEVEL", level}} : Environment{}), [] {
                 STBLoggerLogParams params = daemonParams();
                 const char* module = "";
@@ -281,7 +281,7 @@ TEST_P(ANull, IsALogicErrorThatPassesThroughAndLeavesTheLoggerUsable)
 
 TEST_P(ANull, DoesntHarmTheEndOfTheProcess)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         STBLoggerLogParams params = daemonParams();
         const char* module = "";
         GetParam().spoil(params, module);
@@ -303,7 +303,7 @@ INSTANTIATE_TEST_SUITE_P(Table, ANull, testing::ValuesIn(kANullCases), named);
 
 TEST(AnEmptyPrefix, LeavesTheTimeAtTheHeadOfTheLine)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         STBLoggerLogParams params = daemonParams();
         params.prefix = "";
         STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");
@@ -314,7 +314,7 @@ TEST(AnEmptyPrefix, LeavesTheTimeAtTheHeadOfTheLine)
 
 TEST(APrefixThatLooksLikeAFormat, IsWrittenAsItIs)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         STBLoggerLogParams params = daemonParams();
         params.prefix = "%s%n ";
         STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");
@@ -327,19 +327,19 @@ TEST(APrefixThatLooksLikeAFormat, IsWrittenAsItIs)
 
 TEST(Syslog, IsOpenedWithTheDefaultNameAndClosedAtTheEnd)
 {
-    const Outcome outcome = withEnvironment(onSyslogOnly(), [] { say(STBLogLevel_eInfo, "text"); });
+    const kit::Outcome outcome = withEnvironment(onSyslogOnly(), [] { say(STBLogLevel_eInfo, "text"); });
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
-    EXPECT_THAT(linesOf(outcome.output), ElementsAre("openlog null 3 8", // LOG_PID | LOG_CONS, LOG_USER
+    EXPECT_THAT(kit::linesOf(outcome.output), ElementsAre("openlog null 3 8", // LOG_PID | LOG_CONS, LOG_USER
 
-                                                     "syslog 6 %s <.789 " + kGreeting + ">",
-                                                     "syslog 6 %s <.789 [Bluez:42] text>", "closelog"));
+                                                          "syslog 6 %s <.789 " + kGreeting + ">",
+                                                          "syslog 6 %s <.789 [Bluez:42] text>", "closelog"));
     EXPECT_EQ("", outcome.errors);
 }
 
 TEST(Syslog, IsClosedForEachLoggerThatUsesIt)
 {
-    const Outcome outcome = withEnvironment(onSyslogOnly(), [] {
+    const kit::Outcome outcome = withEnvironment(onSyslogOnly(), [] {
         setenv("SECOND_LOG_SYSLOG", "y", 1);
         for (const char* application : {"VEXA", "SECOND", "THIRD"}) {
             STBLoggerLogParams params = daemonParams();
@@ -349,14 +349,14 @@ TEST(Syslog, IsClosedForEachLoggerThatUsesIt)
     });
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
-    const auto lines = linesOf(outcome.output);
+    const auto lines = kit::linesOf(outcome.output);
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "openlog null 3 8"));
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "closelog"));
 }
 
 TEST(Syslog, IsLeftAloneWhileItIsOff)
 {
-    const Outcome outcome = withEnvironment({}, [] { say(STBLogLevel_eInfo, "text"); });
+    const kit::Outcome outcome = withEnvironment({}, [] { say(STBLogLevel_eInfo, "text"); });
 
     EXPECT_EQ("", outcome.output);
 }
@@ -373,7 +373,7 @@ class APriority : public testing::TestWithParam<PriorityCase>
 
 TEST_P(APriority, FollowsTheLevel)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(onSyslogOnly({{"VEXA_LOG_LEVEL", "TRACE"}}), [] { say(GetParam().level, "text"); });
 
     EXPECT_THAT(sent(outcome), ElementsAre("syslog " + std::to_string(GetParam().priority) + " %s <" +
@@ -403,7 +403,8 @@ class ATextForSyslog : public testing::TestWithParam<SegmentCase>
 
 TEST_P(ATextForSyslog, GoesLineByLine)
 {
-    const Outcome outcome = withEnvironment(onSyslogOnly(), [] { say(STBLogLevel_eInfo, GetParam().text); });
+    const kit::Outcome outcome =
+        withEnvironment(onSyslogOnly(), [] { say(STBLogLevel_eInfo, GetParam().text); });
 
     std::vector<std::string> expected;
     for (const char* record : GetParam().records) {
@@ -429,7 +430,7 @@ INSTANTIATE_TEST_SUITE_P(Table, ATextForSyslog, testing::ValuesIn(kATextForSyslo
 
 TEST(ATextForSyslogWithAThreadIdentifier, HasItBehindTheMilliseconds)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(onSyslogOnly({{"VEXA_LOG_THREAD_ID", "y"}, {"VEXA_LOG_LINENUM", "0"}}),
                         [] { say(STBLogLevel_eInfo, "text"); });
 
@@ -439,7 +440,7 @@ TEST(ATextForSyslogWithAThreadIdentifier, HasItBehindTheMilliseconds)
 
 TEST(ALongTextForSyslog, IsCutTo1023Characters)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(onSyslogOnly(), [] { say(STBLogLevel_eInfo, std::string(5000, 'x')); });
 
     const std::string head = ".789 [Bluez:42] ";
@@ -449,7 +450,7 @@ TEST(ALongTextForSyslog, IsCutTo1023Characters)
 
 TEST(TheUnknownLevelLine, GoesToSyslogIfThatIsOn)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(onSyslogOnly({{"VEXA_LOG_LEVEL", "none"}}), [] { say(STBLogLevel_eInfo, "text"); });
 
     EXPECT_THAT(outcome.output, HasSubstr("Unknown log level: 'NONE', setting to 'INFO'>"));

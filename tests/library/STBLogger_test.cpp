@@ -27,7 +27,7 @@ using testing::HasSubstr;
 TEST(ALineOfTheDaemon, HasTheColourThePrefixTheTimeTheLetterTheTagAndTheText)
 {
     const int line = __LINE__ + 1;
-    const Outcome outcome = withEnvironment({}, [] { LOG_DEBUG("Device %s %s", "/a", "paired"); });
+    const kit::Outcome outcome = withEnvironment({}, [] { LOG_DEBUG("Device %s %s", "/a", "paired"); });
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     EXPECT_EQ("\x1b[34m    12:34:56.789 I " + kGreeting + "\n\x1b[0m" +
@@ -39,7 +39,7 @@ TEST(ALineOfTheDaemon, HasTheColourThePrefixTheTimeTheLetterTheTagAndTheText)
 
 TEST(EachMacro, LogsAtItsLevelWithAndWithoutArguments)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_LEVEL", "TRACE"}, {"VEXA_LOG_LINENUM", "0"}}), [] {
             LOG_ERROR("none");
             LOG_ERROR("one %d", 1);
@@ -63,11 +63,11 @@ TEST(EachMacro, LogsAtItsLevelWithAndWithoutArguments)
 
 TEST(EachLine, IsOutAtOnceAlthoughStandardErrorIsBuffered)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
         for (const char* text : {"first", "second"}) {
             say(STBLogLevel_eInfo, text);
-            const std::string written = takeContent(dup(STDERR_FILENO)); // what the file holds now
+            const std::string written = kit::contentOf(STDERR_FILENO); // what the file holds now
             EXPECT_THAT(written, testing::EndsWith(std::string("] ") + text + "\n"));
         }
     });
@@ -87,7 +87,7 @@ class AMessage : public testing::TestWithParam<ColourCase>
 
 TEST_P(AMessage, HasTheColourAndLetterOfItsLevel)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment({{"VEXA_LOG_LEVEL", "TRACE"}}, [] { say(GetParam().level, "text"); });
 
     const std::string greeting =
@@ -99,7 +99,7 @@ TEST_P(AMessage, HasTheColourAndLetterOfItsLevel)
 
 TEST_P(AMessage, HasNoColourButItsLetterWithColoursOff)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_LEVEL", "TRACE"}}), [] { say(GetParam().level, "text"); });
 
     EXPECT_THAT(toldBehindGreeting(outcome),
@@ -120,7 +120,7 @@ INSTANTIATE_TEST_SUITE_P(Table, AMessage, testing::ValuesIn(kColours), named);
 
 TEST(AMessageAtLevelNone, PassesAtEveryEffectiveLevelWithTwoBlanksBehindTheTime)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_LEVEL", "ERROR"}}), [] { say(STBLogLevel_eNone, "text"); });
 
     EXPECT_EQ("    12:34:56.789  [Bluez:42] text\n", outcome.errors);
@@ -128,7 +128,7 @@ TEST(AMessageAtLevelNone, PassesAtEveryEffectiveLevelWithTwoBlanksBehindTheTime)
 
 TEST(AMessageAboveTheLevels, IsDroppedUnlessItsModuleIsSetAsHighAndThenHasNoLetter)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LEVEL", "TRACE"}}), [] {
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LEVEL", "TRACE"}}), [] {
         STBLoggerLogParams params = daemonParams();
         STBLogger logger(&params);
         const auto six = static_cast<STBLogLevel>(6);
@@ -142,7 +142,7 @@ TEST(AMessageAboveTheLevels, IsDroppedUnlessItsModuleIsSetAsHighAndThenHasNoLett
 
 TEST(ALoggersOwnEntry, TakesTheModuleAsItIs)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         STBLoggerLogParams params = daemonParams();
         STBLogger logger(&params);
         logger.log("", STBLogLevel_eInfo, 42, "some/where/Bluez.cpp", "of nobody");
@@ -154,17 +154,17 @@ TEST(ALoggersOwnEntry, TakesTheModuleAsItIs)
 
 TEST(TheTime, IsLocalAndItsMillisecondsAreTruncated)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         setenv("TZ", "XXX-3", 1);
         say(STBLogLevel_eInfo, "text");
     });
 
-    EXPECT_THAT(linesOf(outcome.errors), testing::Contains("    15:34:56.789 I [Bluez:42] text"));
+    EXPECT_THAT(kit::linesOf(outcome.errors), testing::Contains("    15:34:56.789 I [Bluez:42] text"));
 }
 
 TEST(TheThreadIdentifier, StandsBetweenTheLetterAndTheTag)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_THREAD_ID", "1"}}), [] {
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_THREAD_ID", "1"}}), [] {
         std::printf("%p", reinterpret_cast<void*>(pthread_self())); // NOLINT(performance-no-int-to-ptr)
         say(STBLogLevel_eInfo, "text");
     });
@@ -174,7 +174,7 @@ TEST(TheThreadIdentifier, StandsBetweenTheLetterAndTheTag)
 
 TEST(AModuleThatIsGiven, StandsInTheTagInsteadOfTheFiles)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         STBLoggerLogParams params = daemonParams();
         STBLogger_log(&params, "Given", STBLogLevel_eInfo, 42, "some/where/Bluez.cpp", "text");
     });
@@ -193,7 +193,7 @@ class TheModuleOfAPath : public testing::TestWithParam<PathCase>
 
 TEST_P(TheModuleOfAPath, IsItsBaseName)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         STBLoggerLogParams params = daemonParams();
         STBLogger_log(&params, "", STBLogLevel_eInfo, 42, GetParam().path, "text");
     });
@@ -230,7 +230,7 @@ class TheTag : public testing::TestWithParam<TagCase>
 
 TEST_P(TheTag, ShowsWhatIsKnown)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", GetParam().lineNumbers}}), [] {
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", GetParam().lineNumbers}}), [] {
         STBLoggerLogParams params = daemonParams();
         STBLogger_log(&params, "", STBLogLevel_eInfo, GetParam().line, GetParam().module, "text");
     });
@@ -261,7 +261,7 @@ class TheEndOfALine : public testing::TestWithParam<EndCase>
 
 TEST_P(TheEndOfALine, LosesOneNewlineAtMost)
 {
-    const Outcome outcome = withEnvironment(plain(), [] { say(STBLogLevel_eInfo, GetParam().text); });
+    const kit::Outcome outcome = withEnvironment(plain(), [] { say(STBLogLevel_eInfo, GetParam().text); });
 
     EXPECT_EQ(std::string(kHead) + "I " + kGreeting + "\n" + kHead + "I [Bluez:42] " + GetParam().written,
               outcome.errors);
@@ -284,12 +284,12 @@ class ALongText : public testing::TestWithParam<std::size_t>
 
 TEST_P(ALongText, IsCutTo1023CharactersWithTheHeadAndStillEndsItsLine)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain(), [] { say(STBLogLevel_eInfo, std::string(GetParam(), 'x')); });
 
     const std::string head = std::string(kHead) + "I [Bluez:42] ";
     const std::size_t room = 1023 - head.size();
-    const auto lines = linesOf(outcome.errors);
+    const auto lines = kit::linesOf(outcome.errors);
     ASSERT_EQ(2U, lines.size());
     EXPECT_EQ(head + std::string(std::min(room, GetParam()), 'x'), lines[1]);
     EXPECT_EQ('\n', outcome.errors.back());
@@ -302,9 +302,9 @@ TEST(ATextThatFillsTheBuffer, LosesItsNewlineByTheCutAndNotOnceMore)
 {
     const std::string head = std::string(kHead) + "I [Bluez:42] ";
     const std::string text(1023 - head.size(), 'x');
-    const Outcome outcome = withEnvironment(plain(), [&] { say(STBLogLevel_eInfo, text + "\n\n"); });
+    const kit::Outcome outcome = withEnvironment(plain(), [&] { say(STBLogLevel_eInfo, text + "\n\n"); });
 
-    EXPECT_EQ(head + text, linesOf(outcome.errors).back());
+    EXPECT_EQ(head + text, kit::linesOf(outcome.errors).back());
 }
 
 // --- The filter
@@ -322,8 +322,8 @@ class TheFilter : public testing::TestWithParam<FilterCase>
 
 TEST_P(TheFilter, Decides)
 {
-    const Outcome outcome = withEnvironment(plain(GetParam().environment),
-                                            [] { say(GetParam().level, "the text", GetParam().module); });
+    const kit::Outcome outcome = withEnvironment(
+        plain(GetParam().environment), [] { say(GetParam().level, "the text", GetParam().module); });
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     EXPECT_EQ(GetParam().passes, outcome.errors.find("the text") != std::string::npos) << outcome;
@@ -358,7 +358,7 @@ class TheLevelVariable : public testing::TestWithParam<LevelNameCase>
 
 TEST_P(TheLevelVariable, SetsTheGlobalLevel)
 {
-    const Outcome outcome =
+    const kit::Outcome outcome =
         withEnvironment(plain({{"VEXA_LOG_LEVEL", GetParam().value}, {"VEXA_LOG_LINENUM", "0"}}), [] {
             std::fprintf(stderr, "%sstart\n", kHead);
             for (const STBLogLevel level : {STBLogLevel_eError, STBLogLevel_eWarn, STBLogLevel_eInfo,
@@ -402,12 +402,12 @@ class AnUnknownLevel : public testing::TestWithParam<UnknownLevelCase>
 
 TEST_P(AnUnknownLevel, IsReportedInUpperCaseAndMeansInfo)
 {
-    const Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LEVEL", GetParam().value}}), [] {
+    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LEVEL", GetParam().value}}), [] {
         say(STBLogLevel_eDebug, "dropped");
         say(STBLogLevel_eInfo, "passed");
     });
 
-    const auto lines = linesOf(outcome.errors);
+    const auto lines = kit::linesOf(outcome.errors);
     ASSERT_EQ(3U, lines.size()) << outcome;
     // The colours are still those of the record here, and the tag has a line but no module.
     EXPECT_THAT(lines[0],
@@ -429,7 +429,7 @@ INSTANTIATE_TEST_SUITE_P(Table, AnUnknownLevel, testing::ValuesIn(kUnknownLevels
 
 TEST(AnUnknownDefaultLevel, IsReportedToo)
 {
-    const Outcome outcome = withEnvironment(plain(), [] {
+    const kit::Outcome outcome = withEnvironment(plain(), [] {
         STBLoggerLogParams params = daemonParams();
         params.defaultLevel = "loud";
         STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/library/PthreadCalls.h"
-#include "tests/kit/Worker.h"
+#include "tests/library/Worker.h"
 
 namespace
 {

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/library/PthreadCalls.h"
-#include "tests/kit/Worker.h"
+#include "tests/library/Worker.h"
 
 namespace
 {
@@ -60,7 +60,7 @@ TEST(ASleep, IsShortenedByAStepOfTheWallClockForward)
     clockAheadUs = 0;
     worker.stopThread();
 
-    EXPECT_LT(slept, kSoon);
+    EXPECT_LT(slept, kit::kPatience);
 }
 
 TEST(ASleep, IsLengthenedByAStepOfTheWallClockBack)
@@ -101,7 +101,7 @@ std::future<void> sleeperOf(Worker& worker)
         sleeping->set_value();
     };
     auto sleeper = std::async(std::launch::async, [&worker] { worker.sleepMs(kLongMs); });
-    EXPECT_EQ(std::future_status::ready, asleep.get_future().wait_for(kSoon));
+    EXPECT_EQ(std::future_status::ready, asleep.get_future().wait_for(kit::kPatience));
     return sleeper;
 }
 
@@ -112,7 +112,7 @@ TEST(ASleep, IsEndedByAStop)
     auto sleeper = sleeperOf(worker);
     worker.stopThread();
 
-    EXPECT_EQ(std::future_status::ready, sleeper.wait_for(kSoon));
+    EXPECT_EQ(std::future_status::ready, sleeper.wait_for(kit::kPatience));
 }
 
 TEST(ASleep, IsEndedByANotify)
@@ -138,7 +138,7 @@ TEST(AStop, EndsAllSleeps)
     worker.stopThread();
 
     for (auto& sleeper : sleepers) {
-        EXPECT_EQ(std::future_status::ready, sleeper.wait_for(kSoon));
+        EXPECT_EQ(std::future_status::ready, sleeper.wait_for(kit::kPatience));
     }
 }
 

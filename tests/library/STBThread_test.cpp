@@ -21,7 +21,7 @@
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/library/PthreadCalls.h"
-#include "tests/kit/Worker.h"
+#include "tests/library/Worker.h"
 
 namespace
 {
@@ -52,9 +52,9 @@ std::string addressOf(const STBThread& thread)
 }
 
 // The lines that the child logged, without the greeting.
-std::vector<std::string> logged(const Outcome& outcome)
+std::vector<std::string> logged(const kit::Outcome& outcome)
 {
-    auto lines = linesOf(outcome.errors);
+    auto lines = kit::linesOf(outcome.errors);
     if (!lines.empty()) {
         EXPECT_THAT(lines.front(), HasSubstr("Logger for application"));
         lines.erase(lines.begin());
@@ -62,9 +62,9 @@ std::vector<std::string> logged(const Outcome& outcome)
     return lines;
 }
 
-Outcome inPlainChild(const std::function<void()>& body)
+kit::Outcome inPlainChild(const std::function<void()>& body)
 {
-    return inChild([&] {
+    return kit::inChild([&] {
         setenv("VEXA_LOG_USE_COLORS", "0", 1);
         body();
     });
@@ -120,7 +120,7 @@ TEST(AThread, StaysUnnamed)
 
 TEST(AThreadThatRuns, RefusesAnotherStartAndGoesOn)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Worker worker(sleepUntilStopped);
         worker.startThread(nullptr);
         worker.startThread(nullptr);
@@ -138,7 +138,7 @@ TEST(AThreadThatRuns, RefusesAnotherStartAndGoesOn)
 
 TEST(AThreadThatRuns, TakesTheListenerOfARefusedStart)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Listener first;
         Listener second;
         Worker worker(sleepUntilStopped);
@@ -154,7 +154,7 @@ TEST(AThreadThatRuns, TakesTheListenerOfARefusedStart)
 
 TEST(AThreadThatRuns, LosesItsListenerByARefusedStartWithoutOne)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Listener listener;
         Worker worker(sleepUntilStopped);
         worker.startThread(&listener);
@@ -168,7 +168,7 @@ TEST(AThreadThatRuns, LosesItsListenerByARefusedStartWithoutOne)
 
 TEST(AThreadThatCantBeMade, EndsTheProcess)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         Worker worker;
         injectedResult = 11; // EAGAIN
@@ -200,7 +200,7 @@ TEST(AListener, HearsOnTheEndingThreadThatTheBodyHasReturned)
 
 TEST(ABodyThatHasReturned, LeavesTheThreadMarkedAsRunning)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Event done;
         class Signaller : public STBThread::OnThreadCompletedListener
         {
@@ -238,18 +238,18 @@ TEST(AStop, ClearsTheRunningMarkAndAwaitsTheBodyWithoutALimit)
     worker.startThread(nullptr);
     onJoin = [] { joining.set_value(); };
     auto stop = std::async(std::launch::async, [&] { worker.stopThread(); });
-    ASSERT_EQ(std::future_status::ready, joining.get_future().wait_for(kSoon));
+    ASSERT_EQ(std::future_status::ready, joining.get_future().wait_for(kit::kPatience));
     onJoin = nullptr;
 
     EXPECT_FALSE(worker.isRunning());
     EXPECT_EQ(std::future_status::timeout, stop.wait_for(std::chrono::milliseconds(50)));
     release.set_value();
-    EXPECT_EQ(std::future_status::ready, stop.wait_for(kSoon));
+    EXPECT_EQ(std::future_status::ready, stop.wait_for(kit::kPatience));
 }
 
 TEST(AStopThatWaits, BlocksOtherStartsAndStopsButNoSleepAndNoNotify)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         static std::promise<void> joining;
         std::promise<void> release;
         auto released = release.get_future();
@@ -264,7 +264,7 @@ TEST(AStopThatWaits, BlocksOtherStartsAndStopsButNoSleepAndNoNotify)
             joining.set_value();
         };
         auto stop = std::async(std::launch::async, [&] { worker.stopThread(); });
-        ASSERT_EQ(std::future_status::ready, joining.get_future().wait_for(kSoon));
+        ASSERT_EQ(std::future_status::ready, joining.get_future().wait_for(kit::kPatience));
 
         worker.sleepMs(kLongMs); // at once: it isn't meant to run any more
         worker.notify();
@@ -274,9 +274,9 @@ TEST(AStopThatWaits, BlocksOtherStartsAndStopsButNoSleepAndNoNotify)
         EXPECT_EQ(std::future_status::timeout, otherStart.wait_for(std::chrono::milliseconds(50)));
 
         release.set_value();
-        EXPECT_EQ(std::future_status::ready, stop.wait_for(kSoon));
-        EXPECT_EQ(std::future_status::ready, otherStop.wait_for(kSoon));
-        EXPECT_EQ(std::future_status::ready, otherStart.wait_for(kSoon));
+        EXPECT_EQ(std::future_status::ready, stop.wait_for(kit::kPatience));
+        EXPECT_EQ(std::future_status::ready, otherStop.wait_for(kit::kPatience));
+        EXPECT_EQ(std::future_status::ready, otherStart.wait_for(kit::kPatience));
     });
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
@@ -284,7 +284,7 @@ TEST(AStopThatWaits, BlocksOtherStartsAndStopsButNoSleepAndNoNotify)
 
 TEST(AThreadThatWasNeverStarted, LogsAStop)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Worker worker;
         std::printf("%s", addressOf(worker).c_str());
         worker.stopThread();
@@ -297,7 +297,7 @@ TEST(AThreadThatWasNeverStarted, LogsAStop)
 
 TEST(AThreadThatWasNeverStarted, IsDestroyedWithoutAMessage)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         class Silent : public STBThread
         {
         public:
@@ -312,7 +312,7 @@ TEST(AThreadThatWasNeverStarted, IsDestroyedWithoutAMessage)
 
 TEST(AThreadThatWasStopped, LogsAnotherStop)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Worker worker(sleepUntilStopped);
         worker.startThread(nullptr);
         worker.stopThread();
@@ -340,7 +340,7 @@ TEST(AThreadThatWasStopped, CanBeStartedAgain)
 
 TEST(AThreadThatStopsItself, IsIdleAfterwardsAlthoughItCouldntBeJoined)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Event stopped;
         std::promise<void> release;
         auto released = release.get_future();
@@ -377,7 +377,7 @@ TEST(AThreadThatStopsItself, IsIdleAfterwardsAlthoughItCouldntBeJoined)
 
 TEST(TheDestructor, JoinsAThreadWhoseBodyHasReturnedWithoutAMessage)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         class Ends : public STBThread
         {
         public:
@@ -400,7 +400,7 @@ TEST(TheDestructor, JoinsAThreadWhoseBodyHasReturnedWithoutAMessage)
 
 TEST(EachSecondName, DoesTheSame)
 {
-    const Outcome outcome = inPlainChild([] {
+    const kit::Outcome outcome = inPlainChild([] {
         Listener listener;
         Worker worker(sleepUntilStopped);
         worker.start(&listener);

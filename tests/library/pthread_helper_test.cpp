@@ -209,7 +209,7 @@ class ACall : public testing::TestWithParam<CallCase>
 
 TEST_P(ACall, PassesOrEndsTheProcessByItsResult)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         GetParam().prepare();
         injectedResult = GetParam().result;
@@ -227,7 +227,7 @@ TEST_P(ACall, PassesOrEndsTheProcessByItsResult)
         return;
     }
     EXPECT_TRUE(outcome.killedBy(SIGKILL)) << outcome;
-    const auto lines = linesOf(outcome.output);
+    const auto lines = kit::linesOf(outcome.output);
     ASSERT_EQ(4U, lines.size()) << outcome;
     EXPECT_EQ(kBanner, lines[0]);
     EXPECT_EQ(kBanner, lines[2]);
@@ -269,7 +269,7 @@ TEST(ACond, HasDefaultAttributesAndNothingElse)
 
 TEST(ALock, EndsTheProcessIfItsHolderTakesItAgain)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         mutex lock;
         lockTwice(lock);
@@ -281,7 +281,7 @@ TEST(ALock, EndsTheProcessIfItsHolderTakesItAgain)
 
 TEST(ALock, EndsTheProcessIfItIsDestroyedWhileItIsHeld)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         auto lock = std::make_unique<mutex>();
         lock->lock();
@@ -294,7 +294,7 @@ TEST(ALock, EndsTheProcessIfItIsDestroyedWhileItIsHeld)
 
 TEST(ALock, CanBeUnlockedTwiceWithoutAMessage)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         mutex lock;
         lock.lock();
         lock.unlock();
@@ -352,7 +352,7 @@ TEST(AScopedLock, HoldsTheMutexForItsScope)
 
 TEST(AScopedLock, EndsWithoutAMessageIfItsScopeHasUnlocked)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         mutex lock;
         {
             const scoped_lock guard(lock);
@@ -538,13 +538,13 @@ TEST(TheRecordOfAThread, HasAnEntryThatReturnsNull)
 
 TEST(TheFatalPath, TracesTheStackOnStandardErrorWithTheNamesOfExportedFunctions)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         mutex lock;
         lockTwice(lock);
     });
 
-    const auto lines = linesOf(outcome.errors);
+    const auto lines = kit::linesOf(outcome.errors);
     EXPECT_THAT(
         lines,
         testing::Contains(testing::ContainsRegex(
@@ -557,7 +557,7 @@ TEST(TheFatalPath, TracesTheStackOnStandardErrorWithTheNamesOfExportedFunctions)
 
 TEST(TheFatalPath, DoesntUseTheLogger)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         setenv("VEXA_LOG_LEVEL", "TRACE", 1);
         mutex lock;
         lockTwice(lock);
@@ -568,7 +568,7 @@ TEST(TheFatalPath, DoesntUseTheLogger)
 
 TEST(TheFatalPath, DoesntFlushStandardOutputButTheStack)
 {
-    const Outcome outcome = inChild([] {
+    const kit::Outcome outcome = kit::inChild([] {
         std::setvbuf(stdout, nullptr, _IOFBF, 65536);
         mutex lock;
         lockTwice(lock);

@@ -19,8 +19,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tests/kit/ChildProcess.h"
 #include "tests/kit/Hex.h"
-#include "tests/kit/RunProgram.h"
 #include "tests/kit/ScratchFolder.h"
 
 namespace
@@ -69,7 +69,7 @@ bool reveals(const std::string& text, const std::string& key)
 }
 
 /// All that the program said, without the line breaks that cmake puts into its messages.
-std::string saidBy(const ProgramResult& result)
+std::string saidBy(const kit::Outcome& result)
 {
     return std::regex_replace(result.output + result.errors, std::regex{"\\s+"}, " ");
 }
@@ -92,8 +92,8 @@ class TheKeyFile : public testing::Test
 {
 protected:
     /// Runs the module's choice of a key in a script of its own.
-    ProgramResult choose(const std::string& keyFile, bool requireOwn = false,
-                         std::vector<std::string> runner = {}) const
+    kit::Outcome choose(const std::string& keyFile, bool requireOwn = false,
+                        std::vector<std::string> runner = {}) const
     {
         const std::string script = mFolder.write(
             "script.cmake", "cmake_minimum_required(VERSION 3.25)\ninclude(\"" VEXA_KEY_MODULE "\")\n"
@@ -101,7 +101,7 @@ protected:
                                 keyFile + "\" " + (requireOwn ? "ON" : "OFF") + " \"" +
                                 mFolder.path("key.cpp") + "\")\n");
         runner.insert(runner.end(), {VEXA_CMAKE, "-P", script});
-        return runProgram(runner);
+        return kit::runProgram(runner);
     }
 
     /// The key that the generated source defines, as lower-case digits.
@@ -126,7 +126,7 @@ TEST_F(TheKeyFile, GivesItsBytesInTheirOrder)
 {
     const auto result = choose(mFolder.write("key", kOwnKey));
 
-    EXPECT_EQ(0, result.status) << result.errors;
+    EXPECT_TRUE(result.exitedWith(0)) << result;
     EXPECT_EQ(kOwnKey, chosenKey());
     EXPECT_THAT(saidBy(result), HasSubstr("Over-the-air key: from " + mFolder.path("key")));
     EXPECT_FALSE(reveals(saidBy(result), kOwnKey));
@@ -137,7 +137,7 @@ TEST_F(TheKeyFile, MayHaveBlanksAroundTheDigitsAndEitherCase)
     const std::string upper = upperCase(kOwnKey);
     for (const auto& content : {std::string{kOwnKey} + "\n", std::string{kOwnKey} + "\r\n", upper,
                                 " \t\n " + upper.substr(0, 32) + std::string{kOwnKey}.substr(32) + " \n\n"}) {
-        EXPECT_EQ(0, choose(mFolder.write("key", content)).status);
+        EXPECT_TRUE(choose(mFolder.write("key", content)).exitedWith(0));
         EXPECT_EQ(kOwnKey, chosenKey());
         fs::remove(mFolder.path("key.cpp"));
     }
@@ -145,7 +145,7 @@ TEST_F(TheKeyFile, MayHaveBlanksAroundTheDigitsAndEitherCase)
 
 TEST_F(TheKeyFile, MayHaveAnyName)
 {
-    EXPECT_EQ(0, choose(mFolder.write("the key; of the product $x", kOwnKey)).status);
+    EXPECT_TRUE(choose(mFolder.write("the key; of the product $x", kOwnKey)).exitedWith(0));
     EXPECT_EQ(kOwnKey, chosenKey());
 }
 
@@ -190,7 +190,7 @@ TEST_P(AMalformedKeyFile, IsRefusedWithoutShowingWhatItHolds)
 
     const auto result = choose(file);
 
-    EXPECT_NE(0, result.status);
+    EXPECT_FALSE(result.exitedWith(0));
     const std::string message = saidBy(result);
     EXPECT_THAT(message, HasSubstr("Over-the-air key: " + file));
     EXPECT_THAT(message, HasSubstr(GetParam().word));
@@ -205,11 +205,11 @@ INSTANTIATE_TEST_SUITE_P(With, AMalformedKeyFile, testing::ValuesIn(kMalformed),
 TEST_F(TheKeyFile, ThatIsMissingOrAFolderIsRefused)
 {
     const auto missing = choose(mFolder.path("none"));
-    EXPECT_NE(0, missing.status);
+    EXPECT_FALSE(missing.exitedWith(0));
     EXPECT_THAT(saidBy(missing), HasSubstr(mFolder.path("none") + " doesn't exist or can't be read"));
 
     const auto folder = choose(mFolder.path());
-    EXPECT_NE(0, folder.status);
+    EXPECT_FALSE(folder.exitedWith(0));
     EXPECT_THAT(saidBy(folder), HasSubstr("is a folder"));
     EXPECT_TRUE(nothingWritten());
 }
@@ -227,7 +227,7 @@ TEST_F(TheKeyFile, ThatCannotBeReadIsRefused)
 
     const auto result = choose(file, false, runner);
 
-    EXPECT_NE(0, result.status);
+    EXPECT_FALSE(result.exitedWith(0));
     EXPECT_THAT(saidBy(result), HasSubstr(file + " doesn't exist or can't be read"));
     EXPECT_TRUE(nothingWritten());
 }
@@ -236,7 +236,7 @@ TEST_F(TheKeyFile, ThatIsNotGivenMeansTheDevelopmentKeyAndSaysSo)
 {
     const auto result = choose("");
 
-    EXPECT_EQ(0, result.status);
+    EXPECT_TRUE(result.exitedWith(0));
     EXPECT_EQ(kDevelopmentKey, chosenKey());
     EXPECT_THAT(saidBy(result), HasSubstr("PUBLISHED DEVELOPMENT KEY"));
 }
@@ -245,7 +245,7 @@ TEST_F(TheKeyFile, ThatHoldsTheDevelopmentKeySaysSoToo)
 {
     const auto result = choose(mFolder.write("key", upperCase(kDevelopmentKey)));
 
-    EXPECT_EQ(0, result.status);
+    EXPECT_TRUE(result.exitedWith(0));
     EXPECT_EQ(kDevelopmentKey, chosenKey());
     EXPECT_THAT(saidBy(result), HasSubstr("PUBLISHED DEVELOPMENT KEY"));
 }
@@ -253,16 +253,16 @@ TEST_F(TheKeyFile, ThatHoldsTheDevelopmentKeySaysSoToo)
 TEST_F(TheKeyFile, MustBeGivenAndItsOwnForARelease)
 {
     const auto none = choose("", true);
-    EXPECT_NE(0, none.status);
+    EXPECT_FALSE(none.exitedWith(0));
     EXPECT_THAT(saidBy(none), HasSubstr("VEXA_OTA_KEY_FILE"));
     EXPECT_TRUE(nothingWritten());
 
     const auto development = choose(mFolder.write("key", upperCase(kDevelopmentKey) + "\n"), true);
-    EXPECT_NE(0, development.status);
+    EXPECT_FALSE(development.exitedWith(0));
     EXPECT_THAT(saidBy(development), HasSubstr("published development key"));
     EXPECT_TRUE(nothingWritten());
 
-    EXPECT_EQ(0, choose(mFolder.write("key", kOwnKey), true).status);
+    EXPECT_TRUE(choose(mFolder.write("key", kOwnKey), true).exitedWith(0));
     EXPECT_EQ(kOwnKey, chosenKey());
 }
 
@@ -272,11 +272,11 @@ TEST_F(TheKeyFile, MakesASourceThatOnlyItsOwnerCanRead)
     const std::string source = mFolder.path("key.cpp");
     const mode_t former = umask(0);
 
-    EXPECT_EQ(0, choose(file).status);
+    EXPECT_TRUE(choose(file).exitedWith(0));
     EXPECT_EQ(mode_t{0600}, modeOf(source));
 
     fs::permissions(source, static_cast<fs::perms>(0644));
-    EXPECT_EQ(0, choose(file).status);
+    EXPECT_TRUE(choose(file).exitedWith(0));
     EXPECT_EQ(mode_t{0600}, modeOf(source)) << "of an older build, opened to others";
     umask(former);
 }
@@ -284,14 +284,14 @@ TEST_F(TheKeyFile, MakesASourceThatOnlyItsOwnerCanRead)
 TEST_F(TheKeyFile, MakesTheSourceAnewOnlyWhenTheKeyChanges)
 {
     const std::string source = mFolder.path("key.cpp");
-    EXPECT_EQ(0, choose(mFolder.write("key", kOwnKey)).status);
+    EXPECT_TRUE(choose(mFolder.write("key", kOwnKey)).exitedWith(0));
     const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours{1};
     fs::last_write_time(source, longAgo);
 
-    EXPECT_EQ(0, choose(mFolder.write("key", upperCase(kOwnKey) + "\n")).status);
+    EXPECT_TRUE(choose(mFolder.write("key", upperCase(kOwnKey) + "\n")).exitedWith(0));
     EXPECT_EQ(longAgo, fs::last_write_time(source));
 
-    EXPECT_EQ(0, choose("").status);
+    EXPECT_TRUE(choose("").exitedWith(0));
     EXPECT_NE(longAgo, fs::last_write_time(source));
     EXPECT_EQ(kDevelopmentKey, chosenKey());
 }
@@ -309,7 +309,7 @@ protected:
         }
     }
 
-    ProgramResult configure(const std::string& preset, const std::vector<std::string>& options) const
+    kit::Outcome configure(const std::string& preset, const std::vector<std::string>& options) const
     {
         std::vector<std::string> command{VEXA_CMAKE,  "--preset", preset,  "-S",
                                          VEXA_SOURCE, "-B",       build(), "-DVEXA_DEVELOPMENT=OFF"};
@@ -317,14 +317,14 @@ protected:
         // Presets are looked for where the command runs.
         const fs::path before = fs::current_path();
         fs::current_path(VEXA_SOURCE);
-        auto result = runProgram(command);
+        auto result = kit::runProgram(command);
         fs::current_path(before);
         return result;
     }
 
-    ProgramResult make(const std::string& target) const
+    kit::Outcome make(const std::string& target) const
     {
-        return runProgram({VEXA_CMAKE, "--build", build(), "--target", target, "--verbose"});
+        return kit::runProgram({VEXA_CMAKE, "--build", build(), "--target", target, "--verbose"});
     }
 
     std::string build() const { return mFolder.path("build"); }
@@ -358,7 +358,7 @@ TEST_F(TheProject, KeepsTheKeyInItsGeneratedSourceAndTheObjectMadeOfIt)
     const std::string file = mFolder.write("key", std::string{kOwnKey} + "\n");
     const auto configured =
         configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + file, "-DCMAKE_CXX_COMPILER_LAUNCHER=env"});
-    ASSERT_EQ(0, configured.status) << configured.output << configured.errors;
+    ASSERT_TRUE(configured.exitedWith(0)) << configured;
     EXPECT_FALSE(reveals(configured.output + configured.errors, kOwnKey));
     EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeySource))
         << "neither the cache, nor a log, nor compile_commands.json";
@@ -366,7 +366,7 @@ TEST_F(TheProject, KeepsTheKeyInItsGeneratedSourceAndTheObjectMadeOfIt)
     EXPECT_EQ(mode_t{0700}, modeOf(fs::path(build() + "/" + kKeySource).parent_path()));
 
     const auto made = make("vexaotakey");
-    ASSERT_EQ(0, made.status) << made.output << made.errors;
+    ASSERT_TRUE(made.exitedWith(0)) << made;
     EXPECT_FALSE(reveals(made.output + made.errors, kOwnKey));
     EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeyObject, kKeySource));
     EXPECT_EQ(mode_t{0600}, modeOf(build() + "/" + kKeyObject));
@@ -391,13 +391,13 @@ protected:
         const auto configured =
             configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + file, "-DVEXA_SYSTEMD_UNIT_DIR=units",
                                           "-DCMAKE_INSTALL_PREFIX=" + installed()});
-        EXPECT_EQ(0, configured.status) << configured.output << configured.errors;
+        EXPECT_TRUE(configured.exitedWith(0)) << configured;
         // The programs aren't built for this; one with symbols and another key stands in for each.
         for (const char* program : {"vexabluetoohtd", "vexaagent", "vexafw"}) {
             fs::copy_file(VEXA_DAEMON, build() + "/utils/" + program + "/" + program);
         }
-        mInstalling = runProgram({VEXA_CMAKE, "--install", build()});
-        EXPECT_EQ(0, mInstalling.status) << mInstalling.output << mInstalling.errors;
+        mInstalling = kit::runProgram({VEXA_CMAKE, "--install", build()});
+        EXPECT_TRUE(mInstalling.exitedWith(0)) << mInstalling;
     }
 
     std::string installed() const { return mFolder.path("installed"); }
@@ -418,7 +418,7 @@ protected:
         return lines;
     }
 
-    ProgramResult mInstalling;
+    kit::Outcome mInstalling;
 };
 
 TEST_F(TheInstallation, HoldsNothingOfTheKeyButTheDaemonItself)
@@ -432,9 +432,9 @@ TEST_F(TheInstallation, KeepsTheDaemonFromOthersAndWithoutItsSymbols)
     const std::string daemon = installed() + "/sbin/vexabluetoohtd";
 
     EXPECT_EQ(mode_t{0750}, modeOf(daemon));
-    EXPECT_FALSE(runProgram({VEXA_NM, VEXA_DAEMON}).output.empty());
-    EXPECT_TRUE(runProgram({VEXA_NM, daemon}).output.empty());
-    EXPECT_THAT(runProgram({VEXA_NM, "--dynamic", daemon}).output, HasSubstr(" T main"))
+    EXPECT_FALSE(kit::runProgram({VEXA_NM, VEXA_DAEMON}).output.empty());
+    EXPECT_TRUE(kit::runProgram({VEXA_NM, daemon}).output.empty());
+    EXPECT_THAT(kit::runProgram({VEXA_NM, "--dynamic", daemon}).output, HasSubstr(" T main"))
         << "the names that a stack trace shows";
 }
 
@@ -467,9 +467,9 @@ TEST_F(TheInstallation, HasAnInitScriptThatRunsTheDaemonWithoutACore)
     core.rlim_cur = core.rlim_max; // what the script finds
     setrlimit(RLIMIT_CORE, &core);
 
-    const auto run = runProgram({installed() + "/etc/init.d/vexabluetoohtd", "run"});
+    const auto run = kit::runProgram({installed() + "/etc/init.d/vexabluetoohtd", "run"});
 
-    EXPECT_EQ(0, run.status) << run.errors;
+    EXPECT_TRUE(run.exitedWith(0)) << run;
     EXPECT_EQ("core 0 syslog 1\n", run.output);
 }
 
@@ -477,15 +477,15 @@ TEST_F(TheProject, TakesAChangedKeyOnTheNextBuild)
 {
     const std::string file = mFolder.write("key", kDevelopmentKey);
     const auto configured = configure("debug", {"-DVEXA_OTA_KEY_FILE=" + file});
-    ASSERT_EQ(0, configured.status) << configured.output << configured.errors;
-    ASSERT_EQ(0, make("vexaotakey").status);
+    ASSERT_TRUE(configured.exitedWith(0)) << configured;
+    ASSERT_TRUE(make("vexaotakey").exitedWith(0));
     // The build tool compares times; it must not matter how fast this test is.
     fs::last_write_time(mFolder.write("key", kOwnKey),
                         fs::file_time_type::clock::now() + std::chrono::seconds{2});
 
     const auto made = make("vexaotakey");
 
-    ASSERT_EQ(0, made.status) << made.output << made.errors;
+    ASSERT_TRUE(made.exitedWith(0)) << made;
     EXPECT_THAT(filesThatReveal(kOwnKey), testing::ElementsAre(kKeyObject, kKeySource));
     EXPECT_THAT(filesThatReveal(kDevelopmentKey), IsEmpty());
 }
@@ -493,12 +493,12 @@ TEST_F(TheProject, TakesAChangedKeyOnTheNextBuild)
 TEST_F(TheProject, IsNoReleasePackageWithoutAKeyOfItsOwn)
 {
     const auto none = configure("release-package", {});
-    EXPECT_NE(0, none.status);
+    EXPECT_FALSE(none.exitedWith(0));
     EXPECT_THAT(saidBy(none), HasSubstr("Set VEXA_OTA_KEY_FILE to a file"));
 
     const auto development =
         configure("release-package", {"-DVEXA_OTA_KEY_FILE=" + mFolder.write("key", kDevelopmentKey)});
-    EXPECT_NE(0, development.status);
+    EXPECT_FALSE(development.exitedWith(0));
     EXPECT_THAT(saidBy(development), HasSubstr("published development key"));
 }
 

@@ -3,18 +3,14 @@
 #include "sim/bluez/PrivateBus.h"
 #include "sim/bluez/Simulator.h"
 
+#include "tests/kit/Bus.h"
+#include "tests/kit/Program.h"
+
 #include <csignal>
 #include <gtest/gtest.h>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
-
-#include "tests/kit/BusClient.h"
 
 using vexasim::Bend;
 using vexasim::Peripheral;
@@ -27,83 +23,35 @@ namespace
 {
 
 constexpr const char* kAgentPath = "/org/vexabluetoohtd/agent";
-constexpr std::chrono::seconds kLimit{20};
 constexpr const char* kRejected = "org.bluez.Error.Rejected";
 
-/// The program, with what it logs.
-class RunningAgent
+/// The program.
+class RunningAgent : public kit::Program
 {
 public:
     explicit RunningAgent(const std::string& busAddress)
+        : kit::Program({VEXAAGENT_PROGRAM,
+                        {},
+                        {{"DBUS_SYSTEM_BUS_ADDRESS", busAddress}, {"VEXA_LOG_USE_COLORS", "0"}},
+                        {}})
     {
-        int ends[2];
-        if (pipe(ends) != 0)
-            throw std::runtime_error("pipe");
-        mChild = fork();
-        if (mChild == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            dup2(ends[1], STDERR_FILENO);
-            setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1);
-            setenv("VEXA_LOG_USE_COLORS", "0", 1);
-            execl(VEXAAGENT_PROGRAM, VEXAAGENT_PROGRAM, nullptr);
-            _exit(127);
-        }
-        close(ends[1]);
-        mReader = std::thread([this, file = ends[0]] { read(file); });
-    }
-
-    ~RunningAgent()
-    {
-        if (mChild > 0)
-            stop(SIGKILL);
-        mReader.join();
-        std::cerr << mLog; // a sanitizer's report among it fails the case
-    }
-    RunningAgent(const RunningAgent&) = delete;
-    RunningAgent& operator=(const RunningAgent&) = delete;
-
-    /// The exit status; empty if the signal ended it.
-    std::optional<int> stop(int signal)
-    {
-        kill(mChild, signal);
-        int status = 0;
-        waitpid(mChild, &status, 0);
-        mChild = -1;
-        return WIFEXITED(status) ? std::optional<int>(WEXITSTATUS(status)) : std::nullopt;
     }
 
     /// Waits until the words have been logged so many times.
-    testing::AssertionResult logs(const std::string& words, size_t times = 1)
+    testing::AssertionResult logs(const std::string& words, std::size_t times = 1)
     {
-        std::unique_lock lock(mMutex);
-        const auto count = [&] {
-            size_t found = 0;
-            for (size_t at = mLog.find(words); at != std::string::npos; at = mLog.find(words, at + 1))
-                ++found;
-            return found;
-        };
-        if (mArrived.wait_for(lock, kLimit, [&] { return count() >= times; }))
+        if (log().awaitCount(kit::contains(words), times)) {
             return testing::AssertionSuccess();
-        return testing::AssertionFailure() << "not logged: " << words << "\nbut:\n" << mLog;
-    }
-
-private:
-    void read(int file)
-    {
-        char piece[1024];
-        for (ssize_t size = 0; (size = ::read(file, piece, sizeof piece)) > 0;) {
-            const std::lock_guard lock(mMutex);
-            mLog.append(piece, static_cast<size_t>(size));
-            mArrived.notify_all();
         }
-        close(file);
+        return testing::AssertionFailure() << "not logged: " << words << "\nbut:\n" << log().tail(60);
     }
 
-    pid_t mChild = -1;
-    std::thread mReader;
-    std::mutex mMutex;
-    std::condition_variable mArrived;
-    std::string mLog;
+    /// Ends it by the signal; returns how it ended.
+    std::optional<kit::Exit> stop(int number)
+    {
+        signal(number);
+        return awaitExit();
+    }
 };
 
 /// A bus, bluetoothd on it, and the agent.
@@ -139,12 +87,12 @@ protected:
         return sim.announce(others.back());
     }
 
-    SimClient::Answer ask(const std::string& method, GVariant* parameters)
+    kit::Answer ask(const std::string& method, GVariant* parameters)
     {
         return client.callOn(agentName(), kAgentPath, "org.bluez.Agent1." + method, parameters);
     }
 
-    SimClient::Answer askToPair(const std::string& devicePath)
+    kit::Answer askToPair(const std::string& devicePath)
     {
         return ask("RequestAuthorization", g_variant_new("(o)", devicePath.c_str()));
     }
@@ -153,7 +101,7 @@ protected:
     Simulator sim;
     std::vector<std::shared_ptr<Peripheral>> others;
     RunningAgent agent;
-    SimClient client;
+    kit::BusClient client;
 };
 
 } // namespace
@@ -163,7 +111,7 @@ TEST_F(AnAgent, RegistersAsTheDefaultOneWithoutKeysOrDisplay)
     EXPECT_TRUE(agent.logs("registered as the default agent"));
     const auto registrations = sim.calls("RegisterAgent");
     ASSERT_EQ(registrations.size(), 1U);
-    EXPECT_EQ(SimClient::textOf(registrations.front().parameters),
+    EXPECT_EQ(kit::textOf(registrations.front().parameters),
               "('/org/vexabluetoohtd/agent', 'NoInputNoOutput')");
 }
 
@@ -255,7 +203,7 @@ TEST_F(AnAgent, SaysWhenBluetoothdDoesNotTakeIt)
 TEST_F(AnAgent, EndsOnASignalWithStatusZero)
 {
     ASSERT_TRUE(agent.logs("registered as the default agent"));
-    EXPECT_EQ(agent.stop(SIGTERM), 0);
+    EXPECT_EQ(agent.stop(SIGTERM), kit::Exit::with(0));
 }
 
 TEST_F(AnAgent, ComesBackWhenTheBusDoes)
@@ -277,5 +225,5 @@ TEST(AnAgentBeforeTheBus, WaitsForIt)
     ASSERT_TRUE(agent.logs("no system bus yet"));
     bus.start();
     EXPECT_TRUE(agent.logs("bluetoothd isn't running"));
-    EXPECT_EQ(agent.stop(SIGINT), 0);
+    EXPECT_EQ(agent.stop(SIGINT), kit::Exit::with(0));
 }

@@ -12,8 +12,8 @@
 
 #include <sys/stat.h>
 
+#include "tests/kit/ChildProcess.h"
 #include "tests/kit/FirmwareImage.h"
-#include "tests/kit/RunProgram.h"
 #include "tests/kit/ScratchFolder.h"
 
 namespace
@@ -27,10 +27,10 @@ class Vexafw : public testing::Test
 protected:
     Vexafw() { unsetenv("VEXA_LOG_LEVEL"); }
 
-    static ProgramResult run(std::vector<std::string> arguments)
+    static kit::Outcome run(std::vector<std::string> arguments)
     {
         arguments.insert(arguments.begin(), VEXAFW_PROGRAM);
-        return runProgram(std::move(arguments));
+        return kit::runProgram(std::move(arguments));
     }
 
     std::string image(const FirmwareImage& content) const
@@ -39,9 +39,9 @@ protected:
     }
 
     /// Expects a failure with status 2, a word on standard error and nothing else.
-    static void expectError(const ProgramResult& result, const std::string& word)
+    static void expectError(const kit::Outcome& result, const std::string& word)
     {
-        EXPECT_EQ(2, result.status);
+        EXPECT_EQ(kit::Exit::with(2), result.exit);
         EXPECT_THAT(result.errors, HasSubstr(word));
         EXPECT_EQ("", result.output);
     }
@@ -57,7 +57,7 @@ TEST_F(Vexafw, InfoShowsTheHeaderThePayloadAndTheTransfer)
 
     const auto result = run({"info", path});
 
-    EXPECT_EQ(0, result.status);
+    EXPECT_TRUE(result.exitedWith(0));
     EXPECT_EQ("", result.errors);
     EXPECT_EQ(path + "\n"
                      "  offset      0x0011\n"
@@ -151,7 +151,7 @@ TEST_P(AnImage, IsWarnedAboutByInfo)
 {
     const auto result = run({"info", path()});
 
-    EXPECT_EQ(0, result.status);
+    EXPECT_TRUE(result.exitedWith(0));
     const std::size_t begin = result.output.find("  warning");
     EXPECT_EQ(warnings(), begin == std::string::npos ? "" : result.output.substr(begin));
 }
@@ -161,7 +161,7 @@ TEST_P(AnImage, IsJudgedByVerify)
     const std::string file = path();
     const auto result = run({"verify", file});
 
-    EXPECT_EQ(GetParam().exact ? 0 : 1, result.status);
+    EXPECT_EQ(kit::Exit::with(GetParam().exact ? 0 : 1), result.exit);
     EXPECT_EQ("", result.errors);
     EXPECT_EQ(file +
                   (GetParam().exact ? ": the daemon sends exactly what the header says\n"
@@ -180,7 +180,7 @@ TEST_F(Vexafw, VerifyRefusesVersionZeroWhichIsNeverSent)
 
     const auto result = run({"verify", image(odd)});
 
-    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(kit::Exit::with(1), result.exit);
     EXPECT_THAT(result.output,
                 HasSubstr("version 0: never newer than the remote's, so the daemon cancels the update"));
 }
@@ -213,11 +213,11 @@ TEST_F(Vexafw, PackWritesTheHeaderAndThePayload)
         run({"pack", payload, mFolder.path("packed"), "--offset", "0x11", "--signature", "0x1234",
              "--version", "517", "--checksum", "0xBEEF", "--ota-flag", "0x5a", "--reserved", "165"});
 
-    EXPECT_EQ(0, result.status) << result.errors;
+    EXPECT_TRUE(result.exitedWith(0)) << result;
     const auto file = wanted.file();
     EXPECT_EQ(std::string(file.begin(), file.end()), mFolder.read("packed"));
     EXPECT_THAT(result.output, HasSubstr("25 words, 100 bytes"));
-    EXPECT_EQ(0, run({"verify", mFolder.path("packed")}).status);
+    EXPECT_TRUE(run({"verify", mFolder.path("packed")}).exitedWith(0));
     EXPECT_EQ(2, std::distance(std::filesystem::directory_iterator{mFolder.path()}, {}))
         << "nothing else is left";
 }
@@ -226,7 +226,8 @@ TEST_F(Vexafw, PackFillsFieldsThatAreNotGivenWithZero)
 {
     const std::string payload = mFolder.write("payload", "word");
 
-    EXPECT_EQ(0, run({"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2"}).status);
+    EXPECT_TRUE(
+        run({"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2"}).exitedWith(0));
 
     EXPECT_EQ((std::string{"\0\0\1\0\2\0\0\0\1\0\0\0word", 16}), mFolder.read("packed"));
 }
@@ -239,7 +240,8 @@ TEST_F(Vexafw, PackKeepsAnExistingFileUnlessForced)
     expectError(run({"pack", payload, present, "--signature", "1", "--version", "2"}), "exists: use --force");
     EXPECT_EQ("precious", mFolder.read("packed"));
 
-    EXPECT_EQ(0, run({"pack", payload, present, "--signature", "1", "--version", "2", "--force"}).status);
+    EXPECT_TRUE(
+        run({"pack", payload, present, "--signature", "1", "--version", "2", "--force"}).exitedWith(0));
     EXPECT_EQ(16U, mFolder.read("packed").size());
 }
 
@@ -259,7 +261,8 @@ TEST_F(Vexafw, PackGivesTheImageThePermissionsOfAnyNewFile)
 {
     const std::string payload = mFolder.write("payload", "word");
     const mode_t former = umask(027);
-    EXPECT_EQ(0, run({"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2"}).status);
+    EXPECT_TRUE(
+        run({"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2"}).exitedWith(0));
     umask(former);
 
     EXPECT_EQ(static_cast<std::filesystem::perms>(0640),
@@ -275,7 +278,7 @@ TEST_F(Vexafw, PackPadsOnlyWhenAsked)
                 "use --pad to append zeros");
     EXPECT_FALSE(std::filesystem::exists(packed));
 
-    EXPECT_EQ(0, run({"pack", payload, packed, "--signature", "1", "--version", "2", "--pad"}).status);
+    EXPECT_TRUE(run({"pack", payload, packed, "--signature", "1", "--version", "2", "--pad"}).exitedWith(0));
     EXPECT_EQ((std::string{"\2\0\0\0"
                            "12345\0\0\0",
                            12}),
@@ -289,7 +292,7 @@ TEST_F(Vexafw, PackAnnouncesAnyLengthForTests)
     const auto result = run(
         {"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2", "--length", "65535"});
 
-    EXPECT_EQ(0, result.status);
+    EXPECT_TRUE(result.exitedWith(0));
     EXPECT_THAT(result.output, HasSubstr("length      65535 words, 262140 bytes"));
     EXPECT_EQ(17U, mFolder.read("packed").size());
 }
@@ -298,8 +301,8 @@ TEST_F(Vexafw, PackTakesTheLargestPayloadAndNoMore)
 {
     const std::string packed = mFolder.path("packed");
     const std::string largest = mFolder.write("largest", std::string(262140, 'x'));
-    EXPECT_EQ(0, run({"pack", largest, packed, "--signature", "1", "--version", "2"}).status);
-    EXPECT_EQ(0, run({"verify", packed}).status);
+    EXPECT_TRUE(run({"pack", largest, packed, "--signature", "1", "--version", "2"}).exitedWith(0));
+    EXPECT_TRUE(run({"verify", packed}).exitedWith(0));
 
     const std::string larger = mFolder.write("larger", std::string(262144, 'x'));
     expectError(run({"pack", larger, packed, "--force", "--signature", "1", "--version", "2"}),
@@ -354,11 +357,11 @@ TEST_F(Vexafw, ExplainsItself)
     for (const auto& command : std::vector<std::vector<std::string>>{
              {"--help"}, {"info", "--help"}, {"verify", "--help"}, {"pack", "--help"}}) {
         const auto result = run(command);
-        EXPECT_EQ(0, result.status);
+        EXPECT_TRUE(result.exitedWith(0));
         EXPECT_THAT(result.output, HasSubstr("Usage: vexafw"));
         EXPECT_EQ("", result.errors);
     }
-    EXPECT_EQ(0, run({"--version"}).status);
+    EXPECT_TRUE(run({"--version"}).exitedWith(0));
 }
 
 TEST_F(Vexafw, RefusesACommandLineThatItDoesNotKnow)
@@ -375,9 +378,9 @@ TEST_F(Vexafw, FailsIfNobodyCanReadItsAnswer)
     const std::string file = image(FirmwareImage::ofWords(5));
 
     for (const char* command : {"info", "verify"}) {
-        const auto result =
-            runProgram({"/bin/sh", "-c", R"(exec "$0" "$@" > /dev/full)", VEXAFW_PROGRAM, command, file});
-        EXPECT_EQ(2, result.status);
+        const auto result = kit::runProgram(
+            {"/bin/sh", "-c", R"(exec "$0" "$@" > /dev/full)", VEXAFW_PROGRAM, command, file});
+        EXPECT_EQ(kit::Exit::with(2), result.exit);
         EXPECT_EQ("vexafw: can't write to standard output: No space left on device\n", result.errors);
     }
 }

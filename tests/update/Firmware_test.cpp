@@ -12,8 +12,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/kit/CapturedLog.h"
 #include "tests/kit/FirmwareImage.h"
+#include "tests/kit/LogRecorder.h"
 #include "tests/kit/ScratchFolder.h"
 
 namespace
@@ -73,7 +73,7 @@ protected:
     }
 
     ScratchFolder mFolder;
-    CapturedLog mLog;
+    LogRecorder& mLog = LogRecorder::cleared();
 };
 
 // -------------------------------------------------------------- What can't be opened

@@ -5,49 +5,7 @@
 #include <cstdlib>
 #include <map>
 
-#include <openssl/evp.h>
-
 #include "tests/kit/Hex.h"
-
-namespace
-{
-
-using namespace std::chrono_literals;
-
-constexpr std::size_t kCipherBytes = 16;
-
-/// One block of 16 bytes as libcrypto enciphers it.
-Bytes enciphered(const Bytes& plain)
-{
-    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context{EVP_CIPHER_CTX_new(),
-                                                                                  EVP_CIPHER_CTX_free};
-    Bytes cipher(kCipherBytes);
-    int length = 0;
-    const auto key = sharedKey();
-    EXPECT_EQ(1, EVP_EncryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr));
-    EXPECT_EQ(1, EVP_CIPHER_CTX_set_padding(context.get(), 0));
-    EXPECT_EQ(1, EVP_EncryptUpdate(context.get(), cipher.data(), &length, plain.data(), kCipherBytes));
-    return cipher;
-}
-
-/// A block of the payload as it goes over the air.
-Bytes onAir(Bytes block)
-{
-    if (block.size() >= kCipherBytes) {
-        const Bytes cipher = enciphered(Bytes(block.begin(), block.begin() + kCipherBytes));
-        std::copy(cipher.begin(), cipher.end(), block.begin());
-    }
-    return block;
-}
-
-} // namespace
-
-vexasim::UpdateKey sharedKey()
-{
-    constexpr char kKeyFile[] = VEXA_OTA_KEY_FILE; // no name if the build has no key of its own
-    const std::string file(kKeyFile);
-    return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
-}
 
 Texts dataPackets(const FirmwareImage& image, std::size_t bytes)
 {
@@ -56,7 +14,7 @@ Texts dataPackets(const FirmwareImage& image, std::size_t bytes)
         const auto begin = image.payload.begin() + static_cast<std::ptrdiff_t>(i);
         const auto end =
             image.payload.begin() + static_cast<std::ptrdiff_t>(std::min(i + kBlockBytes, bytes));
-        packets.push_back("> data " + toHex(onAir(Bytes(begin, end))));
+        packets.push_back("> data " + toHex(kit::onAir(Bytes(begin, end))));
     }
     return packets;
 }
@@ -64,8 +22,8 @@ Texts dataPackets(const FirmwareImage& image, std::size_t bytes)
 std::string startPacket(const FirmwareImage& image)
 {
     Bytes plain = image.header();
-    plain.resize(kCipherBytes);
-    return "> control 01" + toHex(enciphered(plain));
+    plain.resize(kit::kCipherBytes);
+    return "> control 01" + toHex(kit::enciphered(plain));
 }
 
 Texts words(const std::vector<int>& numbers)
@@ -107,10 +65,9 @@ UpdateFault answer(const Bytes& bytes)
 
 std::string Watcher::await(const std::string& part)
 {
-    constexpr auto kPatience = 30s;
     std::unique_lock lock{mMutex};
     std::string found;
-    mChanged.wait_for(lock, kPatience, [&] {
+    mChanged.wait_for(lock, kit::kPatience, [&] {
         for (const auto& text : mAdded) {
             found = text.find(part) != std::string::npos ? text : found;
         }

@@ -3,10 +3,11 @@
 
 #include "RcuOtaUpdater.h"
 
-#include "tests/kit/CapturedLog.h"
-#include "tests/kit/FirmwareImage.h"
-#include "tests/kit/ScratchFolder.h"
 #include "sim/bluez/Simulator.h"
+#include "tests/kit/Cipher.h"
+#include "tests/kit/FirmwareImage.h"
+#include "tests/kit/LogRecorder.h"
+#include "tests/kit/ScratchFolder.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -22,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+using kit::sharedKey;
 using vexasim::Bend;
 using vexasim::UpdateFault;
 using vexasim::UpdatePacket;
@@ -31,8 +33,6 @@ using Texts = std::vector<std::string>;
 
 constexpr std::size_t kBlockBytes = 20;
 
-/// The key of this build.
-vexasim::UpdateKey sharedKey();
 /// The data packets for the first `bytes` bytes of the payload.
 Texts dataPackets(const FirmwareImage& image, std::size_t bytes);
 std::string startPacket(const FirmwareImage& image);
@@ -103,7 +103,7 @@ protected:
     Texts calls() const;
 
     ScratchFolder mFolder;
-    CapturedLog mLog;
+    LogRecorder& mLog = LogRecorder::cleared();
     vexasim::SimulatorOptions mOptions;
     std::unique_ptr<vexasim::Simulator> mSimulator;
     Watcher mWatcher;

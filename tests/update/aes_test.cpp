@@ -17,8 +17,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
+#include "tests/kit/Cipher.h"
 #include "tests/kit/Hex.h"
 
 namespace
@@ -287,35 +287,12 @@ INSTANTIATE_TEST_SUITE_P(Nist, TheKnownAnswers,
 
 // ------------------------------------------------- Random blocks and libcrypto
 
-enum class Direction { Encipher, Decipher };
-
-const EVP_CIPHER* cipherOf(std::size_t keyBytes)
-{
-    return keyBytes == 16 ? EVP_aes_128_ecb() : keyBytes == 24 ? EVP_aes_192_ecb() : EVP_aes_256_ecb();
-}
-
-Bytes byLibcrypto(const Bytes& key, const Bytes& input, Direction direction)
-{
-    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context{EVP_CIPHER_CTX_new(),
-                                                                                  EVP_CIPHER_CTX_free};
-    Bytes output(input.size() + kBlockBytes);
-    int length = 0;
-    const int enciphering = direction == Direction::Encipher ? 1 : 0;
-    EXPECT_EQ(
-        1, EVP_CipherInit_ex(context.get(), cipherOf(key.size()), nullptr, key.data(), nullptr, enciphering));
-    EXPECT_EQ(1, EVP_CIPHER_CTX_set_padding(context.get(), 0));
-    EXPECT_EQ(1, EVP_CipherUpdate(context.get(), output.data(), &length, input.data(),
-                                  static_cast<int>(input.size())));
-    output.resize(static_cast<std::size_t>(length));
-    return output;
-}
-
-Bytes byOurs(const Bytes& key, const Bytes& input, Direction direction)
+Bytes byOurs(const Bytes& key, const Bytes& input, kit::Direction direction)
 {
     const AesContext context = contextFor(key);
     Bytes output(input.size());
     for (std::size_t i = 0; i < input.size(); i += kBlockBytes) {
-        (direction == Direction::Encipher ? aes_encrypt : aes_decrypt)(&context, &input[i], &output[i]);
+        (direction == kit::Direction::Encipher ? aes_encrypt : aes_decrypt)(&context, &input[i], &output[i]);
     }
     return output;
 }
@@ -340,9 +317,11 @@ TEST_P(RandomBlocks, ComeOutAsFromLibcrypto)
     for (int i = 0; i < 1000; ++i) {
         const Bytes key = randomBytes(random, GetParam() / 8);
         const Bytes input = randomBytes(random, 100 * kBlockBytes);
-        ASSERT_EQ(byLibcrypto(key, input, Direction::Encipher), byOurs(key, input, Direction::Encipher))
+        ASSERT_EQ(kit::aesEcb(key, input, kit::Direction::Encipher),
+                  byOurs(key, input, kit::Direction::Encipher))
             << "key " << toHex(key);
-        ASSERT_EQ(byLibcrypto(key, input, Direction::Decipher), byOurs(key, input, Direction::Decipher))
+        ASSERT_EQ(kit::aesEcb(key, input, kit::Direction::Decipher),
+                  byOurs(key, input, kit::Direction::Decipher))
             << "key " << toHex(key);
     }
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "tests/kit/LogReader.h"
+#include "tests/kit/Log.h"
 
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <regex>
 
-namespace vexabox
+namespace kit
 {
 
 namespace
@@ -70,15 +70,28 @@ LogPredicate beginsLog(Level level, const std::string& module, const std::string
     };
 }
 
-LogReader::LogReader(Handle source) : mSource(std::move(source)), mThread([this] { read(); }) {}
-
-LogReader::~LogReader()
+LogPredicate contains(const std::string& words)
 {
-    mThread.join();
+    return [=](const LogRecord& record) { return record.raw.find(words) != std::string::npos; };
+}
+
+Log::Log(Handle source) : mSource(std::move(source)), mThread([this] { read(); }) {}
+
+Log::~Log()
+{
+    if (mThread.joinable()) {
+        mThread.join();
+    }
+}
+
+void Log::append(std::string_view text)
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    appendLocked(text);
 }
 
 // Ends when the program has closed its side, which its end does.
-void LogReader::read()
+void Log::read()
 {
     pollfd watched{mSource.get(), POLLIN, 0};
     bool open = true;
@@ -92,7 +105,7 @@ void LogReader::read()
     }
 }
 
-bool LogReader::readSome()
+bool Log::readSome()
 {
     std::array<char, 4096> buffer{};
     const ssize_t size = ::read(mSource.get(), buffer.data(), buffer.size());
@@ -100,20 +113,26 @@ bool LogReader::readSome()
         return true;
     }
     if (size <= 0) { // a terminal whose other side is closed answers EIO
-        append();
+        endLine();
         return false;
     }
-    for (const char* c = buffer.data(); c != buffer.data() + size; ++c) {
-        if (*c == '\n') {
-            append();
-        } else {
-            mLine += *c;
-        }
-    }
+    appendLocked({buffer.data(), static_cast<std::size_t>(size)});
     return true;
 }
 
-void LogReader::append()
+void Log::appendLocked(std::string_view text)
+{
+    for (const char c : text) {
+        if (c == '\n') {
+            endLine();
+        } else {
+            mLine += c;
+        }
+    }
+    mChanged.notify_all();
+}
+
+void Log::endLine()
 {
     LogRecord record = parseLogLine(mLine);
     mLine.clear();
@@ -123,26 +142,26 @@ void LogReader::append()
 }
 
 // Waits until all that the program has written is in the records.
-std::unique_lock<std::mutex> LogReader::lockAfterReading() const
+std::unique_lock<std::mutex> Log::lockAfterReading() const
 {
     std::unique_lock<std::mutex> lock(mMutex);
     mChanged.wait_for(lock, kPatience, [&] {
         int unread = 0;
-        return mEnded || (ioctl(mSource.get(), FIONREAD, &unread) == 0 && unread == 0);
+        return mEnded || !mSource.valid() || (ioctl(mSource.get(), FIONREAD, &unread) == 0 && unread == 0);
     });
     return lock;
 }
 
 template <typename Condition>
-bool LogReader::awaitLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds limit,
-                            Condition condition) const
+bool Log::awaitLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds limit,
+                      Condition condition) const
 {
     bool found = false;
     mChanged.wait_for(lock, limit, [&] { return (found = condition()) || mEnded; });
     return found;
 }
 
-bool LogReader::await(const LogPredicate& predicate, std::chrono::milliseconds limit)
+bool Log::await(const LogPredicate& predicate, std::chrono::milliseconds limit)
 {
     std::unique_lock<std::mutex> lock(mMutex);
     std::size_t next = mCursor;
@@ -157,8 +176,7 @@ bool LogReader::await(const LogPredicate& predicate, std::chrono::milliseconds l
     });
 }
 
-bool LogReader::awaitCount(const LogPredicate& predicate, std::size_t count,
-                           std::chrono::milliseconds limit) const
+bool Log::awaitCount(const LogPredicate& predicate, std::size_t count, std::chrono::milliseconds limit) const
 {
     std::unique_lock<std::mutex> lock(mMutex);
     return awaitLocked(lock, limit, [&] {
@@ -166,31 +184,47 @@ bool LogReader::awaitCount(const LogPredicate& predicate, std::size_t count,
     });
 }
 
-bool LogReader::awaitEnd(std::chrono::milliseconds limit) const
+bool Log::awaitEnd(std::chrono::milliseconds limit) const
 {
     std::unique_lock<std::mutex> lock(mMutex);
     return mChanged.wait_for(lock, limit, [&] { return mEnded; });
 }
 
-void LogReader::skip()
+std::optional<std::string> Log::next()
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (!awaitLocked(lock, kPatience, [&] { return mCursor < mRecords.size(); })) {
+        return {};
+    }
+    return mRecords[mCursor++].raw;
+}
+
+void Log::skip()
 {
     const auto lock = lockAfterReading();
     mCursor = mRecords.size();
 }
 
-std::vector<LogRecord> LogReader::records() const
+void Log::clear()
+{
+    const auto lock = lockAfterReading();
+    mRecords.clear();
+    mCursor = 0;
+}
+
+std::vector<LogRecord> Log::records() const
 {
     const auto lock = lockAfterReading();
     return mRecords;
 }
 
-std::size_t LogReader::count(const LogPredicate& predicate) const
+std::size_t Log::count(const LogPredicate& predicate) const
 {
     const auto lock = lockAfterReading();
     return static_cast<std::size_t>(std::count_if(mRecords.begin(), mRecords.end(), predicate));
 }
 
-std::string LogReader::tail(std::size_t lines) const
+std::string Log::tail(std::size_t lines) const
 {
     const auto lock = lockAfterReading();
     std::string text;
@@ -201,4 +235,4 @@ std::string LogReader::tail(std::size_t lines) const
     return text;
 }
 
-} // namespace vexabox
+} // namespace kit

@@ -9,17 +9,18 @@
 
 #include "STBThread.h"
 
+#include "tests/kit/Limits.h"
+
 // Helpers of the tests that run threads.
 
 constexpr unsigned int kLongMs = 600000;
-constexpr auto kSoon = std::chrono::seconds(60); // far below kLongMs, far above what a busy machine needs
 
 /// Something that happens once, and that another thread awaits.
 class Event
 {
 public:
     void set() { mPromise.set_value(); }
-    bool await() { return mFuture.wait_for(kSoon) == std::future_status::ready; }
+    bool await() { return mFuture.wait_for(kit::kPatience) == std::future_status::ready; }
 
 private:
     std::promise<void> mPromise;

@@ -8,17 +8,19 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
-namespace vexabox
+namespace kit
 {
 
 /// The letters of the log's levels. NONE is a record without a letter.
 enum Level : char { NONE = ' ', ERROR = 'E', WARN = 'W', INFO = 'I', DEBUG = 'D', TRACE = 'T' };
 
-/// One line of the program's standard error.
+/// One line of a program's output.
 struct LogRecord {
     std::chrono::steady_clock::time_point arrival;
     bool foreign = false; ///< not the daemon's logger's: a warning of GLib, a sanitizer's report
@@ -42,16 +44,22 @@ using LogPredicate = std::function<bool(const LogRecord&)>;
 LogPredicate isLog(Level level, const std::string& module, const std::string& text);
 /// Matches level, module and the text's beginning.
 LogPredicate beginsLog(Level level, const std::string& module, const std::string& beginning);
+/// Matches a line of any kind that contains the words.
+LogPredicate contains(const std::string& words);
 
-/// Reads a log as it comes, on a thread of its own. Every method may be called
-/// on any thread.
-class LogReader
+/// The lines of a log as they come. Every method may be called on any thread.
+class Log
 {
 public:
-    explicit LogReader(Handle source);
-    ~LogReader();
-    LogReader(const LogReader&) = delete;
-    LogReader& operator=(const LogReader&) = delete;
+    /// Its owner appends to it.
+    Log() = default;
+    /// Reads the log on a thread of its own until the program has closed its side.
+    explicit Log(Handle source);
+    ~Log();
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+
+    void append(std::string_view text);
 
     /// Waits for a record behind the one that was awaited last: a test that
     /// awaits one record after the other proves their order.
@@ -61,6 +69,8 @@ public:
                     std::chrono::milliseconds limit = kPatience) const;
     /// Waits for the program to close its side.
     bool awaitEnd(std::chrono::milliseconds limit = kPatience) const;
+    /// Waits for the line behind the one that was awaited last, and returns it; nothing at the log's end.
+    std::optional<std::string> next();
 
     /// Nothing is read while the lock lives, so the program comes to wait for its
     /// reader. Its holder may ask this object nothing meanwhile.
@@ -70,6 +80,8 @@ public:
 
     /// Awaits what comes from now on; what came is passed over.
     void skip();
+    /// Forgets what came.
+    void clear();
     std::vector<LogRecord> records() const;
     std::size_t count(const LogPredicate& predicate) const;
     std::string tail(std::size_t lines) const;
@@ -77,7 +89,8 @@ public:
 private:
     void read();
     bool readSome();
-    void append();
+    void appendLocked(std::string_view text);
+    void endLine();
     std::unique_lock<std::mutex> lockAfterReading() const;
     template <typename Condition>
     bool awaitLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds limit,
@@ -93,4 +106,4 @@ private:
     std::thread mThread;
 };
 
-} // namespace vexabox
+} // namespace kit
