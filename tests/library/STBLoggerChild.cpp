@@ -30,9 +30,7 @@ void wrappedCloselog() __asm__("__wrap_closelog");
 void wrappedSyslog(int priority, const char* format, ...) __asm__("__wrap_syslog");
 void wrappedSyslogChk(int priority, int flag, const char* format, ...) __asm__("__wrap___syslog_chk");
 
-void (*onClockRead)() = nullptr;
 void (*onStep)(const std::string& step) = nullptr;
-std::vector<std::string>* lockTrace = nullptr;
 
 namespace
 {
@@ -53,44 +51,30 @@ void recordSyslog(int priority, const char* format, va_list arguments)
     dprintf(STDOUT_FILENO, "syslog %d %s <%s>\n", priority, format, text);
 }
 
-void trace(const std::string& step)
-{
-    if (lockTrace != nullptr) {
-        lockTrace->push_back(step);
-    }
-}
-
 std::string nameOf(const void* lock)
 {
     static std::map<const void*, std::string> names;
     return names.try_emplace(lock, std::string(1, static_cast<char>('A' + names.size()))).first->second;
 }
 
-bool watched()
-{
-    return lockTrace != nullptr || onStep != nullptr;
-}
-
 } // namespace
 
 int wrappedMutexLock(pthread_mutex_t* mutex)
 {
-    if (!watched()) {
+    if (onStep == nullptr) {
         return realMutexLock(mutex);
     }
     tell("before lock " + nameOf(mutex));
     const int result = realMutexLock(mutex);
-    trace("lock " + nameOf(mutex));
     tell("lock " + nameOf(mutex));
     return result;
 }
 
 int wrappedMutexUnlock(pthread_mutex_t* mutex)
 {
-    if (!watched()) {
+    if (onStep == nullptr) {
         return realMutexUnlock(mutex);
     }
-    trace("unlock " + nameOf(mutex));
     tell("unlock " + nameOf(mutex));
     const int result = realMutexUnlock(mutex);
     tell("after unlock " + nameOf(mutex));
@@ -100,9 +84,6 @@ int wrappedMutexUnlock(pthread_mutex_t* mutex)
 // 12:34:56.789999 UTC
 int wrappedGettimeofday(timeval* now, void* zone)
 {
-    if (onClockRead != nullptr) {
-        onClockRead();
-    }
     tell("clock");
     if (!clockStands) {
         return realGettimeofday(now, zone);
@@ -114,8 +95,7 @@ int wrappedGettimeofday(timeval* now, void* zone)
 
 int wrappedFputs(const char* text, FILE* stream)
 {
-    if (stream == stderr && watched()) {
-        trace(std::string("write ") + (text + 1));
+    if (stream == stderr && onStep != nullptr) {
         tell(std::string("write ") + (text + 1));
     }
     return realFputs(text, stream);
@@ -158,10 +138,14 @@ STBLoggerLogParams daemonParams()
     return params;
 }
 
-void say(STBLogLevel level, const std::string& text, const std::string& module)
+void say(const Message& message, STBLoggerLogParams params)
 {
-    STBLoggerLogParams params = daemonParams();
-    STBLogger_log(&params, "", level, 42, ("some/where/" + module + ".cpp").c_str(), "%s", text.c_str());
+    STBLogger_log(&params, "", message.level, message.line, message.file.c_str(), "%s", message.text.c_str());
+}
+
+void say(STBLogLevel level, const std::string& text)
+{
+    say({level, text});
 }
 
 kit::Outcome withEnvironment(const Environment& environment, const std::function<void()>& body)
@@ -202,8 +186,9 @@ std::vector<std::string> told(const kit::Outcome& outcome)
     return texts;
 }
 
-std::vector<std::string> toldBehindGreeting(const kit::Outcome& outcome)
+std::vector<std::string> logged(const Environment& more, const std::function<void()>& body)
 {
+    const kit::Outcome outcome = withEnvironment(plain(more), body);
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     auto texts = told(outcome);
     EXPECT_THAT(texts, Not(IsEmpty()));
@@ -213,8 +198,9 @@ std::vector<std::string> toldBehindGreeting(const kit::Outcome& outcome)
     return texts;
 }
 
-std::vector<std::string> sent(const kit::Outcome& outcome)
+std::vector<std::string> sent(const Environment& more, const std::function<void()>& body)
 {
+    const kit::Outcome outcome = withEnvironment(onSyslogOnly(more), body);
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     EXPECT_EQ("", outcome.errors);
     auto records = kit::linesOf(outcome.output);

@@ -22,8 +22,17 @@ const std::string kGreeting = "Logger for application \"VEXA\" was successfully 
 /// The record that the daemon passes.
 STBLoggerLogParams daemonParams();
 
-/// Logs with the daemon's record, as from line 42 of the module's file.
-void say(STBLogLevel level, const std::string& text, const std::string& module = "Bluez");
+/// A message as the daemon logs it: from line 42 of the module's file.
+struct Message {
+    STBLogLevel level = STBLogLevel_eInfo;
+    std::string text = "text";
+    std::string file = "some/where/Bluez.cpp";
+    int line = 42;
+};
+
+/// Logs with this record, the daemon's if none is given.
+void say(const Message& message, STBLoggerLogParams params = daemonParams());
+void say(STBLogLevel level, const std::string& text);
 
 /// Runs `body` in a process that hasn't logged yet, with these variables of the logger and no others.
 kit::Outcome withEnvironment(const Environment& environment, const std::function<void()>& body);
@@ -37,16 +46,14 @@ Environment onSyslogOnly(Environment more = {});
 /// What the lines on standard error say, behind the head that all of them have.
 std::vector<std::string> told(const kit::Outcome& outcome);
 
-/// The same without the greeting; expects that the child ended with status 0.
-std::vector<std::string> toldBehindGreeting(const kit::Outcome& outcome);
+/// What `body` logs behind the greeting with colours off; expects that its process ends with status 0.
+std::vector<std::string> logged(const Environment& more, const std::function<void()>& body);
 
-/// The records that syslog got behind the greeting; expects that the child ended with status 0.
-std::vector<std::string> sent(const kit::Outcome& outcome);
+/// The records that syslog gets behind the greeting; expects that the process ends with status 0.
+std::vector<std::string> sent(const Environment& more, const std::function<void()>& body);
 
 // --- What happens inside of the library's calls, in this process
 
-extern void (*onClockRead)(); ///< called before the clock is read
 /// Called with each step into and out of the calls: "before lock A", "lock A", "unlock A", "after unlock A",
 /// "write [34m" for colours, "clock", "syslog". The locks are named in the order in which they are met.
 extern void (*onStep)(const std::string& step);
-extern std::vector<std::string>* lockTrace; ///< gets "lock A", "unlock A", and "write ..." for colours

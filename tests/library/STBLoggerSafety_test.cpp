@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "tests/kit/Allocations.h"
+#include "tests/kit/Limits.h"
 #include "tests/library/STBLoggerChild.h"
 
 namespace
@@ -25,92 +26,35 @@ using testing::ElementsAre;
 
 constexpr const char* kStaticsLog = "STATICS_LOG";
 
-class LogsWhenDestroyed
+class Logs
 {
 public:
-    LogsWhenDestroyed() = default;
-    LogsWhenDestroyed(const LogsWhenDestroyed&) = delete;
-    LogsWhenDestroyed& operator=(const LogsWhenDestroyed&) = delete;
-    ~LogsWhenDestroyed()
+    Logs(const char* early, const char* late) : mLate(late) { log(early); }
+    ~Logs() { log(mLate); }
+    Logs(const Logs&) = delete;
+    Logs& operator=(const Logs&) = delete;
+
+private:
+    static void log(const char* text)
     {
-        if (std::getenv(kStaticsLog) != nullptr) {
-            LOG_INFO("too late");
+        if (text != nullptr && std::getenv(kStaticsLog) != nullptr) {
+            LOG_INFO("%s", text);
         }
     }
+
+    const char* mLate;
 };
 
-class LogsAllTheTime
-{
-public:
-    LogsAllTheTime()
-    {
-        if (std::getenv(kStaticsLog) != nullptr) {
-            LOG_INFO("early");
-        }
-    }
-    LogsAllTheTime(const LogsAllTheTime&) = delete;
-    LogsAllTheTime& operator=(const LogsAllTheTime&) = delete;
-    ~LogsAllTheTime()
-    {
-        if (std::getenv(kStaticsLog) != nullptr) {
-            LOG_INFO("late");
-        }
-    }
-};
+const Logs logsWhenDestroyed(nullptr, "too late");
+const Logs logsAllTheTime("early", "late");
 
-const LogsWhenDestroyed logsWhenDestroyed;
-const LogsAllTheTime logsAllTheTime;
-
-// --- Locks, threads, memory
-
-TEST(TheFirstMessage, ConstructsTheLoggerUnderTheRegistrysLock)
-{
-    const kit::Outcome outcome = withEnvironment({}, [] {
-        std::vector<std::string> trace;
-        lockTrace = &trace;
-        say(STBLogLevel_eInfo, "text");
-        lockTrace = nullptr;
-        // A: the registry's lock; B: the output's. The colour comes before the lock, the reset within.
-        EXPECT_THAT(trace, ElementsAre("lock A", "write [34m", "lock B", "write [0m", "unlock B", "unlock A",
-                                       "write [34m", "lock B", "write [0m", "unlock B"));
-    });
-
-    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
-}
-
-TEST(ADroppedMessage, TakesTheRegistrysLockAlone)
-{
-    const kit::Outcome outcome = withEnvironment({}, [] {
-        say(STBLogLevel_eInfo, "text");
-        std::vector<std::string> trace;
-        lockTrace = &trace;
-        say(STBLogLevel_eTrace, "text");
-        lockTrace = nullptr;
-        EXPECT_THAT(trace, ElementsAre("lock A", "unlock A"));
-    });
-
-    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
-}
-
-TEST(AMessageForSyslog, TakesNoLockForTheOutput)
-{
-    const kit::Outcome outcome = withEnvironment(onSyslogOnly(), [] {
-        say(STBLogLevel_eInfo, "text");
-        std::vector<std::string> trace;
-        lockTrace = &trace;
-        say(STBLogLevel_eInfo, "text");
-        lockTrace = nullptr;
-        EXPECT_THAT(trace, ElementsAre("lock A", "unlock A"));
-    });
-
-    EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
-}
+// --- Threads and memory
 
 TEST(LinesOfSeveralThreads, DontMix)
 {
     constexpr int kThreads = 4;
     constexpr int kLines = 200;
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
+    const auto texts = logged({}, [] {
         std::vector<std::thread> threads;
         for (int i = 0; i < kThreads; ++i) {
             threads.emplace_back([] {
@@ -124,7 +68,6 @@ TEST(LinesOfSeveralThreads, DontMix)
         }
     });
 
-    const auto texts = toldBehindGreeting(outcome);
     EXPECT_EQ(static_cast<std::size_t>(kThreads * kLines), texts.size());
     EXPECT_THAT(texts, testing::Each("I [Bluez:42] " + std::string(200, 'x')));
 }
@@ -155,10 +98,12 @@ void exitAtOnce(int /*signal*/)
     exit(1); // NOLINT(concurrency-mt-unsafe): what the second interrupt does
 }
 
-void interruptOnce()
+void interruptOnce(const std::string& step)
 {
-    onClockRead = nullptr;
-    std::raise(SIGINT);
+    if (step == "clock") {
+        onStep = nullptr;
+        std::raise(SIGINT);
+    }
 }
 
 TEST(AnInterruptWhileALineIsWritten, CanEndTheProcess)
@@ -166,7 +111,7 @@ TEST(AnInterruptWhileALineIsWritten, CanEndTheProcess)
     const kit::Outcome outcome = withEnvironment(plain(), [] {
         std::signal(SIGINT, exitAtOnce);
         say(STBLogLevel_eInfo, "first");
-        onClockRead = interruptOnce;
+        onStep = interruptOnce;
         say(STBLogLevel_eInfo, "second");
     });
 
@@ -182,33 +127,32 @@ void logLate()
 
 TEST(AMessageOfALaterExitHandler, IsDroppedInSilence)
 {
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
+    const auto lines = logged({}, [] {
         std::atexit(logLate); // before the registry's, so it runs after it
         say(STBLogLevel_eInfo, "in time");
     });
 
-    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] in time"));
+    EXPECT_THAT(lines, ElementsAre("I [Bluez:42] in time"));
 }
 
 TEST(AMessageOfALaterExitHandler, IsDroppedWithSyslogToo)
 {
-    const kit::Outcome outcome = withEnvironment(onSyslogOnly(), [] {
+    const auto lines = sent({}, [] {
         std::atexit(logLate);
         say(STBLogLevel_eInfo, "in time");
     });
 
-    EXPECT_THAT(sent(outcome), ElementsAre("syslog 6 %s <.789 [Bluez:42] in time>"));
+    EXPECT_THAT(lines, ElementsAre("syslog 6 %s <.789 [Bluez:42] in time>"));
 }
 
 TEST(AMessageOfAnEarlierExitHandler, IsWritten)
 {
-    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}}), [] {
+    const auto lines = logged({{"VEXA_LOG_LINENUM", "0"}}, [] {
         say(STBLogLevel_eInfo, "in time");
         std::atexit(logLate);
     });
 
-    EXPECT_THAT(toldBehindGreeting(outcome),
-                ElementsAre("I [Bluez] in time", "I [STBLoggerSafety_test] late"));
+    EXPECT_THAT(lines, ElementsAre("I [Bluez] in time", "I [STBLoggerSafety_test] late"));
 }
 
 TEST(StaticObjects, LogInTheirConstructorsAndUntilTheRegistryIsGone)
@@ -232,25 +176,27 @@ std::promise<void> lineBegun;
 std::promise<void> registryGone;
 std::promise<void> lineWritten;
 
-void waitInLine()
+void waitInLine(const std::string& step)
 {
-    onClockRead = nullptr;
-    lineBegun.set_value();
-    registryGone.get_future().wait();
+    if (step == "clock") {
+        onStep = nullptr;
+        lineBegun.set_value();
+        registryGone.get_future().wait();
+    }
 }
 
 void letLineGoOn()
 {
     registryGone.set_value();
-    lineWritten.get_future().wait_for(std::chrono::seconds(60));
+    lineWritten.get_future().wait_for(kit::kPatience);
 }
 
 TEST(AMessageUnderWay, IsWrittenToItsEndAlthoughTheProcessExits)
 {
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
+    const auto lines = logged({}, [] {
         std::atexit(letLineGoOn); // runs after the registry's end
         say(STBLogLevel_eInfo, "first");
-        onClockRead = waitInLine;
+        onStep = waitInLine;
         std::thread([] {
             say(STBLogLevel_eInfo, "second");
             lineWritten.set_value();
@@ -259,7 +205,7 @@ TEST(AMessageUnderWay, IsWrittenToItsEndAlthoughTheProcessExits)
         std::exit(0);
     });
 
-    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] first", "I [Bluez:42] second"));
+    EXPECT_THAT(lines, ElementsAre("I [Bluez:42] first", "I [Bluez:42] second"));
 }
 
 // Each round ends at another moment of the messages of the threads beside it.

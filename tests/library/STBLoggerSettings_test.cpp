@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
+// What the record of an application and the environment tell a logger, its life, and syslog.
 #include <algorithm>
 #include <cstdlib>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -15,6 +15,8 @@
 namespace
 {
 
+using kit::named;
+using kit::NamedCase;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -29,179 +31,193 @@ struct FlagCase : NamedCase {
 class AFlagOfTheEnvironment : public testing::TestWithParam<FlagCase>
 {
 protected:
-    static kit::Outcome logWith(const char* variable, const std::function<void(STBLoggerLogParams&)>& prepare)
+    static kit::Outcome logWith(const std::string& variable, const STBLoggerLogParams& params)
     {
         Environment environment;
         if (GetParam().value != nullptr) {
             environment[variable] = GetParam().value;
         }
-        return withEnvironment(environment, [&] {
-            STBLoggerLogParams params{};
-            params.prefix = "";
-            params.application = "VEXA";
-            params.defaultLevel = "debug";
-            prepare(params);
-            STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");
-        });
+        return withEnvironment(environment, [&] { say({}, params); });
+    }
+
+    static STBLoggerLogParams bareParams()
+    {
+        STBLoggerLogParams params{};
+        params.prefix = "";
+        params.application = "VEXA";
+        params.defaultLevel = "debug";
+        return params;
     }
 };
 
-TEST_P(AFlagOfTheEnvironment, DecidesAboutLineNumbers)
+TEST_P(AFlagOfTheEnvironment, DecidesAboutWhatALineShows)
 {
-    for (const bool record : {false, true}) {
-        const kit::Outcome outcome =
-            logWith("VEXA_LOG_LINENUM", [&](STBLoggerLogParams& params) { params.lineNumbers = record; });
-        const bool on = record ? GetParam().onByRecord : GetParam().on;
-        EXPECT_THAT(outcome.errors, HasSubstr(on ? " I [Bluez:42] text\n" : " I [Bluez] text\n"));
-    }
-}
-
-TEST_P(AFlagOfTheEnvironment, DecidesAboutTheThreadIdentifier)
-{
-    for (const bool record : {false, true}) {
-        const kit::Outcome outcome =
-            logWith("VEXA_LOG_THREAD_ID", [&](STBLoggerLogParams& params) { params.threadId = record; });
-        const bool on = record ? GetParam().onByRecord : GetParam().on;
-        EXPECT_THAT(outcome.errors, HasSubstr(on ? " I 0x" : " I [Bluez] text\n"));
-    }
-}
-
-TEST_P(AFlagOfTheEnvironment, DecidesAboutColours)
-{
-    for (const bool record : {false, true}) {
-        const kit::Outcome outcome =
-            logWith("VEXA_LOG_USE_COLORS", [&](STBLoggerLogParams& params) { params.useColors = record; });
-        const bool on = record ? GetParam().onByRecord : GetParam().on;
-        EXPECT_EQ(on, outcome.errors.find('\x1b') != std::string::npos) << outcome;
+    struct Setting {
+        const char* variable;
+        bool STBLoggerLogParams::*member;
+        const char* shown;
+    };
+    for (const Setting& setting :
+         {Setting{"VEXA_LOG_LINENUM", &STBLoggerLogParams::lineNumbers, "[Bluez:42]"},
+          Setting{"VEXA_LOG_THREAD_ID", &STBLoggerLogParams::threadId, " I 0x"},
+          Setting{"VEXA_LOG_USE_COLORS", &STBLoggerLogParams::useColors, "\x1b"}}) {
+        for (const bool record : {false, true}) {
+            STBLoggerLogParams params = bareParams();
+            params.*setting.member = record;
+            const kit::Outcome outcome = logWith(setting.variable, params);
+            EXPECT_EQ(record ? GetParam().onByRecord : GetParam().on,
+                      outcome.errors.find(setting.shown) != std::string::npos)
+                << setting.variable << ": " << outcome;
+            EXPECT_THAT(outcome.errors, HasSubstr("] text\n"));
+        }
     }
 }
 
 TEST_P(AFlagOfTheEnvironment, DecidesAboutSyslog)
 {
-    const kit::Outcome outcome = logWith("VEXA_LOG_SYSLOG", [](STBLoggerLogParams&) {});
+    const kit::Outcome outcome = logWith("VEXA_LOG_SYSLOG", bareParams());
 
     EXPECT_EQ(GetParam().on, outcome.errors.empty()) << outcome;
     EXPECT_EQ(GetParam().on, !outcome.output.empty()) << outcome;
 }
 
-const FlagCase kAFlagOfTheEnvironmentCases[] = {
+const FlagCase kFlags[] = {
     {"NotSet", nullptr, false, true},     {"One", "1", true, true},       {"Y", "y", true, true},
     {"Zero", "0", false, false},          {"Empty", "", false, false},    {"CapitalY", "Y", false, false},
     {"Yes", "yes", false, false},         {"True", "true", false, false}, {"Eleven", "11", false, false},
     {"OneAndABlank", "1 ", false, false},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AFlagOfTheEnvironment, testing::ValuesIn(kAFlagOfTheEnvironmentCases), named);
+INSTANTIATE_TEST_SUITE_P(Table, AFlagOfTheEnvironment, testing::ValuesIn(kFlags), named);
 
-// --- Lists of modules
+// --- Lists of modules, and the life of a logger
 
-struct ListCase : NamedCase {
-    const char* list;
-    std::vector<const char*> modules; ///< in the order of the announcements
+struct StoryCase : NamedCase {
+    Environment environment;
+    void (*log)();
+    std::vector<std::string> lines; ///< behind the greeting
 };
 
-class AListOfModules : public testing::TestWithParam<ListCase>
+class ALogger : public testing::TestWithParam<StoryCase>
 {
 };
 
-TEST_P(AListOfModules, IsSplitAtCommas)
+TEST_P(ALogger, Writes)
 {
-    const kit::Outcome outcome =
-        withEnvironment(plain({{"VEXA_LOG_TRACE_MODULES", GetParam().list}, {"VEXA_LOG_LINENUM", "0"}}),
-                        [] { say(STBLogLevel_eTrace, "dropped", "unnamed"); });
+    Environment environment = GetParam().environment;
+    environment.insert({"VEXA_LOG_LINENUM", "0"});
 
-    std::vector<std::string> expected;
-    for (const char* module : GetParam().modules) {
-        expected.push_back(std::string("D Setting loglevel for module '") + module + "' to 'TRACE'");
-    }
-    EXPECT_EQ(expected, toldBehindGreeting(outcome));
+    EXPECT_EQ(GetParam().lines, logged(environment, GetParam().log));
 }
 
-const ListCase kAListOfModulesCases[] = {
-    {"Empty", "", {}},
-    {"OfACommaAlone", ",", {}},
-    {"OfCommasAlone", ",,,", {}},
-    {"OfOne", "a", {"a"}},
-    {"OfTwoByName", "b,a", {"a", "b"}},
-    {"WithRunsOfCommas", "a,,,b", {"a", "b"}},
-    {"WithCommasAtItsEnds", ",,a,b,,", {"a", "b"}},
-    {"WithBlanks", "a, b ,c", {" b ", "a", "c"}},
-    {"WithARepetition", "a,b,a", {"a", "b"}},
+void dropOne()
+{
+    say(STBLogLevel_eTrace, "dropped");
+}
+
+void logWithListsOfTheRecord()
+{
+    STBLoggerLogParams params = daemonParams();
+    params.warnModules = "w";
+    params.infoModules = "i";
+    params.debugModules = "d";
+    params.traceModules = "t";
+    say({STBLogLevel_eTrace}, params);
+}
+
+void logWithBluezAtWarn()
+{
+    STBLoggerLogParams params = daemonParams();
+    params.warnModules = "Bluez";
+    say({}, params);
+}
+
+void logWithAnotherRecordBehind()
+{
+    say(STBLogLevel_eInfo, "first");
+    STBLoggerLogParams other = daemonParams();
+    other.prefix = ">>";
+    other.defaultLevel = "error";
+    other.lineNumbers = true;
+    other.threadId = true;
+    say({STBLogLevel_eDebug, "second"}, other);
+}
+
+void logWithAnotherEnvironmentBehind()
+{
+    say(STBLogLevel_eInfo, "first");
+    setenv("VEXA_LOG_LEVEL", "ERROR", 1);
+    setenv("VEXA_LOG_LINENUM", "1", 1);
+    say(STBLogLevel_eDebug, "second");
+}
+
+std::string setting(const std::string& module, const std::string& level)
+{
+    return "D Setting loglevel for module '" + module + "' to '" + level + "'";
+}
+
+Environment traceModules(const char* list)
+{
+    return {{"VEXA_LOG_TRACE_MODULES", list}};
+}
+
+const StoryCase kStories[] = {
+    {{"NothingOfAnEmptyList"}, traceModules(""), dropOne, {}},
+    {{"NothingOfACommaAlone"}, traceModules(","), dropOne, {}},
+    {{"NothingOfCommasAlone"}, traceModules(",,,"), dropOne, {}},
+    {{"TheOneModuleOfAList"}, traceModules("a"), dropOne, {setting("a", "TRACE")}},
+    {{"TheModulesOfAListByName"},
+     traceModules("b,a"),
+     dropOne,
+     {setting("a", "TRACE"), setting("b", "TRACE")}},
+    {{"TheModulesBetweenRunsOfCommas"},
+     traceModules(",,a,,,b,,"),
+     dropOne,
+     {setting("a", "TRACE"), setting("b", "TRACE")}},
+    {{"TheModulesWithTheirBlanks"},
+     traceModules("a, b ,c"),
+     dropOne,
+     {setting(" b ", "TRACE"), setting("a", "TRACE"), setting("c", "TRACE")}},
+    {{"ARepeatedModuleOnce"}, traceModules("a,b,a"), dropOne, {setting("a", "TRACE"), setting("b", "TRACE")}},
+    {{"TheMostTalkativeLevelOfAModuleInSeveralLists"},
+     {{"VEXA_LOG_WARN_MODULES", "a,b,c,d"},
+      {"VEXA_LOG_INFO_MODULES", "b,c,d"},
+      {"VEXA_LOG_DEBUG_MODULES", "c,d"},
+      {"VEXA_LOG_TRACE_MODULES", "d"}},
+     dropOne,
+     {setting("a", "WARN"), setting("b", "INFO"), setting("c", "DEBUG"), setting("d", "TRACE")}},
+    {{"TheListsOfTheRecordWhereTheEnvironmentHasNone"}, // whose lists replace the record's
+     {{"VEXA_LOG_INFO_MODULES", "e"}},
+     logWithListsOfTheRecord,
+     {setting("d", "DEBUG"), setting("e", "INFO"), setting("t", "TRACE"), setting("w", "WARN")}},
+    {{"ByTheEmptyListOfTheEnvironmentInsteadOfTheRecords"},
+     {{"VEXA_LOG_WARN_MODULES", ""}},
+     logWithBluezAtWarn,
+     {"I [Bluez] text"}},
+    {{"AsItsFirstRecordSays"}, {}, logWithAnotherRecordBehind, {"I [Bluez] first", "D [Bluez] second"}},
+    {{"AsTheEnvironmentWasAtFirst"},
+     {},
+     logWithAnotherEnvironmentBehind,
+     {"I [Bluez] first", "D [Bluez] second"}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AListOfModules, testing::ValuesIn(kAListOfModulesCases), named);
-
-TEST(AModuleInSeveralLists, KeepsTheMostTalkativeLevel)
-{
-    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"},
-                                                        {"VEXA_LOG_WARN_MODULES", "a,b,c,d"},
-                                                        {"VEXA_LOG_INFO_MODULES", "b,c,d"},
-                                                        {"VEXA_LOG_DEBUG_MODULES", "c,d"},
-                                                        {"VEXA_LOG_TRACE_MODULES", "d"}}),
-                                                 [] { say(STBLogLevel_eTrace, "dropped"); });
-
-    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("D Setting loglevel for module 'a' to 'WARN'",
-                                                         "D Setting loglevel for module 'b' to 'INFO'",
-                                                         "D Setting loglevel for module 'c' to 'DEBUG'",
-                                                         "D Setting loglevel for module 'd' to 'TRACE'"));
-}
-
-TEST(TheListsOfTheRecord, CountWhereTheEnvironmentHasNone)
-{
-    const kit::Outcome outcome =
-        withEnvironment(plain({{"VEXA_LOG_LINENUM", "0"}, {"VEXA_LOG_INFO_MODULES", "e"}}), [] {
-            STBLoggerLogParams params = daemonParams();
-            params.warnModules = "w";
-            params.infoModules = "i"; // replaced, not added to
-            params.debugModules = "d";
-            params.traceModules = "t";
-            STBLogger_log(&params, "", STBLogLevel_eTrace, 42, "Bluez.cpp", "dropped");
-        });
-
-    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("D Setting loglevel for module 'd' to 'DEBUG'",
-                                                         "D Setting loglevel for module 'e' to 'INFO'",
-                                                         "D Setting loglevel for module 't' to 'TRACE'",
-                                                         "D Setting loglevel for module 'w' to 'WARN'"));
-}
-
-TEST(AnEmptyListInTheEnvironment, ReplacesTheRecordsToo)
-{
-    const kit::Outcome outcome = withEnvironment(plain({{"VEXA_LOG_WARN_MODULES", ""}}), [] {
-        STBLoggerLogParams params = daemonParams();
-        params.warnModules = "Bluez";
-        STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");
-    });
-
-    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] text"));
-}
+INSTANTIATE_TEST_SUITE_P(Table, ALogger, testing::ValuesIn(kStories), named);
 
 TEST(TheAnnouncementOfAModule, HasALineButNoModuleInItsTag)
 {
-    const kit::Outcome outcome =
-        withEnvironment(plain({{"VEXA_LOG_INFO_MODULES", "a"}}), [] { say(STBLogLevel_eTrace, "dropped"); });
-
     EXPECT_THAT(
-        toldBehindGreeting(outcome),
+        logged({{"VEXA_LOG_INFO_MODULES", "a"}}, dropOne),
         ElementsAre(testing::MatchesRegex("D \\[:[0-9]+\\] Setting loglevel for module 'a' to 'INFO'")));
 }
 
-// --- The life of a logger
-
-TEST(TheGreeting, ComesBeforeTheFirstMessageAndHasNoTag)
-{
-    const kit::Outcome outcome = withEnvironment(plain(), [] { say(STBLogLevel_eInfo, "first"); });
-
-    EXPECT_THAT(told(outcome), ElementsAre("I " + kGreeting, "I [Bluez:42] first"));
-}
-
-TEST(TheGreeting, ComesAlsoWhenTheFirstMessageIsDropped)
+TEST(TheGreeting, ComesOnceBeforeTheFirstMessageAlsoIfThatIsDropped)
 {
     const kit::Outcome outcome = withEnvironment(plain(), [] {
-        say(STBLogLevel_eTrace, "dropped");
-        say(STBLogLevel_eTrace, "dropped");
+        dropOne();
+        say(STBLogLevel_eInfo, "second");
     });
 
-    EXPECT_THAT(told(outcome), ElementsAre("I " + kGreeting));
+    EXPECT_THAT(told(outcome), ElementsAre("I " + kGreeting, "I [Bluez:42] second"));
 }
 
 TEST(TheGreeting, IsSubjectToTheLevelItself)
@@ -212,41 +228,14 @@ TEST(TheGreeting, IsSubjectToTheLevelItself)
     EXPECT_THAT(told(outcome), ElementsAre("W [Bluez:42] first"));
 }
 
-TEST(TheFirstRecord, IsTheOneThatCounts)
-{
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
-        say(STBLogLevel_eInfo, "first");
-        STBLoggerLogParams other = daemonParams();
-        other.prefix = ">>";
-        other.defaultLevel = "error";
-        other.lineNumbers = false;
-        other.threadId = true;
-        STBLogger_log(&other, "", STBLogLevel_eDebug, 43, "Bluez.cpp", "second");
-    });
-
-    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] first", "D [Bluez:43] second"));
-}
-
-TEST(TheEnvironment, IsReadOnceOnly)
-{
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
-        say(STBLogLevel_eInfo, "first");
-        setenv("VEXA_LOG_LEVEL", "ERROR", 1);
-        setenv("VEXA_LOG_LINENUM", "0", 1);
-        say(STBLogLevel_eDebug, "second");
-    });
-
-    EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] first", "D [Bluez:42] second"));
-}
-
 TEST(EachApplication, HasALoggerAndVariablesOfItsOwn)
 {
     const kit::Outcome outcome =
         withEnvironment(plain({{"OTHER_LOG_LEVEL", "ERROR"}, {"OTHER_LOG_USE_COLORS", "0"}}), [] {
             STBLoggerLogParams other = daemonParams();
             other.application = "OTHER";
-            STBLogger_log(&other, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "dropped");
-            STBLogger_log(&other, "", STBLogLevel_eError, 42, "Bluez.cpp", "of the other");
+            say({STBLogLevel_eInfo, "dropped"}, other);
+            say({STBLogLevel_eError, "of the other"}, other);
             say(STBLogLevel_eInfo, "of the daemon");
         });
 
@@ -262,32 +251,31 @@ class ANull : public testing::TestWithParam<NullCase>
 {
 };
 
+void logSpoilt()
+{
+    STBLoggerLogParams params = daemonParams();
+    const char* module = "";
+    ANull::GetParam().spoil(params, module);
+    EXPECT_THROW(STBLogger_log(&params, module, STBLogLevel_eInfo, 42, "Bluez.cpp", "text"),
+                 std::logic_error);
+}
+
 TEST_P(ANull, IsALogicErrorThatPassesThroughAndLeavesTheLoggerUsable)
 {
-    for (const char* level : {"", "INFO"}) { // also where the variable stands in for the default
-        const kit::Outcome outcome = withEnvironment(
-            plain(*level != '\0' ? Environment{{"VEXA_LOG_LEVEL", level}} : Environment{}), [] {
-                STBLoggerLogParams params = daemonParams();
-                const char* module = "";
-                GetParam().spoil(params, module);
-                EXPECT_THROW(STBLogger_log(&params, module, STBLogLevel_eInfo, 42, "Bluez.cpp", "text"),
-                             std::logic_error);
-                say(STBLogLevel_eInfo, "goes on");
-            });
+    // Also where the variable stands in for the default.
+    for (const Environment& environment : {Environment{}, Environment{{"VEXA_LOG_LEVEL", "INFO"}}}) {
+        const auto lines = logged(environment, [] {
+            logSpoilt();
+            say(STBLogLevel_eInfo, "goes on");
+        });
 
-        EXPECT_THAT(toldBehindGreeting(outcome), ElementsAre("I [Bluez:42] goes on"));
+        EXPECT_THAT(lines, ElementsAre("I [Bluez:42] goes on"));
     }
 }
 
 TEST_P(ANull, DoesntHarmTheEndOfTheProcess)
 {
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
-        STBLoggerLogParams params = daemonParams();
-        const char* module = "";
-        GetParam().spoil(params, module);
-        EXPECT_THROW(STBLogger_log(&params, module, STBLogLevel_eInfo, 42, "Bluez.cpp", "text"),
-                     std::logic_error);
-    });
+    const kit::Outcome outcome = withEnvironment(plain(), logSpoilt);
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
 }
@@ -301,26 +289,18 @@ const NullCase kANullCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, ANull, testing::ValuesIn(kANullCases), named);
 
-TEST(AnEmptyPrefix, LeavesTheTimeAtTheHeadOfTheLine)
+TEST(ThePrefix, IsWrittenAsItIs)
 {
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
-        STBLoggerLogParams params = daemonParams();
-        params.prefix = "";
-        STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");
-    });
+    for (const char* prefix : {"", "%s%n "}) {
+        const kit::Outcome outcome = withEnvironment(plain(), [&] {
+            STBLoggerLogParams params = daemonParams();
+            params.prefix = prefix;
+            say({}, params);
+        });
 
-    EXPECT_THAT(outcome.errors, testing::EndsWith("\n12:34:56.789 I [Bluez:42] text\n"));
-}
-
-TEST(APrefixThatLooksLikeAFormat, IsWrittenAsItIs)
-{
-    const kit::Outcome outcome = withEnvironment(plain(), [] {
-        STBLoggerLogParams params = daemonParams();
-        params.prefix = "%s%n ";
-        STBLogger_log(&params, "", STBLogLevel_eInfo, 42, "Bluez.cpp", "text");
-    });
-
-    EXPECT_THAT(outcome.errors, testing::EndsWith("\n%s%n 12:34:56.789 I [Bluez:42] text\n"));
+        EXPECT_THAT(outcome.errors,
+                    testing::EndsWith(std::string("\n") + prefix + "12:34:56.789 I [Bluez:42] text\n"));
+    }
 }
 
 // --- syslog
@@ -344,7 +324,7 @@ TEST(Syslog, IsClosedForEachLoggerThatUsesIt)
         for (const char* application : {"VEXA", "SECOND", "THIRD"}) {
             STBLoggerLogParams params = daemonParams();
             params.application = application;
-            STBLogger_log(&params, "", STBLogLevel_eTrace, 42, "main.cpp", "dropped");
+            say({STBLogLevel_eTrace}, params);
         }
     });
 
@@ -353,44 +333,6 @@ TEST(Syslog, IsClosedForEachLoggerThatUsesIt)
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "openlog null 3 8"));
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "closelog"));
 }
-
-TEST(Syslog, IsLeftAloneWhileItIsOff)
-{
-    const kit::Outcome outcome = withEnvironment({}, [] { say(STBLogLevel_eInfo, "text"); });
-
-    EXPECT_EQ("", outcome.output);
-}
-
-struct PriorityCase : NamedCase {
-    STBLogLevel level;
-    int priority;
-    const char* text;
-};
-
-class APriority : public testing::TestWithParam<PriorityCase>
-{
-};
-
-TEST_P(APriority, FollowsTheLevel)
-{
-    const kit::Outcome outcome =
-        withEnvironment(onSyslogOnly({{"VEXA_LOG_LEVEL", "TRACE"}}), [] { say(GetParam().level, "text"); });
-
-    EXPECT_THAT(sent(outcome), ElementsAre("syslog " + std::to_string(GetParam().priority) + " %s <" +
-                                           GetParam().text + ">"));
-}
-
-const PriorityCase kAPriorityCases[] = {
-    {"OfNone", STBLogLevel_eNone, 5, ".789 [Bluez:42] text"},
-    {"OfError", STBLogLevel_eError, 3, ".789 [Bluez:42] text"},
-    {"OfWarn", STBLogLevel_eWarn, 4, ".789 [Bluez:42] text"},
-    {"OfInfo", STBLogLevel_eInfo, 6, ".789 [Bluez:42] text"},
-    {"OfDebug", STBLogLevel_eDebug, 7, ".789 [Bluez:42] text"},
-    {"OfTrace", STBLogLevel_eTrace, 7, ".789 TRACE [Bluez:42] text"},
-    {"OfMinusOne", static_cast<STBLogLevel>(-1), 5, ".789 [Bluez:42] text"},
-};
-
-INSTANTIATE_TEST_SUITE_P(Table, APriority, testing::ValuesIn(kAPriorityCases), named);
 
 struct SegmentCase : NamedCase {
     const char* text;
@@ -403,14 +345,11 @@ class ATextForSyslog : public testing::TestWithParam<SegmentCase>
 
 TEST_P(ATextForSyslog, GoesLineByLine)
 {
-    const kit::Outcome outcome =
-        withEnvironment(onSyslogOnly(), [] { say(STBLogLevel_eInfo, GetParam().text); });
-
     std::vector<std::string> expected;
     for (const char* record : GetParam().records) {
         expected.push_back(std::string("syslog 6 %s <") + record + ">");
     }
-    EXPECT_EQ(expected, sent(outcome));
+    EXPECT_EQ(expected, sent({}, [] { say(STBLogLevel_eInfo, GetParam().text); }));
 }
 
 const SegmentCase kATextForSyslogCases[] = {
@@ -430,21 +369,17 @@ INSTANTIATE_TEST_SUITE_P(Table, ATextForSyslog, testing::ValuesIn(kATextForSyslo
 
 TEST(ATextForSyslogWithAThreadIdentifier, HasItBehindTheMilliseconds)
 {
-    const kit::Outcome outcome =
-        withEnvironment(onSyslogOnly({{"VEXA_LOG_THREAD_ID", "y"}, {"VEXA_LOG_LINENUM", "0"}}),
-                        [] { say(STBLogLevel_eInfo, "text"); });
+    const auto records = sent({{"VEXA_LOG_THREAD_ID", "y"}, {"VEXA_LOG_LINENUM", "0"}},
+                              [] { say(STBLogLevel_eInfo, "text"); });
 
-    EXPECT_THAT(sent(outcome),
+    EXPECT_THAT(records,
                 ElementsAre(testing::MatchesRegex("syslog 6 %s <.789 0x[0-9a-f]+ \\[Bluez\\] text>")));
 }
 
 TEST(ALongTextForSyslog, IsCutTo1023Characters)
 {
-    const kit::Outcome outcome =
-        withEnvironment(onSyslogOnly(), [] { say(STBLogLevel_eInfo, std::string(5000, 'x')); });
-
     const std::string head = ".789 [Bluez:42] ";
-    EXPECT_THAT(sent(outcome),
+    EXPECT_THAT(sent({}, [] { say(STBLogLevel_eInfo, std::string(5000, 'x')); }),
                 ElementsAre("syslog 6 %s <" + head + std::string(1023 - head.size(), 'x') + ">"));
 }
 
