@@ -7,41 +7,26 @@
 #include <pthread.h>
 #include <sys/resource.h>
 
-#define WRAPPED(function) __asm__("__wrap_" #function)
-#define REAL(function) __asm__("__real_" #function)
-int realAttributeInit(pthread_mutexattr_t*) REAL(pthread_mutexattr_init);
-int realAttributeSettype(pthread_mutexattr_t*, int) REAL(pthread_mutexattr_settype);
-int realAttributeDestroy(pthread_mutexattr_t*) REAL(pthread_mutexattr_destroy);
-int realMutexInit(pthread_mutex_t*, const pthread_mutexattr_t*) REAL(pthread_mutex_init);
-int realMutexDestroy(pthread_mutex_t*) REAL(pthread_mutex_destroy);
-int realMutexLock(pthread_mutex_t*) REAL(pthread_mutex_lock);
-int realMutexUnlock(pthread_mutex_t*) REAL(pthread_mutex_unlock);
-int realCondInit(pthread_cond_t*, const pthread_condattr_t*) REAL(pthread_cond_init);
-int realCondDestroy(pthread_cond_t*) REAL(pthread_cond_destroy);
-int realCondTimedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*) REAL(pthread_cond_timedwait);
-int realCondSignal(pthread_cond_t*) REAL(pthread_cond_signal);
-int realCondBroadcast(pthread_cond_t*) REAL(pthread_cond_broadcast);
-int realCreate(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) REAL(pthread_create);
-int realJoin(pthread_t, void**) REAL(pthread_join);
-int realSetname(pthread_t, const char*) REAL(pthread_setname_np);
-int realGettimeofday(timeval*, void*) REAL(gettimeofday);
-int wrappedAttributeInit(pthread_mutexattr_t*) WRAPPED(pthread_mutexattr_init);
-int wrappedAttributeSettype(pthread_mutexattr_t*, int) WRAPPED(pthread_mutexattr_settype);
-int wrappedAttributeDestroy(pthread_mutexattr_t*) WRAPPED(pthread_mutexattr_destroy);
-int wrappedMutexInit(pthread_mutex_t*, const pthread_mutexattr_t*) WRAPPED(pthread_mutex_init);
-int wrappedMutexDestroy(pthread_mutex_t*) WRAPPED(pthread_mutex_destroy);
-int wrappedMutexLock(pthread_mutex_t*) WRAPPED(pthread_mutex_lock);
-int wrappedMutexUnlock(pthread_mutex_t*) WRAPPED(pthread_mutex_unlock);
-int wrappedCondInit(pthread_cond_t*, const pthread_condattr_t*) WRAPPED(pthread_cond_init);
-int wrappedCondDestroy(pthread_cond_t*) WRAPPED(pthread_cond_destroy);
-int wrappedCondTimedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*) WRAPPED(pthread_cond_timedwait);
-int wrappedCondSignal(pthread_cond_t*) WRAPPED(pthread_cond_signal);
-int wrappedCondBroadcast(pthread_cond_t*) WRAPPED(pthread_cond_broadcast);
-int wrappedCreate(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) WRAPPED(pthread_create);
-int wrappedJoin(pthread_t, void**) WRAPPED(pthread_join);
-int wrappedSetname(pthread_t, const char*) WRAPPED(pthread_setname_np);
-int wrappedGettimeofday(timeval*, void*) WRAPPED(gettimeofday);
-int wrappedSetpriority(int, id_t, int) WRAPPED(setpriority);
+// The linker sends calls of `function` to wrappedName; realName is the C library's.
+#define WRAP(name, function, ...)                                                                            \
+    int real##name(__VA_ARGS__) __asm__("__real_" #function);                                                \
+    int wrapped##name(__VA_ARGS__) __asm__("__wrap_" #function)
+
+WRAP(AttributeInit, pthread_mutexattr_init, pthread_mutexattr_t*);
+WRAP(AttributeSettype, pthread_mutexattr_settype, pthread_mutexattr_t*, int);
+WRAP(MutexInit, pthread_mutex_init, pthread_mutex_t*, const pthread_mutexattr_t*);
+WRAP(MutexDestroy, pthread_mutex_destroy, pthread_mutex_t*);
+WRAP(MutexLock, pthread_mutex_lock, pthread_mutex_t*);
+WRAP(MutexUnlock, pthread_mutex_unlock, pthread_mutex_t*);
+WRAP(CondInit, pthread_cond_init, pthread_cond_t*, const pthread_condattr_t*);
+WRAP(CondDestroy, pthread_cond_destroy, pthread_cond_t*);
+WRAP(CondTimedwait, pthread_cond_timedwait, pthread_cond_t*, pthread_mutex_t*, const timespec*);
+WRAP(CondSignal, pthread_cond_signal, pthread_cond_t*);
+WRAP(CondBroadcast, pthread_cond_broadcast, pthread_cond_t*);
+WRAP(Create, pthread_create, pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+WRAP(Join, pthread_join, pthread_t, void**);
+WRAP(Gettimeofday, gettimeofday, timeval*, void*);
+WRAP(Setpriority, setpriority, int, id_t, int);
 
 std::atomic<const char*> injectedFunction{nullptr};
 std::atomic<int> injectedResult{0};
@@ -51,13 +36,8 @@ std::atomic<void (*)()> onTimedwait{nullptr};
 std::atomic<void (*)()> onJoin{nullptr};
 thread_local CallTrace* callTrace = nullptr;
 thread_local timespec givenDeadline{};
-std::atomic<int> mutexKind{-1};
-std::atomic<int> attributeDestructions{0};
-std::atomic<const void*> condAttributes{nullptr};
-std::atomic<const void*> threadAttributes{nullptr};
 std::atomic<int> timedwaits{0};
 std::atomic<int> joins{0};
-std::atomic<int> namings{0};
 thread_local PriorityCall givenPriority{};
 
 namespace
@@ -74,10 +54,8 @@ class CountsFromZero : public testing::EmptyTestEventListener
 {
     void OnTestStart(const testing::TestInfo&) override
     {
-        attributeDestructions = 0;
         timedwaits = 0;
         joins = 0;
-        namings = 0;
     }
 };
 
@@ -118,15 +96,8 @@ int wrappedAttributeInit(pthread_mutexattr_t* attributes)
 
 int wrappedAttributeSettype(pthread_mutexattr_t* attributes, int kind)
 {
-    mutexKind = kind;
     return isInjected("pthread_mutexattr_settype") ? injectedResult.load()
                                                    : realAttributeSettype(attributes, kind);
-}
-
-int wrappedAttributeDestroy(pthread_mutexattr_t* attributes)
-{
-    ++attributeDestructions;
-    return realAttributeDestroy(attributes);
 }
 
 int wrappedMutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)
@@ -154,7 +125,6 @@ int wrappedMutexUnlock(pthread_mutex_t* mutex)
 
 int wrappedCondInit(pthread_cond_t* condition, const pthread_condattr_t* attributes)
 {
-    condAttributes = attributes;
     return isInjected("pthread_cond_init") ? injectedResult.load() : realCondInit(condition, attributes);
 }
 
@@ -188,7 +158,6 @@ int wrappedCondBroadcast(pthread_cond_t* condition)
 int wrappedCreate(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument)
 {
     trace("create");
-    threadAttributes = attributes;
     return isInjected("pthread_create") ? injectedResult.load() : realCreate(id, attributes, entry, argument);
 }
 
@@ -198,12 +167,6 @@ int wrappedJoin(pthread_t id, void** result)
     ++joins;
     callHook(onJoin);
     return realJoin(id, result);
-}
-
-int wrappedSetname(pthread_t id, const char* name)
-{
-    ++namings;
-    return realSetname(id, name);
 }
 
 int wrappedGettimeofday(timeval* now, void* zone)

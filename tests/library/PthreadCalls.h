@@ -36,14 +36,9 @@ extern thread_local CallTrace* callTrace;
 /// The deadline of this thread's last timed wait.
 extern thread_local timespec givenDeadline;
 
-/// Arguments of the last call, or counts of calls within the test.
-extern std::atomic<int> mutexKind;
-extern std::atomic<int> attributeDestructions;
-extern std::atomic<const void*> condAttributes;
-extern std::atomic<const void*> threadAttributes;
+/// Counts of calls within the test.
 extern std::atomic<int> timedwaits;
 extern std::atomic<int> joins;
-extern std::atomic<int> namings;
 
 /// What setpriority was asked for last. The call is only recorded.
 struct PriorityCall {

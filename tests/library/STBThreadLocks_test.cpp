@@ -94,14 +94,6 @@ TEST(AStopOfAThreadThatWasNeverStarted, WakesTheSleepersUnderBothLocks)
     EXPECT_THAT(calls, ElementsAre("lock A", "lock B", "broadcast", "unlock B", "unlock A"));
 }
 
-// Leaves the end to the destructor under test: its run() may be gone only once it has been called.
-class Bare : public STBThread
-{
-public:
-    void run() override { ran.set(); }
-    Event ran;
-};
-
 TEST(TheDestructor, OfAThreadThatWasNeverStartedWakesTheSleepers)
 {
     auto thread = std::make_unique<Bare>();

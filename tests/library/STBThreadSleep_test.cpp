@@ -49,34 +49,6 @@ TEST(ASleep, LastsForItsTimeOnAnyThread)
     EXPECT_GE(slept, std::chrono::milliseconds(200)); // the wall clock may be slewed
 }
 
-TEST(ASleep, IsShortenedByAStepOfTheWallClockForward)
-{
-    Worker worker(sleepUntilStopped);
-    worker.startThread(nullptr);
-    clockAheadUs = -3600LL * 1000000; // an hour passes between the reading of the clock and the wait
-    const auto start = std::chrono::steady_clock::now();
-    worker.sleepMs(1800 * 1000);
-    const auto slept = std::chrono::steady_clock::now() - start;
-    clockAheadUs = 0;
-    worker.stopThread();
-
-    EXPECT_LT(slept, kit::kPatience);
-}
-
-TEST(ASleep, IsLengthenedByAStepOfTheWallClockBack)
-{
-    Worker worker([](Worker&) {});
-    worker.startThread(nullptr);
-    clockAheadUs = 300000; // as if the clock were set back by this much once it has been read
-    const auto start = std::chrono::steady_clock::now();
-    worker.sleepMs(0);
-    const auto slept = std::chrono::steady_clock::now() - start;
-    clockAheadUs = 0;
-    worker.stopThread();
-
-    EXPECT_GE(slept, std::chrono::milliseconds(200));
-}
-
 TEST(ASleep, EndsWithASpuriousWakeUp)
 {
     Worker worker;

@@ -53,6 +53,14 @@ private:
     std::function<void(Worker&)> mBody;
 };
 
+/// A thread whose end is left to the destructor under test: run() may be gone only once it has been called.
+class Bare : public STBThread
+{
+public:
+    void run() override { ran.set(); }
+    Event ran;
+};
+
 /// A body that sleeps until its thread is stopped.
 inline void sleepUntilStopped(Worker& worker)
 {
