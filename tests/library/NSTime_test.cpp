@@ -74,16 +74,6 @@ TEST(TheWallClock, IsReadToTheMicrosecond)
     EXPECT_EQ(1700000000999999, read.toInt64());
 }
 
-TEST(TheWallClock, CountsFromTheEpoch)
-{
-    const std::time_t before = std::time(nullptr) - 1; // time() may lag by a tick
-    const NSTime read = NSTime::now();
-    const std::time_t after = std::time(nullptr) + 1;
-
-    EXPECT_LE(before, read.toTimeT());
-    EXPECT_GE(after, read.toTimeT());
-}
-
 TEST(TheMonotonicClock, IsTruncatedToTheMicrosecond)
 {
     const timespec now{5, 1999999};
@@ -92,14 +82,6 @@ TEST(TheMonotonicClock, IsTruncatedToTheMicrosecond)
     monotonicClock = nullptr;
 
     EXPECT_EQ(5001999, read.toInt64());
-}
-
-TEST(TheMonotonicClock, NeverGoesBack)
-{
-    const NSTime first = NSTime::nowRelative();
-    const NSTime second = NSTime::nowRelative();
-
-    EXPECT_LE(first, second);
 }
 
 TEST(AnAssignedTimeval, IsSecondsAndMicroseconds)
@@ -161,30 +143,22 @@ INSTANTIATE_TEST_SUITE_P(Table, AComparison, testing::ValuesIn(kComparisons), na
 
 // --- Arithmetic
 
-TEST(Arithmetic, InPlaceAddsAndTakesOffMicroseconds)
-{
-    NSTime time(10);
-    time += 5;
-    EXPECT_EQ(15, time.toInt64());
-    time -= 20;
-    EXPECT_EQ(-5, time.toInt64());
-}
-
-TEST(Arithmetic, WithMicrosecondsGivesANewValue)
+TEST(Arithmetic, AddsAndTakesOffMicrosecondsAndTimes)
 {
     const NSTime time(10);
+    NSTime changed = time;
+    changed += 5;
+    EXPECT_EQ(15, changed.toInt64());
+    changed -= 20;
+    EXPECT_EQ(-5, changed.toInt64());
 
     EXPECT_EQ(15, (time + 5LL).toInt64());
     EXPECT_EQ(-5, (time - 15LL).toInt64());
     EXPECT_EQ(15, (time + 5).toInt64());
+    EXPECT_EQ(13, (time + NSTime(3)).toInt64());
+    EXPECT_EQ(7, (time - NSTime(3)).toInt64());
+    EXPECT_EQ(-7, (NSTime(3) - time).toInt64());
     EXPECT_EQ(10, time.toInt64());
-}
-
-TEST(Arithmetic, WithTimesGivesTheirSumAndDifference)
-{
-    EXPECT_EQ(13, (NSTime(10) + NSTime(3)).toInt64());
-    EXPECT_EQ(7, (NSTime(10) - NSTime(3)).toInt64());
-    EXPECT_EQ(-7, (NSTime(3) - NSTime(10)).toInt64());
 }
 
 struct UnitCase : NamedCase {
@@ -194,35 +168,15 @@ struct UnitCase : NamedCase {
 
 class AddingAUnit : public testing::TestWithParam<UnitCase>
 {
-protected:
-    static NSTime plus(int count)
-    {
-        NSTime time(1);
-        (time.*GetParam().add)(count);
-        return time;
-    }
 };
 
-TEST_P(AddingAUnit, AddsSoManyMicroseconds)
+TEST_P(AddingAUnit, AddsSoManyMicrosecondsExactly)
 {
-    EXPECT_EQ(1 + GetParam().us, plus(1).toInt64());
-    EXPECT_EQ(1 - 3 * GetParam().us, plus(-3).toInt64());
-    EXPECT_EQ(1, plus(0).toInt64());
-}
-
-TEST_P(AddingAUnit, IsExactForLargeCounts)
-{
-    EXPECT_EQ(1 + 100000000 * GetParam().us, plus(100000000).toInt64());
-    EXPECT_EQ(1 - 100000000 * GetParam().us, plus(-100000000).toInt64());
-}
-
-TEST_P(AddingAUnit, IsUndoneByTakingItOff)
-{
-    NSTime time(12345);
-    (time.*GetParam().add)(1);
-    (time.*GetParam().add)(-1);
-
-    EXPECT_EQ(12345, time.toInt64());
+    for (const int count : {1, 0, -3, 100000000, -100000000}) {
+        NSTime time(1);
+        (time.*GetParam().add)(count);
+        EXPECT_EQ(1 + count * GetParam().us, time.toInt64()) << count;
+    }
 }
 
 const UnitCase kUnits[] = {
@@ -311,52 +265,44 @@ INSTANTIATE_TEST_SUITE_P(Table, AnInterval, testing::ValuesIn(kIntervals), named
 
 // --- Local time
 
-class ATimeInAZone : public testing::Test
-{
-protected:
-    void SetUp() override { setZone("UTC"); }
+constexpr long long kNoon = 1700049600000000; // 2023-11-15 12:00:00 UTC
+constexpr const char* kDumped = nullptr;
 
-    static void setZone(const char* zone)
-    {
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-
-    static constexpr long long kNoon = 1700049600000000; // 2023-11-15 12:00:00 UTC
+struct LocalCase : NamedCase {
+    const char* zone;
+    long long us;
+    const char* format; ///< or kDumped
+    const char* text;
 };
 
-TEST_F(ATimeInAZone, IsFormattedAsLocalTime)
+class ALocalTime : public testing::TestWithParam<LocalCase>
 {
-    EXPECT_EQ("2023-11-15 12:00:00", NSTime(kNoon).toString("%Y-%m-%d %H:%M:%S"));
-    setZone("XXX-3");
-    EXPECT_EQ("2023-11-15 15:00:00", NSTime(kNoon).toString("%Y-%m-%d %H:%M:%S"));
+};
+
+TEST_P(ALocalTime, IsFormattedOrDumped)
+{
+    setenv("TZ", GetParam().zone, 1);
+    tzset();
+    const NSTime time(GetParam().us);
+
+    EXPECT_EQ(GetParam().text, GetParam().format != kDumped ? time.toString(GetParam().format) : time.dump());
 }
 
-TEST_F(ATimeInAZone, IsFormattedByItsWholeSeconds)
-{
-    EXPECT_EQ("00", NSTime(kNoon + 999999).toString("%S"));
-    EXPECT_EQ("00:00:00", NSTime(-999999).toString("%H:%M:%S")); // toward zero
-}
+const LocalCase kLocals[] = {
+    {"InUtc", "UTC", kNoon, "%Y-%m-%d %H:%M:%S", "2023-11-15 12:00:00"},
+    {"EastOfIt", "XXX-3", kNoon, "%Y-%m-%d %H:%M:%S", "2023-11-15 15:00:00"},
+    {"ByItsWholeSeconds", "UTC", kNoon + 999999, "%S", "00"},
+    {"ByItsWholeSecondsTowardZero", "UTC", -999999, "%H:%M:%S", "00:00:00"},
+    {"AlmostFiveTimesItsFormat", "UTC", kNoon, "%B", "November"},
+    {"AtLength", "UTC", kNoon, "%A%A", "WednesdayWednesday"},
+    {"WithoutASign", "UTC", kNoon, "plain", "plain"},
+    {"DumpedWithMilliseconds", "UTC", kNoon, kDumped, "2023-11-15 12:00:00.000"},
+    {"DumpedWithThreeDigits", "UTC", kNoon + 7000, kDumped, "2023-11-15 12:00:00.007"},
+    {"DumpedWestOfIt", "XXX+3", kNoon + 123456, kDumped, "2023-11-15 09:00:00.123"},
+    {"DumpedTruncated", "UTC", kNoon + 999999, kDumped, "2023-11-15 12:00:00.999"},
+    {"DumpedOfAMicrosecond", "UTC", 1, kDumped, "1970-01-01 00:00:00.000"},
+};
 
-TEST_F(ATimeInAZone, FillsUpToFiveTimesItsFormat)
-{
-    EXPECT_EQ("November", NSTime(kNoon).toString("%B"));
-    EXPECT_EQ("WednesdayWednesday", NSTime(kNoon).toString("%A%A"));
-    EXPECT_EQ("plain", NSTime(kNoon).toString("plain"));
-}
-
-TEST_F(ATimeInAZone, IsDumpedWithMilliseconds)
-{
-    EXPECT_EQ("2023-11-15 12:00:00.000", NSTime(kNoon).dump());
-    EXPECT_EQ("2023-11-15 12:00:00.007", NSTime(kNoon + 7000).dump());
-    setZone("XXX+3");
-    EXPECT_EQ("2023-11-15 09:00:00.123", NSTime(kNoon + 123456).dump());
-}
-
-TEST_F(ATimeInAZone, IsDumpedTruncatedAndNotRounded)
-{
-    EXPECT_EQ("2023-11-15 12:00:00.999", NSTime(kNoon + 999999).dump());
-    EXPECT_EQ("1970-01-01 00:00:00.000", NSTime(1).dump());
-}
+INSTANTIATE_TEST_SUITE_P(Table, ALocalTime, testing::ValuesIn(kLocals), named);
 
 } // namespace
