@@ -102,6 +102,19 @@ void ABus::settle()
     onEventThread([] {});
 }
 
+Lines ABus::known()
+{
+    Lines found;
+    onEventThread([&] {
+        for (const Kind& kind : kKinds) {
+            for (const auto& entry : (*client).*kind.proxies) {
+                found.push_back(kind.entry(entry.first));
+            }
+        }
+    });
+    return found;
+}
+
 void ABus::expectFromGlib(const Lines& messages)
 {
     EXPECT_EQ(GlibMessages::instance().take(), messages);
@@ -174,11 +187,33 @@ void ABusWithBlueZ::addAll()
     addDescriptor();
 }
 
+void ABusWithBlueZ::startWithAll()
+{
+    addAll();
+    start();
+    sim->clearCalls();
+    listener.clear();
+    log.clear();
+}
+
+void ABusWithBlueZ::change(const Kind& kind, const PropertyMap& properties)
+{
+    sim->emitPropertiesChanged(kind.path, kind.interface, properties);
+    settle();
+}
+
 std::map<std::string, Bluez::Service> ABusWithBlueZ::tree()
 {
     std::map<std::string, Bluez::Service> copy;
-    onEventThread([&] { copy = inside::of<inside::Services>(*client); });
+    onEventThread([&] { copy = (*client).*inside::kMembers.services; });
     return copy;
+}
+
+GDBusProxy* ABusWithBlueZ::proxyOf(const Kind& kind, const std::string& path)
+{
+    GDBusProxy* proxy = nullptr;
+    onEventThread([&] { proxy = ((*client).*kind.proxies).at(path).get(); });
+    return proxy;
 }
 
 std::size_t ABusWithBlueZ::unrefs() const
@@ -193,30 +228,39 @@ void ABusWithBlueZ::emitFromManager(const char* signal, const std::string& path)
 {
     onEventThread([&] {
         GDBusObjectSkeleton* object = g_dbus_object_skeleton_new(path.c_str());
-        g_signal_emit_by_name(inside::of<inside::ObjectManager>(*client), signal, object);
+        g_signal_emit_by_name((*client).*inside::kMembers.objectManager, signal, object);
         g_object_unref(object);
     });
 }
 
 OutgoingMessages::OutgoingMessages(GDBusConnection* connection)
-    : mConnection(static_cast<GDBusConnection*>(g_object_ref(connection)))
+    : mConnection(static_cast<GDBusConnection*>(g_object_ref(connection))),
+      mFilter(g_dbus_connection_add_filter(
+          mConnection, note, new std::shared_ptr<Record>(mRecord),
+          [](gpointer record) { delete static_cast<std::shared_ptr<Record>*>(record); }))
 {
-    const GDBusMessageFilterFunction filter = [](GDBusConnection* /*connection*/, GDBusMessage* message,
-                                                 gboolean incoming, gpointer data) -> GDBusMessage* {
-        const char* member = g_dbus_message_get_member(message);
-        const bool settling = member != nullptr && std::strcmp(member, "GetId") == 0;
-        if (incoming == FALSE && !settling) {
-            ++**static_cast<std::shared_ptr<std::atomic<int>>*>(data);
-        }
-        return message;
-    };
-    mFilter = g_dbus_connection_add_filter(
-        mConnection, filter, new std::shared_ptr<std::atomic<int>>(mCount),
-        [](gpointer data) { delete static_cast<std::shared_ptr<std::atomic<int>>*>(data); });
 }
 
 OutgoingMessages::~OutgoingMessages()
 {
     g_dbus_connection_remove_filter(mConnection, mFilter);
     g_object_unref(mConnection);
+}
+
+GDBusMessage* OutgoingMessages::note(GDBusConnection* /*connection*/, GDBusMessage* message,
+                                     gboolean incoming, gpointer record)
+{
+    const char* member = g_dbus_message_get_member(message);
+    if (incoming == FALSE && member != nullptr && std::strcmp(member, "GetId") != 0) {
+        Record& to = **static_cast<std::shared_ptr<Record>*>(record);
+        const std::lock_guard lock(to.mutex);
+        to.members.emplace_back(member);
+    }
+    return message;
+}
+
+Lines OutgoingMessages::members() const
+{
+    const std::lock_guard lock(mRecord->mutex);
+    return mRecord->members;
 }

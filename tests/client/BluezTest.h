@@ -2,11 +2,12 @@
 #pragma once
 
 #include "Bluez.h"
-#include "tests/client/BluezInside.h"
-#include "tests/kit/LogRecorder.h"
-#include "tests/client/RecordingListener.h"
 #include "sim/bluez/PrivateBus.h"
 #include "sim/bluez/Simulator.h"
+#include "tests/client/BluezInside.h"
+#include "tests/client/RecordingListener.h"
+#include "tests/kit/LogRecorder.h"
+#include "tests/kit/NamedCase.h"
 
 #include <array>
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,6 +44,36 @@ constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 constexpr const char* kBatteryUuid = "0000180f-0000-1000-8000-00805f9b34fb";
 constexpr const char* kLevelUuid = "00002a19-0000-1000-8000-00805f9b34fb";
 constexpr const char* kConfigurationUuid = "00002902-0000-1000-8000-00805f9b34fb";
+
+/// A kind of object that the client tracks, with the plain object of that kind.
+struct Kind : NamedCase {
+    const char* path;
+    const char* interface;
+    inside::Members::ProxyMap Bluez::*proxies;
+
+    /// The event of such an object's arrival or removal.
+    std::string added(const std::string& of) const { return std::string("on") + name + "Added " + of; }
+    std::string removed(const std::string& of) const { return std::string("on") + name + "Removed " + of; }
+    std::string added() const { return added(path); }
+    std::string removed() const { return removed(path); }
+    /// The entry of a path in the client's map of proxies, as ABus::known() gives it.
+    std::string entry(const std::string& of) const { return std::string(name) + " " + of; }
+    std::string entry() const { return entry(path); }
+};
+
+/// From the top down.
+inline const std::array<Kind, 5> kKinds{{
+    {{"Adapter"}, kAdapter, kAdapterInterface, inside::kMembers.adapterProxies},
+    {{"Device"}, kDevice, kDeviceInterface, inside::kMembers.deviceProxies},
+    {{"Service"}, kService, kServiceInterface, inside::kMembers.serviceProxies},
+    {{"Characteristic"}, kCharacteristic, kCharacteristicInterface, inside::kMembers.characteristicProxies},
+    {{"Descriptor"}, kDescriptor, kDescriptorInterface, inside::kMembers.descriptorProxies},
+}};
+inline const Kind& kAdapterKind = kKinds[0];
+inline const Kind& kDeviceKind = kKinds[1];
+inline const Kind& kServiceKind = kKinds[2];
+inline const Kind& kCharacteristicKind = kKinds[3];
+inline const Kind& kDescriptorKind = kKinds[4];
 
 inline Variant boolean(bool value)
 {
@@ -89,18 +121,8 @@ protected:
     /// GLib's criticals and warnings that the case expects; any other fails it.
     void expectFromGlib(const Lines& messages);
 
-    /// Keys of one of the client's maps: keys<inside::DeviceProxies>().
-    template <typename Key>
-    Lines keys()
-    {
-        Lines found;
-        onEventThread([&] {
-            for (const auto& entry : inside::of<Key>(*client)) {
-                found.push_back(entry.first);
-            }
-        });
-        return found;
-    }
+    /// The client's entries for proxies, empty ones too, kind by kind: "Adapter /org/bluez/hci0".
+    Lines known();
 
     LogRecorder& log = LogRecorder::instance();
     std::unique_ptr<vexasim::PrivateBus> bus;
@@ -134,17 +156,16 @@ protected:
     void removeAlone(const std::string& path, const std::string& interface);
     /// The five above in their order.
     void addAll();
+    /// Starts the client with those five, and begins the records of events, calls and log anew.
+    void startWithAll();
+    /// The plain object of this kind signals changes; returns when the client has handled them.
+    void change(const Kind& kind, const PropertyMap& properties);
 
     /// A copy of the client's image of the GATT tree.
     std::map<std::string, Bluez::Service> tree();
-    /// The proxy that one of the client's maps holds, null if it is an empty one.
-    template <typename Key>
-    GDBusProxy* proxyOf(const std::string& path)
-    {
-        GDBusProxy* proxy = nullptr;
-        onEventThread([&] { proxy = inside::of<Key>(*client).at(path).get(); });
-        return proxy;
-    }
+    /// The proxy that the client holds for this object, null if its entry is empty.
+    GDBusProxy* proxyOf(const Kind& kind, const std::string& path);
+    GDBusProxy* proxyOf(const Kind& kind) { return proxyOf(kind, kind.path); }
     /// How many proxies the log says were released.
     std::size_t unrefs() const;
 
@@ -159,7 +180,8 @@ private:
     void emitFromManager(const char* signal, const std::string& path);
 };
 
-/// Counts the messages that leave this process on the client's connection, but for those of settle().
+/// Notes the methods of the messages that leave this process on the client's connection, but for those of
+/// settle().
 class OutgoingMessages
 {
 public:
@@ -168,11 +190,18 @@ public:
     OutgoingMessages(const OutgoingMessages&) = delete;
     OutgoingMessages& operator=(const OutgoingMessages&) = delete;
 
-    int count() const { return *mCount; }
+    Lines members() const;
 
 private:
+    struct Record {
+        std::mutex mutex;
+        Lines members;
+    };
+    static GDBusMessage* note(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
+                              gpointer record);
+
     GDBusConnection* mConnection;
     // Shared with GDBus's thread, where a filter may still run while it is being removed.
-    std::shared_ptr<std::atomic<int>> mCount = std::make_shared<std::atomic<int>>(0);
+    std::shared_ptr<Record> mRecord = std::make_shared<Record>();
     unsigned mFilter;
 };

@@ -4,7 +4,6 @@
 #include "tests/client/BluezTest.h"
 
 #include <cstdio>
-#include <ostream>
 
 namespace
 {
@@ -12,11 +11,6 @@ namespace
 using Type = Bluez::Service::Type;
 
 using ATrackedTree = ABusWithBlueZ;
-
-std::string descriptorAdded(const std::string& path = kDescriptor)
-{
-    return "onDescriptorAdded " + path;
-}
 
 // --- Lookups ---
 
@@ -64,10 +58,8 @@ TEST_F(ATrackedTree, ListsTheServicesOfADeviceByType)
 
 TEST_F(ATrackedTree, ListsNoServicesForAPathThatIsNoDevice)
 {
-    start();
-    addAll();
     addService("/service0001"); // its own parent
-    settle();
+    startWithAll();
 
     EXPECT_TRUE(client->getServices(kAdapter, Type::Battery).empty());
     EXPECT_TRUE(client->getServices(kService, Type::Battery).empty());
@@ -79,9 +71,7 @@ TEST_F(ATrackedTree, ListsNoServicesForAPathThatIsNoDevice)
 
 TEST_F(ATrackedTree, HandsOutDeepCopiesOfItsServices)
 {
-    start();
-    addAll();
-    ASSERT_TRUE(listener.await(descriptorAdded()));
+    startWithAll();
 
     auto services = client->getServices(kDevice, Type::Battery);
     ASSERT_EQ(services.size(), 1U);
@@ -97,12 +87,9 @@ TEST_F(ATrackedTree, HandsOutDeepCopiesOfItsServices)
 
 TEST_F(ATrackedTree, ListsTheItemsOfEachKind)
 {
-    start();
-    addAll();
     const std::string second = std::string(kService) + "/char0001";
     addCharacteristic(second);
-    settle();
-    log.clear();
+    startWithAll();
 
     EXPECT_EQ(client->itemsFor(kDevice), Lines{kService});
     EXPECT_EQ(client->itemsFor(kService), (Lines{second, kCharacteristic}));
@@ -117,10 +104,7 @@ TEST_F(ATrackedTree, ListsTheItemsOfEachKind)
 
 TEST_F(ATrackedTree, ListsNoItemsOfOtherPaths)
 {
-    start();
-    addAll();
-    settle();
-    log.clear();
+    startWithAll();
 
     EXPECT_EQ(client->itemsFor(""), Lines{});
     EXPECT_EQ(client->itemsFor(kDescriptor), Lines{});
@@ -143,16 +127,11 @@ TEST_F(ATrackedTree, ListsAsItemsWhateverBeginsWithThePath)
     EXPECT_EQ(client->itemsFor(service), (Lines{service + "/char0002", service + "0/char0003"}));
 }
 
-struct TwoKinds {
-    const char* name;
+struct TwoKinds : NamedCase {
     const char* component;
     const char* child; ///< the item, empty for none
     const char* said;  ///< of the path, empty for nothing at all
 };
-std::ostream& operator<<(std::ostream& out, const TwoKinds& kinds)
-{
-    return out << kinds.component;
-}
 
 class APathOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
 {
@@ -179,63 +158,52 @@ TEST_P(APathOfTwoKinds, HasTheItemsOfTheFirst)
 INSTANTIATE_TEST_SUITE_P(
     Such, APathOfTwoKinds,
     testing::Values(
-        TwoKinds{"AsDescriptorAndDevice", "dev_AA_BB_CC_DD_EE_FFdesc0001", "", ""},
-        TwoKinds{"AsDescriptorAndService", "service0001desc0001", "", ""},
-        TwoKinds{"AsDescriptorAndCharacteristic", "char0001desc0001", "", ""},
-        TwoKinds{"AsDeviceAndService", "service0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
-        TwoKinds{"AsDeviceAndCharacteristic", "char0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
-        TwoKinds{"AsServiceAndCharacteristic", "char0001service0001", "char0003", " is service"}),
-    [](const auto& test) { return test.param.name; });
+        TwoKinds{{"AsDescriptorAndDevice"}, "dev_AA_BB_CC_DD_EE_FFdesc0001", "", ""},
+        TwoKinds{{"AsDescriptorAndService"}, "service0001desc0001", "", ""},
+        TwoKinds{{"AsDescriptorAndCharacteristic"}, "char0001desc0001", "", ""},
+        TwoKinds{{"AsDeviceAndService"}, "service0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
+        TwoKinds{{"AsDeviceAndCharacteristic"}, "char0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
+        TwoKinds{{"AsServiceAndCharacteristic"}, "char0001service0001", "char0003", " is service"}),
+    named);
 
 // --- The table of proxies ---
 
 TEST_F(ATrackedTree, PrintsItsProxies)
 {
+    const char* const headings[] = {
+        "D Adapters:", "D Devices:", "D Services:", "D Characteristics:", "D Descriptors:"};
+    Lines empty;
+    Lines full;
+    const auto addLine = [&](const Kind& kind, const std::string& path, const GDBusProxy* proxy) {
+        char line[512];
+        std::snprintf(line, sizeof line, "D %s: %s: %p", kind.name, path.c_str(),
+                      static_cast<const void*>(proxy));
+        full.push_back(line);
+    };
     start();
+    log.clear();
+    client->debugPrintProxies();
+    const Lines printedEmpty = log.lines();
     addAll();
-    ASSERT_TRUE(listener.await(descriptorAdded()));
+    settle();
     bool powered = false;
     client->adapterGetPowered("/org/bluez/hci9", powered); // leaves an empty entry
-    const auto line = [](const char* kind, const std::string& path, GDBusProxy* proxy) {
-        char text[512];
-        std::snprintf(text, sizeof text, "D %s: %s: %p", kind, path.c_str(), static_cast<void*>(proxy));
-        return std::string(text);
-    };
-    const Lines expected = {
-        "D Adapters:",
-        line("Adapter", kAdapter, proxyOf<inside::AdapterProxies>(kAdapter)),
-        line("Adapter", "/org/bluez/hci9", nullptr),
-        "D ======================",
-        "D Devices:",
-        line("Device", kDevice, proxyOf<inside::DeviceProxies>(kDevice)),
-        "D ======================",
-        "D Services:",
-        line("Service", kService, proxyOf<inside::ServiceProxies>(kService)),
-        "D ======================",
-        "D Characteristics:",
-        line("Characteristic", kCharacteristic, proxyOf<inside::CharacteristicProxies>(kCharacteristic)),
-        "D ======================",
-        "D Descriptors:",
-        line("Descriptor", kDescriptor, proxyOf<inside::DescriptorProxies>(kDescriptor)),
-        "D ======================",
-    };
+    for (std::size_t i = 0; i < kKinds.size(); ++i) {
+        empty.push_back(headings[i]);
+        full.push_back(headings[i]);
+        addLine(kKinds[i], kKinds[i].path, proxyOf(kKinds[i]));
+        if (i == 0) {
+            addLine(kAdapterKind, "/org/bluez/hci9", nullptr);
+        }
+        empty.push_back("D ======================");
+        full.push_back("D ======================");
+    }
     log.clear();
 
     client->debugPrintProxies();
 
-    EXPECT_EQ(log.lines(), expected);
-}
-
-TEST_F(ATrackedTree, PrintsHeadingsAloneWithoutProxies)
-{
-    start();
-    log.clear();
-
-    client->debugPrintProxies();
-
-    const std::string end = "D ======================";
-    EXPECT_EQ(log.lines(), (Lines{"D Adapters:", end, "D Devices:", end, "D Services:", end,
-                                  "D Characteristics:", end, "D Descriptors:", end}));
+    EXPECT_EQ(log.lines(), full);
+    EXPECT_EQ(printedEmpty, empty);
 }
 
 } // namespace

@@ -2,31 +2,47 @@
 #include "tests/client/GioSpy.h"
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <mutex>
+#include <utility>
 
 namespace
 {
 
 struct Record {
+    /// What a spy has asked for.
+    struct Wishes {
+        std::map<std::string, GioSpy::Stand> stands;
+        std::function<void(const GioSpy::Call&)> hook;
+        int defaultTimeoutMs = -1;
+        bool failNewProxies = false;
+    };
+
     std::mutex mutex;
     bool on = false;
+    Wishes wishes;
     std::vector<GioSpy::Call> calls;
-    std::map<std::string, GioSpy::Stand> stands;
-    std::function<void(const GioSpy::Call&)> hook;
+    std::vector<std::pair<std::string, gconstpointer>> releases; ///< type and object
     std::vector<GMainLoop*> loops;
-    Lines releases;
-    std::vector<gconstpointer> releasedObjects;
-    int defaultTimeout = -1;
-    bool failNewProxies = false;
 };
 
-Record& theRecord()
+/// The one record, as long as this lives.
+class Locked
 {
-    static Record& record = *new Record; // calls come until the process has ended
-    return record;
-}
+public:
+    Locked() : mRecord(theOne()), mLock(mRecord.mutex) {}
+    Record* operator->() { return &mRecord; }
+
+private:
+    static Record& theOne()
+    {
+        static Record& record = *new Record; // calls come until the process has ended
+        return record;
+    }
+
+    Record& mRecord;
+    std::lock_guard<std::mutex> mLock;
+};
 
 std::string textOf(GVariant* parameters)
 {
@@ -46,20 +62,16 @@ std::string orEmpty(const char* text)
 
 void note(const GioSpy::Call& call)
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    if (record.on) {
-        record.calls.push_back(call);
+    Locked record;
+    if (record->on) {
+        record->calls.push_back(call);
     }
 }
 
 void runHook(const GioSpy::Call& call)
 {
-    Record& record = theRecord();
-    std::unique_lock lock(record.mutex);
-    const std::function<void(const GioSpy::Call&)> hook = record.hook;
-    lock.unlock();
-    if (hook) {
+    // A copy, since the hook runs without the lock.
+    if (const std::function<void(const GioSpy::Call&)> hook = Locked()->wishes.hook) {
         hook(call);
     }
 }
@@ -70,135 +82,95 @@ void observe(const GioSpy::Call& call)
     runHook(call);
 }
 
-// An access to the cache is no call: it is led to the hook alone.
-GioSpy::Call cacheAccess(const char* function, GDBusProxy* proxy, const gchar* property)
+GioSpy::Call callOn(GDBusProxy* proxy, const char* function, const gchar* method,
+                    const std::string& parameters)
 {
-    GioSpy::Call access;
-    access.function = function;
-    access.path = g_dbus_proxy_get_object_path(proxy);
-    access.interface = g_dbus_proxy_get_interface_name(proxy);
-    access.parameters = property;
-    return access;
+    GioSpy::Call call;
+    call.function = function;
+    call.path = g_dbus_proxy_get_object_path(proxy);
+    call.interface = g_dbus_proxy_get_interface_name(proxy);
+    call.method = method;
+    call.parameters = parameters;
+    return call;
 }
 
 void noteRelease(const std::string& type, gconstpointer object)
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    if (record.on) {
-        record.releases.push_back(type);
-        record.releasedObjects.push_back(object);
+    Locked record;
+    if (record->on) {
+        record->releases.emplace_back(type, object);
     }
 }
 
 int timeoutFor(int timeoutMs)
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    return timeoutMs == -1 ? record.defaultTimeout : timeoutMs;
-}
-
-bool newProxiesFail()
-{
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    return record.failNewProxies;
+    return timeoutMs == -1 ? Locked()->wishes.defaultTimeoutMs : timeoutMs;
 }
 
 GioSpy::Stand standFor(const std::string& method)
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    const auto found = record.stands.find(method);
-    return found != record.stands.end() ? found->second : GioSpy::Stand{};
+    Locked record;
+    const auto found = record->wishes.stands.find(method);
+    return found != record->wishes.stands.end() ? found->second : GioSpy::Stand{};
 }
 
 } // namespace
 
 GioSpy::GioSpy()
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    record.on = true;
-    record.calls.clear();
-    record.releases.clear();
-    record.releasedObjects.clear();
+    Locked record;
+    record->on = true;
+    record->calls.clear();
+    record->releases.clear();
 }
 
 GioSpy::~GioSpy()
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    record.on = false;
-    record.stands.clear();
-    record.hook = nullptr;
-    record.defaultTimeout = -1;
-    record.failNewProxies = false;
+    Locked record;
+    record->on = false;
+    record->wishes = {};
 }
 
 std::vector<GioSpy::Call> GioSpy::calls() const
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    return record.calls;
-}
-
-std::vector<GioSpy::Call> GioSpy::calls(const std::string& method) const
-{
-    const std::vector<Call> all = calls();
-    std::vector<Call> wanted;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(wanted),
-                 [&](const Call& call) { return call.method == method; });
-    return wanted;
+    return Locked()->calls;
 }
 
 Lines GioSpy::releases() const
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    return record.releases;
+    Locked record;
+    Lines types;
+    for (const auto& release : record->releases) {
+        types.push_back(release.first);
+    }
+    return types;
 }
 
-std::ptrdiff_t GioSpy::releasesOf(gconstpointer object) const
+bool GioSpy::hasReleased(gconstpointer object) const
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    return std::count(record.releasedObjects.begin(), record.releasedObjects.end(), object);
+    Locked record;
+    return std::any_of(record->releases.begin(), record->releases.end(),
+                       [&](const auto& release) { return release.second == object; });
 }
 
 void GioSpy::answer(const std::string& method, Stand stand)
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    record.stands[method] = std::move(stand);
+    Locked()->wishes.stands[method] = std::move(stand);
 }
 
 void GioSpy::onCall(std::function<void(const Call&)> hook)
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    record.hook = std::move(hook);
+    Locked()->wishes.hook = std::move(hook);
 }
 
 void GioSpy::setDefaultTimeout(std::chrono::milliseconds timeout)
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    record.defaultTimeout = static_cast<int>(timeout.count());
+    Locked()->wishes.defaultTimeoutMs = static_cast<int>(timeout.count());
 }
 
 void GioSpy::failNewProxies()
 {
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    record.failNewProxies = true;
-}
-
-std::ostream& operator<<(std::ostream& out, const GioSpy::Call& call)
-{
-    return out << call.function << "(" << call.path << ", " << call.interface << "." << call.method << " "
-               << call.parameters << ", flags " << call.flags << ", timeout " << call.timeoutMs
-               << (call.cancellable ? ", cancellable" : "") << (call.error ? ", error" : "") << ")";
+    Locked()->wishes.failNewProxies = true;
 }
 
 // --- In the place of GIO's own ---
@@ -212,8 +184,6 @@ decltype(g_dbus_proxy_call_sync) __real_g_dbus_proxy_call_sync;
 decltype(g_dbus_proxy_call) __real_g_dbus_proxy_call;
 decltype(g_dbus_connection_call_sync) __real_g_dbus_connection_call_sync;
 decltype(g_dbus_proxy_new_sync) __real_g_dbus_proxy_new_sync;
-decltype(g_bus_get_sync) __real_g_bus_get_sync;
-decltype(g_dbus_object_manager_client_new_sync) __real_g_dbus_object_manager_client_new_sync;
 decltype(g_dbus_proxy_get_cached_property) __real_g_dbus_proxy_get_cached_property;
 decltype(g_dbus_proxy_set_cached_property) __real_g_dbus_proxy_set_cached_property;
 decltype(g_object_unref) __real_g_object_unref;
@@ -225,9 +195,12 @@ GVariant* __wrap_g_dbus_proxy_call_sync(GDBusProxy* proxy, const gchar* method, 
                                         GError** error)
 {
     if (proxy != nullptr) {
-        observe({"g_dbus_proxy_call_sync", g_dbus_proxy_get_object_path(proxy),
-                 g_dbus_proxy_get_interface_name(proxy), method, textOf(parameters), static_cast<int>(flags),
-                 timeout, cancellable != nullptr, error != nullptr});
+        GioSpy::Call call = callOn(proxy, "g_dbus_proxy_call_sync", method, textOf(parameters));
+        call.flags = static_cast<int>(flags);
+        call.timeoutMs = timeout;
+        call.cancellable = cancellable != nullptr;
+        call.error = error != nullptr;
+        observe(call);
     }
     if (const GioSpy::Stand stand = standFor(method)) {
         const Bluez::GVariantHolder consumed(parameters != nullptr ? g_variant_ref_sink(parameters)
@@ -242,8 +215,11 @@ void __wrap_g_dbus_proxy_call(GDBusProxy* proxy, const gchar* method, GVariant* 
                               GDBusCallFlags flags, gint timeout, GCancellable* cancellable,
                               GAsyncReadyCallback callback, gpointer data)
 {
-    observe({"g_dbus_proxy_call", g_dbus_proxy_get_object_path(proxy), g_dbus_proxy_get_interface_name(proxy),
-             method, textOf(parameters), static_cast<int>(flags), timeout, cancellable != nullptr, false});
+    GioSpy::Call call = callOn(proxy, "g_dbus_proxy_call", method, textOf(parameters));
+    call.flags = static_cast<int>(flags);
+    call.timeoutMs = timeout;
+    call.cancellable = cancellable != nullptr;
+    observe(call);
     __real_g_dbus_proxy_call(proxy, method, parameters, flags, timeout, cancellable, callback, data);
 }
 
@@ -271,7 +247,7 @@ GDBusProxy* __wrap_g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxy
     observe({"g_dbus_proxy_new_sync", orEmpty(path), orEmpty(interface), orEmpty(name),
              info == nullptr ? "null" : "info", static_cast<int>(flags), 0, cancellable != nullptr,
              error != nullptr});
-    if (newProxiesFail()) {
+    if (Locked()->wishes.failNewProxies) {
         g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "no proxy today");
         return nullptr;
     }
@@ -280,36 +256,14 @@ GDBusProxy* __wrap_g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxy
 
 GVariant* __wrap_g_dbus_proxy_get_cached_property(GDBusProxy* proxy, const gchar* property)
 {
-    runHook(cacheAccess("g_dbus_proxy_get_cached_property", proxy, property));
+    runHook(callOn(proxy, "g_dbus_proxy_get_cached_property", "", property)); // no call: not noted
     return __real_g_dbus_proxy_get_cached_property(proxy, property);
 }
 
 void __wrap_g_dbus_proxy_set_cached_property(GDBusProxy* proxy, const gchar* property, GVariant* value)
 {
-    runHook(cacheAccess("g_dbus_proxy_set_cached_property", proxy, property));
+    runHook(callOn(proxy, "g_dbus_proxy_set_cached_property", "", property));
     __real_g_dbus_proxy_set_cached_property(proxy, property, value);
-}
-
-GDBusConnection* __wrap_g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error)
-{
-    if (cancellable != nullptr) { // the test's own come without one
-        note({"g_bus_get_sync", "", "", type == G_BUS_TYPE_SYSTEM ? "SystemBus" : "OtherBus", "", 0, 0,
-              cancellable != nullptr, error != nullptr});
-    }
-    return __real_g_bus_get_sync(type, cancellable, error);
-}
-
-GDBusObjectManager* __wrap_g_dbus_object_manager_client_new_sync(GDBusConnection* connection,
-                                                                 GDBusObjectManagerClientFlags flags,
-                                                                 const gchar* name, const gchar* path,
-                                                                 GDBusProxyTypeFunc proxyType, gpointer data,
-                                                                 GDestroyNotify destroy,
-                                                                 GCancellable* cancellable, GError** error)
-{
-    note({"g_dbus_object_manager_client_new_sync", orEmpty(path), "", orEmpty(name), "",
-          static_cast<int>(flags), 0, cancellable != nullptr, error != nullptr});
-    return __real_g_dbus_object_manager_client_new_sync(connection, flags, name, path, proxyType, data,
-                                                        destroy, cancellable, error);
 }
 
 void __wrap_g_object_unref(gpointer object)
@@ -330,9 +284,7 @@ void __wrap_g_variant_builder_unref(GVariantBuilder* builder)
 void __wrap_g_main_loop_unref(GMainLoop* loop)
 {
     noteRelease("GMainLoop", loop);
-    Record& record = theRecord();
-    const std::lock_guard lock(record.mutex);
-    record.loops.push_back(loop);
+    Locked()->loops.push_back(loop);
 }
 
 void __wrap_g_main_context_unref(GMainContext* context)

@@ -2,9 +2,7 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -44,12 +42,10 @@ public:
 
     /// In the order in which they were made.
     std::vector<Call> calls() const;
-    /// Those with that method.
-    std::vector<Call> calls(const std::string& method) const;
     /// The types of what this program's own code has given a reference back to, in that order.
     Lines releases() const;
-    /// How many references to this object it has given back.
-    std::ptrdiff_t releasesOf(gconstpointer object) const;
+    /// Whether it has given a reference to this object back.
+    bool hasReleased(gconstpointer object) const;
     /// Answers every synchronous call of this method on a proxy without going to the bus.
     void answer(const std::string& method, Stand stand);
     /// Runs on the calling thread at the beginning of each call through a proxy, of each access to its cache
@@ -60,5 +56,3 @@ public:
     /// Calls with the library's default timeout get this one, so that nobody has to wait for 25 s.
     void setDefaultTimeout(std::chrono::milliseconds timeout);
 };
-
-std::ostream& operator<<(std::ostream& out, const GioSpy::Call& call);

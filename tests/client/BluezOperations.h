@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "tests/client/BluezTest.h"
+
+#include <string>
+#include <vector>
+
+// The client's operations on a path as one table, for what holds for all of them or for all of a sort.
+
+/// Whether an operation shares the proxy that it has found for as long as it uses it.
+enum class Proxy { Shared, Borrowed, None };
+
+/// The lines that an operation logs when it is refused, none where the text is empty.
+struct Complaints {
+    const char* unconnected = "";
+    const char* emptyPath = "";
+    const char* unknownPath = ""; ///< the path follows
+    const char* glib = "";        ///< for an unknown path, by GLib
+};
+
+/// The property that an operation reads from a proxy's cache, with two values and one of a wrong type.
+struct Property {
+    const char* name = nullptr; ///< null for an operation that reads none
+    const char* first = "";
+    const char* second = "";
+    const char* wrong = "";
+};
+
+/// The one message that an operation sends.
+struct Message {
+    const char* method = nullptr; ///< null for an operation that sends none or, as devicePair, several
+    const char* parameters = "()";
+    const char* outcomeOfError = "refused";
+    const char* reply = "()"; ///< a good one
+    const char* outcome = "done";
+    Lines errors = {};        ///< logged behind the error itself
+    bool asksForError = true; ///< without, an error isn't logged
+};
+
+struct Operation : NamedCase {
+    const Kind* kind;
+    /// "done" or the value as GVariant text, "refused", or what went wrong.
+    std::string (*call)(Bluez&, const std::string& path);
+    Proxy proxy;
+    Complaints complaints = {};
+    Property property = {};
+    Message message = {};
+    const char* refused = "refused";
+};
+
+/// Every operation on a path.
+const std::vector<Operation>& operations();
+/// Those that read a property from the cache.
+std::vector<Operation> cacheReads();
+/// Those that send one message.
+std::vector<Operation> calls();
+/// Those that look for a proxy.
+std::vector<Operation> operationsThroughAProxy();
+
+/// A client with an object of each kind, on which each operation finds what it asks for.
+class ABusWithEverything : public ABusWithBlueZ
+{
+protected:
+    ABusWithEverything();
+};
