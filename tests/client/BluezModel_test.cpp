@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "Bluez.h"
 
+#include "tests/kit/NamedCase.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -38,16 +39,11 @@ protected:
 
 std::unique_ptr<Bluez> AClientWithoutABus::client;
 
-struct Split {
-    const char* name;
+struct Split : NamedCase {
     const char* path;
     const char* parent;
     const char* endpoint;
 };
-std::ostream& operator<<(std::ostream& out, const Split& split)
-{
-    return out << '"' << split.path << '"';
-}
 
 class APath : public AClientWithoutABus, public testing::WithParamInterface<Split>
 {
@@ -65,28 +61,25 @@ TEST_P(APath, IsSplitIntoItsParentAndItsEndpoint)
 
 INSTANTIATE_TEST_SUITE_P(
     Every, APath,
-    testing::Values(Split{"OfADevice", "/org/bluez/hci0/dev_00_11_22_33_44_55", "/org/bluez/hci0",
+    testing::Values(Split{{"OfADevice"},
+                          "/org/bluez/hci0/dev_00_11_22_33_44_55",
+                          "/org/bluez/hci0",
                           "dev_00_11_22_33_44_55"},
-                    Split{"OfTwoComponents", "/org/bluez", "/org", "bluez"},
-                    Split{"ThatIsEmpty", "", "/", "/"}, Split{"ThatIsTheRoot", "/", "/", "/"},
-                    Split{"OfSlashesAlone", "///", "/", "/"},
-                    Split{"OfOneComponentKeepsItsSlashInBothHalves", "/org", "/org", "/org"},
-                    Split{"OfOneComponentWithoutSlashGetsOneInBothHalves", "org", "/org", "/org"},
-                    Split{"OfOneComponentBetweenSlashes", "//org//", "/org", "/org"},
-                    Split{"WithATrailingSlash", "/org/bluez/hci0/", "/org/bluez", "hci0"},
-                    Split{"WithADoubledAndNoLeadingSlash", "org//bluez/hci0", "/org/bluez", "hci0"}),
-    [](const auto& test) { return test.param.name; });
+                    Split{{"OfTwoComponents"}, "/org/bluez", "/org", "bluez"},
+                    Split{{"ThatIsEmpty"}, "", "/", "/"}, Split{{"ThatIsTheRoot"}, "/", "/", "/"},
+                    Split{{"OfSlashesAlone"}, "///", "/", "/"},
+                    Split{{"OfOneComponentKeepsItsSlashInBothHalves"}, "/org", "/org", "/org"},
+                    Split{{"OfOneComponentWithoutSlashGetsOneInBothHalves"}, "org", "/org", "/org"},
+                    Split{{"OfOneComponentBetweenSlashes"}, "//org//", "/org", "/org"},
+                    Split{{"WithATrailingSlash"}, "/org/bluez/hci0/", "/org/bluez", "hci0"},
+                    Split{{"WithADoubledAndNoLeadingSlash"}, "org//bluez/hci0", "/org/bluez", "hci0"}),
+    named);
 
-struct Kind {
-    const char* name;
+struct Kind : NamedCase {
     const char* path;
-    const char*
-        kinds; // a letter for each predicate that holds: Adapter, dEvice, Service, Characteristic, Descriptor
+    /// A letter for each predicate that holds: Adapter, dEvice, Service, Characteristic, Descriptor.
+    const char* kinds;
 };
-std::ostream& operator<<(std::ostream& out, const Kind& kind)
-{
-    return out << '"' << kind.path << '"';
-}
 
 class TheKindOfAPath : public AClientWithoutABus, public testing::WithParamInterface<Kind>
 {
@@ -110,40 +103,42 @@ INSTANTIATE_TEST_SUITE_P(
     For, TheKindOfAPath,
     testing::Values(
         // Each kind as BlueZ names it.
-        Kind{"AnAdapter", "/org/bluez/hci0", "A"}, Kind{"ATwoDigitAdapter", "/org/bluez/hci12", "A"},
-        Kind{"ADevice", "/org/bluez/hci0/dev_00_11_22_33_44_55", "E"},
-        Kind{"AService", "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a", "S"},
-        Kind{"ACharacteristic", "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a/char000b", "C"},
-        Kind{"ADescriptor", "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a/char000b/desc000d", "D"},
+        Kind{{"AnAdapter"}, "/org/bluez/hci0", "A"}, Kind{{"ATwoDigitAdapter"}, "/org/bluez/hci12", "A"},
+        Kind{{"ADevice"}, "/org/bluez/hci0/dev_00_11_22_33_44_55", "E"},
+        Kind{{"AService"}, "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a", "S"},
+        Kind{{"ACharacteristic"}, "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a/char000b", "C"},
+        Kind{{"ADescriptor"}, "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a/char000b/desc000d", "D"},
         // What is of no kind.
-        Kind{"NothingForAnEmptyPath", "", ""}, Kind{"NothingForTheRoot", "/", ""},
-        Kind{"NothingForBlueZItself", "/org/bluez", ""}, Kind{"NothingForAPlayer", "/x/player0", ""},
+        Kind{{"NothingForAnEmptyPath"}, "", ""}, Kind{{"NothingForTheRoot"}, "/", ""},
+        Kind{{"NothingForBlueZItself"}, "/org/bluez", ""}, Kind{{"NothingForAPlayer"}, "/x/player0", ""},
         // Adapters.
-        Kind{"NoAdapterWithoutADigit", "/x/hci", ""}, Kind{"AnAdapterInTheMiddleOfAWord", "/x/xhci0y", "A"},
-        Kind{"NoAdapterInCapitals", "/x/HCI0", ""}, Kind{"AnAdapterOfOneComponent", "/hci0", "A"},
-        Kind{"AnAdapterWithATrailingSlash", "/x/hci0/", "A"},
+        Kind{{"NoAdapterWithoutADigit"}, "/x/hci", ""},
+        Kind{{"AnAdapterInTheMiddleOfAWord"}, "/x/xhci0y", "A"}, Kind{{"NoAdapterInCapitals"}, "/x/HCI0", ""},
+        Kind{{"AnAdapterOfOneComponent"}, "/hci0", "A"},
+        Kind{{"AnAdapterWithATrailingSlash"}, "/x/hci0/", "A"},
         // Devices.
-        Kind{"NoDeviceInLowerCase", "/x/dev_aa_bb_cc_dd_ee_ff", ""},
-        Kind{"NoDeviceWithOneLowerCaseDigit", "/x/dev_AA_BB_CC_DD_EE_Ff", ""},
-        Kind{"ADeviceWithSevenGroups", "/x/dev_AA_BB_CC_DD_EE_FF_00", "E"},
-        Kind{"NoDeviceWithFiveGroups", "/x/dev_AA_BB_CC_DD_EE", ""},
-        Kind{"NoDeviceBeyondF", "/x/dev_AA_BB_CC_DD_EE_FG", ""},
-        Kind{"ADeviceInTheMiddleOfAWord", "/x/mydev_AA_BB_CC_DD_EE_FFs", "E"},
+        Kind{{"NoDeviceInLowerCase"}, "/x/dev_aa_bb_cc_dd_ee_ff", ""},
+        Kind{{"NoDeviceWithOneLowerCaseDigit"}, "/x/dev_AA_BB_CC_DD_EE_Ff", ""},
+        Kind{{"ADeviceWithSevenGroups"}, "/x/dev_AA_BB_CC_DD_EE_FF_00", "E"},
+        Kind{{"NoDeviceWithFiveGroups"}, "/x/dev_AA_BB_CC_DD_EE", ""},
+        Kind{{"NoDeviceBeyondF"}, "/x/dev_AA_BB_CC_DD_EE_FG", ""},
+        Kind{{"ADeviceInTheMiddleOfAWord"}, "/x/mydev_AA_BB_CC_DD_EE_FFs", "E"},
         // Services, characteristics and descriptors.
-        Kind{"NoServiceInUpperCase", "/x/service00AB", ""},
-        Kind{"NoServiceOfThreeDigits", "/x/service00a", ""},
-        Kind{"AServiceOfFiveDigits", "/x/service00abc", "S"},
-        Kind{"NoCharacteristicInUpperCase", "/x/char00AB", ""},
-        Kind{"NoCharacteristicOfThreeDigits", "/x/char00a", ""},
-        Kind{"ACharacteristicInTheMiddleOfAWord", "/x/xchar00aby", "C"},
-        Kind{"NoDescriptorInUpperCase", "/x/desc00AB", ""},
-        Kind{"NoDescriptorOfThreeDigits", "/x/desc00a", ""},
-        Kind{"ADescriptorInTheMiddleOfAWord", "/x/xdesc00aby", "D"},
+        Kind{{"NoServiceInUpperCase"}, "/x/service00AB", ""},
+        Kind{{"NoServiceOfThreeDigits"}, "/x/service00a", ""},
+        Kind{{"AServiceOfFiveDigits"}, "/x/service00abc", "S"},
+        Kind{{"NoCharacteristicInUpperCase"}, "/x/char00AB", ""},
+        Kind{{"NoCharacteristicOfThreeDigits"}, "/x/char00a", ""},
+        Kind{{"ACharacteristicInTheMiddleOfAWord"}, "/x/xchar00aby", "C"},
+        Kind{{"NoDescriptorInUpperCase"}, "/x/desc00AB", ""},
+        Kind{{"NoDescriptorOfThreeDigits"}, "/x/desc00a", ""},
+        Kind{{"ADescriptorInTheMiddleOfAWord"}, "/x/xdesc00aby", "D"},
         // The levels above don't matter, and one component may be of several kinds.
-        Kind{"ACharacteristicWhateverStandsAbove", "/a/char00ff", "C"},
-        Kind{"OnlyTheLastComponent", "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF/service0001/char0002/other", ""},
-        Kind{"AllKindsInOneWord", "/x/hci0dev_AA_BB_CC_DD_EE_FFservice0001char0002desc0003", "AESCD"}),
-    [](const auto& test) { return test.param.name; });
+        Kind{{"ACharacteristicWhateverStandsAbove"}, "/a/char00ff", "C"},
+        Kind{
+            {"OnlyTheLastComponent"}, "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF/service0001/char0002/other", ""},
+        Kind{{"AllKindsInOneWord"}, "/x/hci0dev_AA_BB_CC_DD_EE_FFservice0001char0002desc0003", "AESCD"}),
+    named);
 
 TEST_F(AClientWithoutABus, ClassifiesOnManyThreadsAtOnce)
 {
@@ -165,15 +160,10 @@ TEST_F(AClientWithoutABus, ClassifiesOnManyThreadsAtOnce)
 
 // --- Types of services ---
 
-struct Uuid {
-    const char* name;
+struct Uuid : NamedCase {
     const char* text;
     Type type;
 };
-std::ostream& operator<<(std::ostream& out, const Uuid& uuid)
-{
-    return out << '"' << uuid.text << '"';
-}
 
 class TheTypeBehindAUuid : public testing::TestWithParam<Uuid>
 {
@@ -188,32 +178,33 @@ INSTANTIATE_TEST_SUITE_P(
     For, TheTypeBehindAUuid,
     testing::Values(
         // Every code under either base.
-        Uuid{"Battery", "0000180f-0000-1000-8000-00805f9b34fb", Type::Battery},
-        Uuid{"OtaNormal", "0000ffd0-0000-1000-8000-00805f9b34fb", Type::OtaNormal},
-        Uuid{"OtaNew", "0000d0ff-0000-1000-8000-00805f9b34fb", Type::OtaNew},
-        Uuid{"Dfu", "00006287-0000-1000-8000-00805f9b34fb", Type::Dfu},
-        Uuid{"BatteryOnTheVendorBase", "0000180f-3c17-d293-8e48-14fe2e4da212", Type::Battery},
-        Uuid{"OtaNormalOnTheVendorBase", "0000ffd0-3c17-d293-8e48-14fe2e4da212", Type::OtaNormal},
-        Uuid{"OtaNewOnTheVendorBase", "0000d0ff-3c17-d293-8e48-14fe2e4da212", Type::OtaNew},
-        Uuid{"DfuOnTheVendorBase", "00006287-3c17-d293-8e48-14fe2e4da212", Type::Dfu},
+        Uuid{{"Battery"}, "0000180f-0000-1000-8000-00805f9b34fb", Type::Battery},
+        Uuid{{"OtaNormal"}, "0000ffd0-0000-1000-8000-00805f9b34fb", Type::OtaNormal},
+        Uuid{{"OtaNew"}, "0000d0ff-0000-1000-8000-00805f9b34fb", Type::OtaNew},
+        Uuid{{"Dfu"}, "00006287-0000-1000-8000-00805f9b34fb", Type::Dfu},
+        Uuid{{"BatteryOnTheVendorBase"}, "0000180f-3c17-d293-8e48-14fe2e4da212", Type::Battery},
+        Uuid{{"OtaNormalOnTheVendorBase"}, "0000ffd0-3c17-d293-8e48-14fe2e4da212", Type::OtaNormal},
+        Uuid{{"OtaNewOnTheVendorBase"}, "0000d0ff-3c17-d293-8e48-14fe2e4da212", Type::OtaNew},
+        Uuid{{"DfuOnTheVendorBase"}, "00006287-3c17-d293-8e48-14fe2e4da212", Type::Dfu},
         // The base.
-        Uuid{"UnknownForAnEmptyText", "", Type::Unknown},
-        Uuid{"UnknownForTheShortForm", "180f", Type::Unknown},
-        Uuid{"UnknownForAnotherBase", "0000180f-0000-1000-8000-00805f9b34fc", Type::Unknown},
-        Uuid{"UnknownForABaseInCapitals", "0000180f-0000-1000-8000-00805F9B34FB", Type::Unknown},
-        Uuid{"BatteryForABaseThatGoesOn", "0000180f-0000-1000-8000-00805f9b34fb-more", Type::Battery},
-        Uuid{"UnknownForABaseAlone", "-0000-1000-8000-00805f9b34fb", Type::Unknown},
+        Uuid{{"UnknownForAnEmptyText"}, "", Type::Unknown},
+        Uuid{{"UnknownForTheShortForm"}, "180f", Type::Unknown},
+        Uuid{{"UnknownForAnotherBase"}, "0000180f-0000-1000-8000-00805f9b34fc", Type::Unknown},
+        Uuid{{"UnknownForABaseInCapitals"}, "0000180f-0000-1000-8000-00805F9B34FB", Type::Unknown},
+        Uuid{{"BatteryForABaseThatGoesOn"}, "0000180f-0000-1000-8000-00805f9b34fb-more", Type::Battery},
+        Uuid{{"UnknownForABaseAlone"}, "-0000-1000-8000-00805f9b34fb", Type::Unknown},
         // The number.
-        Uuid{"UnknownForANumberWithoutARow", "00001800-0000-1000-8000-00805f9b34fb", Type::Unknown},
-        Uuid{"UnknownForTheNumberOfUnknown", "00006288-0000-1000-8000-00805f9b34fb", Type::Unknown},
-        Uuid{"UnknownWithoutADigit", "zzzz-0000-1000-8000-00805f9b34fb", Type::Unknown},
-        Uuid{"BatteryUpToTheFirstThatIsNoDigit", "180fzz-0000-1000-8000-00805f9b34fb", Type::Battery},
-        Uuid{"BatteryInCapitals", "0000180F-0000-1000-8000-00805f9b34fb", Type::Battery},
-        Uuid{"BatteryBehindAHyphen", "-180f-0000-1000-8000-00805f9b34fb", Type::Battery},
-        Uuid{"UnknownBeyondThirtyTwoBits", "10000180f-0000-1000-8000-00805f9b34fb", Type::Unknown},
-        Uuid{"UnknownBeyondEveryNumber", "ffffffffffffffffffff180f-0000-1000-8000-00805f9b34fb",
+        Uuid{{"UnknownForANumberWithoutARow"}, "00001800-0000-1000-8000-00805f9b34fb", Type::Unknown},
+        Uuid{{"UnknownForTheNumberOfUnknown"}, "00006288-0000-1000-8000-00805f9b34fb", Type::Unknown},
+        Uuid{{"UnknownWithoutADigit"}, "zzzz-0000-1000-8000-00805f9b34fb", Type::Unknown},
+        Uuid{{"BatteryUpToTheFirstThatIsNoDigit"}, "180fzz-0000-1000-8000-00805f9b34fb", Type::Battery},
+        Uuid{{"BatteryInCapitals"}, "0000180F-0000-1000-8000-00805f9b34fb", Type::Battery},
+        Uuid{{"BatteryBehindAHyphen"}, "-180f-0000-1000-8000-00805f9b34fb", Type::Battery},
+        Uuid{{"UnknownBeyondThirtyTwoBits"}, "10000180f-0000-1000-8000-00805f9b34fb", Type::Unknown},
+        Uuid{{"UnknownBeyondEveryNumber"},
+             "ffffffffffffffffffff180f-0000-1000-8000-00805f9b34fb",
              Type::Unknown}),
-    [](const auto& test) { return test.param.name; });
+    named);
 
 TEST(TheTypeOfAService, IsValuedByItsOwnNumber)
 {

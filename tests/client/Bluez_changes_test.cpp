@@ -144,58 +144,6 @@ TEST_F(ATrackedTree, DoesntSeeChangesOfOtherKindsAndInterfaces)
     EXPECT_EQ(listener.events(), Lines{});
 }
 
-struct TwoKinds : NamedCase {
-    const char* component;
-    const char* interface;
-    Lines heard; ///< behind the arrival, without the path
-};
-
-class AChangeOfAPathOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
-{
-};
-
-// The kind that the path has on arrival decides whether it is watched, and the first of device and
-// characteristic what a change means.
-TEST_P(AChangeOfAPathOfTwoKinds, IsThatOfTheFirst)
-{
-    const std::string path = std::string("/x/") + GetParam().component;
-    start();
-    addObject(path, GetParam().interface);
-    settle();
-    listener.clear();
-
-    for (const char* interface : {kAdapterInterface, kDeviceInterface, kServiceInterface,
-                                  kCharacteristicInterface, kDescriptorInterface}) {
-        sim->emitPropertiesChanged(path, interface,
-                                   {{"Paired", boolean(true)}, {"Value", Variant::bytes({7})}});
-    }
-    settle();
-
-    Lines heard;
-    for (const std::string& event : GetParam().heard) {
-        heard.push_back(event.substr(0, event.find(' ')) + " " + path + event.substr(event.find(' ')));
-    }
-    EXPECT_EQ(listener.events(), heard);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Such, AChangeOfAPathOfTwoKinds,
-    testing::Values(TwoKinds{{"AsAdapterAndDevice"}, "dev_AA_BB_CC_DD_EE_FFhci0", kAdapterInterface, {}},
-                    TwoKinds{{"AsDeviceAndService"},
-                             "service0001dev_AA_BB_CC_DD_EE_FF",
-                             kDeviceInterface,
-                             {"onDevicePairedStatusChanged true"}},
-                    TwoKinds{{"AsDeviceAndCharacteristic"},
-                             "char0001dev_AA_BB_CC_DD_EE_FF",
-                             kDeviceInterface,
-                             {"onDevicePairedStatusChanged true"}},
-                    TwoKinds{{"AsServiceAndCharacteristic"}, "char0001service0001", kServiceInterface, {}},
-                    TwoKinds{{"AsCharacteristicAndDescriptor"},
-                             "desc0001char0001",
-                             kCharacteristicInterface,
-                             {"onGattCharacteristicChanged 7"}}),
-    named);
-
 // --- Values ---
 
 TEST_F(ATrackedTree, ReportsAValueWithItsBytesAndAFreshRecord)

@@ -69,22 +69,6 @@ TEST_F(ATrackedTree, ListsNoServicesForAPathThatIsNoDevice)
         << "compared as a text";
 }
 
-TEST_F(ATrackedTree, HandsOutDeepCopiesOfItsServices)
-{
-    startWithAll();
-
-    auto services = client->getServices(kDevice, Type::Battery);
-    ASSERT_EQ(services.size(), 1U);
-    services[0].characteristics.at(kCharacteristic).descriptors.at(kDescriptor).uuid = "changed";
-
-    EXPECT_EQ(client->getServices(kDevice, Type::Battery)
-                  .at(0)
-                  .characteristics.at(kCharacteristic)
-                  .descriptors.at(kDescriptor)
-                  .uuid,
-              kConfigurationUuid);
-}
-
 TEST_F(ATrackedTree, ListsTheItemsOfEachKind)
 {
     const std::string second = std::string(kService) + "/char0001";
@@ -126,45 +110,6 @@ TEST_F(ATrackedTree, ListsAsItemsWhateverBeginsWithThePath)
 
     EXPECT_EQ(client->itemsFor(service), (Lines{service + "/char0002", service + "0/char0003"}));
 }
-
-struct TwoKinds : NamedCase {
-    const char* component;
-    const char* child; ///< the item, empty for none
-    const char* said;  ///< of the path, empty for nothing at all
-};
-
-class APathOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
-{
-};
-
-TEST_P(APathOfTwoKinds, HasTheItemsOfTheFirst)
-{
-    start();
-    const std::string path = std::string("/x/") + GetParam().component;
-    addService(path + "/service0002");
-    addCharacteristic(path + "/char0003");
-    addDescriptor(path + "/desc0004");
-    settle();
-    log.clear();
-
-    const std::string child = GetParam().child;
-    EXPECT_EQ(client->itemsFor(path), child.empty() ? Lines{} : Lines{path + "/" + child});
-
-    const std::string said = GetParam().said;
-    EXPECT_EQ(log.lines(),
-              said.empty() ? Lines{} : (Lines{"T Fetching item for " + path, "T " + path + said}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Such, APathOfTwoKinds,
-    testing::Values(
-        TwoKinds{{"AsDescriptorAndDevice"}, "dev_AA_BB_CC_DD_EE_FFdesc0001", "", ""},
-        TwoKinds{{"AsDescriptorAndService"}, "service0001desc0001", "", ""},
-        TwoKinds{{"AsDescriptorAndCharacteristic"}, "char0001desc0001", "", ""},
-        TwoKinds{{"AsDeviceAndService"}, "service0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
-        TwoKinds{{"AsDeviceAndCharacteristic"}, "char0001dev_AA_BB_CC_DD_EE_FF", "service0002", " is device"},
-        TwoKinds{{"AsServiceAndCharacteristic"}, "char0001service0001", "char0003", " is service"}),
-    named);
 
 // --- The table of proxies ---
 

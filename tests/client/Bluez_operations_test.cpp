@@ -6,7 +6,6 @@
 #include "tests/client/GioSpy.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace
 {
@@ -135,9 +134,7 @@ TEST_P(AReadOfTheCache, IsRefusedInSilenceIfTheValueIsOfAWrongType)
 
 INSTANTIATE_TEST_SUITE_P(OnAPath, AReadOfTheCache, testing::ValuesIn(cacheReads()), named);
 
-class ATextOfAnyKind : public ABusWithBlueZ
-{
-};
+using ATextOfAnyKind = ABusWithBlueZ;
 
 TEST_F(ATextOfAnyKind, NeedsAPropertyAndAKind)
 {
@@ -152,22 +149,6 @@ TEST_F(ATextOfAnyKind, NeedsAPropertyAndAKind)
     EXPECT_EQ(log.lines(), (Lines{"E Empty object path", "E Empty property name"}));
     EXPECT_EQ(word, "before");
     EXPECT_EQ(known(), Lines{});
-}
-
-TEST_F(ATextOfAnyKind, IsThatOfTheFirstKindOfThePath)
-{
-    start();
-    const char* const words[] = {"hci0", "dev_AA_BB_CC_DD_EE_FF", "service0001", "char0001"};
-    std::string path = "/x/desc0001char0001service0001dev_AA_BB_CC_DD_EE_FFhci0";
-    Lines entries;
-    std::string word;
-    for (std::size_t i = 0; i < std::size(words); ++i) {
-        client->getCachedProperty(path, "UUID", word);
-        entries.push_back(kKinds[i].entry(path));
-        path.resize(path.size() - std::strlen(words[i]));
-    }
-
-    EXPECT_EQ(known(), entries);
 }
 
 // --- Calls ---
@@ -258,9 +239,7 @@ std::vector<Operation> callsWithoutAResult()
 
 INSTANTIATE_TEST_SUITE_P(By, ACallWithoutAResult, testing::ValuesIn(callsWithoutAResult()), named);
 
-class ACallThroughTheConnection : public ABusWithBlueZ
-{
-};
+using ACallThroughTheConnection = ABusWithBlueZ;
 
 TEST_F(ACallThroughTheConnection, GoesOutForAnUnknownPathAndLeavesNoEntry)
 {

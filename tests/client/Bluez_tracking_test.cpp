@@ -173,42 +173,6 @@ TEST_F(ATrackedTree, PassesOverAnObjectOfNoKind)
     EXPECT_EQ(known(), Lines{});
 }
 
-struct TwoKinds : NamedCase {
-    const char* component;
-    const Kind& first;
-    const Kind& second;
-};
-
-class AComponentOfTwoKinds : public ATrackedTree, public testing::WithParamInterface<TwoKinds>
-{
-};
-
-// The order in which kinds are tested on arrival is the opposite of the one on removal.
-TEST_P(AComponentOfTwoKinds, ArrivesAsTheOneAndGoesAsTheOther)
-{
-    const std::string path = std::string("/x/") + GetParam().component;
-    start();
-
-    addObject(path, "org.example.Other1");
-    sim->removeObject(path);
-    settle();
-
-    EXPECT_EQ(listener.events(), (Lines{GetParam().first.added(path), GetParam().second.removed(path)}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Such, AComponentOfTwoKinds,
-    testing::Values(
-        TwoKinds{{"AsAdapterAndDevice"}, "dev_AA_BB_CC_DD_EE_FFhci0", kAdapterKind, kDeviceKind},
-        TwoKinds{{"AsDeviceAndService"}, "service0001dev_AA_BB_CC_DD_EE_FF", kDeviceKind, kServiceKind},
-        TwoKinds{{"AsServiceAndCharacteristic"}, "char0001service0001", kServiceKind, kCharacteristicKind},
-        TwoKinds{{"AsCharacteristicAndDescriptor"}, "desc0001char0001", kCharacteristicKind, kDescriptorKind},
-        TwoKinds{{"AsAllFive"},
-                 "desc0001char0001service0001dev_AA_BB_CC_DD_EE_FFhci0",
-                 kAdapterKind,
-                 kDescriptorKind}),
-    named);
-
 TEST_F(ATrackedTree, ErasesAPathFromEveryMapThatHoldsIt)
 {
     start();
