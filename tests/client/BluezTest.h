@@ -112,7 +112,7 @@ protected:
     void destroy() { client.reset(); }
 
     /// Runs the task on the event thread, between two events, and returns when it has.
-    static void onEventThread(const std::function<void()>& task);
+    void onEventThread(const std::function<void()>& task);
     /// Returns when the client has handled all that the bus has sent so far.
     virtual void settle();
     /// The connection that the client uses; the test holds a reference of its own from then on.

@@ -115,8 +115,19 @@ TEST_F(ATrackedTree, ListsAsItemsWhateverBeginsWithThePath)
 
 TEST_F(ATrackedTree, PrintsItsProxies)
 {
-    const char* const headings[] = {
-        "D Adapters:", "D Devices:", "D Services:", "D Characteristics:", "D Descriptors:"};
+    const std::string unknown = "/org/bluez/hci9";
+    const auto printed = [&] {
+        log.clear();
+        client->debugPrintProxies();
+        return log.lines();
+    };
+    start();
+    const Lines printedEmpty = printed();
+    addAll();
+    settle();
+    bool powered = false;
+    client->adapterGetPowered(unknown, powered); // leaves an empty entry
+
     Lines empty;
     Lines full;
     const auto addLine = [&](const Kind& kind, const std::string& path, const GDBusProxy* proxy) {
@@ -125,29 +136,18 @@ TEST_F(ATrackedTree, PrintsItsProxies)
                       static_cast<const void*>(proxy));
         full.push_back(line);
     };
-    start();
-    log.clear();
-    client->debugPrintProxies();
-    const Lines printedEmpty = log.lines();
-    addAll();
-    settle();
-    bool powered = false;
-    client->adapterGetPowered("/org/bluez/hci9", powered); // leaves an empty entry
-    for (std::size_t i = 0; i < kKinds.size(); ++i) {
-        empty.push_back(headings[i]);
-        full.push_back(headings[i]);
-        addLine(kKinds[i], kKinds[i].path, proxyOf(kKinds[i]));
-        if (i == 0) {
-            addLine(kAdapterKind, "/org/bluez/hci9", nullptr);
+    for (const Kind& kind : kKinds) {
+        const std::string heading = std::string("D ") + kind.name + "s:";
+        const std::string end = "D ======================";
+        empty.insert(empty.end(), {heading, end});
+        full.push_back(heading);
+        addLine(kind, kind.path, proxyOf(kind));
+        if (kind.path == kAdapter) {
+            addLine(kind, unknown, nullptr);
         }
-        empty.push_back("D ======================");
-        full.push_back("D ======================");
+        full.push_back(end);
     }
-    log.clear();
-
-    client->debugPrintProxies();
-
-    EXPECT_EQ(log.lines(), full);
+    EXPECT_EQ(printed(), full);
     EXPECT_EQ(printedEmpty, empty);
 }
 
