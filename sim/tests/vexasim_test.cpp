@@ -11,7 +11,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <thread>
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -156,9 +155,7 @@ TEST_F(TheProgram, PressesTheButton)
     EXPECT_EQ(play("ReleaseButton").error, "");
     EXPECT_EQ(scratch.read("adc"), "1023\n");
     EXPECT_EQ(play("HoldButton", g_variant_new("(u)", 1U)).error, "");
-    while (scratch.read("adc") != "1023\n") {
-        std::this_thread::sleep_for(std::chrono::milliseconds{1});
-    }
+    EXPECT_TRUE(kit::eventually([&] { return scratch.read("adc") == "1023\n"; }));
 }
 
 TEST_F(TheProgram, SetsFlagsAndOffersImages)

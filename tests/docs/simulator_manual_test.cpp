@@ -8,8 +8,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 namespace
@@ -17,15 +15,9 @@ namespace
 constexpr const char* kMark = "<!-- run -->\n```sh\n";
 constexpr const char* kEnd = "```";
 
-std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 std::string examples()
 {
-    const std::string manual = contentOf(SIMULATOR_MANUAL);
+    const std::string manual = kit::contentOf(SIMULATOR_MANUAL);
     std::string script;
     for (auto at = manual.find(kMark); at != std::string::npos; at = manual.find(kMark, at)) {
         at += std::string(kMark).size();

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <system_error>
-#include <thread>
 
 namespace kit
 {
@@ -85,14 +84,7 @@ void Clock::advanceAndHold(Duration duration, unsigned look)
 
 bool Clock::awaitHeld() const
 {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (mPage->held.load() == 0) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return eventually([this] { return mPage->held.load() != 0; });
 }
 
 void Clock::letGo()

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <thread>
 
 namespace kit
 {
@@ -19,6 +20,20 @@ constexpr int kSlowness = 1;
 /// anything takes on a healthy machine: it decides only when a test is told to
 /// have failed, never whether.
 constexpr std::chrono::milliseconds kPatience = std::chrono::seconds{30} * kSlowness;
+
+/// Looks every millisecond whether the condition holds, where no event tells of it; false at the limit.
+template <typename Condition>
+bool eventually(Condition condition, std::chrono::milliseconds limit = kPatience)
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
 
 } // namespace kit
 

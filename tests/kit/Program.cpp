@@ -22,7 +22,6 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 namespace kit
 {
@@ -31,7 +30,6 @@ namespace
 {
 
 constexpr int kPipeSize = 1 << 20; // so that the program is never held up by a reader that is late
-constexpr std::chrono::milliseconds kLookInterval{1};
 
 /// Which step the new process came to, told through a pipe if it fails.
 enum class Step { Namespace, UserMap, Private, Mount, Death, Standard, Execute };
@@ -390,49 +388,36 @@ long Program::mainThreadWaits() const
 }
 
 // The kernel tells of none of these by an event.
-template <typename Condition>
-bool Program::poll(std::chrono::milliseconds limit, Condition condition) const
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(kLookInterval);
-    }
-    return true;
-}
-
 bool Program::awaitHandlerOf(int number, std::chrono::milliseconds limit) const
 {
-    return poll(limit, [this, number] { return handles(number); });
+    return eventually([this, number] { return handles(number); }, limit);
 }
 
 bool Program::awaitMainThreadAsleep(std::chrono::milliseconds limit) const
 {
-    return poll(limit, [this] { return mainThreadState() == 'S'; });
+    return eventually([this] { return mainThreadState() == 'S'; }, limit);
 }
 
 bool Program::awaitMainThreadOnCondition(std::chrono::milliseconds limit) const
 {
-    return poll(limit, [this] { return mainThreadIsOnCondition(); });
+    return eventually([this] { return mainThreadIsOnCondition(); }, limit);
 }
 
 bool Program::awaitMainThreadInUsleep(std::chrono::milliseconds limit) const
 {
-    return poll(limit, [this] { return mainThreadIsInUsleep(); });
+    return eventually([this] { return mainThreadIsInUsleep(); }, limit);
 }
 
 bool Program::awaitMainThreadInWrite(std::chrono::milliseconds limit) const
 {
-    return poll(limit, [this] { return mainThreadIsInWrite(); });
+    return eventually([this] { return mainThreadIsInWrite(); }, limit);
 }
 
 bool Program::awaitAnew(bool (Program::*place)() const, std::chrono::milliseconds limit) const
 {
     const long before = mainThreadWaits();
     // Two more: the first may have been on its way there already.
-    return poll(limit, [&] { return mainThreadWaits() >= before + 2 && (this->*place)(); });
+    return eventually([&] { return mainThreadWaits() >= before + 2 && (this->*place)(); }, limit);
 }
 
 bool Program::awaitMainThreadOnNextCondition(std::chrono::milliseconds limit) const
@@ -448,7 +433,7 @@ bool Program::awaitMainThreadInNextSleep(std::chrono::milliseconds limit) const
 bool Program::awaitMainThreadWaits(unsigned count, std::chrono::milliseconds limit) const
 {
     const long before = mainThreadWaits();
-    return poll(limit, [&] { return mainThreadWaits() >= before + static_cast<long>(count); });
+    return eventually([&] { return mainThreadWaits() >= before + static_cast<long>(count); }, limit);
 }
 
 void Program::freeze() const

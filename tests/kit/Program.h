@@ -90,8 +90,6 @@ private:
     bool mainThreadIsInWrite() const;
     bool awaitAnew(bool (Program::*place)() const, std::chrono::milliseconds limit) const;
     long mainThreadWaits() const;
-    template <typename Condition>
-    bool poll(std::chrono::milliseconds limit, Condition condition) const;
 
     pid_t mPid = -1;
     std::optional<Exit> mExit;

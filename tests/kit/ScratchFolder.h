@@ -14,6 +14,13 @@
 namespace kit
 {
 
+/// The content of a file, empty if it can't be read.
+inline std::string contentOf(const std::filesystem::path& path)
+{
+    std::ifstream file{path, std::ios::binary};
+    return {std::istreambuf_iterator<char>{file}, {}};
+}
+
 /// An empty temporary folder that goes with the object.
 class ScratchFolder
 {
@@ -54,11 +61,7 @@ public:
     }
 
     /// The content of a file, empty if it can't be read.
-    std::string read(const std::string& name) const
-    {
-        std::ifstream file{path(name), std::ios::binary};
-        return {std::istreambuf_iterator<char>{file}, {}};
-    }
+    std::string read(const std::string& name) const { return contentOf(path(name)); }
 
 private:
     std::filesystem::path mPath;

@@ -6,9 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <ostream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +19,7 @@
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/Hex.h"
+#include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
 
 namespace
@@ -80,12 +79,6 @@ mode_t modeOf(const std::string& path)
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-std::string everythingIn(const fs::path& path)
-{
-    std::ifstream file{path, std::ios::binary};
-    return {std::istreambuf_iterator<char>{file}, {}};
-}
-
 // ------------------------------------------------------------------------- The module
 
 class TheKeyFile : public testing::Test
@@ -117,7 +110,14 @@ protected:
         return key;
     }
 
-    bool nothingWritten() const { return !fs::exists(mFolder.path("key.cpp")); }
+    /// Expects that the choice failed with these words and without a source.
+    void expectRefused(const kit::Outcome& outcome, const std::string& words) const
+    {
+        EXPECT_FALSE(outcome.exitedWith(0));
+        EXPECT_THAT(saidBy(outcome), HasSubstr(words));
+        EXPECT_FALSE(reveals(saidBy(outcome), kOwnKey));
+        EXPECT_FALSE(fs::exists(mFolder.path("key.cpp")));
+    }
 
     ScratchFolder mFolder;
 };
@@ -149,35 +149,30 @@ TEST_F(TheKeyFile, MayHaveAnyName)
     EXPECT_EQ(kOwnKey, chosenKey());
 }
 
-struct Malformed {
-    const char* name;
+struct Malformed : kit::NamedCase {
     std::string content;
     const char* word;
-
-    friend std::ostream& operator<<(std::ostream& out, const Malformed& malformed)
-    {
-        return out << malformed.name;
-    }
 };
 
 const std::string kOwn{kOwnKey};
 const Malformed kMalformed[] = {
-    {"Empty", "", "has the wrong length, 0 characters"},
-    {"BlankOnly", " \n\n", "has the wrong length, 0 characters"},
-    {"OneDigitShort", kOwn.substr(1), "has the wrong length, 63 characters"},
-    {"OneDigitLong", kOwn + "0", "has the wrong length, 65 characters"},
-    {"WithAPrefix", "0x" + kOwn, "has the wrong length, 66 characters"},
-    {"TwoKeys", kOwn + "\n" + kOwn + "\n", "has the wrong length, 129 characters"},
-    {"ALetterAmongTheDigits", kOwn.substr(0, 40) + "g" + kOwn.substr(41), "isn't a hexadecimal digit"},
-    {"ABlankAmongTheDigits", kOwn.substr(0, 40) + " " + kOwn.substr(41), "isn't a hexadecimal digit"},
-    {"ANewlineAmongTheDigits", kOwn.substr(0, 32) + "\n" + kOwn.substr(33), "isn't a hexadecimal digit"},
-    {"ASemicolonAmongTheDigits", kOwn.substr(0, 40) + ";" + kOwn.substr(41), "isn't a hexadecimal digit"},
-    {"ABracketAmongTheDigits", kOwn.substr(0, 40) + "[" + kOwn.substr(41), "isn't a hexadecimal digit"},
-    {"AVariableAmongTheDigits", kOwn.substr(0, 60) + "${x}", "isn't a hexadecimal digit"},
-    {"AZeroByteBehindTheDigits", kOwn + std::string{"\0", 1} + "junk", "wrong length"},
-    {"TheBytesThemselves", "\x8f\x3a\x61\xc0\x5b\xe2\x7d\x94\xf1\x0e\x6b\x82\xd7\xa9\x4c\x35",
+    {{"Empty"}, "", "has the wrong length, 0 characters"},
+    {{"BlankOnly"}, " \n\n", "has the wrong length, 0 characters"},
+    {{"OneDigitShort"}, kOwn.substr(1), "has the wrong length, 63 characters"},
+    {{"OneDigitLong"}, kOwn + "0", "has the wrong length, 65 characters"},
+    {{"WithAPrefix"}, "0x" + kOwn, "has the wrong length, 66 characters"},
+    {{"TwoKeys"}, kOwn + "\n" + kOwn + "\n", "has the wrong length, 129 characters"},
+    {{"ALetterAmongTheDigits"}, kOwn.substr(0, 40) + "g" + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {{"ABlankAmongTheDigits"}, kOwn.substr(0, 40) + " " + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {{"ANewlineAmongTheDigits"}, kOwn.substr(0, 32) + "\n" + kOwn.substr(33), "isn't a hexadecimal digit"},
+    {{"ASemicolonAmongTheDigits"}, kOwn.substr(0, 40) + ";" + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {{"ABracketAmongTheDigits"}, kOwn.substr(0, 40) + "[" + kOwn.substr(41), "isn't a hexadecimal digit"},
+    {{"AVariableAmongTheDigits"}, kOwn.substr(0, 60) + "${x}", "isn't a hexadecimal digit"},
+    {{"AZeroByteBehindTheDigits"}, kOwn + std::string{"\0", 1} + "junk", "wrong length"},
+    {{"TheBytesThemselves"},
+     "\x8f\x3a\x61\xc0\x5b\xe2\x7d\x94\xf1\x0e\x6b\x82\xd7\xa9\x4c\x35",
      "wrong length"},
-    {"HugeAndWrong", std::string(1U << 20U, 'a'), "wrong length"},
+    {{"HugeAndWrong"}, std::string(1U << 20U, 'a'), "wrong length"},
 };
 
 class AMalformedKeyFile : public TheKeyFile, public testing::WithParamInterface<Malformed>
@@ -190,28 +185,17 @@ TEST_P(AMalformedKeyFile, IsRefusedWithoutShowingWhatItHolds)
 
     const auto result = choose(file);
 
-    EXPECT_FALSE(result.exitedWith(0));
-    const std::string message = saidBy(result);
-    EXPECT_THAT(message, HasSubstr("Over-the-air key: " + file));
-    EXPECT_THAT(message, HasSubstr(GetParam().word));
-    EXPECT_FALSE(reveals(message, kOwnKey)) << message;
-    EXPECT_THAT(message, Not(HasSubstr("aaaaaaaa")));
-    EXPECT_TRUE(nothingWritten());
+    expectRefused(result, "Over-the-air key: " + file);
+    EXPECT_THAT(saidBy(result), HasSubstr(GetParam().word));
+    EXPECT_THAT(saidBy(result), Not(HasSubstr("aaaaaaaa")));
 }
 
-INSTANTIATE_TEST_SUITE_P(With, AMalformedKeyFile, testing::ValuesIn(kMalformed),
-                         [](const auto& given) { return std::string{given.param.name}; });
+INSTANTIATE_TEST_SUITE_P(With, AMalformedKeyFile, testing::ValuesIn(kMalformed), kit::named);
 
 TEST_F(TheKeyFile, ThatIsMissingOrAFolderIsRefused)
 {
-    const auto missing = choose(mFolder.path("none"));
-    EXPECT_FALSE(missing.exitedWith(0));
-    EXPECT_THAT(saidBy(missing), HasSubstr(mFolder.path("none") + " doesn't exist or can't be read"));
-
-    const auto folder = choose(mFolder.path());
-    EXPECT_FALSE(folder.exitedWith(0));
-    EXPECT_THAT(saidBy(folder), HasSubstr("is a folder"));
-    EXPECT_TRUE(nothingWritten());
+    expectRefused(choose(mFolder.path("none")), mFolder.path("none") + " doesn't exist or can't be read");
+    expectRefused(choose(mFolder.path()), "is a folder");
 }
 
 TEST_F(TheKeyFile, ThatCannotBeReadIsRefused)
@@ -225,42 +209,25 @@ TEST_F(TheKeyFile, ThatCannotBeReadIsRefused)
         runner = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
     }
 
-    const auto result = choose(file, false, runner);
-
-    EXPECT_FALSE(result.exitedWith(0));
-    EXPECT_THAT(saidBy(result), HasSubstr(file + " doesn't exist or can't be read"));
-    EXPECT_TRUE(nothingWritten());
+    expectRefused(choose(file, false, runner), file + " doesn't exist or can't be read");
 }
 
-TEST_F(TheKeyFile, ThatIsNotGivenMeansTheDevelopmentKeyAndSaysSo)
+TEST_F(TheKeyFile, ThatIsNotGivenOrHoldsTheDevelopmentKeyIsAnnounced)
 {
-    const auto result = choose("");
+    for (const auto& file : {std::string{}, mFolder.write("key", upperCase(kDevelopmentKey))}) {
+        const auto result = choose(file);
 
-    EXPECT_TRUE(result.exitedWith(0));
-    EXPECT_EQ(kDevelopmentKey, chosenKey());
-    EXPECT_THAT(saidBy(result), HasSubstr("PUBLISHED DEVELOPMENT KEY"));
-}
-
-TEST_F(TheKeyFile, ThatHoldsTheDevelopmentKeySaysSoToo)
-{
-    const auto result = choose(mFolder.write("key", upperCase(kDevelopmentKey)));
-
-    EXPECT_TRUE(result.exitedWith(0));
-    EXPECT_EQ(kDevelopmentKey, chosenKey());
-    EXPECT_THAT(saidBy(result), HasSubstr("PUBLISHED DEVELOPMENT KEY"));
+        EXPECT_TRUE(result.exitedWith(0)) << result;
+        EXPECT_EQ(kDevelopmentKey, chosenKey());
+        EXPECT_THAT(saidBy(result), HasSubstr("PUBLISHED DEVELOPMENT KEY"));
+    }
 }
 
 TEST_F(TheKeyFile, MustBeGivenAndItsOwnForARelease)
 {
-    const auto none = choose("", true);
-    EXPECT_FALSE(none.exitedWith(0));
-    EXPECT_THAT(saidBy(none), HasSubstr("VEXA_OTA_KEY_FILE"));
-    EXPECT_TRUE(nothingWritten());
-
-    const auto development = choose(mFolder.write("key", upperCase(kDevelopmentKey) + "\n"), true);
-    EXPECT_FALSE(development.exitedWith(0));
-    EXPECT_THAT(saidBy(development), HasSubstr("published development key"));
-    EXPECT_TRUE(nothingWritten());
+    expectRefused(choose("", true), "VEXA_OTA_KEY_FILE");
+    expectRefused(choose(mFolder.write("key", upperCase(kDevelopmentKey) + "\n"), true),
+                  "published development key");
 
     EXPECT_TRUE(choose(mFolder.write("key", kOwnKey), true).exitedWith(0));
     EXPECT_EQ(kOwnKey, chosenKey());
@@ -329,17 +296,17 @@ protected:
 
     std::string build() const { return mFolder.path("build"); }
 
-    /// The files below the build folder, or another, in which the key can be read, in any form.
     std::vector<std::string> filesThatReveal(const std::string& key) const
     {
         return filesThatReveal(key, build());
     }
 
+    /// The files below the folder in which the key can be read, in any form.
     static std::vector<std::string> filesThatReveal(const std::string& key, const std::string& folder)
     {
         std::vector<std::string> files;
         for (const auto& entry : fs::recursive_directory_iterator{folder}) {
-            if (entry.is_regular_file() && reveals(everythingIn(entry.path()), key)) {
+            if (entry.is_regular_file() && reveals(kit::contentOf(entry.path()), key)) {
                 files.push_back(fs::relative(entry.path(), folder).string());
             }
         }
@@ -405,10 +372,9 @@ protected:
     /// The lines of a section of an installed unit.
     std::vector<std::string> section(const std::string& unit, const std::string& heading) const
     {
-        std::istringstream text{mFolder.read("installed/units/" + unit)};
         std::vector<std::string> lines;
         std::string current;
-        for (std::string line; std::getline(text, line);) {
+        for (const std::string& line : kit::linesOf(mFolder.read("installed/units/" + unit))) {
             if (!line.empty() && line.front() == '[') {
                 current = line;
             } else if (current == heading) {

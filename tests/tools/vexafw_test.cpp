@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,7 @@
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/FirmwareImage.h"
+#include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
 
 namespace
@@ -32,6 +32,15 @@ protected:
         arguments.insert(arguments.begin(), VEXAFW_PROGRAM);
         return kit::runProgram(std::move(arguments));
     }
+
+    /// Packs into the file "packed" of the folder.
+    kit::Outcome pack(const std::string& payload, const std::vector<std::string>& more = {}) const
+    {
+        std::vector<std::string> command{"pack", payload, packed(), "--signature", "1", "--version", "2"};
+        command.insert(command.end(), more.begin(), more.end());
+        return run(command);
+    }
+    std::string packed() const { return mFolder.path("packed"); }
 
     std::string image(const FirmwareImage& content) const
     {
@@ -89,14 +98,11 @@ TEST_F(Vexafw, InfoLogsAsTheDaemonDoesWhenAsked)
     EXPECT_THAT(result.errors, HasSubstr("signature: 0x1234"));
 }
 
-struct Oddity {
-    const char* name;
+struct Oddity : kit::NamedCase {
     std::size_t bytes; // of payload in the file
     std::uint16_t words;
     bool exact;
     std::vector<std::string> warnings;
-
-    friend std::ostream& operator<<(std::ostream& out, const Oddity& oddity) { return out << oddity.name; }
 };
 
 constexpr char kFails[] =
@@ -108,29 +114,29 @@ constexpr char kLastBlock[] = "the length isn't a multiple of 5 words: the last 
 constexpr char kNoData[] = "length 0: the daemon sends no data and asks the remote to verify at once";
 
 const Oddity kOddities[] = {
-    {"PlainAndGood", 1000, 250, true, {}},
-    {"AFileOneByteShort", 999, 250, false, {std::string{"the file ends 1 byte"} + kFails}},
-    {"AFileWithoutPayload", 0, 5, false, {std::string{"the file ends 20 bytes"} + kFails}},
-    {"ALongerFileAndFullBlocks", 1003, 250, true, {"the last 3 bytes of the file are never read"}},
-    {"ALongerFileOfOneWord",
+    {{"PlainAndGood"}, 1000, 250, true, {}},
+    {{"AFileOneByteShort"}, 999, 250, false, {std::string{"the file ends 1 byte"} + kFails}},
+    {{"AFileWithoutPayload"}, 0, 5, false, {std::string{"the file ends 20 bytes"} + kFails}},
+    {{"ALongerFileAndFullBlocks"}, 1003, 250, true, {"the last 3 bytes of the file are never read"}},
+    {{"ALongerFileOfOneWord"},
      45,
      1,
      false,
      {std::string{"the last block carries 16 bytes"} + kOvershoots,
       "the last 25 bytes of the file are never read"}},
-    {"ALongerFileThatEndsInTheBlock",
+    {{"ALongerFileThatEndsInTheBlock"},
      5,
      1,
      false,
      {std::string{"the last block carries 1 byte"} + kOvershoots}},
-    {"ALastBlockOfSixteen", 36, 9, true, {std::string{kLastBlock} + "16 bytes"}},
-    {"ALastBlockInTheClear",
+    {{"ALastBlockOfSixteen"}, 36, 9, true, {std::string{kLastBlock} + "16 bytes"}},
+    {{"ALastBlockInTheClear"},
      32,
      8,
      true,
      {std::string{kLastBlock} + "12 bytes, too few to be enciphered, and is sent in the clear"}},
-    {"NoLength", 0, 0, true, {kNoData}},
-    {"NoLengthButAPayload", 7, 0, true, {kNoData, "the last 7 bytes of the file are never read"}},
+    {{"NoLength"}, 0, 0, true, {kNoData}},
+    {{"NoLengthButAPayload"}, 7, 0, true, {kNoData, "the last 7 bytes of the file are never read"}},
 };
 
 class AnImage : public Vexafw, public testing::WithParamInterface<Oddity>
@@ -170,8 +176,7 @@ TEST_P(AnImage, IsJudgedByVerify)
               result.output);
 }
 
-INSTANTIATE_TEST_SUITE_P(With, AnImage, testing::ValuesIn(kOddities),
-                         [](const auto& given) { return std::string{given.param.name}; });
+INSTANTIATE_TEST_SUITE_P(With, AnImage, testing::ValuesIn(kOddities), kit::named);
 
 TEST_F(Vexafw, VerifyRefusesVersionZeroWhichIsNeverSent)
 {
@@ -210,14 +215,14 @@ TEST_F(Vexafw, PackWritesTheHeaderAndThePayload)
     const std::string payload = mFolder.write("payload", wanted.payload);
 
     const auto result =
-        run({"pack", payload, mFolder.path("packed"), "--offset", "0x11", "--signature", "0x1234",
-             "--version", "517", "--checksum", "0xBEEF", "--ota-flag", "0x5a", "--reserved", "165"});
+        run({"pack", payload, packed(), "--offset", "0x11", "--signature", "0x1234", "--version", "517",
+             "--checksum", "0xBEEF", "--ota-flag", "0x5a", "--reserved", "165"});
 
     EXPECT_TRUE(result.exitedWith(0)) << result;
     const auto file = wanted.file();
     EXPECT_EQ(std::string(file.begin(), file.end()), mFolder.read("packed"));
     EXPECT_THAT(result.output, HasSubstr("25 words, 100 bytes"));
-    EXPECT_TRUE(run({"verify", mFolder.path("packed")}).exitedWith(0));
+    EXPECT_TRUE(run({"verify", packed()}).exitedWith(0));
     EXPECT_EQ(2, std::distance(std::filesystem::directory_iterator{mFolder.path()}, {}))
         << "nothing else is left";
 }
@@ -226,8 +231,7 @@ TEST_F(Vexafw, PackFillsFieldsThatAreNotGivenWithZero)
 {
     const std::string payload = mFolder.write("payload", "word");
 
-    EXPECT_TRUE(
-        run({"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2"}).exitedWith(0));
+    EXPECT_TRUE(pack(payload).exitedWith(0));
 
     EXPECT_EQ((std::string{"\0\0\1\0\2\0\0\0\1\0\0\0word", 16}), mFolder.read("packed"));
 }
@@ -235,13 +239,12 @@ TEST_F(Vexafw, PackFillsFieldsThatAreNotGivenWithZero)
 TEST_F(Vexafw, PackKeepsAnExistingFileUnlessForced)
 {
     const std::string payload = mFolder.write("payload", "word");
-    const std::string present = mFolder.write("packed", "precious");
+    mFolder.write("packed", "precious");
 
-    expectError(run({"pack", payload, present, "--signature", "1", "--version", "2"}), "exists: use --force");
+    expectError(pack(payload), "exists: use --force");
     EXPECT_EQ("precious", mFolder.read("packed"));
 
-    EXPECT_TRUE(
-        run({"pack", payload, present, "--signature", "1", "--version", "2", "--force"}).exitedWith(0));
+    EXPECT_TRUE(pack(payload, {"--force"}).exitedWith(0));
     EXPECT_EQ(16U, mFolder.read("packed").size());
 }
 
@@ -261,24 +264,20 @@ TEST_F(Vexafw, PackGivesTheImageThePermissionsOfAnyNewFile)
 {
     const std::string payload = mFolder.write("payload", "word");
     const mode_t former = umask(027);
-    EXPECT_TRUE(
-        run({"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2"}).exitedWith(0));
+    EXPECT_TRUE(pack(payload).exitedWith(0));
     umask(former);
 
-    EXPECT_EQ(static_cast<std::filesystem::perms>(0640),
-              std::filesystem::status(mFolder.path("packed")).permissions());
+    EXPECT_EQ(static_cast<std::filesystem::perms>(0640), std::filesystem::status(packed()).permissions());
 }
 
 TEST_F(Vexafw, PackPadsOnlyWhenAsked)
 {
     const std::string payload = mFolder.write("payload", "12345");
-    const std::string packed = mFolder.path("packed");
 
-    expectError(run({"pack", payload, packed, "--signature", "1", "--version", "2"}),
-                "use --pad to append zeros");
-    EXPECT_FALSE(std::filesystem::exists(packed));
+    expectError(pack(payload), "use --pad to append zeros");
+    EXPECT_FALSE(std::filesystem::exists(packed()));
 
-    EXPECT_TRUE(run({"pack", payload, packed, "--signature", "1", "--version", "2", "--pad"}).exitedWith(0));
+    EXPECT_TRUE(pack(payload, {"--pad"}).exitedWith(0));
     EXPECT_EQ((std::string{"\2\0\0\0"
                            "12345\0\0\0",
                            12}),
@@ -289,8 +288,7 @@ TEST_F(Vexafw, PackAnnouncesAnyLengthForTests)
 {
     const std::string payload = mFolder.write("payload", "12345");
 
-    const auto result = run(
-        {"pack", payload, mFolder.path("packed"), "--signature", "1", "--version", "2", "--length", "65535"});
+    const auto result = pack(payload, {"--length", "65535"});
 
     EXPECT_TRUE(result.exitedWith(0));
     EXPECT_THAT(result.output, HasSubstr("length      65535 words, 262140 bytes"));
@@ -299,14 +297,12 @@ TEST_F(Vexafw, PackAnnouncesAnyLengthForTests)
 
 TEST_F(Vexafw, PackTakesTheLargestPayloadAndNoMore)
 {
-    const std::string packed = mFolder.path("packed");
     const std::string largest = mFolder.write("largest", std::string(262140, 'x'));
-    EXPECT_TRUE(run({"pack", largest, packed, "--signature", "1", "--version", "2"}).exitedWith(0));
-    EXPECT_TRUE(run({"verify", packed}).exitedWith(0));
+    EXPECT_TRUE(pack(largest).exitedWith(0));
+    EXPECT_TRUE(run({"verify", packed()}).exitedWith(0));
 
     const std::string larger = mFolder.write("larger", std::string(262144, 'x'));
-    expectError(run({"pack", larger, packed, "--force", "--signature", "1", "--version", "2"}),
-                "has 262144 bytes, but an image carries at most 262140");
+    expectError(pack(larger, {"--force"}), "has 262144 bytes, but an image carries at most 262140");
     EXPECT_EQ(262152U, mFolder.read("packed").size()) << "the image of before is gone";
 }
 
@@ -314,9 +310,8 @@ TEST_F(Vexafw, PackSaysWhyAFileCantBeReadOrWritten)
 {
     const std::string payload = mFolder.write("payload", "word");
 
-    expectError(
-        run({"pack", mFolder.path("none"), mFolder.path("packed"), "--signature", "1", "--version", "2"}),
-        "can't open " + mFolder.path("none") + ": No such file or directory");
+    expectError(pack(mFolder.path("none")),
+                "can't open " + mFolder.path("none") + ": No such file or directory");
     expectError(run({"pack", payload, mFolder.path("no/folder"), "--signature", "1", "--version", "2"}),
                 "can't write " + mFolder.path("no/folder") + ": No such file or directory");
 }
@@ -324,8 +319,8 @@ TEST_F(Vexafw, PackSaysWhyAFileCantBeReadOrWritten)
 TEST_F(Vexafw, PackSaysWhichFieldIsOutOfRange)
 {
     const std::string payload = mFolder.write("payload", "word");
-    const auto pack = [&](const std::string& field, const std::string& value) {
-        std::vector<std::string> command{"pack", payload, mFolder.path("packed"), field, value};
+    const auto packWith = [&](const std::string& field, const std::string& value) {
+        std::vector<std::string> command{"pack", payload, packed(), field, value};
         for (const char* required : {"--signature", "--version"}) {
             if (field != required) {
                 command.insert(command.end(), {required, "1"});
@@ -335,19 +330,19 @@ TEST_F(Vexafw, PackSaysWhichFieldIsOutOfRange)
     };
 
     for (const char* field : {"--signature", "--version", "--offset", "--checksum", "--length"}) {
-        expectError(pack(field, "65536"), field);
-        expectError(pack(field, "-1"), field);
-        expectError(pack(field, "abc"), field);
-        expectError(pack(field, "08"), "08 isn't a number from 0 to 65535");
-        expectError(pack(field, "1.5"), "1.5 isn't a number from 0 to 65535");
-        expectError(pack(field, "99999999999999999999"), "isn't a number from 0 to 65535");
+        expectError(packWith(field, "65536"), field);
+        expectError(packWith(field, "-1"), field);
+        expectError(packWith(field, "abc"), field);
+        expectError(packWith(field, "08"), "08 isn't a number from 0 to 65535");
+        expectError(packWith(field, "1.5"), "1.5 isn't a number from 0 to 65535");
+        expectError(packWith(field, "99999999999999999999"), "isn't a number from 0 to 65535");
     }
     for (const char* field : {"--ota-flag", "--reserved"}) {
-        expectError(pack(field, "256"), field);
+        expectError(packWith(field, "256"), field);
     }
-    expectError(run({"pack", payload, mFolder.path("packed"), "--version", "1"}), "--signature is required");
-    expectError(run({"pack", payload, mFolder.path("packed"), "--signature", "1"}), "--version is required");
-    EXPECT_FALSE(std::filesystem::exists(mFolder.path("packed")));
+    expectError(run({"pack", payload, packed(), "--version", "1"}), "--signature is required");
+    expectError(run({"pack", payload, packed(), "--signature", "1"}), "--version is required");
+    EXPECT_FALSE(std::filesystem::exists(packed()));
 }
 
 // ------------------------------------------------------------------- The command line
