@@ -73,6 +73,9 @@ TEST_F(AConnectedRemote, HasItsFilesBackAPassAfterSomebodyRemovedThem)
 
     EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
     EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
+    const std::size_t writes = box.files().writes("bluetooth_rc");
+    ASSERT_TRUE(box.pass());
+    EXPECT_EQ(box.files().writes("bluetooth_rc"), writes + 1) << "it is written on each pass";
 }
 
 TEST_F(AConnectedRemote, KeepsItsOldAddressFileWhenItsAddressIsEmpty)

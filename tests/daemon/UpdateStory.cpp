@@ -90,32 +90,22 @@ void StatusSampler::begin()
     const std::lock_guard lock(mMutex);
     mCourse.clear();
     while (mCourse.empty()) {
-        sampleLocked(); // again if the daemon is just writing it
+        sample(); // again if the daemon is just writing it
     }
 }
 
 void StatusSampler::sample()
 {
     const std::lock_guard lock(mMutex);
-    sampleLocked();
-}
-
-void StatusSampler::sampleLocked()
-{
     const auto text = mRoom != nullptr ? mRoom->content(kStatus) : std::nullopt;
     if (text && !text->empty() && text->back() == '\n') {
-        noteLocked(text->substr(0, text->size() - 1));
+        note(text->substr(0, text->size() - 1));
     }
 }
 
 void StatusSampler::note(const std::string& word)
 {
     const std::lock_guard lock(mMutex);
-    noteLocked(word);
-}
-
-void StatusSampler::noteLocked(const std::string& word)
-{
     if (mCourse.empty() || mCourse.back() != word) {
         mCourse.push_back(word);
     }

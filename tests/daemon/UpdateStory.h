@@ -31,10 +31,7 @@ public:
     Lines course() const;
 
 private:
-    void sampleLocked();
-    void noteLocked(const std::string& word);
-
-    mutable std::mutex mMutex;
+    mutable std::recursive_mutex mMutex;
     const Room* mRoom = nullptr;
     Lines mCourse;
 };
