@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 
 namespace

@@ -4,13 +4,10 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -20,10 +17,12 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/daemon/Planter.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
 
 using namespace std::string_literals;
+using kit::Planter;
 
 ssize_t realWrite(int file, const void* bytes, std::size_t size) __asm__("__real_write");
 ssize_t wrappedWrite(int file, const void* bytes, std::size_t size) __asm__("__wrap_write");
@@ -61,43 +60,6 @@ const int kLeast = std::numeric_limits<int>::min();
 
 class ABoxFile : public testing::Test
 {
-public:
-    ~ABoxFile() override
-    {
-        if (mHeld >= 0) {
-            close(mHeld);
-        }
-    }
-
-    void makeNothing() {}
-    void makeFile() { folder.write("file", ""s); }
-    void makeFolder() { std::filesystem::create_directory(path); }
-    void linkToDevice() { std::filesystem::create_symlink("/dev/zero", path); }
-    void linkToNothing() { std::filesystem::create_symlink("/nowhere", path); }
-    void makeFifo() { ASSERT_EQ(0, mkfifo(path.c_str(), 0666)); }
-    void makeFifoWithWriter()
-    {
-        makeFifo();
-        mHeld = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        ASSERT_GE(mHeld, 0);
-    }
-    void makeSocket()
-    {
-        mHeld = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        ASSERT_EQ(0, bind(mHeld, reinterpret_cast<const sockaddr*>(&address), sizeof address));
-    }
-    // Who opens it waits until it is given back, or for 45 seconds.
-    void makeLeasedFile()
-    {
-        folder.write("file", "12\n"s);
-        ::signal(SIGIO, SIG_IGN); // how the kernel asks for it back
-        mHeld = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        ASSERT_EQ(0, fcntl(mHeld, F_SETLEASE, F_WRLCK));
-    }
-
 protected:
     ino_t inode() const
     {
@@ -105,21 +67,10 @@ protected:
         };
         return lstat(path.c_str(), &info) == 0 ? info.st_ino : 0;
     }
-    bool isOwnRegularFile() const
-    {
-        struct stat info {
-        };
-        return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
-               info.st_nlink == 1;
-    }
-
-    int held() const { return mHeld; }
 
     ScratchFolder folder;
     const std::string path = folder.path("file");
-
-private:
-    int mHeld = -1;
+    kit::Planter planter{folder.path("victim"), folder.path("victim"), path};
 };
 
 // ------------------------------------------------------------------------- The number
@@ -170,61 +121,38 @@ INSTANTIATE_TEST_SUITE_P(
                     Content{{"TwoHundredDigits"}, std::string(200, '9'), kLargest}),
     named);
 
-TEST_F(ABoxFile, ThatIsMissingGivesNoNumber)
-{
-    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
-}
-
-TEST_F(ABoxFile, ThatIsAFolderGivesNoNumber)
-{
-    makeFolder();
-
-    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
-}
-
 TEST_F(ABoxFile, ThatFailsToReadGivesNoNumber)
 {
     EXPECT_EQ(kOtherwise, box_files::readNumber("/proc/self/mem", kOtherwise)); // nothing is at address 0
 }
 
-TEST_F(ABoxFile, ThatIsAFifoWithoutAWriterGivesNoNumber)
-{
-    makeFifo();
-
-    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
-}
-
-TEST_F(ABoxFile, ThatIsAFifoWithASilentWriterGivesNoNumber)
-{
-    makeFifoWithWriter();
-
-    EXPECT_EQ(kOtherwise, box_files::readNumber(path.c_str(), kOtherwise));
-}
-
 TEST_F(ABoxFile, IsReadForItsFirst256BytesAlone)
 {
-    makeFifoWithWriter();
+    planter.fifo(path);
+    const kit::Handle writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
     const std::string text(1000, '1');
-    ASSERT_EQ(1000, realWrite(held(), text.data(), text.size()));
+    ASSERT_EQ(1000, realWrite(writer.get(), text.data(), text.size()));
 
     EXPECT_EQ(kLargest, box_files::readNumber(path.c_str(), kOtherwise));
 
     int left = 0;
-    ASSERT_EQ(0, ioctl(held(), FIONREAD, &left));
+    ASSERT_EQ(0, ioctl(writer.get(), FIONREAD, &left));
     EXPECT_EQ(1000 - 256, left);
 }
 
-// -------------------------------------------------------------------------- The flags
+// ------------------------------------------------------------------------- The things
 
 struct Thing : NamedCase {
-    void (ABoxFile::*make)();
+    kit::Plant plant;
     bool readable;
+    int number;
+    bool replaced = true; ///< by a fresh status file
 };
 
 class AThing : public ABoxFile, public testing::WithParamInterface<Thing>
 {
 protected:
-    void SetUp() override { (this->*GetParam().make)(); }
+    void SetUp() override { (planter.*GetParam().plant)(path); }
 };
 
 TEST_P(AThing, IsAFlagIfItOpensAtOnce)
@@ -232,22 +160,36 @@ TEST_P(AThing, IsAFlagIfItOpensAtOnce)
     EXPECT_EQ(GetParam().readable, box_files::isReadable(path.c_str()));
 }
 
-TEST_P(AThing, GivesNoStreamUnlessItIsARegularFile)
+TEST_P(AThing, GivesItsNumberAtOnce)
 {
-    EXPECT_EQ(GetParam().make == &ABoxFile::makeFile, box_files::openRegularFile(path).is_open());
+    EXPECT_EQ(GetParam().number, box_files::readNumber(path.c_str(), kOtherwise));
 }
 
-INSTANTIATE_TEST_SUITE_P(Which, AThing,
-                         testing::Values(Thing{{"IsNotThere"}, &ABoxFile::makeNothing, false},
-                                         Thing{{"IsAnEmptyFile"}, &ABoxFile::makeFile, true},
-                                         Thing{{"IsAFolder"}, &ABoxFile::makeFolder, true},
-                                         Thing{{"IsAFifo"}, &ABoxFile::makeFifo, true},
-                                         Thing{{"IsAFifoWithAWriter"}, &ABoxFile::makeFifoWithWriter, true},
-                                         Thing{{"IsASocket"}, &ABoxFile::makeSocket, false},
-                                         Thing{{"IsALeasedFile"}, &ABoxFile::makeLeasedFile, false},
-                                         Thing{{"IsALinkToADevice"}, &ABoxFile::linkToDevice, true},
-                                         Thing{{"IsALinkToNothing"}, &ABoxFile::linkToNothing, false}),
-                         named);
+TEST_P(AThing, GivesNoStreamUnlessItIsARegularFile)
+{
+    EXPECT_EQ(GetParam().plant == &Planter::emptyFile, box_files::openRegularFile(path).is_open());
+}
+
+TEST_P(AThing, GoesForAFreshStatusFileUnlessItIsAFolder)
+{
+    box_files::writeLine("init", path);
+
+    EXPECT_EQ(GetParam().replaced, kit::isOwnFile(path));
+    EXPECT_TRUE(GetParam().replaced ? folder.read("file") == "init\n" : std::filesystem::is_empty(path));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Which, AThing,
+    testing::Values(Thing{{"IsNotThere"}, &Planter::nothing, false, kOtherwise},
+                    Thing{{"IsAnEmptyFile"}, &Planter::emptyFile, true, kOtherwise},
+                    Thing{{"IsAFolder"}, &Planter::folder, true, kOtherwise, false},
+                    Thing{{"IsAFifo"}, &Planter::fifo, true, kOtherwise},
+                    Thing{{"IsAFifoWithAWriter"}, &Planter::fifoWithSilentWriter, true, kOtherwise},
+                    Thing{{"IsASocket"}, &Planter::socketFile, false, kOtherwise},
+                    Thing{{"IsALeasedFile"}, &Planter::leasedFile, false, kOtherwise},
+                    Thing{{"IsALinkToADevice"}, &Planter::linkToDevice, true, 0},
+                    Thing{{"IsALinkToNothing"}, &Planter::linkToNothing, false, kOtherwise}),
+    named);
 
 // ------------------------------------------------------------------- The status files
 
@@ -280,7 +222,7 @@ TEST_F(AStatusFile, IsMadeForItsFirstLine)
     umask(before);
 
     EXPECT_EQ("init\n", folder.read("file"));
-    EXPECT_TRUE(isOwnRegularFile());
+    EXPECT_TRUE(kit::isOwnFile(path));
     EXPECT_EQ(std::filesystem::perms(0644), std::filesystem::status(path).permissions());
 }
 
@@ -331,7 +273,7 @@ TEST_P(AStatusFileThatIsPlantedAgain, IsMadeAnewInThePlaceOfALink)
 
     box_files::writeLine("init", path);
 
-    EXPECT_TRUE(isOwnRegularFile());
+    EXPECT_TRUE(kit::isOwnFile(path));
     EXPECT_EQ("init\n", folder.read("file"));
     EXPECT_EQ("untouched", folder.read("victim"));
 }
@@ -355,39 +297,9 @@ TEST_F(AStatusFile, IsMadeAnewInThePlaceOfAHardLink)
 
     box_files::writeLine("init", path);
 
-    EXPECT_TRUE(isOwnRegularFile());
+    EXPECT_TRUE(kit::isOwnFile(path));
     EXPECT_EQ("init\n", folder.read("file"));
     EXPECT_EQ("untouched", folder.read("victim"));
-}
-
-class AThingInThePlaceOfAStatusFile : public AThing
-{
-};
-
-TEST_P(AThingInThePlaceOfAStatusFile, GoesForAFreshOne)
-{
-    box_files::writeLine("init", path);
-
-    EXPECT_TRUE(isOwnRegularFile());
-    EXPECT_EQ("init\n", folder.read("file"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Which, AThingInThePlaceOfAStatusFile,
-                         testing::Values(Thing{{"IsAFifo"}, &ABoxFile::makeFifo, true},
-                                         Thing{{"IsAFifoWithAWriter"}, &ABoxFile::makeFifoWithWriter, true},
-                                         Thing{{"IsASocket"}, &ABoxFile::makeSocket, true},
-                                         Thing{{"IsALeasedFile"}, &ABoxFile::makeLeasedFile, true},
-                                         Thing{{"IsALinkToADevice"}, &ABoxFile::linkToDevice, true},
-                                         Thing{{"IsALinkToNothing"}, &ABoxFile::linkToNothing, true}),
-                         named);
-
-TEST_F(AStatusFile, IsNotWrittenInThePlaceOfAFolder)
-{
-    makeFolder();
-
-    box_files::writeLine("init", path);
-
-    EXPECT_TRUE(std::filesystem::is_empty(path));
 }
 
 // --------------------------------------------------------------------------- The image

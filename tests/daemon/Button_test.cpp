@@ -2,14 +2,13 @@
 // The main loop: its pace, its three states and the button. The daemon's clock
 // stands still in these cases, so each pass is one that the case has asked for.
 
-#include "tests/kit/TrueTime.h"
 #include "tests/kit/Box.h"
+#include "tests/kit/NamedCase.h"
+#include "tests/kit/TrueTime.h"
 
 #include <gmock/gmock.h>
 
-#include <filesystem>
-
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using vexasim::Bend;
 
@@ -62,20 +61,6 @@ TEST_F(AMainLoop, LooksEveryTenthOfASecondWhetherAPassIsDue)
     EXPECT_THAT(timeOfWaits(box, 30), isAbout(3s));
 }
 
-TEST_F(AMainLoop, DoesntAddTheTimeOfALongPassToTheInterval)
-{
-    box.setFlag("reset");
-    ASSERT_TRUE(box.pass());
-    box.clock().advance(500ms);
-    ASSERT_LOG(box, DEBUG, "main", "Scanning on");
-    ASSERT_TRUE(box.awaitWaitAt("scanning"));
-    box.clock().advance(60s);
-
-    // Sixty seconds have passed since this pass began: the next is due at once.
-    EXPECT_LOG(box, INFO, "main", "Transiting to Idle...");
-    EXPECT_LOG(box, TRACE, "main", "IDLING...");
-}
-
 TEST_F(AMainLoop, DoesNothingInAQuietPassButPublishTheStatus)
 {
     const std::size_t writes = box.files().writes("bluetooth_status");
@@ -84,25 +69,22 @@ TEST_F(AMainLoop, DoesNothingInAQuietPassButPublishTheStatus)
     EXPECT_LOG(box, TRACE, "main", "IDLING...");
     EXPECT_LOG(box, TRACE, "main", "Do Action_eDoNothing");
     EXPECT_TRUE(box.files().awaitWrites("bluetooth_status", writes + 1));
+    EXPECT_THAT(box.logOf("main", INFO),
+                ::testing::ElementsAre("I Adapter 00:1A:7D:DA:71:13 found", "I Adapter powered"));
 }
 
 // ---- what counts as pressed
 
-struct Sample {
-    const char* name;
+struct Sample : NamedCase {
     const char* text;
     bool pressed;
 };
-
-std::ostream& operator<<(std::ostream& stream, const Sample& sample)
-{
-    return stream << sample.name;
-}
 
 class AButtonFile : public AMainLoop, public ::testing::WithParamInterface<Sample>
 {
 };
 
+// What a text reads as is told by the cases of BoxFiles.
 TEST_P(AButtonFile, IsReadAsPressedOrReleased)
 {
     box.writeAdc(GetParam().text);
@@ -112,31 +94,18 @@ TEST_P(AButtonFile, IsReadAsPressedOrReleased)
 }
 
 INSTANTIATE_TEST_SUITE_P(Holding, AButtonFile,
-                         ::testing::Values(Sample{"900", "900\n", true}, Sample{"901", "901\n", false},
-                                           Sample{"0", "0\n", true}, Sample{"LessThanNothing", "-1\n", true},
-                                           Sample{"1024", "1024\n", false},
-                                           Sample{"900WithoutANewline", "900", true},
-                                           Sample{"BlanksBeforeTheNumber", "  \n 17\n", true},
-                                           Sample{"LettersBehindTheNumber", "1000mV\n", false},
-                                           Sample{"NoNumber", "closed\n", true},
-                                           Sample{"NothingAtAll", "", false},
-                                           Sample{"ANumberThatIsTooLarge", "99999999999\n", false}),
-                         [](const auto& test) { return std::string(test.param.name); });
-
-TEST_F(AMainLoop, WorksWithoutTheButtonFile)
-{
-    box.removeAdc();
-    ASSERT_TRUE(box.pass());
-    ASSERT_TRUE(box.pass());
-
-    EXPECT_NO_LOG(box, INFO, "main", kPressed);
-    EXPECT_TRUE(box.awaitStatus("no device"));
-}
+                         ::testing::Values(Sample{{"900"}, "900\n", true}, Sample{{"901"}, "901\n", false},
+                                           Sample{{"LessThanNothing"}, "-1\n", true},
+                                           Sample{{"NoNumber"}, "closed\n", true},
+                                           Sample{{"NothingAtAll"}, "", false}),
+                         named);
 
 TEST_F(AMainLoop, OpensTheButtonFileAnewOnEachPass)
 {
     box.removeAdc();
     ASSERT_TRUE(box.pass());
+    EXPECT_NO_LOG(box, INFO, "main", kPressed);
+    EXPECT_TRUE(box.awaitStatus("no device"));
     box.pressButton();
     ASSERT_TRUE(box.pass());
 
@@ -153,37 +122,7 @@ TEST_F(AMainLoop, DoesntSeeAPressBetweenTwoPasses)
     EXPECT_NO_LOG(box, INFO, "main", kPressed);
 }
 
-// ---- idle to idle, activation, pair
-
-TEST_F(AMainLoop, StaysIdleWhileNothingIsAsked)
-{
-    ASSERT_TRUE(box.pass());
-    ASSERT_TRUE(box.pass());
-
-    EXPECT_EQ(box.logOf("main", INFO),
-              (std::vector<std::string>{"I Adapter 00:1A:7D:DA:71:13 found", "I Adapter powered"}));
-}
-
-TEST_F(AMainLoop, GoesFromIdleToPairingOnTheFlag)
-{
-    box.setFlag("pair");
-    ASSERT_TRUE(box.pass());
-    EXPECT_LOG(box, INFO, "main", kFlag);
-    EXPECT_NO_LOG(box, DEBUG, "main", "Pairing...") << "that is the next pass";
-
-    expectPairing();
-}
-
-TEST_F(AMainLoop, GoesFromIdleToActivationWhenTheButtonIsPressed)
-{
-    box.pressButton();
-    ASSERT_TRUE(box.pass());
-    EXPECT_LOG(box, TRACE, "main", "Do Action_eDoNothing");
-    EXPECT_LOG(box, INFO, "main", kPressed);
-    ASSERT_TRUE(box.pass());
-
-    EXPECT_LOG(box, TRACE, "main", "ACTIVATING...");
-}
+// ---- activation
 
 TEST_F(AMainLoop, GoesToActivationAlthoughTheFlagAsksToPair)
 {
@@ -211,12 +150,12 @@ TEST_F(AMainLoop, PairsAfterTheFlagIfTheButtonStaysDown)
     expectPairing();
 }
 
-// ---- activation
-
-TEST_F(AMainLoop, GoesFromActivationToIdleWhenTheButtonIsReleased)
+TEST_F(AMainLoop, IsInActivationWhileTheButtonIsDown)
 {
     box.pressButton();
     ASSERT_TRUE(box.pass());
+    EXPECT_LOG(box, TRACE, "main", "Do Action_eDoNothing");
+    EXPECT_LOG(box, INFO, "main", kPressed);
     box.releaseButton();
     ASSERT_TRUE(box.pass());
     EXPECT_LOG(box, TRACE, "main", "ACTIVATING...");
@@ -224,39 +163,6 @@ TEST_F(AMainLoop, GoesFromActivationToIdleWhenTheButtonIsReleased)
     ASSERT_TRUE(box.pass());
 
     EXPECT_LOG(box, TRACE, "main", "IDLING...");
-}
-
-TEST_F(AMainLoop, StaysInActivationUntilTwoWholeSecondsHavePassed)
-{
-    box.pressButton();
-    ASSERT_TRUE(box.pass());
-    ASSERT_TRUE(box.pass(1900ms));
-    EXPECT_NO_LOG(box, INFO, "main", kHeld);
-    box.clock().advance(99999us); // 1.999999 s count as one
-
-    EXPECT_TRUE(box.makesNoPass());
-    EXPECT_NO_LOG(box, INFO, "main", kHeld);
-    EXPECT_EQ(box.log().count(isLog(TRACE, "main", "ACTIVATING...")), 1U);
-}
-
-TEST_F(AMainLoop, CountsAHoldOf1999999MicrosecondsAsOneSecond)
-{
-    box.pressButton();
-    ASSERT_TRUE(box.pass());
-    ASSERT_TRUE(box.pass(1999999us));
-
-    EXPECT_LOG(box, TRACE, "main", "ACTIVATING...");
-    EXPECT_NO_LOG(box, INFO, "main", kHeld);
-}
-
-TEST_F(AMainLoop, GoesFromActivationToPairingAtTwoSeconds)
-{
-    box.pressButton();
-    ASSERT_TRUE(box.pass());
-    ASSERT_TRUE(box.pass(2s));
-    EXPECT_LOG(box, INFO, "main", kHeld);
-
-    expectPairing();
 }
 
 TEST_F(AMainLoop, NoticesAHoldAtTheFirstPassBehindTwoSeconds)
@@ -283,7 +189,7 @@ TEST_F(AMainLoop, EndsAHoldOnOneBadSample)
 
     EXPECT_LOG(box, INFO, "main", kReleased);
     EXPECT_LOG(box, INFO, "main", kPressed); // and the two seconds begin anew
-    ASSERT_TRUE(box.pass(1999999us));
+    ASSERT_TRUE(box.pass(1999999us));        // which count as one
     EXPECT_NO_LOG(box, INFO, "main", kHeld);
 }
 
@@ -313,19 +219,6 @@ TEST_F(AMainLoop, PairsWhateverTheButtonSaysInThatPass)
     expectPairing();
 }
 
-TEST_F(AMainLoop, GoesFromPairingToIdleWhateverCameOfIt)
-{
-    box.setFlag("pair");
-    ASSERT_TRUE(box.pass());
-    expectPairing();
-    ASSERT_TRUE(box.awaitWaitAt("scanning"));
-    box.clock().advance(60s);
-
-    EXPECT_LOG(box, WARN, "main", "VEXA RC not found");
-    EXPECT_LOG(box, INFO, "main", "Transiting to Idle...");
-    EXPECT_LOG(box, TRACE, "main", "IDLING...");
-}
-
 TEST_F(AMainLoop, DoesntSampleTheButtonWhileItPairs)
 {
     box.setFlag("pair");
@@ -338,7 +231,7 @@ TEST_F(AMainLoop, DoesntSampleTheButtonWhileItPairs)
     box.clock().advance(30s);
 
     EXPECT_LOG(box, INFO, "main", "Transiting to Idle...");
-    EXPECT_LOG(box, TRACE, "main", "IDLING...");
+    EXPECT_LOG(box, TRACE, "main", "IDLING..."); // at once: a long pass doesn't put off the next one
     EXPECT_TRUE(box.pass());
     EXPECT_NO_LOG(box, INFO, "main", kPressed);
     EXPECT_EQ(box.countLog(DEBUG, "main", "Pairing..."), 1U) << "no second attempt is queued";
@@ -377,16 +270,6 @@ TEST_F(AMainLoopWithAPairedRemote, RemovesAnUnpairedRemoteAndGoesToActivation)
     ASSERT_TRUE(box.pass());
 
     EXPECT_LOG(box, WARN, "main", "Removing failed to pair device");
-    EXPECT_LOG(box, INFO, "main", kPressed);
-}
-
-TEST_F(AMainLoop, UpdatesAndGoesToActivation)
-{
-    box.linkFirmware("/nowhere");
-    box.pressButton();
-    ASSERT_TRUE(box.pass());
-
-    EXPECT_LOG(box, DEBUG, "main", "Firmware symlink found: /nowhere");
     EXPECT_LOG(box, INFO, "main", kPressed);
 }
 

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <numeric>
 
-using namespace vexabox;
+using namespace kit;
 using ::testing::ElementsAreArray;
 using vexasim::Bytes;
 using vexasim::UpdatePacket;

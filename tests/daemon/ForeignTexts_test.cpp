@@ -6,7 +6,7 @@
 
 #include <gmock/gmock.h>
 
-using namespace vexabox;
+using namespace kit;
 using ::testing::IsEmpty;
 using vexasim::Bend;
 

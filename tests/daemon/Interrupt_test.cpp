@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 
 namespace

@@ -2,185 +2,49 @@
 // Things that others plant where the daemon reads or writes: nothing of it makes
 // the daemon wait, leads its writing elsewhere, or stands for a file of its own.
 
+#include "tests/daemon/Planter.h"
 #include "tests/daemon/UpdateStory.h"
-
 #include "tests/kit/NamedCase.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <thread>
+#include <iterator>
 #include <tuple>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 
 namespace
 {
 
-constexpr uid_t kAnother = 65534; // a user who is neither root nor the test's
 constexpr std::chrono::milliseconds kEndsWithin = 2s * kSlowness;
 const std::string kVictim = "victim";
 const std::string kVictimsText = "what belongs to somebody else\n";
 
-/// Everything that may be found at a path of the daemon's. Paths are as seen from outside.
-class Planter
+/// What somebody planted, and a file of his that has to stay as it is.
+class InAPlantedBox : public InABox
 {
-public:
-    explicit Planter(Box& box) : mBox(box) {}
-    ~Planter()
+protected:
+    explicit InAPlantedBox(const BoxOptions& options) : InABox(options)
     {
-        mDone = true;
-        if (mWriter.joinable()) {
-            mWriter.join();
-        }
-    }
-    Planter(const Planter&) = delete;
-    Planter& operator=(const Planter&) = delete;
-
-    /// Whose content and name have to stay as they are.
-    void makeVictim() { mBox.writeText(kVictim, kVictimsText); }
-
-    void fifo(const std::string& path) { must(mkfifo(path.c_str(), 0666), path); }
-    void fifoWithSilentWriter(const std::string& path)
-    {
-        fifo(path);
-        hold(path);
-    }
-    /// One that never comes to an end.
-    void fifoOfBlanks(const std::string& path)
-    {
-        fifo(path);
-        const int pipe = hold(path);
-        mWriter = std::thread([this, pipe] {
-            const std::string blanks(4096, ' ');
-            while (!mDone) {
-                pollfd writable{pipe, POLLOUT, 0};
-                poll(&writable, 1, 10);
-                [[maybe_unused]] const ssize_t written = write(pipe, blanks.data(), blanks.size());
-            }
-        });
-    }
-    /// With the header of an image that is newer.
-    void fifoWithImage(const std::string& path)
-    {
-        fifo(path);
-        const std::vector<std::uint8_t> image = newerImage(5).file();
-        must(static_cast<int>(write(hold(path), image.data(), image.size())), path);
-    }
-    void folder(const std::string& path) { std::filesystem::create_directory(path); }
-    void fullFolder(const std::string& path)
-    {
-        folder(path);
-        std::ofstream(path + "/file").flush();
-    }
-    void linkToAnothersFile(const std::string& path) { link("/tmp/" + kVictim, path); }
-    void linkToNothing(const std::string& path) { link("/tmp/made", path); }
-    void linkToDevice(const std::string& path) { link("/dev/zero", path); }
-    void linkToTerminal(const std::string& path)
-    {
-        mHeld.emplace_back(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        must(grantpt(mHeld.back().get()), path);
-        must(unlockpt(mHeld.back().get()), path);
-        link(ptsname(mHeld.back().get()), path);
-    }
-    void hardLink(const std::string& path) { std::filesystem::create_hard_link(mBox.file(kVictim), path); }
-    void anothersFile(const std::string& path)
-    {
-        std::ofstream(path) << "forged\n" << std::flush;
-        must(chmod(path.c_str(), 0666), path);
-        must(chown(path.c_str(), kAnother, kAnother), path);
-        hold(path);
-    }
-    void socketFile(const std::string& path)
-    {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        mHeld.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        must(bind(mHeld.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), path);
-    }
-    /// Whoever opens it waits until its owner gives it back, or for 45 seconds.
-    void leasedFile(const std::string& path)
-    {
-        ::signal(SIGIO, SIG_IGN); // so does the kernel ask for it
-        // Made where the watch of /tmp doesn't open it.
-        const std::string elsewhere = mBox.adcFile() + ".leased";
-        const std::vector<std::uint8_t> image = newerImage(5).file();
-        std::ofstream(elsewhere).write(reinterpret_cast<const char*>(image.data()),
-                                       static_cast<std::streamsize>(image.size()));
-        must(fcntl(hold(elsewhere), F_SETLEASE, F_WRLCK), path);
-        std::filesystem::rename(elsewhere, path);
-    }
-    /// Begins with what is a number below the threshold.
-    void hugeFile(const std::string& path)
-    {
-        std::ofstream(path) << "12" << std::flush;
-        must(truncate(path.c_str(), off_t{1} << 30), path);
+        box.writeText(kVictim, kVictimsText);
     }
 
     void expectVictimUntouched()
     {
-        EXPECT_EQ(mBox.content(kVictim), kVictimsText);
-        EXPECT_FALSE(mBox.exists("made")) << "through the link that led nowhere";
+        EXPECT_EQ(box.content(kVictim), kVictimsText);
+        EXPECT_FALSE(box.exists(kVictim + ".made")) << "through the link that led nowhere";
     }
 
-private:
-    static void must(int result, const std::string& path)
-    {
-        if (result < 0) {
-            throw std::system_error(errno, std::generic_category(), "can't plant " + path);
-        }
-    }
-    static void link(const std::string& target, const std::string& path)
-    {
-        std::filesystem::create_symlink(target, path);
-    }
-    int hold(const std::string& path)
-    {
-        mHeld.emplace_back(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-        must(mHeld.back().get(), path);
-        return mHeld.back().get();
-    }
-
-    Box& mBox;
-    std::vector<Handle> mHeld;
-    std::atomic<bool> mDone = false;
-    std::thread mWriter;
+    Planter planter{"/tmp/" + kVictim, box.file(kVictim), box.adcFile()};
 };
-
-using Plant = void (Planter::*)(const std::string& path);
-
-struct stat infoOf(const std::string& path)
-{
-    struct stat info {
-    };
-    if (lstat(path.c_str(), &info) != 0) {
-        info.st_mode = 0;
-    }
-    return info;
-}
-
-/// Published by the daemon itself, and by nobody else.
-bool isOwnFile(const std::string& path)
-{
-    const struct stat info = infoOf(path);
-    return S_ISREG(info.st_mode) && info.st_uid == geteuid() && info.st_nlink == 1;
-}
 
 ::testing::AssertionResult endsAtOnce(Box& box)
 {
@@ -202,26 +66,56 @@ void skipWithoutRoot(Plant plant)
     }
 }
 
-// ---- the flags
-
-struct PlantedFlags : NamedCase {
+struct Planted : NamedCase {
     Plant plant;
     bool areFlags;
+    bool isPress;
+    bool isRegular = false; ///< so that it may be an image
 };
 
-class FlagsThat : public InABox, public ::testing::WithParamInterface<PlantedFlags>
+const std::vector<Planted> kPlanted = {
+    {{"AFifo"}, &Planter::fifo, true, false},
+    {{"AFifoWithASilentWriter"}, &Planter::fifoWithSilentWriter, true, false},
+    {{"AFifoWithoutEnd"}, &Planter::fifoOfBlanks, true, false},
+    {{"AFifoThatHoldsAnImage"}, &Planter::fifoWithImage, true, true},
+    {{"AFolder"}, &Planter::folder, true, false},
+    {{"ALinkToAFile"}, &Planter::linkToAnothersFile, true, true, true},
+    {{"ALinkToNothing"}, &Planter::linkToNothing, false, false},
+    {{"ALinkToADevice"}, &Planter::linkToDevice, true, true},
+    {{"ALinkToATerminal"}, &Planter::linkToTerminal, true, false},
+    {{"AHardLink"}, &Planter::hardLink, true, true, true},
+    {{"AnothersFile"}, &Planter::anothersFile, true, true, true},
+    {{"ASocket"}, &Planter::socketFile, false, false},
+    {{"ALeasedFile"}, &Planter::leasedFile, false, false},
+    {{"AHugeFile"}, &Planter::hugeFile, true, true, true},
+};
+
+template <typename Condition>
+std::vector<Planted> plantedIf(Condition condition)
+{
+    std::vector<Planted> chosen;
+    std::copy_if(kPlanted.begin(), kPlanted.end(), std::back_inserter(chosen), condition);
+    return chosen;
+}
+
+// The planter has one endless writer, and the watch of /tmp would read a huge file.
+bool isForSeveralNames(const Planted& planted)
+{
+    return planted.plant != &Planter::fifoOfBlanks && planted.plant != &Planter::hugeFile;
+}
+
+// ---- the flags
+
+class FlagsThatAre : public InAPlantedBox, public ::testing::WithParamInterface<Planted>
 {
 protected:
-    FlagsThat() : InABox(noRemote()) {}
+    FlagsThatAre() : InAPlantedBox(noRemote()) {}
     void SetUp() override { skipWithoutRoot(GetParam().plant); }
-
-    Planter planter{box};
 };
 
-TEST_P(FlagsThat, AreTakenIfTheyOpenAtOnce)
+TEST_P(FlagsThatAre, AreTakenIfTheyOpenAtOnce)
 {
     startAtRest();
-    planter.makeVictim();
     for (const char* flag : {"bluetooth_pair", "bluetooth_reset"}) {
         (planter.*GetParam().plant)(box.file(flag));
     }
@@ -233,24 +127,11 @@ TEST_P(FlagsThat, AreTakenIfTheyOpenAtOnce)
         EXPECT_EQ(box.countLog(WARN, "main", std::string("REMOVE /tmp/") + flag), taken);
     }
     EXPECT_EQ(box.countLog(INFO, "main", "Pairing flag set, transiting to Pair"), taken);
-    planter.expectVictimUntouched();
+    expectVictimUntouched();
     EXPECT_TRUE(endsAtOnce(box));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Each, FlagsThat,
-    ::testing::Values(PlantedFlags{{"IsAFifo"}, &Planter::fifo, true},
-                      PlantedFlags{{"IsAFifoWithASilentWriter"}, &Planter::fifoWithSilentWriter, true},
-                      PlantedFlags{{"IsAFolder"}, &Planter::folder, true},
-                      PlantedFlags{{"IsALinkToAFile"}, &Planter::linkToAnothersFile, true},
-                      PlantedFlags{{"IsALinkToNothing"}, &Planter::linkToNothing, false},
-                      PlantedFlags{{"IsALinkToADevice"}, &Planter::linkToDevice, true},
-                      PlantedFlags{{"IsALinkToATerminal"}, &Planter::linkToTerminal, true},
-                      PlantedFlags{{"IsAHardLink"}, &Planter::hardLink, true},
-                      PlantedFlags{{"IsAnothersFile"}, &Planter::anothersFile, true},
-                      PlantedFlags{{"IsASocket"}, &Planter::socketFile, false},
-                      PlantedFlags{{"IsALeasedFile"}, &Planter::leasedFile, false}),
-    named);
+INSTANTIATE_TEST_SUITE_P(Each, FlagsThatAre, ::testing::ValuesIn(plantedIf(isForSeveralNames)), named);
 
 // ---- the status files
 
@@ -264,20 +145,15 @@ constexpr std::array<Published, 4> kPublished = {{{"bluetooth_status", "connecte
                                                   {"bluetooth_rc_battery", "80\n"},
                                                   {"bluetooth_rc_fw_version", "1a3\n"}}};
 
-struct PlantedStatus : NamedCase {
-    Plant plant;
-};
-
-class AStatusFileThat : public InABox, public ::testing::WithParamInterface<PlantedStatus>
+class AStatusFileThatIs : public InAPlantedBox, public ::testing::WithParamInterface<Planted>
 {
 protected:
-    AStatusFileThat() : InABox(pairedRemote()) {}
+    AStatusFileThatIs() : InAPlantedBox(pairedRemote()) {}
     void SetUp() override { skipWithoutRoot(GetParam().plant); }
 
     /// At each of the four names.
     void plant(Plant thing)
     {
-        planter.makeVictim();
         for (const Published& file : kPublished) {
             std::filesystem::remove(box.file(file.name));
             (planter.*thing)(box.file(file.name));
@@ -289,11 +165,9 @@ protected:
         ASSERT_TRUE(box.pass(16s));
         EXPECT_LOG(box, DEBUG, "main", "rc fw version: 1a3");
     }
-
-    Planter planter{box};
 };
 
-TEST_P(AStatusFileThat, IsMadeAnew)
+TEST_P(AStatusFileThatIs, IsMadeAnew)
 {
     startConnectedAtRest();
     plant(GetParam().plant);
@@ -303,29 +177,20 @@ TEST_P(AStatusFileThat, IsMadeAnew)
         ASSERT_TRUE(isOwnFile(box.file(file.name))) << file.name;
         EXPECT_EQ(box.content(file.name), file.content);
     }
-    planter.expectVictimUntouched();
+    expectVictimUntouched();
     EXPECT_TRUE(endsAtOnce(box));
     for (const Published& file : kPublished) {
         EXPECT_FALSE(box.exists(file.name)) << file.name;
     }
-    planter.expectVictimUntouched();
+    expectVictimUntouched();
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, AStatusFileThat,
-                         ::testing::Values(PlantedStatus{{"IsAFifo"}, &Planter::fifo},
-                                           PlantedStatus{{"IsAFifoWithASilentWriter"},
-                                                         &Planter::fifoWithSilentWriter},
-                                           PlantedStatus{{"IsALinkToAFile"}, &Planter::linkToAnothersFile},
-                                           PlantedStatus{{"IsALinkToNothing"}, &Planter::linkToNothing},
-                                           PlantedStatus{{"IsALinkToADevice"}, &Planter::linkToDevice},
-                                           PlantedStatus{{"IsALinkToATerminal"}, &Planter::linkToTerminal},
-                                           PlantedStatus{{"IsAHardLink"}, &Planter::hardLink},
-                                           PlantedStatus{{"IsAnothersFile"}, &Planter::anothersFile},
-                                           PlantedStatus{{"IsASocket"}, &Planter::socketFile},
-                                           PlantedStatus{{"IsALeasedFile"}, &Planter::leasedFile}),
+INSTANTIATE_TEST_SUITE_P(Each, AStatusFileThatIs, ::testing::ValuesIn(plantedIf([](const Planted& planted) {
+                             return isForSeveralNames(planted) && planted.plant != &Planter::folder;
+                         })),
                          named);
 
-class AFolderForEachStatusFile : public AStatusFileThat
+class AFolderForEachStatusFile : public AStatusFileThatIs
 {
 };
 
@@ -338,28 +203,28 @@ TEST_P(AFolderForEachStatusFile, IsPassedOverInSilence)
     publishAll();
 
     for (const Published& file : kPublished) {
-        EXPECT_TRUE(S_ISDIR(infoOf(box.file(file.name)).st_mode)) << file.name;
+        EXPECT_TRUE(std::filesystem::is_directory(box.file(file.name))) << file.name;
     }
     EXPECT_EQ(box.log().count(isLoud), loud);
     EXPECT_TRUE(endsAtOnce(box));
 }
 
 INSTANTIATE_TEST_SUITE_P(Which, AFolderForEachStatusFile,
-                         ::testing::Values(PlantedStatus{{"IsEmpty"}, &Planter::folder},
-                                           PlantedStatus{{"IsFull"}, &Planter::fullFolder}),
+                         ::testing::Values(Planted{{"IsEmpty"}, &Planter::folder, false, false},
+                                           Planted{{"IsFull"}, &Planter::fullFolder, false, false}),
                          named);
 
 // ---- the image
 
-class AnImageThat : public UpdateStory, public ::testing::WithParamInterface<PlantedStatus>
+class AnImageThatIs : public UpdateStory, public ::testing::WithParamInterface<Planted>
 {
 protected:
     void SetUp() override { ASSERT_TRUE(remoteIsRead()); }
 
-    Planter planter{box};
+    Planter planter{"/tmp/" + kVictim, box.file(kVictim), box.adcFile()};
 };
 
-TEST_P(AnImageThat, IsUnnecessary)
+TEST_P(AnImageThatIs, IsUnnecessary)
 {
     (planter.*GetParam().plant)(box.file("planted"));
     box.linkFirmware("/tmp/planted");
@@ -372,57 +237,30 @@ TEST_P(AnImageThat, IsUnnecessary)
     EXPECT_TRUE(endsAtOnce(box));
 }
 
-INSTANTIATE_TEST_SUITE_P(Is, AnImageThat,
-                         ::testing::Values(PlantedStatus{{"AFifo"}, &Planter::fifo},
-                                           PlantedStatus{{"AFifoThatHoldsAnImage"}, &Planter::fifoWithImage},
-                                           PlantedStatus{{"AFolder"}, &Planter::folder},
-                                           PlantedStatus{{"ALinkToNothing"}, &Planter::linkToNothing},
-                                           PlantedStatus{{"ALinkToADevice"}, &Planter::linkToDevice},
-                                           PlantedStatus{{"ALinkToATerminal"}, &Planter::linkToTerminal},
-                                           PlantedStatus{{"ASocket"}, &Planter::socketFile},
-                                           PlantedStatus{{"ALeasedFile"}, &Planter::leasedFile}),
+INSTANTIATE_TEST_SUITE_P(Each, AnImageThatIs, ::testing::ValuesIn(plantedIf([](const Planted& planted) {
+                             return !planted.isRegular;
+                         })),
                          named);
 
 // ---- the button
 
-struct PlantedButton : NamedCase {
-    Plant plant;
-    bool pressed;
-};
-
-class AButtonThat : public InABox, public ::testing::WithParamInterface<PlantedButton>
+class AButtonThatIs : public FlagsThatAre
 {
-protected:
-    AButtonThat() : InABox(noRemote()) {}
-
-    Planter planter{box};
 };
 
-TEST_P(AButtonThat, IsReadAtOnce)
+TEST_P(AButtonThatIs, IsReadAtOnce)
 {
     startAtRest();
     box.removeAdc();
     (planter.*GetParam().plant)(box.adcFile());
     ASSERT_TRUE(box.pass());
 
-    EXPECT_EQ(GetParam().pressed,
+    EXPECT_EQ(GetParam().isPress,
               box.countLog(INFO, "main", "Button pressed, transiting to Activation") == 1);
     EXPECT_TRUE(endsAtOnce(box));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Is, AButtonThat,
-    ::testing::Values(PlantedButton{{"AFifo"}, &Planter::fifo, false},
-                      PlantedButton{{"AFifoWithASilentWriter"}, &Planter::fifoWithSilentWriter, false},
-                      PlantedButton{{"AFifoWithoutEnd"}, &Planter::fifoOfBlanks, false},
-                      PlantedButton{{"AFolder"}, &Planter::folder, false},
-                      PlantedButton{{"ALinkToNothing"}, &Planter::linkToNothing, false},
-                      PlantedButton{{"ADeviceThatGivesNoNumber"}, &Planter::linkToDevice, true},
-                      PlantedButton{{"ALinkToATerminal"}, &Planter::linkToTerminal, false},
-                      PlantedButton{{"ASocket"}, &Planter::socketFile, false},
-                      PlantedButton{{"ALeasedFile"}, &Planter::leasedFile, false},
-                      PlantedButton{{"AHugeFile"}, &Planter::hugeFile, true}),
-    named);
+INSTANTIATE_TEST_SUITE_P(Each, AButtonThatIs, ::testing::ValuesIn(kPlanted), named);
 
 // ---- a race
 
@@ -439,7 +277,7 @@ constexpr std::array kRaced = {"bluetooth_status", "bluetooth_rc"};
             std::ignore = symlinkat("/tmp/victim", folder, "planted");
             renameat(folder, "planted", folder, name);
             unlinkat(folder, name, 0);
-            std::ignore = symlinkat("/tmp/made", folder, name);
+            std::ignore = symlinkat("/tmp/victim.made", folder, name);
             std::ignore = linkat(folder, "victim", folder, "planted", 0); // if the kernel lets it
             renameat(folder, "planted", folder, name);
             unlinkat(folder, "planted", 0);
@@ -447,7 +285,7 @@ constexpr std::array kRaced = {"bluetooth_status", "bluetooth_rc"};
     }
 }
 
-class ARacingPlanter : public AStatusFileThat
+class ARacingPlanter : public AStatusFileThatIs
 {
 protected:
     void SetUp() override {}
@@ -459,7 +297,7 @@ protected:
         const Handle folder(open(box.file("").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         mChild = fork();
         if (mChild == 0) {
-            if (setgid(kAnother) == 0 && setuid(kAnother) == 0) {
+            if (setgid(kAnotherUser) == 0 && setuid(kAnotherUser) == 0) {
                 plantForEver(folder.get());
             }
             _exit(1);
@@ -481,14 +319,13 @@ TEST_F(ARacingPlanter, HasNothingWrittenThroughItsLinks)
         GTEST_SKIP() << "only root can start a process of another user";
     }
     startConnectedAtRest();
-    planter.makeVictim();
     startRace();
     for (int i = 0; i < kRacedPasses; ++i) {
         ASSERT_TRUE(box.pass());
     }
     endRace();
 
-    planter.expectVictimUntouched();
+    expectVictimUntouched();
     ASSERT_TRUE(box.pass());
     for (const char* name : kRaced) {
         EXPECT_TRUE(isOwnFile(box.file(name))) << name;

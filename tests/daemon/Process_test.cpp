@@ -2,13 +2,15 @@
 // How the daemon ends: by one interrupt, by two, and by other signals, wherever
 // its main thread stands.
 
-#include "tests/kit/Box.h"
+#include "tests/daemon/AtRest.h"
+#include "tests/kit/NamedCase.h"
 
 #include <gmock/gmock.h>
 
 #include <csignal>
+#include <functional>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -17,7 +19,6 @@ using vexasim::Bend;
 namespace
 {
 
-const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
 const std::vector<std::string> kPublished = {"bluetooth_status", "bluetooth_rc", "bluetooth_rc_rssi",
                                              "bluetooth_rc_battery", "bluetooth_rc_fw_version"};
 
@@ -33,23 +34,6 @@ protected:
             }
         }
         return there;
-    }
-
-    /// Until pair() waits for a remote, with nothing on the air.
-    void startScanning()
-    {
-        ASSERT_TRUE(box.startToIdle());
-        box.remote().leave();
-        box.setFlag("reset");
-        ASSERT_TRUE(box.awaitWaitAt("scanning"));
-    }
-
-    /// The stack says that it is paired, but never tells of the change.
-    void claimPaired()
-    {
-        box.sim().bend(
-            Bend::answer("Get", g_variant_new("(v)", g_variant_new_boolean(TRUE))).property("Paired"));
-        box.sim().bend(Bend::silence("Pair"));
     }
 };
 
@@ -161,17 +145,6 @@ TEST_F(ADaemonThatReadsASlowTree, FetchesNoFurtherObjectAfterAnInterrupt)
 
 // ---- two interrupts
 
-TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInTheMainLoop)
-{
-    ASSERT_TRUE(box.startToIdle());
-    ASSERT_TRUE(box.stopClock()); // not in the middle of a write
-    box.interruptTwice();
-
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
-    EXPECT_EQ(box.content("bluetooth_status"), "no device\n");
-    EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_status");
-}
-
 TEST_F(ADaemon, LeavesAllItsFilesOnTheSecondInterrupt)
 {
     ASSERT_TRUE(box.startToIdle());
@@ -188,54 +161,71 @@ TEST_F(ADaemon, LeavesAllItsFilesOnTheSecondInterrupt)
     EXPECT_EQ(box.log().count(beginsLog(WARN, "main", "REMOVE")), 0U);
 }
 
-TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInTheScanWait)
+void leave(Box& box)
 {
-    startScanning();
-    box.interruptTwice();
-
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
-    EXPECT_EQ(box.content("bluetooth_status"), "scanning\n");
+    box.remote().leave();
 }
 
-TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInThePairingWait)
-{
-    claimPaired();
-    ASSERT_TRUE(box.startToIdle());
-    box.setFlag("reset");
-    ASSERT_TRUE(box.awaitWaitAt("pairing"));
-    box.interruptTwice();
-
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
-    EXPECT_EQ(box.content("bluetooth_status"), "pairing\n");
-}
-
-TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItPollsForThePairing)
+void keepPolling(Box& box)
 {
     box.sim().bend(Bend::silence("Pair"));
-    ASSERT_TRUE(box.startToIdle());
-    box.setFlag("reset");
-    ASSERT_TRUE(box.sim().awaitCall("Pair", kRemote, 1, kPatience));
-    box.interrupt();
-    ASSERT_LOG(box, WARN, "main", "Interrupt!"); // the polls go on, since nobody stops the client
-    box.interrupt();
-
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
 }
 
-TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptInACallThatIsNeverAnswered)
+void leavePollUnanswered(Box& box)
 {
     box.sim().bend(Bend::silence("Get").property("Paired"));
+}
+
+/// Where a request to pair leads the main thread, which holds no lock there.
+struct PairingWait : NamedCase {
+    void (*arrange)(Box&);
+    const char* status;
+    const char* call; ///< told by its text, if the wait is no condition, which the first interrupt would end
+};
+
+class AWaitOfThePairing : public ADaemon, public ::testing::WithParamInterface<PairingWait>
+{
+protected:
+    bool isReached()
+    {
+        if (GetParam().call == nullptr) {
+            return box.awaitWaitAt(GetParam().status);
+        }
+        const auto isIt = [](const vexasim::Call& seen) {
+            return seen.text().find(GetParam().call) != std::string::npos;
+        };
+        return box.sim().awaitCall(isIt, 1, kPatience);
+    }
+};
+
+TEST_P(AWaitOfThePairing, EndsTheDaemonWithStatus1OnTheSecondInterrupt)
+{
+    GetParam().arrange(box);
     ASSERT_TRUE(box.startToIdle());
     box.setFlag("reset");
-    ASSERT_TRUE(box.sim().awaitCall(
-        [](const vexasim::Call& call) { return call.text().find("'Paired'") != std::string::npos; }, 1,
-        kPatience));
-    box.interrupt();
-    ASSERT_LOG(box, WARN, "main", "Interrupt!");
-    box.interrupt();
+    ASSERT_TRUE(isReached());
+    const auto start = std::chrono::steady_clock::now();
+    if (GetParam().call == nullptr) {
+        box.interruptTwice();
+    } else {
+        box.interrupt();
+        ASSERT_LOG(box, WARN, "main", "Interrupt!");
+        box.interrupt();
+    }
 
     EXPECT_EQ(box.awaitExit(), Exit::with(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s * kSlowness);
+    EXPECT_EQ(box.content("bluetooth_status"), std::string(GetParam().status) + "\n");
 }
+
+// The polls go on behind the first interrupt, since nobody stops the client.
+INSTANTIATE_TEST_SUITE_P(
+    That, AWaitOfThePairing,
+    ::testing::Values(PairingWait{{"IsForTheRemote"}, leave, "scanning", nullptr},
+                      PairingWait{{"IsForThePairing"}, claimPaired, "pairing", nullptr},
+                      PairingWait{{"IsBetweenPolls"}, keepPolling, "scanning", ".Pair"},
+                      PairingWait{{"IsForAnAnswer"}, leavePollUnanswered, "scanning", "'Paired'"}),
+    named);
 
 TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForItsClientsEnd)
 {
@@ -251,17 +241,6 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForItsClientsEnd)
     box.interrupt();
 
     EXPECT_EQ(box.awaitExit(), Exit::with(1));
-}
-
-TEST_F(ADaemon, EndsWithinASecondOnTheSecondInterrupt)
-{
-    startScanning();
-    box.program().awaitMainThreadAsleep();
-    const auto start = std::chrono::steady_clock::now();
-    box.interruptTwice();
-
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s * kSlowness);
 }
 
 // ---- two interrupts while the lock is held
@@ -281,12 +260,6 @@ protected:
         EXPECT_THAT(box.output().tail(10), HasSubstr(" ASSERT (res != 16) ret=16 on "));
         EXPECT_TRUE(box.exists("bluetooth_status"));
     }
-};
-
-class ADaemonThatHoldsItsLock : public ALockThatIsHeld
-{
-protected:
-    ADaemonThatHoldsItsLock() : ALockThatIsHeld(pairedRemote()) {}
 };
 
 /// A device whose name is asked for under the lock, and never told.
@@ -331,47 +304,23 @@ TEST_F(AHandlerThatHoldsTheLock, MakesTheSecondInterruptKillADaemonThatWantsTheL
     expectKill();
 }
 
-TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItSwitchesTheScanOn)
-{
-    ASSERT_TRUE(box.startConnected());
-    box.sim().bend(Bend::silence("StartDiscovery"));
-    box.setFlag("reset");
-    ASSERT_TRUE(box.sim().awaitCall("StartDiscovery", "", 1, kPatience));
-    expectKill();
-}
+/// A call under the lock that is never answered.
+struct LockedCall : NamedCase {
+    const char* member;
+    std::function<bool(Box&)> provoke;
+};
 
-TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItForgetsADevice)
+class ACallThatHoldsTheLock : public ALockThatIsHeld, public ::testing::WithParamInterface<LockedCall>
 {
-    ASSERT_TRUE(box.startConnected());
-    box.sim().bend(Bend::silence("RemoveDevice"));
-    box.setFlag("reset");
-    ASSERT_TRUE(box.sim().awaitCall("RemoveDevice", "", 1, kPatience));
-    expectKill();
-}
+protected:
+    ACallThatHoldsTheLock() : ALockThatIsHeld(pairedRemote()) {}
+};
 
-TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItConnects)
+TEST_P(ACallThatHoldsTheLock, MakesTheSecondInterruptKillTheDaemonAndPrintItsStack)
 {
-    box.sim().bend(Bend::silence("Connect"));
-    box.startDaemon();
-    ASSERT_TRUE(box.sim().awaitCall("Connect", "", 1, kPatience));
-    expectKill();
-}
-
-TEST_F(ADaemonThatHoldsItsLock, IsKilledByTheSecondInterruptWhileItReadsTheBattery)
-{
-    ASSERT_TRUE(box.startConnected());
-    box.sim().bend(Bend::silence("ReadValue"));
-    box.clock().advance(16s);
-    ASSERT_TRUE(box.sim().awaitCall("ReadValue", "", 1, kPatience));
-    expectKill();
-}
-
-TEST_F(ADaemonThatHoldsItsLock, PrintsItsStackWithTheNamesOfItsFunctions)
-{
-    ASSERT_TRUE(box.startConnected());
-    box.sim().bend(Bend::silence("RemoveDevice"));
-    box.setFlag("reset");
-    ASSERT_TRUE(box.sim().awaitCall("RemoveDevice", "", 1, kPatience));
+    box.sim().bend(Bend::silence(GetParam().member));
+    ASSERT_TRUE(GetParam().provoke(box));
+    ASSERT_TRUE(box.sim().awaitCall(GetParam().member, "", 1, kPatience));
     expectKill();
 
     std::string stack;
@@ -379,8 +328,33 @@ TEST_F(ADaemonThatHoldsItsLock, PrintsItsStackWithTheNamesOfItsFunctions)
         stack += record.foreign ? record.text + "\n" : "";
     }
     EXPECT_THAT(stack, HasSubstr("AppD")) << "App::~App";
-    EXPECT_THAT(stack, HasSubstr("App7process"));
+    EXPECT_THAT(stack, HasSubstr("signalHandler")) << "on whichever thread the signal came to";
 }
+
+bool requestPairing(Box& box)
+{
+    const bool started = box.startConnected();
+    box.setFlag("reset");
+    return started;
+}
+
+INSTANTIATE_TEST_SUITE_P(That, ACallThatHoldsTheLock,
+                         ::testing::Values(LockedCall{{"Scans"}, "StartDiscovery", requestPairing},
+                                           LockedCall{{"ForgetsADevice"}, "RemoveDevice", requestPairing},
+                                           LockedCall{{"Connects"},
+                                                      "Connect",
+                                                      [](Box& box) {
+                                                          box.startDaemon();
+                                                          return true;
+                                                      }},
+                                           LockedCall{{"ReadsTheBattery"},
+                                                      "ReadValue",
+                                                      [](Box& box) {
+                                                          const bool started = box.startConnected();
+                                                          box.clock().advance(16s);
+                                                          return started;
+                                                      }}),
+                         named);
 
 // ---- other signals
 

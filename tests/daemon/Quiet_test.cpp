@@ -6,7 +6,7 @@
 
 #include <gmock/gmock.h>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::IsEmpty;
 using ::testing::Not;

@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <functional>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::Contains;
 using ::testing::IsEmpty;

@@ -2,15 +2,15 @@
 // From the first line of the log to the main loop: the adapter, and the five
 // seconds for the remote.
 
+#include "tests/daemon/AtRest.h"
 #include "tests/daemon/Pacing.h"
 #include "tests/kit/TrueTime.h"
-#include "tests/kit/Box.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -20,9 +20,7 @@ using vexasim::Bend;
 namespace
 {
 
-const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
 const std::string kPower = "hci0 DBus.Properties.Set ('org.bluez.Adapter1', 'Powered', <true>)";
-const std::string kConnect = "hci0/dev_C0_FF_EE_00_00_01 Device1.Connect ()";
 const std::string kAdapterFound = "Adapter 00:1A:7D:DA:71:13 found";
 const std::string kRcFound = "RC C0:FF:EE:00:00:01 found";
 const std::string kReconnect = "RC C0:FF:EE:00:00:01 is paired and disconnected. Trying to reconnect...";
@@ -44,6 +42,23 @@ std::vector<std::string> withoutRepeats(std::vector<std::string> lines)
 const std::vector<std::string> kRemovals = {
     "W REMOVE /tmp/bluetooth_status", "W REMOVE /tmp/bluetooth_rc", "W REMOVE /tmp/bluetooth_rc_rssi",
     "W REMOVE /tmp/bluetooth_rc_battery", "W REMOVE /tmp/bluetooth_rc_fw_version"};
+
+class AStart : public InABox
+{
+protected:
+    using InABox::InABox;
+
+    void expectStatus1At(const std::string& line)
+    {
+        box.startDaemon();
+        ASSERT_LOG(box, DEBUG, "main", line);
+        ASSERT_TRUE(box.files().await("bluetooth_status", "init"));
+        box.interruptTwice();
+        EXPECT_EQ(box.awaitExit(), Exit::with(1));
+        EXPECT_EQ(box.content("bluetooth_status"), "init\n");
+        EXPECT_EQ(box.countLog(WARN, "main", "Interrupt!"), 2U);
+    }
+};
 
 // ---- the log's first lines, with the logger's own defaults
 
@@ -68,6 +83,8 @@ TEST_F(ABoxThatStarts, GreetsPowersItsAdapterAndGoesToTheMainLoop)
     EXPECT_THAT(lines, ElementsAre("D Adapter: + /org/bluez/hci0", "I " + kAdapterFound, "I Adapter powered",
                                    "D Waiting RC...", "D process loop start"));
     EXPECT_THAT(box.busCalls(), ElementsAre(kPower));
+    EXPECT_TRUE(box.awaitStatus("no device"));
+    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device"));
 }
 
 TEST_F(ABoxThatStarts, ColoursItsLogAndGivesTimeLevelAndLine)
@@ -81,14 +98,6 @@ TEST_F(ABoxThatStarts, ColoursItsLogAndGivesTimeLevelAndLine)
     EXPECT_THAT(
         records[1].raw,
         MatchesRegex("\x1b\\[0m\x1b\\[0m    [0-9:]{8}\\.[0-9]{3} D \\[Bluez:[0-9]+\\] Bluez constructor"));
-}
-
-TEST_F(ABoxThatStarts, ShowsInitUntilTheMainLoopKnowsBetter)
-{
-    ASSERT_TRUE(box.startAndSkipWait());
-    EXPECT_TRUE(box.awaitStatus("no device"));
-
-    EXPECT_THAT(box.statusCourse(), ElementsAre("init", "no device"));
 }
 
 TEST_F(ABoxThatStarts, SaysNothingOfTheAddressOfAnAdapterThatHasNone)
@@ -162,28 +171,21 @@ TEST_F(ABoxThatStarts, WaitsFiveSecondsForARemoteThatNeverComes)
 
 // ---- no adapter, no BlueZ, no bus
 
-class ABoxWithoutAnAdapter : public InABox
+class ABoxWithoutAnAdapter : public AStart
 {
 protected:
-    ABoxWithoutAnAdapter() : InABox(withoutAdapter()) {}
+    ABoxWithoutAnAdapter() : AStart(withoutAdapter()) {}
 
     LogPredicate waiting = isLog(DEBUG, "main", "Waiting adapter...");
 };
 
-TEST_F(ABoxWithoutAnAdapter, SaysAboutTwiceASecondThatItWaits)
+TEST_F(ABoxWithoutAnAdapter, SaysAboutTwiceASecondThatItWaitsUntilOneIsPluggedIn)
 {
     box.startDaemon();
     ASSERT_TRUE(box.log().awaitCount(waiting, 8));
-
     EXPECT_THAT(box.statusCourse(), ElementsAre("init"));
     EXPECT_THAT(box.busCalls(), IsEmpty());
     EXPECT_THAT(Pacing(arrivals(box, waiting)).medianUs(), isAbout(500ms));
-}
-
-TEST_F(ABoxWithoutAnAdapter, GoesOnAsSoonAsOneIsPluggedIn)
-{
-    box.startDaemon();
-    ASSERT_TRUE(box.log().awaitCount(waiting, 2));
     box.sim().addAdapter({});
 
     EXPECT_LOG(box, DEBUG, "main", "Adapter: + /org/bluez/hci0");
@@ -204,18 +206,6 @@ TEST_F(ABoxWithoutAnAdapter, StopsInOrderOnAnInterrupt)
     expected.insert(expected.end(), kRemovals.begin(), kRemovals.end());
     EXPECT_EQ(withoutRepeats(box.logOf("main")), expected);
     EXPECT_THAT(box.statusCourse(), ElementsAre("init", kGone));
-}
-
-TEST_F(ABoxWithoutAnAdapter, EndsAtOnceOnTwoQuickInterruptsAndLeavesItsStatus)
-{
-    box.startDaemon();
-    ASSERT_TRUE(box.log().awaitCount(waiting, 1));
-    ASSERT_TRUE(box.files().await("bluetooth_status", "init"));
-    box.interruptTwice();
-
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
-    EXPECT_EQ(box.content("bluetooth_status"), "init\n");
-    EXPECT_EQ(box.countLog(WARN, "main", "Interrupt!"), 2U);
 }
 
 BoxOptions withoutBlueZ()
@@ -289,12 +279,13 @@ TEST_F(ABoxWithAPairedRemote, DoesntWaitForTheLinkBehindAConnectThatWasAnswered)
     EXPECT_THAT(box.statusCourse(), ElementsAre("init", "disconnected"));
 }
 
-TEST_F(ABoxWithAPairedRemote, TriesAgainForFiveSecondsWhileEachConnectFails)
+TEST_F(ABoxWithAPairedRemote, TriesAgainEveryTenthOfASecondForFiveWhileEachConnectFails)
 {
     box.sim().bend(Bend::error("Connect", "org.bluez.Error.Failed", "away"));
     box.clock().stop();
     box.startDaemon();
-    ASSERT_TRUE(box.sim().awaitCall("Connect", kRemote, 5, kPatience));
+    ASSERT_TRUE(box.sim().awaitCall("Connect", kRemote, 12, kPatience));
+    EXPECT_THAT(Pacing(times(box.sim().calls("Connect"))).medianUs(), isAbout(100ms));
     box.clock().advance(4999999us);
     const std::size_t soFar = box.busCalls({"Connect"}).size();
     ASSERT_TRUE(box.sim().awaitCall("Connect", kRemote, static_cast<unsigned>(soFar) + 3, kPatience));
@@ -306,15 +297,6 @@ TEST_F(ABoxWithAPairedRemote, TriesAgainForFiveSecondsWhileEachConnectFails)
     EXPECT_EQ(box.countLog(DEBUG, "main", kRcFound), calls);
     EXPECT_EQ(box.countLog(DEBUG, "main", kReconnect), calls);
     EXPECT_EQ(box.countLog(ERROR, "Bluez", busError("org.bluez.Error.Failed", "away")), calls);
-}
-
-TEST_F(ABoxWithAPairedRemote, PausesATenthOfASecondBetweenConnectsThatFail)
-{
-    box.sim().bend(Bend::error("Connect", "org.bluez.Error.Failed", "away"));
-    box.startDaemon();
-    ASSERT_TRUE(box.sim().awaitCall("Connect", kRemote, 12, kPatience));
-
-    EXPECT_THAT(Pacing(times(box.sim().calls("Connect"))).medianUs(), isAbout(100ms));
 }
 
 TEST_F(ABoxWithAPairedRemote, LeavesARemoteAloneThatIsConnectedAlready)
@@ -355,19 +337,20 @@ TEST_F(ABoxWithAPairedRemote, EndsWithStatus0OnAnInterruptWhileItTries)
 
 // ---- a remote that is known and not paired
 
-class ABoxWithAStrangeRemote : public InABox
+class ABoxWithAStrangeRemote : public AStart
 {
 };
 
-TEST_F(ABoxWithAStrangeRemote, WaitsTheWholeFiveSeconds)
+TEST_F(ABoxWithAStrangeRemote, IsLookedAtEveryTenthOfASecondForFiveSeconds)
 {
+    const LogPredicate found = isLog(DEBUG, "main", kRcFound);
     box.sim().announce(box.remote().normal());
     box.clock().stop();
     box.startDaemon();
-    ASSERT_TRUE(box.log().awaitCount(isLog(DEBUG, "main", kRcFound), 3)) << "said again on every pass";
+    ASSERT_TRUE(box.log().awaitCount(found, 12)) << "said again on every pass";
+    EXPECT_THAT(Pacing(arrivals(box, found)).medianUs(), isAbout(100ms));
     box.clock().advance(4999999us);
-    const std::size_t soFar = box.countLog(DEBUG, "main", kRcFound);
-    EXPECT_TRUE(box.log().awaitCount(isLog(DEBUG, "main", kRcFound), soFar + 3));
+    EXPECT_TRUE(box.log().awaitCount(found, box.log().count(found) + 3));
     EXPECT_NO_LOG(box, DEBUG, "main", "process loop start");
     box.clock().advance(1us);
 
@@ -375,24 +358,13 @@ TEST_F(ABoxWithAStrangeRemote, WaitsTheWholeFiveSeconds)
     EXPECT_THAT(box.busCalls({"Connect", "Pair"}), IsEmpty());
 }
 
-TEST_F(ABoxWithAStrangeRemote, IsLookedAtEveryTenthOfASecond)
-{
-    box.sim().announce(box.remote().normal());
-    box.clock().stop(); // so that the five seconds don't end
-    box.startDaemon();
-    ASSERT_TRUE(box.log().awaitCount(isLog(DEBUG, "main", kRcFound), 12));
-
-    EXPECT_THAT(Pacing(arrivals(box, isLog(DEBUG, "main", kRcFound))).medianUs(), isAbout(100ms));
-}
-
 TEST_F(ABoxWithAStrangeRemote, StopsInOrderOnAnInterruptInTheFiveSeconds)
 {
     box.sim().announce(box.remote().normal());
     box.startDaemon();
     ASSERT_LOG(box, DEBUG, "main", kRcFound);
-    box.interrupt();
 
-    EXPECT_EQ(box.awaitExit(), Exit::with(0));
+    EXPECT_TRUE(box.stops());
     EXPECT_LOG(box, WARN, "main", "Interrupt!");
     EXPECT_LOG(box, DEBUG, "main", "process loop start");
     EXPECT_THAT(box.statusCourse(), ElementsAre("init", kGone));
@@ -401,12 +373,12 @@ TEST_F(ABoxWithAStrangeRemote, StopsInOrderOnAnInterruptInTheFiveSeconds)
 TEST_F(ABoxWithAStrangeRemote, EndsAtOnceOnTwoQuickInterruptsInTheFiveSeconds)
 {
     box.sim().announce(box.remote().normal());
-    box.startDaemon();
-    ASSERT_LOG(box, DEBUG, "main", kRcFound);
-    box.interruptTwice();
+    expectStatus1At(kRcFound);
+}
 
-    EXPECT_EQ(box.awaitExit(), Exit::with(1));
-    EXPECT_EQ(box.content("bluetooth_status"), "init\n");
+TEST_F(ABoxWithoutAnAdapter, EndsAtOnceOnTwoQuickInterruptsAndLeavesItsStatus)
+{
+    expectStatus1At("Waiting adapter...");
 }
 
 } // namespace

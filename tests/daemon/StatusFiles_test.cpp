@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 // The files that the daemon publishes, and the readings behind them.
 
-#include "tests/kit/Box.h"
+#include "tests/daemon/AtRest.h"
+#include "tests/kit/NamedCase.h"
 
 #include <gmock/gmock.h>
 
 #include <filesystem>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using vexasim::Bend;
@@ -16,10 +17,13 @@ using vexasim::Bytes;
 namespace
 {
 
-const std::string kAddress = "C0:FF:EE:00:00:01";
 const std::string kBattery = "bluetooth_rc_battery";
 const std::string kVersion = "bluetooth_rc_fw_version";
 const std::string kShouldRead = "Should read battery level";
+const std::string kBatteryCall =
+    "hci0/dev_C0_FF_EE_00_00_01/service0010/char0011 GattCharacteristic1.ReadValue (@a{sv} {},)";
+const std::string kVersionCall =
+    "hci0/dev_C0_FF_EE_00_00_01/service0020/char0021 GattCharacteristic1.ReadValue (@a{sv} {},)";
 
 BoxOptions withRemote(const vexasim::RemoteOptions& remote)
 {
@@ -30,10 +34,10 @@ BoxOptions withRemote(const vexasim::RemoteOptions& remote)
 }
 
 /// A remote that has just been connected; the daemon's clock stands still.
-class AConnectedRemote : public InABox
+class AConnectedRemote : public AtRest
 {
 protected:
-    explicit AConnectedRemote(const vexasim::RemoteOptions& remote = {}) : InABox(withRemote(remote)) {}
+    explicit AConnectedRemote(const vexasim::RemoteOptions& remote = {}) : AtRest(withRemote(remote)) {}
     void SetUp() override { startConnectedAtRest(); }
 
     /// Lets the first delay pass; the reading happens in this pass if there is one.
@@ -46,51 +50,20 @@ protected:
     /// Begins the delay anew, at the time at which the clock stands.
     void restartDelay()
     {
-        box.sim().emitPropertiesChanged(box.remotePath(), "org.bluez.Device1",
+        box.sim().emitPropertiesChanged(box.remotePath(), kDeviceInterface,
                                         {{"Connected", g_variant_new_boolean(TRUE)}});
         ASSERT_TRUE(box.awaitEvents());
     }
 
     std::size_t readings() { return box.busCalls({"ReadValue"}).size(); }
-    std::string batteryCall()
-    {
-        return box.remotePath().substr(11) +
-               "/service0010/char0011 GattCharacteristic1.ReadValue (@a{sv} {},)";
-    }
-    std::string versionCall()
-    {
-        return box.remotePath().substr(11) +
-               "/service0020/char0021 GattCharacteristic1.ReadValue (@a{sv} {},)";
-    }
     void setProperty(const std::string& name, const vexasim::Variant& value)
     {
-        box.sim().setProperty(box.remotePath(), "org.bluez.Device1", name, value);
+        box.sim().setProperty(box.remotePath(), kDeviceInterface, name, value);
         ASSERT_TRUE(box.awaitEvents());
     }
 };
 
 // ---- the words and the address
-
-TEST_F(AConnectedRemote, IsPublishedWithItsAddress)
-{
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
-    EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
-    EXPECT_THAT(
-        box.statusCourse(),
-        // The first pass may come before BlueZ has reported the connection.
-        ::testing::AnyOf(ElementsAre("init", "connected"), ElementsAre("init", "disconnected", "connected")));
-}
-
-TEST_F(AConnectedRemote, IsPublishedAgainOnEachPass)
-{
-    const std::size_t status = box.files().writes("bluetooth_status");
-    const std::size_t address = box.files().writes("bluetooth_rc");
-    ASSERT_TRUE(box.pass());
-    ASSERT_TRUE(box.pass());
-
-    EXPECT_EQ(box.files().writes("bluetooth_status"), status + 2);
-    EXPECT_EQ(box.files().writes("bluetooth_rc"), address + 2);
-}
 
 TEST_F(AConnectedRemote, HasItsFilesBackAPassAfterSomebodyRemovedThem)
 {
@@ -98,8 +71,11 @@ TEST_F(AConnectedRemote, HasItsFilesBackAPassAfterSomebodyRemovedThem)
     std::filesystem::remove(box.file("bluetooth_status"));
     ASSERT_TRUE(box.pass());
 
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
     EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
+    const std::size_t writes = box.files().writes("bluetooth_rc");
+    ASSERT_TRUE(box.pass());
+    EXPECT_EQ(box.files().writes("bluetooth_rc"), writes + 1) << "it is written on each pass";
 }
 
 TEST_F(AConnectedRemote, KeepsItsOldAddressFileWhenItsAddressIsEmpty)
@@ -108,20 +84,21 @@ TEST_F(AConnectedRemote, KeepsItsOldAddressFileWhenItsAddressIsEmpty)
     const std::size_t writes = box.files().writes("bluetooth_rc");
     ASSERT_TRUE(box.pass());
 
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
     EXPECT_EQ(box.files().writes("bluetooth_rc"), writes);
     EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
 }
 
-TEST_F(AConnectedRemote, IsPublishedAsDisconnectedOnThePassAfterItsLinkEnded)
+TEST_F(AConnectedRemote, IsPublishedAsDisconnectedAndNotReadAfterItsLinkEnded)
 {
-    box.remote().loseLink();
-    ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
-    ASSERT_TRUE(box.awaitEvents());
+    loseLink();
     ASSERT_TRUE(box.pass());
 
     EXPECT_EQ(box.content("bluetooth_status"), "disconnected\n");
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
+    ASSERT_TRUE(box.pass(20s));
+    EXPECT_EQ(readings(), 0U);
+    EXPECT_NO_LOG(box, DEBUG, "main", kShouldRead);
 }
 
 // Between the two looks of one pass at the bond, which are the only ones that tell.
@@ -132,21 +109,19 @@ TEST_F(AConnectedRemote, IsPublishedAsNotPairedIfItsBondIsLostWithinAPass)
     constexpr unsigned kBackOffBegins = 3; // the pass was due, its beginning is noted, then this
     box.clock().advanceAndHold(500ms, kBackOffBegins);
     ASSERT_TRUE(box.clock().awaitHeld());
-    box.sim().setProperty(path, "org.bluez.Device1", "Paired", g_variant_new_boolean(FALSE));
+    box.sim().setProperty(path, kDeviceInterface, "Paired", g_variant_new_boolean(FALSE));
     EXPECT_LOG(box, DEBUG, "main", "Device " + path + " unpaired");
     box.clock().letGo();
 
     EXPECT_TRUE(box.awaitStatus("not paired"));
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n") << "it stays as it is";
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n") << "it stays as it is";
 }
 
 TEST_F(AConnectedRemote, IsPublishedAlthoughOneOfItsFilesCantBeWritten)
 {
     std::filesystem::remove(box.file("bluetooth_rc"));
     std::filesystem::create_directory(box.file("bluetooth_rc"));
-    box.remote().loseLink();
-    ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
-    ASSERT_TRUE(box.awaitEvents());
+    loseLink();
     const std::size_t errors = box.log().count([](const LogRecord& record) { return record.level == ERROR; });
     ASSERT_TRUE(box.pass());
 
@@ -161,15 +136,14 @@ class AConnectedRemoteWithout : public AConnectedRemote, public ::testing::WithP
 
 TEST_P(AConnectedRemoteWithout, IsPublishedAsAnErrorForAsLongAsThatLasts)
 {
-    const vexasim::Variant value = box.sim().property(box.remotePath(), "org.bluez.Device1", GetParam());
-    box.sim().dropProperty(box.remotePath(), "org.bluez.Device1", GetParam(), vexasim::Simulator::Emit::Yes);
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    const vexasim::Variant value = box.sim().property(box.remotePath(), kDeviceInterface, GetParam());
+    box.sim().dropProperty(box.remotePath(), kDeviceInterface, GetParam(), vexasim::Simulator::Emit::Yes);
+    settle();
     EXPECT_EQ(box.content("bluetooth_status"), "error\n");
     ASSERT_TRUE(box.pass(20s)); // nor is anything read on such a pass
     EXPECT_EQ(box.content("bluetooth_status"), "error\n");
     EXPECT_EQ(readings(), 0U);
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
 
     setProperty(GetParam(), value);
     ASSERT_TRUE(box.pass());
@@ -180,10 +154,10 @@ INSTANTIATE_TEST_SUITE_P(Property, AConnectedRemoteWithout,
                          ::testing::Values("Address", "Paired", "Connected"),
                          [](const auto& test) { return std::string(test.param); });
 
-class ABoxWithoutARemote : public InABox
+class ABoxWithoutARemote : public AtRest
 {
 protected:
-    ABoxWithoutARemote() : InABox(noRemote()) {}
+    ABoxWithoutARemote() : AtRest(noRemote()) {}
 };
 
 TEST_F(ABoxWithoutARemote, SaysSoAndRemovesAStaleAddressButNoOtherFile)
@@ -217,9 +191,13 @@ TEST_F(ABoxWithoutARemote, TouchesASignalStrengthFromElsewhereOnlyAtItsEnd)
 TEST_F(AConnectedRemote, IsNotReadAtFifteenWholeSeconds)
 {
     restartDelay();
-    ASSERT_TRUE(box.pass(15999999us));
+    for (const std::chrono::microseconds step : {1000000us, 1000000us, 1000000us, 12999999us}) {
+        ASSERT_TRUE(box.pass(step));
+    }
 
-    EXPECT_LOG(box, TRACE, "main", "Read delay 15s of 15s");
+    for (const char* seconds : {"1", "2", "3", "15"}) {
+        EXPECT_LOG(box, TRACE, "main", std::string("Read delay ") + seconds + "s of 15s");
+    }
     EXPECT_NO_LOG(box, DEBUG, "main", kShouldRead);
     EXPECT_EQ(readings(), 0U);
 }
@@ -232,50 +210,23 @@ TEST_F(AConnectedRemote, IsReadAtSixteen)
     EXPECT_LOG(box, DEBUG, "main", kShouldRead);
     EXPECT_LOG(box, DEBUG, "main", "Battery level read: 80 valid");
     EXPECT_LOG(box, DEBUG, "main", "rc fw version: 1a3");
-    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall(), versionCall()));
+    EXPECT_THAT(box.busCalls(), ElementsAre(kBatteryCall, kVersionCall));
     EXPECT_EQ(box.content(kBattery), "80\n");
     EXPECT_EQ(box.content(kVersion), "1a3\n");
 }
 
-TEST_F(AConnectedRemote, CountsTheSecondsOfTheDelayInItsTrace)
-{
-    restartDelay();
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(box.pass(1s));
-    }
-
-    EXPECT_LOG(box, TRACE, "main", "Read delay 1s of 15s");
-    EXPECT_LOG(box, TRACE, "main", "Read delay 2s of 15s");
-    EXPECT_LOG(box, TRACE, "main", "Read delay 3s of 15s");
-}
-
-TEST_F(AConnectedRemote, IsReadOnceAndThenLeftInPeace)
+TEST_F(AConnectedRemote, IsReadAgainASecondAfterThreeHours)
 {
     letItBeRead();
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(box.pass(60s));
-    }
-
+    ASSERT_TRUE(box.pass(60s));
+    ASSERT_TRUE(box.pass(10740999999us)); // 10800 whole seconds in all
     EXPECT_EQ(readings(), 2U);
     EXPECT_EQ(box.files().writes(kBattery), 1U);
     EXPECT_EQ(box.files().writes(kVersion), 1U);
-}
-
-TEST_F(AConnectedRemote, IsNotReadAgainAtThreeHours)
-{
-    letItBeRead();
-    ASSERT_TRUE(box.pass(10800999999us)); // 10800 whole seconds
-
-    EXPECT_EQ(readings(), 2U);
-}
-
-TEST_F(AConnectedRemote, IsReadAgainASecondLater)
-{
-    letItBeRead();
-    ASSERT_TRUE(box.pass(10801s));
+    ASSERT_TRUE(box.pass());
 
     EXPECT_LOG(box, DEBUG, "main", kShouldRead);
-    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall(), versionCall(), batteryCall(), versionCall()));
+    EXPECT_THAT(box.busCalls(), ElementsAre(kBatteryCall, kVersionCall, kBatteryCall, kVersionCall));
     EXPECT_EQ(box.files().writes(kBattery), 2U);
     EXPECT_EQ(box.files().writes(kVersion), 2U);
 }
@@ -290,33 +241,15 @@ TEST_F(AConnectedRemote, IsReadWhateverTheWallClockDoes)
     EXPECT_EQ(readings(), 2U);
 }
 
-TEST_F(AConnectedRemote, IsntReadWhileItIsAway)
-{
-    box.remote().loseLink();
-    ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass(20s));
-    ASSERT_TRUE(box.pass(20s));
-
-    EXPECT_EQ(readings(), 0U);
-    EXPECT_NO_LOG(box, DEBUG, "main", kShouldRead);
-}
-
 // ---- levels
 
-struct BatteryLevel {
-    const char* name;
+struct Reading : NamedCase {
     Bytes bytes;
-    const char* log;
+    std::string log;
     std::vector<std::string> file;
 };
 
-std::ostream& operator<<(std::ostream& stream, const BatteryLevel& level)
-{
-    return stream << level.name;
-}
-
-class ABatteryLevel : public AConnectedRemote, public ::testing::WithParamInterface<BatteryLevel>
+class ABatteryLevel : public AConnectedRemote, public ::testing::WithParamInterface<Reading>
 {
 };
 
@@ -325,41 +258,46 @@ TEST_P(ABatteryLevel, IsReadAndJudged)
     box.remote().setBatteryBytes(GetParam().bytes);
     letItBeRead();
 
-    EXPECT_LOG(box, DEBUG, "main", std::string("Battery level read: ") + GetParam().log);
+    EXPECT_LOG(box, DEBUG, "main", "Battery level read: " + GetParam().log);
     EXPECT_EQ(box.files().course(kBattery), GetParam().file);
     EXPECT_EQ(box.content(kVersion), "1a3\n") << "which follows in any case";
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, ABatteryLevel,
-                         ::testing::Values(BatteryLevel{"0", {0}, "0 invalid", {}},
-                                           BatteryLevel{"1", {1}, "1 valid", {"1"}},
-                                           BatteryLevel{"42", {42}, "42 valid", {"42"}},
-                                           BatteryLevel{"100", {100}, "100 valid", {"100"}},
-                                           BatteryLevel{"101", {101}, "101 invalid", {}},
-                                           BatteryLevel{"255", {255}, "255 invalid", {}},
-                                           BatteryLevel{"NoBytes", {}, "0 invalid", {}}),
-                         [](const auto& test) { return std::string(test.param.name); });
+                         ::testing::Values(Reading{{"0"}, {0}, "0 invalid", {}},
+                                           Reading{{"1"}, {1}, "1 valid", {"1"}},
+                                           Reading{{"42"}, {42}, "42 valid", {"42"}},
+                                           Reading{{"100"}, {100}, "100 valid", {"100"}},
+                                           Reading{{"101"}, {101}, "101 invalid", {}},
+                                           Reading{{"255"}, {255}, "255 invalid", {}},
+                                           Reading{{"NoBytes"}, {}, "0 invalid", {}}),
+                         named);
 
-TEST_F(AConnectedRemote, HasItsOldLevelMergedWithTheNewOneBitByBit)
+class ASecondLevel : public ABatteryLevel
+{
+};
+
+// The first was 80, and the two are merged bit by bit.
+TEST_P(ASecondLevel, IsJudgedAndFollowedByAThirdAfterThreeHours)
 {
     letItBeRead();
-    EXPECT_EQ(box.content(kBattery), "80\n");
-    box.remote().setBatteryBytes({75});
+    box.remote().setBatteryBytes(GetParam().bytes);
     ASSERT_TRUE(box.pass(10801s));
 
-    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 91 valid");
-    EXPECT_EQ(box.content(kBattery), "91\n");
+    EXPECT_LOG(box, DEBUG, "main", "Battery level read: " + GetParam().log);
+    EXPECT_EQ(box.content(kBattery), GetParam().file.back());
+    EXPECT_EQ(box.files().writes(kBattery), GetParam().file.size());
+    ASSERT_TRUE(box.pass(10800999999us));
+    EXPECT_EQ(readings(), 4U);
+    ASSERT_TRUE(box.pass());
+    EXPECT_EQ(readings(), 6U);
 }
 
-TEST_F(AConnectedRemote, KeepsItsLevelOverAReadingOfNoBytes)
-{
-    letItBeRead();
-    box.remote().setBatteryBytes({});
-    ASSERT_TRUE(box.pass(10801s));
-
-    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 80 valid");
-    EXPECT_EQ(box.files().writes(kBattery), 2U);
-}
+INSTANTIATE_TEST_SUITE_P(Of, ASecondLevel,
+                         ::testing::Values(Reading{{"75"}, {75}, "91 valid", {"80\n", "91\n"}},
+                                           Reading{{"47"}, {47}, "127 invalid", {"80\n"}},
+                                           Reading{{"NoBytes"}, {}, "80 valid", {"80\n", "80\n"}}),
+                         named);
 
 TEST_F(AConnectedRemote, IsReadAgainOnEachPassWhileItsLevelHasTwoBytes)
 {
@@ -368,8 +306,8 @@ TEST_F(AConnectedRemote, IsReadAgainOnEachPassWhileItsLevelHasTwoBytes)
     ASSERT_TRUE(box.pass());
     ASSERT_TRUE(box.pass());
 
-    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall(), versionCall(), batteryCall(), versionCall(),
-                                            batteryCall(), versionCall()));
+    EXPECT_THAT(box.busCalls(), ElementsAre(kBatteryCall, kVersionCall, kBatteryCall, kVersionCall,
+                                            kBatteryCall, kVersionCall));
     EXPECT_EQ(box.log().count(beginsLog(DEBUG, "main", "Battery level read")), 0U);
     EXPECT_FALSE(box.exists(kBattery));
     EXPECT_EQ(box.files().writes(kVersion), 3U);
@@ -415,35 +353,9 @@ TEST_F(AConnectedRemote, HasItsLevelLeftAsItIsByAReadingThatFailsThreeHoursLater
     EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
 }
 
-TEST_F(AConnectedRemote, IsTriedAgainAfterThreeHoursWhenItsLevelWasInvalid)
-{
-    letItBeRead();
-    box.remote().setBatteryBytes({0x2f}); // 80 | 47 is 127
-    ASSERT_TRUE(box.pass(10801s));
-    EXPECT_LOG(box, DEBUG, "main", "Battery level read: 127 invalid");
-    EXPECT_EQ(box.content(kBattery), "80\n") << "the last one stays";
-    ASSERT_TRUE(box.pass(10800999999us));
-    EXPECT_EQ(readings(), 4U);
-    ASSERT_TRUE(box.pass());
-
-    EXPECT_EQ(readings(), 6U);
-}
-
 // ---- versions
 
-struct Version {
-    const char* name;
-    Bytes bytes;
-    const char* log;
-    std::vector<std::string> file;
-};
-
-std::ostream& operator<<(std::ostream& stream, const Version& version)
-{
-    return stream << version.name;
-}
-
-class AFirmwareVersion : public AConnectedRemote, public ::testing::WithParamInterface<Version>
+class AFirmwareVersion : public AConnectedRemote, public ::testing::WithParamInterface<Reading>
 {
 };
 
@@ -452,18 +364,18 @@ TEST_P(AFirmwareVersion, IsReadAsALittleEndianNumberAndWrittenInHexadecimal)
     box.remote().setVersionBytes(GetParam().bytes);
     letItBeRead();
 
-    EXPECT_LOG(box, DEBUG, "main", std::string("rc fw version: ") + GetParam().log);
+    EXPECT_LOG(box, DEBUG, "main", "rc fw version: " + GetParam().log);
     EXPECT_EQ(box.files().course(kVersion), GetParam().file);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Of, AFirmwareVersion,
-    ::testing::Values(Version{"TwoBytes", {0xa3, 0x01}, "1a3", {"1a3"}},
-                      Version{"OneByte", {0x0c}, "c", {"c"}},
-                      Version{"ThreeBytes", {0x01, 0x02, 0x03}, "30201", {"30201"}},
-                      Version{"FourBytes", {0xef, 0xcd, 0xab, 0x89}, "89abcdef", {"89abcdef"}},
-                      Version{"NoBytes", {}, "0", {}}, Version{"Zero", {0, 0}, "0", {}}),
-    [](const auto& test) { return std::string(test.param.name); });
+    ::testing::Values(Reading{{"TwoBytes"}, {0xa3, 0x01}, "1a3", {"1a3"}},
+                      Reading{{"OneByte"}, {0x0c}, "c", {"c"}},
+                      Reading{{"ThreeBytes"}, {0x01, 0x02, 0x03}, "30201", {"30201"}},
+                      Reading{{"FourBytes"}, {0xef, 0xcd, 0xab, 0x89}, "89abcdef", {"89abcdef"}},
+                      Reading{{"NoBytes"}, {}, "0", {}}, Reading{{"Zero"}, {0, 0}, "0", {}}),
+    named);
 
 TEST_F(AConnectedRemote, KeepsItsVersionOverAnAnswerOfFiveBytes)
 {
@@ -497,25 +409,26 @@ TEST_F(AConnectedRemote, LosesItsVersionOverAReadingThatFails)
 
 // ---- what the remote may lack
 
-vexasim::RemoteOptions withoutBattery()
+vexasim::RemoteOptions without(bool vexasim::RemoteOptions::*service)
 {
     vexasim::RemoteOptions remote;
-    remote.batteryService = false;
+    remote.*service = false;
     return remote;
 }
 
 class ARemoteWithoutABatteryService : public AConnectedRemote
 {
 protected:
-    ARemoteWithoutABatteryService() : AConnectedRemote(withoutBattery()) {}
+    ARemoteWithoutABatteryService() : AConnectedRemote(without(&vexasim::RemoteOptions::batteryService)) {}
 };
 
-TEST_F(ARemoteWithoutABatteryService, IsNeverReadAtAll)
+TEST_F(ARemoteWithoutABatteryService, IsDueToBeReadAtEveryPassAndNeverRead)
 {
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(box.pass(24h));
-    }
+    ASSERT_TRUE(box.pass(16s));
+    ASSERT_TRUE(box.pass());
+    ASSERT_TRUE(box.pass(24h));
 
+    EXPECT_EQ(box.countLog(DEBUG, "main", kShouldRead), 3U);
     EXPECT_EQ(readings(), 0U);
     EXPECT_FALSE(box.exists(kBattery));
     EXPECT_FALSE(box.exists(kVersion));
@@ -525,26 +438,10 @@ TEST_F(ARemoteWithoutABatteryService, IsNeverReadAtAll)
     EXPECT_LOG(box, WARN, "main", "Update canceled: invalid state: battery: 0% version: 0");
 }
 
-TEST_F(ARemoteWithoutABatteryService, IsDueToBeReadAtEveryPass)
-{
-    ASSERT_TRUE(box.pass(16s));
-    ASSERT_TRUE(box.pass());
-    ASSERT_TRUE(box.pass());
-
-    EXPECT_EQ(box.countLog(DEBUG, "main", kShouldRead), 3U);
-}
-
-vexasim::RemoteOptions withoutVendorService()
-{
-    vexasim::RemoteOptions remote;
-    remote.vendorService = false;
-    return remote;
-}
-
 class ARemoteWithoutAVersion : public AConnectedRemote
 {
 protected:
-    ARemoteWithoutAVersion() : AConnectedRemote(withoutVendorService()) {}
+    ARemoteWithoutAVersion() : AConnectedRemote(without(&vexasim::RemoteOptions::vendorService)) {}
 };
 
 TEST_F(ARemoteWithoutAVersion, StillHasItsBatteryRead)
@@ -553,21 +450,7 @@ TEST_F(ARemoteWithoutAVersion, StillHasItsBatteryRead)
 
     EXPECT_EQ(box.content(kBattery), "80\n");
     EXPECT_FALSE(box.exists(kVersion));
-    EXPECT_THAT(box.busCalls(), ElementsAre(batteryCall()));
-}
-
-// ---- at the end
-
-TEST_F(AConnectedRemote, HasAllItsFilesRemovedAtTheEnd)
-{
-    letItBeRead();
-    box.clock().run();
-    EXPECT_TRUE(box.stops());
-
-    for (const char* name :
-         {"bluetooth_status", "bluetooth_rc", "bluetooth_rc_battery", "bluetooth_rc_fw_version"}) {
-        EXPECT_EQ(box.files().course(name).back(), kGone) << name;
-    }
+    EXPECT_THAT(box.busCalls(), ElementsAre(kBatteryCall));
 }
 
 } // namespace

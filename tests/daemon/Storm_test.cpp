@@ -2,12 +2,13 @@
 // An interrupt in the middle of a storm of events ends the daemon in order.
 
 #include "tests/kit/Box.h"
+#include "tests/kit/Objects.h"
 
 #include <atomic>
 #include <random>
 #include <thread>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 
 namespace
@@ -49,11 +50,7 @@ private:
     {
         const std::string path = "/org/bluez/hci0/dev_00_00_00_00_00_0" + std::to_string(i);
         const std::string name = i % 2 == 0 ? "VEXA RC" : "TV";
-        mSim.addObject(path, {{"org.bluez.Device1",
-                               {{"Name", g_variant_new_string(name.c_str())},
-                                {"Address", g_variant_new_string("00:00:00:00:00:00")},
-                                {"Paired", g_variant_new_boolean(TRUE)},
-                                {"Connected", g_variant_new_boolean(FALSE)}}}});
+        mSim.addObject(path, deviceObject(name, "00:00:00:00:00:00", true, false));
         for (const gboolean value : {gboolean{TRUE}, gboolean{FALSE}, gboolean{TRUE}}) {
             mSim.setProperty(path, "org.bluez.Device1", "Connected", g_variant_new_boolean(value));
             mSim.setProperty(path, "org.bluez.Device1", "Paired", g_variant_new_boolean(TRUE));

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // How the daemon's picture of the remote follows what BlueZ reports.
 
-#include "tests/kit/Box.h"
-#include "tests/kit/Objects.h"
+#include "tests/daemon/AtRest.h"
+#include "tests/kit/NamedCase.h"
 
 #include <gmock/gmock.h>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -14,14 +14,10 @@ using ::testing::IsEmpty;
 namespace
 {
 
-const std::string kDeviceInterface = "org.bluez.Device1";
-const std::string kAddress = "C0:FF:EE:00:00:01";
-const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
 const std::string kBatteryService = kRemote + "/service0010";
 const std::string kBatteryLevel = kBatteryService + "/char0011";
 const std::string kVersionPath = kRemote + "/service0020/char0021";
 const std::string kSwitchPath = kRemote + "/service0020/char0023";
-const std::string kOther = "/org/bluez/hci0/dev_C0_FF_EE_00_00_0A";
 const std::string kBatteryFile = "bluetooth_rc_battery";
 const std::string kVersionFile = "bluetooth_rc_fw_version";
 const std::string kConnected = "VEXA RC connection status changed: connected";
@@ -34,49 +30,41 @@ std::string readOf(const std::string& path)
 
 // ---- recognition
 
-struct Name {
-    const char* test;
-    const char* name;
+struct Name : NamedCase {
+    const char* text;
     bool remote;
 };
 
-std::ostream& operator<<(std::ostream& stream, const Name& name)
-{
-    return stream << name.name;
-}
-
-class ADevice : public InABox, public ::testing::WithParamInterface<Name>
+class ADevice : public AtRest, public ::testing::WithParamInterface<Name>
 {
 protected:
-    ADevice() : InABox(noRemote()) {}
+    ADevice() : AtRest(noRemote()) {}
 };
 
 TEST_P(ADevice, IsTheRemoteOrNotByItsName)
 {
     startAtRest();
-    box.sim().addObject(kOther, deviceObject(GetParam().name, "C0:FF:EE:00:00:0A", true, false));
-    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
-    ASSERT_TRUE(box.awaitEvents());
+    announceOther(GetParam().text, true);
     ASSERT_TRUE(box.pass());
 
-    EXPECT_EQ(box.countLog(DEBUG, "main", std::string("RC found ") + GetParam().name + " : " + kOther),
+    EXPECT_EQ(box.countLog(DEBUG, "main", std::string("RC found ") + GetParam().text + " : " + kOther),
               GetParam().remote ? 1U : 0U);
     EXPECT_EQ(box.statusCourse().back(), GetParam().remote ? "disconnected" : "no device");
 }
 
 INSTANTIATE_TEST_SUITE_P(Named, ADevice,
-                         ::testing::Values(Name{"VEXA", "VEXA", false}, Name{"VEXARC", "VEXA RC", true},
-                                           Name{"OneMoreLetter", "VEXAx", true},
-                                           Name{"LowerCase", "vexa rc", false},
-                                           Name{"InTheMiddle", "My VEXA RC", false},
-                                           Name{"OnTheSecondLine", "TV\nVEXA RC", false},
-                                           Name{"Nothing", "", false}),
-                         [](const auto& test) { return std::string(test.param.test); });
+                         ::testing::Values(Name{{"VEXA"}, "VEXA", false}, Name{{"VEXARC"}, "VEXA RC", true},
+                                           Name{{"OneMoreLetter"}, "VEXAx", true},
+                                           Name{{"LowerCase"}, "vexa rc", false},
+                                           Name{{"InTheMiddle"}, "My VEXA RC", false},
+                                           Name{{"OnTheSecondLine"}, "TV\nVEXA RC", false},
+                                           Name{{"Nothing"}, "", false}),
+                         named);
 
-class AStrangeDevice : public InABox
+class AStrangeDevice : public AtRest
 {
 protected:
-    AStrangeDevice() : InABox(noRemote()) {}
+    AStrangeDevice() : AtRest(noRemote()) {}
     void SetUp() override { startAtRest(); }
 };
 
@@ -88,54 +76,41 @@ TEST_F(AStrangeDevice, IsNotLookedAtAgainWhenItsNameBecomesKnown)
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
     ASSERT_TRUE(box.awaitEvents());
     box.sim().setProperty(kOther, kDeviceInterface, "Name", g_variant_new_string("VEXA RC"));
-    ASSERT_LOG(box, DEBUG, "Bluez", "props changed: " + kOther);
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
 
     EXPECT_EQ(box.log().count(beginsLog(DEBUG, "main", "RC found")), 0U);
     EXPECT_EQ(box.statusCourse().back(), "no device");
 }
 
-TEST_F(AStrangeDevice, HasItsPairingLoggedAndNothingElse)
+TEST_F(AStrangeDevice, HasItsPairingAndItsSignalLoggedAndNothingElse)
 {
-    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
-    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
-    ASSERT_TRUE(box.awaitEvents());
+    announceOther("TV");
     for (const char* name : {"Connected", "ServicesResolved", "Paired"}) {
         box.sim().setProperty(kOther, kDeviceInterface, name, g_variant_new_boolean(TRUE));
     }
     EXPECT_LOG(box, DEBUG, "main", "Device " + kOther + " paired");
     box.sim().setProperty(kOther, kDeviceInterface, "Paired", g_variant_new_boolean(FALSE));
     EXPECT_LOG(box, DEBUG, "main", "Device " + kOther + " unpaired");
+    box.sim().setProperty(kOther, kDeviceInterface, "RSSI", g_variant_new_int16(-71));
+    EXPECT_LOG(box, DEBUG, "main", "Device \"" + kOther + "\" rssi changed to -71");
 
     EXPECT_EQ(box.log().count(beginsLog(DEBUG, "main", "VEXA RC")), 0U);
-    EXPECT_TRUE(box.awaitEvents());
-    EXPECT_TRUE(box.pass());
+    settle();
     EXPECT_EQ(box.statusCourse().back(), "no device");
-}
-
-TEST_F(AStrangeDevice, HasItsSignalStrengthLoggedAndInNoFile)
-{
-    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
-    ASSERT_TRUE(box.awaitEvents());
-    box.sim().setProperty(kOther, kDeviceInterface, "RSSI", g_variant_new_int16(-71));
-
-    EXPECT_LOG(box, DEBUG, "main", "Device \"" + kOther + "\" rssi changed to -71");
     EXPECT_FALSE(box.exists("bluetooth_rc_rssi"));
 }
 
 TEST_F(AStrangeDevice, CanSayWhatItLikes)
 {
-    box.sim().addObject(kOther, deviceObject("VEXA RC", "C0:FF:EE:00:00:0A", true, true));
-    ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC : " + kOther);
-    box.sim().emitPropertiesChanged(kOther, kDeviceInterface, {});
-    EXPECT_LOG(box, DEBUG, "Bluez", "props changed: " + kOther);
-    box.sim().emitPropertiesChanged(
-        kOther, kDeviceInterface,
-        {{"Paired", g_variant_new_string("yes")}, {"RSSI", g_variant_new_string("loud")}});
-    EXPECT_LOG(box, DEBUG, "Bluez", "props changed: " + kOther);
-    box.sim().emitPropertiesChanged(kOther, kDeviceInterface, {{"Alias", g_variant_new_string("Remote")}});
-    EXPECT_LOG(box, DEBUG, "Bluez", "props changed: " + kOther);
+    announceOther("VEXA RC", true, true);
+    for (const vexasim::PropertyMap& properties :
+         {vexasim::PropertyMap{},
+          vexasim::PropertyMap{{"Paired", g_variant_new_string("yes")},
+                               {"RSSI", g_variant_new_string("loud")}},
+          vexasim::PropertyMap{{"Alias", g_variant_new_string("Remote")}}}) {
+        box.sim().emitPropertiesChanged(kOther, kDeviceInterface, properties);
+        EXPECT_LOG(box, DEBUG, "Bluez", "props changed: " + kOther);
+    }
 
     EXPECT_TRUE(box.pass());
     EXPECT_TRUE(box.stops());
@@ -150,8 +125,7 @@ TEST_F(AStrangeDevice, IsScannedForOnTheSecondAdapterWhenTheFirstIsGone)
     box.sim().removeAdapter("hci0");
     EXPECT_LOG(box, DEBUG, "main", "Adapter: - /org/bluez/hci0");
     box.setFlag("pair");
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
     box.sim().clearCalls();
     box.clock().advance(500ms);
 
@@ -167,8 +141,7 @@ TEST_F(AStrangeDevice, IsScannedForOnAnAdapterThatCameBackAndWasntPoweredAgain)
     EXPECT_LOG(box, DEBUG, "main", "Adapter: + /org/bluez/hci0");
     box.sim().clearCalls();
     box.setFlag("pair");
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
     box.clock().advance(500ms);
 
     ASSERT_TRUE(box.awaitStatus("scanning"));
@@ -177,10 +150,10 @@ TEST_F(AStrangeDevice, IsScannedForOnAnAdapterThatCameBackAndWasntPoweredAgain)
 
 // ---- a remote that is known: connected, at rest, and read once
 
-class AKnownRemote : public InABox
+class AKnownRemote : public AtRest
 {
 protected:
-    AKnownRemote() : InABox(pairedRemote()) {}
+    AKnownRemote() : AtRest(pairedRemote()) {}
 
     void SetUp() override
     {
@@ -213,6 +186,18 @@ protected:
             g_variant_new("(o@as)", path.c_str(), vexasim::Variant::strings(interfaces).get()));
     }
 
+    void expectForgottenByAPairing(const std::vector<std::string>& devices)
+    {
+        box.setFlag("reset");
+        settle();
+        box.clock().advance(500ms);
+        for (const std::string& device : devices) {
+            EXPECT_LOG(box, INFO, "main", "Removing device " + device);
+        }
+        EXPECT_LOG(box, DEBUG, "main", "Scanning on");
+        EXPECT_EQ(box.log().count(beginsLog(INFO, "main", "Removing device ")), devices.size());
+    }
+
     /// What an update would go by: it is refused in a record with this level and no version.
     void expectKnownForAnUpdate(const std::string& level)
     {
@@ -224,14 +209,12 @@ protected:
 
 TEST_F(AKnownRemote, StaysKnownWhenItsLinkEnds)
 {
-    box.remote().loseLink();
-    EXPECT_LOG(box, DEBUG, "main", kDisconnected);
+    loseLink();
     EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc_battery");
-    ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.pass());
 
-    EXPECT_TRUE(box.files().awaitGone(kBatteryFile));
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_FALSE(box.exists(kBatteryFile));
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
     EXPECT_EQ(box.content(kVersionFile), "1a3\n");
     EXPECT_EQ(box.content("bluetooth_status"), "disconnected\n");
     EXPECT_EQ(box.countLog(WARN, "main", "REMOVE /tmp/bluetooth_rc"), 0U);
@@ -239,37 +222,28 @@ TEST_F(AKnownRemote, StaysKnownWhenItsLinkEnds)
 
 TEST_F(AKnownRemote, IsReadAnewFifteenSecondsAfterItsReturn)
 {
-    box.remote().loseLink();
-    EXPECT_LOG(box, DEBUG, "main", kDisconnected);
+    loseLink();
+    EXPECT_FALSE(box.exists(kBatteryFile));
     box.connectRemote();
     EXPECT_LOG(box, DEBUG, "main", kConnected);
-    EXPECT_TRUE(box.files().awaitGone(kBatteryFile));
     box.remote().setBatteryBytes({75});
 
     EXPECT_TRUE(isReadAfterTheDelay());
     EXPECT_EQ(box.content(kBatteryFile), "75\n") << "not merged with the level before";
 }
 
-TEST_F(AKnownRemote, IsForgottenWhenItsDeviceIsRemoved)
+// Its services go first.
+TEST_F(AKnownRemote, IsForgottenWithItsFilesWhenItsDeviceIsRemoved)
 {
     box.sim().removePeripheral(box.remote().normal());
     EXPECT_LOG(box, DEBUG, "main", "Device: - " + kRemote);
     EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
-    EXPECT_TRUE(box.files().awaitGone("bluetooth_rc"));
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
 
     EXPECT_EQ(box.content("bluetooth_status"), "no device\n");
-    EXPECT_TRUE(box.files().awaitGone("bluetooth_rc"));
-}
-
-TEST_F(AKnownRemote, LosesItsFilesWithItsServicesIfTheseGoFirst)
-{
-    box.sim().removePeripheral(box.remote().normal());
-    EXPECT_LOG(box, DEBUG, "main", "Device: - " + kRemote);
-
-    EXPECT_TRUE(box.files().awaitGone(kBatteryFile));
-    EXPECT_TRUE(box.files().awaitGone(kVersionFile));
+    for (const std::string& file : {std::string("bluetooth_rc"), kBatteryFile, kVersionFile}) {
+        EXPECT_FALSE(box.exists(file)) << file;
+    }
 }
 
 TEST_F(AKnownRemote, KeepsItsFilesIfItsServicesGoBehindItsDevice)
@@ -278,8 +252,7 @@ TEST_F(AKnownRemote, KeepsItsFilesIfItsServicesGoBehindItsDevice)
     ASSERT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
     box.sim().removeObject(kBatteryService);
     box.sim().removeObject(kVersionPath);
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
 
     EXPECT_EQ(box.content(kBatteryFile), "80\n");
     EXPECT_EQ(box.content(kVersionFile), "1a3\n");
@@ -289,41 +262,26 @@ TEST_F(AKnownRemote, KeepsItsFilesIfItsServicesGoBehindItsDevice)
 
 TEST_F(AKnownRemote, IsLeftAloneWhenAnotherDeviceIsRemoved)
 {
-    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
-    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
-    ASSERT_TRUE(box.awaitEvents());
+    announceOther("TV");
     box.sim().removeObject(kOther);
-    ASSERT_LOG(box, DEBUG, "main", "Device: - " + kOther);
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    settle();
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
     EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
 
-    // The other one is off the list of devices, too.
-    box.setFlag("reset");
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
-    box.clock().advance(500ms);
-    EXPECT_LOG(box, INFO, "main", "Removing device " + kRemote);
-    EXPECT_LOG(box, DEBUG, "main", "Scanning on");
-    EXPECT_NO_LOG(box, INFO, "main", "Removing device " + kOther);
+    expectForgottenByAPairing({kRemote}); // the other one is off the list of devices, too
 }
 
 TEST_F(AKnownRemote, IsReplacedByTheNextDeviceWhoseNameMatches)
 {
-    box.sim().addObject(kOther, deviceObject("VEXA RC 2", "C0:FF:EE:00:00:0A", true, true));
-    ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC 2 : " + kOther);
-    ASSERT_TRUE(box.awaitEvents());
+    announceOther("VEXA RC 2", true, true);
     ASSERT_TRUE(box.pass());
     EXPECT_EQ(box.content("bluetooth_rc"), "C0:FF:EE:00:00:0A\n");
     EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
 
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass(4h)); // the paths of the first aren't the second's
+    settle(4h); // the paths of the first aren't the second's
     EXPECT_THAT(box.busCalls({"ReadValue"}), IsEmpty());
     box.remote().loseLink(); // nor is the first one's link
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
     EXPECT_EQ(box.content("bluetooth_status"), "connected\n");
     EXPECT_NO_LOG(box, DEBUG, "main", kDisconnected);
     EXPECT_EQ(box.content(kBatteryFile), "80\n");
@@ -332,15 +290,8 @@ TEST_F(AKnownRemote, IsReplacedByTheNextDeviceWhoseNameMatches)
 
 TEST_F(AKnownRemote, IsStillForgottenByAPairingAfterItWasReplaced)
 {
-    box.sim().addObject(kOther, deviceObject("VEXA RC 2", "C0:FF:EE:00:00:0A", true, true));
-    ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC 2 : " + kOther);
-    box.setFlag("reset");
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
-    box.clock().advance(500ms);
-
-    EXPECT_LOG(box, INFO, "main", "Removing device " + kRemote);
-    EXPECT_LOG(box, INFO, "main", "Removing device " + kOther);
+    announceOther("VEXA RC 2", true, true);
+    expectForgottenByAPairing({kRemote, kOther});
 }
 
 TEST_F(AKnownRemote, HasItsServicesResolvedLogged)
@@ -362,10 +313,9 @@ TEST_F(AKnownRemote, LosesItsBatteryFileWithItsBatteryService)
     EXPECT_LOG(box, DEBUG, "main", "Batter level characteristic removed");
     EXPECT_LOG(box, DEBUG, "main", "Battery service removed");
     EXPECT_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc_battery");
-    EXPECT_TRUE(box.files().awaitGone(kBatteryFile));
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass(4h));
+    settle(4h);
 
+    EXPECT_FALSE(box.exists(kBatteryFile));
     EXPECT_THAT(box.busCalls({"ReadValue"}), IsEmpty());
     // Another service that comes and goes at the same path isn't taken for it.
     box.sim().addObject(kBatteryService, serviceObject(vexasim::uuid128(0x1812), kRemote));
@@ -396,9 +346,7 @@ TEST_F(AKnownRemote, IsReadAnewWhenItsBatteryServiceComesBack)
     EXPECT_LOG(box, DEBUG, "main", "Battery service resolved");
     box.sim().addObject(kBatteryLevel, characteristicObject(vexasim::uuid::kBatteryLevel, kBatteryService));
     EXPECT_LOG(box, DEBUG, "main", "Battery level characteristic resolved");
-    box.sim().bend(
-        vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", vexasim::Variant::bytes({33}).get()))
-            .on(kBatteryLevel));
+    answerReads(kBatteryLevel, 33);
     box.sim().setProperty(kRemote, kDeviceInterface, "Connected", g_variant_new_boolean(TRUE));
     EXPECT_LOG(box, DEBUG, "main", kConnected);
 
@@ -421,8 +369,7 @@ TEST_F(AKnownRemote, LosesItsVersionFileWithTheCharacteristicAndNotInTheLog)
     box.sim().removeObject(kVersionPath);
     EXPECT_TRUE(box.files().awaitGone(kVersionFile));
     EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc_fw_version");
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass(10801s));
+    settle(10801s);
 
     // The version itself is still known, and written again with the next reading.
     EXPECT_THAT(box.busCalls({"ReadValue"}), ElementsAre(readOf(kBatteryLevel)));
@@ -441,9 +388,7 @@ TEST_F(AKnownRemote, KeepsItsVersionFileWhenAnotherCharacteristicGoes)
 TEST_F(AKnownRemote, IsReadByTheLastCharacteristicOfItsBatteryServiceWhateverThatIs)
 {
     const std::string last = kBatteryService + "/char00ff";
-    box.sim().bend(
-        vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", vexasim::Variant::bytes({7}).get()))
-            .on(last));
+    answerReads(last, 7);
     box.sim().addObject(last, characteristicObject(vexasim::uuid128(0x2a1a), kBatteryService));
     EXPECT_LOG(box, DEBUG, "main", "Battery level characteristic resolved");
 
@@ -456,10 +401,8 @@ TEST_F(AKnownRemote, HasItsVersionReadFromWhicheverDeviceOfferedOneLast)
 {
     const std::string otherService = kOther + "/service0001";
     const std::string otherVersion = otherService + "/char0002";
-    box.sim().bend(
-        vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", vexasim::Variant::bytes({0x77}).get()))
-            .on(otherVersion));
-    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
+    answerReads(otherVersion, 0x77);
+    announceOther("TV");
     box.sim().addObject(otherService, serviceObject(vexasim::uuid::kVendorService, kOther));
     box.sim().addObject(otherVersion, characteristicObject(vexasim::uuid::kVersion, otherService));
     box.sim().addObject(otherService + "/char0005", // in upper case it is no version
@@ -468,21 +411,23 @@ TEST_F(AKnownRemote, HasItsVersionReadFromWhicheverDeviceOfferedOneLast)
                         {{"org.bluez.GattDescriptor1",
                           {{"UUID", g_variant_new_string(vexasim::uuid::kClientConfiguration.c_str())}}}});
     ASSERT_LOG(box, DEBUG, "main", "+GATT Descriptor: " + otherVersion + "/desc0003");
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass(10801s));
+    settle(10801s);
 
     EXPECT_THAT(box.busCalls({"ReadValue"}), ElementsAre(readOf(kBatteryLevel), readOf(otherVersion)));
     EXPECT_EQ(box.content(kVersionFile), "77\n");
 }
 
-TEST_F(AKnownRemote, IgnoresABatteryServiceOfAnotherDevice)
+TEST_F(AKnownRemote, IgnoresServicesThatArentItsBatteryService)
 {
     const std::string otherService = kOther + "/service0001";
     const std::size_t before = box.countLog(DEBUG, "main", "Battery service resolved");
-    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:0A", false, false));
+    announceOther("TV");
     box.sim().addObject(otherService, serviceObject(vexasim::uuid::kBatteryService, kOther));
     box.sim().addObject(otherService + "/char0002",
                         characteristicObject(vexasim::uuid::kBatteryLevel, otherService));
+    box.sim().addObject(kRemote + "/service00f0", serviceObject(vexasim::uuid128(0x1812), kRemote));
+    box.sim().addObject(kRemote + "/service00f1", // BlueZ writes lower case
+                        serviceObject("0000180F-0000-1000-8000-00805F9B34FB", kRemote));
     box.sim().removeObject(otherService);
     box.sim().removeObject(kOther);
     ASSERT_LOG(box, DEBUG, "main", "Device: - " + kOther);
@@ -490,17 +435,6 @@ TEST_F(AKnownRemote, IgnoresABatteryServiceOfAnotherDevice)
     EXPECT_EQ(box.countLog(DEBUG, "main", "Battery service resolved"), before);
     EXPECT_NO_LOG(box, DEBUG, "main", "Battery service removed");
     EXPECT_EQ(box.content(kBatteryFile), "80\n");
-}
-
-TEST_F(AKnownRemote, IgnoresAServiceOfAnotherType)
-{
-    const std::size_t before = box.countLog(DEBUG, "main", "Battery service resolved");
-    box.sim().addObject(kRemote + "/service00f0", serviceObject(vexasim::uuid128(0x1812), kRemote));
-    box.sim().addObject(kRemote + "/service00f1", // BlueZ writes lower case
-                        serviceObject("0000180F-0000-1000-8000-00805F9B34FB", kRemote));
-    ASSERT_TRUE(box.awaitEvents());
-
-    EXPECT_EQ(box.countLog(DEBUG, "main", "Battery service resolved"), before);
 }
 
 TEST_F(AKnownRemote, HasItsDescriptorsLogged)
@@ -515,8 +449,7 @@ TEST_F(AKnownRemote, IsntPublishedByItsNotifications)
     box.sim().emitPropertiesChanged(kBatteryLevel, "org.bluez.GattCharacteristic1",
                                     {{"Value", vexasim::Variant::bytes({12})}});
     ASSERT_LOG(box, DEBUG, "Bluez", "props changed: " + kBatteryLevel);
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
 
     EXPECT_EQ(box.content(kBatteryFile), "80\n");
 }
@@ -529,11 +462,10 @@ TEST_F(AKnownRemote, IsFoundAgainWhenBlueZHasBeenRestarted)
     EXPECT_EQ(box.content("bluetooth_status"), "no device\n");
     box.sim().startService();
     ASSERT_LOG(box, DEBUG, "main", "RC found VEXA RC : " + kRemote);
-    ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.pass());
+    settle();
 
     EXPECT_EQ(box.content("bluetooth_status"), "disconnected\n");
-    EXPECT_EQ(box.content("bluetooth_rc"), kAddress + "\n");
+    EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
 }
 
 } // namespace

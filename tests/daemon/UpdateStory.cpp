@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "tests/daemon/UpdateStory.h"
 
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 
 namespace kit
 {
@@ -14,11 +17,15 @@ namespace
 {
 
 using namespace std::chrono_literals;
+using ::testing::ElementsAreArray;
 using vexasim::Bend;
 using vexasim::Bytes;
+using vexasim::UpdateFault;
 using vexasim::UpdatePacket;
+using vexasim::UpdateStep;
 
 constexpr const char* kStatus = "bluetooth_status";
+constexpr const char* kUpdating = "I Updating RC firmware from 1a3 to 1a4";
 constexpr std::size_t kBlockBytes = 20;
 
 bool begins(const std::string& text, const std::string& beginning)
@@ -62,32 +69,22 @@ void StatusSampler::begin()
     const std::lock_guard lock(mMutex);
     mCourse.clear();
     while (mCourse.empty()) {
-        sampleLocked(); // again if the daemon is just writing it
+        sample(); // again if the daemon is just writing it
     }
 }
 
 void StatusSampler::sample()
 {
     const std::lock_guard lock(mMutex);
-    sampleLocked();
-}
-
-void StatusSampler::sampleLocked()
-{
     const auto text = mRoom != nullptr ? mRoom->content(kStatus) : std::nullopt;
     if (text && !text->empty() && text->back() == '\n') {
-        noteLocked(text->substr(0, text->size() - 1));
+        note(text->substr(0, text->size() - 1));
     }
 }
 
 void StatusSampler::note(const std::string& word)
 {
     const std::lock_guard lock(mMutex);
-    noteLocked(word);
-}
-
-void StatusSampler::noteLocked(const std::string& word)
-{
     if (mCourse.empty() || mCourse.back() != word) {
         mCourse.push_back(word);
     }
@@ -136,21 +133,6 @@ void UpdateStory::offer(const FirmwareImage& image, const std::string& name)
     box.linkFirmware("/tmp/" + name);
 }
 
-void UpdateStory::fault(vexasim::UpdateStep step, const vexasim::UpdateFault& fault)
-{
-    box.remote().receiver().setFault(step, fault);
-}
-
-void UpdateStory::loseAdapterAlone()
-{
-    const std::string path = box.sim().adapterPath();
-    // The object stays for as long as it has an interface.
-    for (const char* interface :
-         {"org.bluez.Adapter1", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"}) {
-        box.sim().removeInterface(path, interface);
-    }
-}
-
 bool UpdateStory::ends(const std::string& outcome, std::chrono::milliseconds limit)
 {
     const std::string word = "rc_fw_update_" + outcome;
@@ -168,6 +150,17 @@ bool UpdateStory::idlesWith(const std::string& word)
     }
     sampler.note(word);
     return true;
+}
+
+void UpdateStory::expectFailure(const FirmwareImage& image, const Lines& log, const std::vector<int>& numbers,
+                                const std::string& idle)
+{
+    constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
+    ASSERT_TRUE(ends("failed", kFindLimit + kPatience));
+    ASSERT_TRUE(idlesWith(idle));
+    EXPECT_THAT(updateLog(), ElementsAreArray(logOfStart(image) + Lines{kUpdating} + log +
+                                              Lines{"E Firmware update failed"}));
+    EXPECT_THAT(course(), ElementsAreArray(words(numbers, {"rc_fw_update_failed", idle})));
 }
 
 Lines UpdateStory::updateLog()
@@ -239,6 +232,69 @@ Lines goodExchange(const FirmwareImage& image, std::size_t bytes)
            Lines{"> control 03" + signatureOf(image), "< control 03 00 01", "> control 04"};
 }
 
+Lines sentIn(const Lines& exchange)
+{
+    Lines sent;
+    std::copy_if(exchange.begin(), exchange.end(), std::back_inserter(sent),
+                 [](const std::string& line) { return line[0] == '>'; });
+    return sent;
+}
+
+// ---- another behaviour
+
+Arrangement both(const Arrangement& first, const Arrangement& second)
+{
+    return [first, second](Box& box) {
+        first(box);
+        second(box);
+    };
+}
+
+void loseAdapterAlone(Box& box)
+{
+    const std::string path = box.sim().adapterPath();
+    // The object stays for as long as it has an interface.
+    for (const char* interface :
+         {"org.bluez.Adapter1", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"}) {
+        box.sim().removeInterface(path, interface);
+    }
+}
+
+Arrangement with(UpdateStep step, const std::function<void(UpdateFault&)>& edit)
+{
+    UpdateFault fault;
+    edit(fault);
+    return [step, fault](Box& box) { box.remote().receiver().setFault(step, fault); };
+}
+
+Arrangement refused(UpdateStep step)
+{
+    return with(step, [](UpdateFault& fault) { fault.refuse = vexasim::att::kUnlikelyError; });
+}
+
+Arrangement silent(UpdateStep step)
+{
+    return with(step, [](UpdateFault& fault) { fault.silent = true; });
+}
+
+Arrangement late(UpdateStep step, std::chrono::milliseconds delay)
+{
+    return with(step, [delay](UpdateFault& fault) { fault.late = delay; });
+}
+
+Arrangement answering(UpdateStep step, const std::vector<Bytes>& answers)
+{
+    return with(step, [&answers](UpdateFault& fault) { fault.answers = answers; });
+}
+
+Arrangement slowWrites(std::chrono::milliseconds delay)
+{
+    return [delay](Box& box) {
+        const std::string path = box.sim().pathOf(*box.remote().update(), vexasim::uuid::kControlPoint);
+        box.sim().bend(Bend::lateReply("WriteValue", delay).on(path).times(2));
+    };
+}
+
 // ---- the log and the words
 
 Lines logOfStart(const FirmwareImage& image, const std::string& name)
@@ -250,6 +306,13 @@ Lines logOfStart(const FirmwareImage& image, const std::string& name)
                   image.offset, image.signature, image.version, image.checksum, image.length, image.otaFlag,
                   image.reserved);
     return {"D Firmware symlink found: /tmp/" + name, "W REMOVE: /tmp/bluetooth_rc_fw", fields.data()};
+}
+
+Lines logOfGoodUpdate(const FirmwareImage& image, std::size_t bytes)
+{
+    return logOfStart(image) +
+           Lines{kUpdating, "D image version: 1a3 image offset: 0", "D writeFw: writing..."} +
+           logOfBlocks(image, bytes) + Lines{"D img reset", "I Firmware updated"};
 }
 
 Lines logOfBlocks(const FirmwareImage& image, std::size_t bytes)

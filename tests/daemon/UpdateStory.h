@@ -7,6 +7,7 @@
 #include "tests/kit/Hex.h"
 
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -30,10 +31,7 @@ public:
     Lines course() const;
 
 private:
-    void sampleLocked();
-    void noteLocked(const std::string& word);
-
-    mutable std::mutex mMutex;
+    mutable std::recursive_mutex mMutex;
     const Room* mRoom = nullptr;
     Lines mCourse;
 };
@@ -54,15 +52,15 @@ protected:
     bool remoteIsRead(uint8_t battery = 80, uint16_t version = 0x1a3);
     /// Writes the image's file, and links it for the daemon.
     void offer(const FirmwareImage& image, const std::string& name = "image.bin");
-    void fault(vexasim::UpdateStep step, const vexasim::UpdateFault& fault);
-    /// BlueZ tells that the adapter has gone, and nothing of the remote yet.
-    void loseAdapterAlone();
 
     // ---- its end
     /// "succeed", "failed" or "canceled"; the word stands for three seconds.
     bool ends(const std::string& outcome, std::chrono::milliseconds limit = kPatience);
     /// The ordinary word that follows the outcome.
     bool idlesWith(const std::string& word);
+    /// A failed update from "connected" to `idle`, which logged this behind "Updating...".
+    void expectFailure(const FirmwareImage& image, const Lines& log, const std::vector<int>& numbers,
+                       const std::string& idle = "disconnected");
 
     // ---- what was seen
     /// The words of the status file since the image was offered.
@@ -91,8 +89,29 @@ FirmwareImage newerImage(uint16_t words);
 Lines goodExchange(const FirmwareImage& image, std::size_t bytes);
 Lines exchangeUpToData(const FirmwareImage& image);
 Lines dataPackets(const FirmwareImage& image, std::size_t bytes);
+/// Those of an exchange that go to the remote.
+Lines sentIn(const Lines& exchange);
+
+// ---- another behaviour of the remote or of BlueZ
+using Arrangement = std::function<void(Box&)>;
+Arrangement both(const Arrangement& first, const Arrangement& second);
+Arrangement with(vexasim::UpdateStep step, const std::function<void(vexasim::UpdateFault&)>& edit);
+/// BlueZ tells that the adapter has gone, and nothing of the remote yet.
+void loseAdapterAlone(Box& box);
+/// The write itself is refused.
+Arrangement refused(vexasim::UpdateStep step);
+/// The command is carried out and not answered.
+Arrangement silent(vexasim::UpdateStep step);
+/// The answer comes this much later.
+Arrangement late(vexasim::UpdateStep step, std::chrono::milliseconds delay);
+/// These are sent in place of the remote's own answer.
+Arrangement answering(vexasim::UpdateStep step, const std::vector<vexasim::Bytes>& answers);
+/// BlueZ takes so long to answer the writes of the connection parameters and of the question for the image.
+Arrangement slowWrites(std::chrono::milliseconds delay);
 
 // ---- the log
+/// From the link to the end of a good update, in which so many bytes are sent.
+Lines logOfGoodUpdate(const FirmwareImage& image, std::size_t bytes);
 /// From the link to the beginning of the update.
 Lines logOfStart(const FirmwareImage& image, const std::string& name = "image.bin");
 /// "I 20 bytes written. Sent 20 of 100 left 80 (20.00%)" and so on.

@@ -10,7 +10,7 @@
 #include <memory>
 #include <thread>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
@@ -29,7 +29,14 @@ constexpr auto kWhileHeld = 3s;  // how long the switch isn't answered, so that 
 class ARemoteToBeFound : public UpdateStory
 {
 protected:
-    explicit ARemoteToBeFound(const BoxOptions& options = pairedRemote()) : UpdateStory(options) {}
+    explicit ARemoteToBeFound(std::chrono::milliseconds bootTime = 50ms) : UpdateStory(options(bootTime)) {}
+    static BoxOptions options(std::chrono::milliseconds bootTime)
+    {
+        BoxOptions options = pairedRemote();
+        options.simulator.remote.updateName = "My BeeTgt 7"; // the word inside it is enough
+        options.simulator.remote.bootTime = bootTime;
+        return options;
+    }
 
     void SetUp() override
     {
@@ -70,7 +77,33 @@ protected:
         return path;
     }
 
-    void appears(const UpdateAppearance& appearance) { box.remote().setUpdateAppearance(appearance); }
+    void appears(bool UpdateAppearance::*how)
+    {
+        UpdateAppearance appearance;
+        appearance.*how = true;
+        box.remote().setUpdateAppearance(appearance);
+    }
+
+    /// From the link to the end of the reading of its services.
+    void resolvesIn(std::chrono::milliseconds time)
+    {
+        vexasim::Timings timings = box.sim().timings();
+        timings.resolve = time;
+        box.sim().setTimings(timings);
+    }
+
+    /// In an update that has found both, and in a service that isn't even of the same device. The second
+    /// isn't one of them, since BlueZ writes lower case.
+    std::string announceAgain(const std::string& uuid, const std::string& upperCase)
+    {
+        box.sim().bend(Bend::late("StartNotify", kWhileHeld));
+        offer(image);
+        EXPECT_TRUE(box.sim().awaitCall("StartNotify", "", 1, kPatience));
+        const std::string service = box.remotePath() + "/service0099";
+        const std::string path = announce(service, "char00aa", uuid);
+        announce(service, "char00bb", upperCase);
+        return path;
+    }
 
     Lines connected()
     {
@@ -104,9 +137,7 @@ protected:
 
 TEST_F(ARemoteToBeFound, IsTheFirstOfTwoWithItsName)
 {
-    UpdateAppearance early;
-    early.beforeScan = true;
-    appears(early);
+    appears(&UpdateAppearance::beforeScan);
     ASSERT_TRUE(heldAtTheSwitch());
     ASSERT_TRUE(box.sim().awaitCall("Get", box.sim().updateDevicePath(), 1, kPatience));
 
@@ -147,9 +178,7 @@ TEST_F(ARemoteToBeFound, IsNotSeenIfItsDeviceIsStillThere)
 
 TEST_F(ARemoteToBeFound, IsNotSeenIfItsNameComesLater)
 {
-    UpdateAppearance nameless;
-    nameless.nameless = true;
-    appears(nameless);
+    appears(&UpdateAppearance::nameless);
     offer(image);
     const std::string path = box.sim().updateDevicePath();
     ASSERT_TRUE(box.sim().awaitCall("Get", path, 1, kPatience));
@@ -194,13 +223,7 @@ TEST_F(ARemoteToBeFound, IsFoundAfterAnInterruptThatComesBeforeTheUpdate)
 class ARemoteThatTakesHalfAMinute : public ARemoteToBeFound
 {
 protected:
-    ARemoteThatTakesHalfAMinute() : ARemoteToBeFound(options()) {}
-    static BoxOptions options()
-    {
-        BoxOptions options = pairedRemote();
-        options.simulator.remote.bootTime = 30s;
-        return options;
-    }
+    ARemoteThatTakesHalfAMinute() : ARemoteToBeFound(30s) {}
 };
 
 TEST_F(ARemoteThatTakesHalfAMinute, IsWaitedFor)
@@ -212,9 +235,7 @@ TEST_F(ARemoteThatTakesHalfAMinute, IsWaitedFor)
 
 TEST_F(ARemoteToBeFound, HasThreeSecondsAndMoreForItsServices)
 {
-    vexasim::Timings timings = box.sim().timings();
-    timings.resolve = 3s;
-    box.sim().setTimings(timings);
+    resolvesIn(3s);
 
     offer(image);
 
@@ -225,12 +246,8 @@ TEST_F(ARemoteToBeFound, HasThreeSecondsAndMoreForItsServices)
 TEST_F(ARemoteToBeFound, HasTimeAnewForTheSecondCharacteristic)
 {
     constexpr auto kEach = 2900ms; // together more than five seconds
-    vexasim::Timings timings = box.sim().timings();
-    timings.resolve = kEach;
-    box.sim().setTimings(timings);
-    UpdateAppearance half;
-    half.withoutData = true;
-    appears(half);
+    resolvesIn(kEach);
+    appears(&UpdateAppearance::withoutData);
     offer(image);
     ASSERT_TRUE(box.sim().awaitProperty(box.sim().updateDevicePath(), kDevice, "ServicesResolved",
                                         g_variant_new_boolean(TRUE), kPatience));
@@ -250,13 +267,7 @@ TEST_F(ARemoteToBeFound, HasTimeAnewForTheSecondCharacteristic)
 
 TEST_F(ARemoteToBeFound, HasItsDataWhereItWasAnnouncedLast)
 {
-    box.sim().bend(Bend::late("StartNotify", kWhileHeld));
-    offer(image);
-    ASSERT_TRUE(box.sim().awaitCall("StartNotify", "", 1, kPatience));
-    const std::string service = box.remotePath() + "/service0099"; // not even of the same device
-
-    const std::string data = announce(service, "char00aa", vexasim::uuid::kData);
-    announce(service, "char00bb", "00006387-3C17-D293-8E48-14FE2E4DA212"); // BlueZ writes lower case
+    const std::string data = announceAgain(vexasim::uuid::kData, "00006387-3C17-D293-8E48-14FE2E4DA212");
 
     ASSERT_TRUE(ends("failed"));
     EXPECT_EQ(box.sim().calls("WriteValue", data).size(), 1U);
@@ -265,13 +276,8 @@ TEST_F(ARemoteToBeFound, HasItsDataWhereItWasAnnouncedLast)
 
 TEST_F(ARemoteToBeFound, HasItsControlPointWhereItWasAnnouncedLast)
 {
-    box.sim().bend(Bend::late("StartNotify", kWhileHeld));
-    offer(image);
-    ASSERT_TRUE(box.sim().awaitCall("StartNotify", "", 1, kPatience));
-    const std::string service = box.remotePath() + "/service0099";
-
-    const std::string controlPoint = announce(service, "char00aa", vexasim::uuid::kControlPoint);
-    announce(service, "char00bb", "00006487-3C17-D293-8E48-14FE2E4DA212");
+    const std::string controlPoint =
+        announceAgain(vexasim::uuid::kControlPoint, "00006487-3C17-D293-8E48-14FE2E4DA212");
 
     // Nothing stands behind it: the connection parameters may go astray, the question may not.
     ASSERT_TRUE(ends("failed"));

@@ -2,15 +2,14 @@
 // Whether an offered image is sent to the remote at all, and what each outcome
 // leaves behind.
 
-#include "tests/kit/TrueTime.h"
 #include "tests/daemon/UpdateStory.h"
+#include "tests/kit/NamedCase.h"
 #include "tests/kit/Objects.h"
+#include "tests/kit/TrueTime.h"
 
 #include <gmock/gmock.h>
 
-#include <ostream>
-
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
@@ -67,17 +66,11 @@ const Lines kLinkTaken = {"D Firmware symlink found: /tmp/image.bin", "W REMOVE:
 
 // ---- the state of the remote
 
-struct Refusal {
-    const char* name;
+struct Refusal : NamedCase {
     uint8_t battery;
     uint16_t version;
-    const char* log;
+    std::string state; ///< as the log has it
 };
-
-std::ostream& operator<<(std::ostream& stream, const Refusal& refusal)
-{
-    return stream << refusal.log;
-}
 
 class AnImageForARemote : public AnOfferedImage, public ::testing::WithParamInterface<Refusal>
 {
@@ -90,21 +83,18 @@ TEST_P(AnImageForARemote, IsRefused)
 
     offer(newerImage(5));
 
-    expectCanceled(kLinkTaken + Lines{GetParam().log});
+    expectCanceled(kLinkTaken + Lines{"W Update canceled: invalid state: " + GetParam().state});
     EXPECT_EQ(box.content(kVersionFile), version);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Update, AnImageForARemote,
-    ::testing::Values(
-        Refusal{"WithABatteryAt0", 0, 0x1a3, "W Update canceled: invalid state: battery: 0% version: 1a3"},
-        Refusal{"WithABatteryAt15", 15, 0x1a3, "W Update canceled: invalid state: battery: 15% version: 1a3"},
-        Refusal{"WithABatteryAt101", 101, 0x1a3,
-                "W Update canceled: invalid state: battery: 101% version: 1a3"},
-        Refusal{"WithABatteryAt255", 255, 0x1a3,
-                "W Update canceled: invalid state: battery: 255% version: 1a3"},
-        Refusal{"OfUnknownVersion", 80, 0, "W Update canceled: invalid state: battery: 80% version: 0"}),
-    [](const auto& test) { return test.param.name; });
+    ::testing::Values(Refusal{{"WithABatteryAt0"}, 0, 0x1a3, "battery: 0% version: 1a3"},
+                      Refusal{{"WithABatteryAt15"}, 15, 0x1a3, "battery: 15% version: 1a3"},
+                      Refusal{{"WithABatteryAt101"}, 101, 0x1a3, "battery: 101% version: 1a3"},
+                      Refusal{{"WithABatteryAt255"}, 255, 0x1a3, "battery: 255% version: 1a3"},
+                      Refusal{{"OfUnknownVersion"}, 80, 0, "battery: 80% version: 0"}),
+    named);
 
 TEST_F(AnOfferedImage, IsRefusedBeforeTheFirstReading)
 {
@@ -174,20 +164,6 @@ TEST_F(ARemoteWithALongVersion, IsNewerThanAnyImage)
 
 // ---- the file
 
-TEST_F(AnOfferedImage, IsUnnecessaryIfItsFileIsMissing)
-{
-    ASSERT_TRUE(remoteIsRead());
-
-    box.linkFirmware("/tmp/nowhere.bin");
-
-    ASSERT_TRUE(ends("canceled"));
-    ASSERT_TRUE(idlesWith("connected"));
-    EXPECT_THAT(updateLog(), ElementsAre("D Firmware symlink found: /tmp/nowhere.bin",
-                                         "W REMOVE: /tmp/bluetooth_rc_fw", "W RC update is unnecessary"));
-    EXPECT_THAT(exchange(), IsEmpty());
-    EXPECT_EQ(box.content(kVersionFile), "1a3\n");
-}
-
 TEST_F(AnOfferedImage, IsUnnecessaryIfItsHeaderIsCutOff)
 {
     ASSERT_TRUE(remoteIsRead());
@@ -196,20 +172,9 @@ TEST_F(AnOfferedImage, IsUnnecessaryIfItsHeaderIsCutOff)
     box.linkFirmware("/tmp/short.bin");
 
     ASSERT_TRUE(ends("canceled"));
-    EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
+    ASSERT_TRUE(idlesWith("connected"));
     EXPECT_THAT(updateLog(), ElementsAre("D Firmware symlink found: /tmp/short.bin",
                                          "W REMOVE: /tmp/bluetooth_rc_fw", "W RC update is unnecessary"));
-}
-
-TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteHasNoUpdateSwitch)
-{
-    ASSERT_TRUE(remoteIsRead());
-    box.sim().removeObject(box.pathOf(vexasim::uuid::kSwitch));
-    ASSERT_TRUE(box.awaitPasses(1));
-
-    offer(newerImage(5));
-
-    expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
 }
 
 TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteWasReplacedByOneWithoutAnUpdateSwitch)
@@ -247,22 +212,19 @@ TEST_F(AnOfferedImage, IsSentByWayOfTheUpdateSwitchThatWasAnnouncedLast)
     EXPECT_EQ(box.sim().calls("WriteValue").size(), 1U);
 }
 
-TEST_F(AnOfferedImage, IsUnnecessaryIfItIsAFolder)
+struct Lack : NamedCase {
+    std::function<void(Box&)> arrange;
+};
+
+class ABoxThatLacks : public AnOfferedImage, public ::testing::WithParamInterface<Lack>
+{
+};
+
+TEST_P(ABoxThatLacks, MakesAnImageUnnecessary)
 {
     ASSERT_TRUE(remoteIsRead());
-
-    box.linkFirmware("/tmp");
-
-    ASSERT_TRUE(ends("canceled"));
-    EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
-    EXPECT_THAT(updateLog(), ElementsAre("D Firmware symlink found: /tmp", "W REMOVE: /tmp/bluetooth_rc_fw",
-                                         "W RC update is unnecessary"));
-}
-
-TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteHasNoAddress)
-{
-    ASSERT_TRUE(remoteIsRead());
-    box.sim().setProperty(box.remotePath(), "org.bluez.Device1", "Address", g_variant_new_string(""));
+    GetParam().arrange(box);
+    ASSERT_TRUE(box.awaitEvents());
     ASSERT_TRUE(box.awaitPasses(2)); // the second of them begins behind the change
 
     offer(newerImage(5));
@@ -270,16 +232,21 @@ TEST_F(AnOfferedImage, IsUnnecessaryIfTheRemoteHasNoAddress)
     expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
 }
 
-TEST_F(AnOfferedImage, IsUnnecessaryIfThereIsNoAdapter)
+void removeSwitch(Box& box)
 {
-    ASSERT_TRUE(remoteIsRead());
-    loseAdapterAlone();
-    ASSERT_TRUE(box.awaitEvents());
-
-    offer(newerImage(5));
-
-    expectCanceled(kLinkTaken + Lines{"W RC update is unnecessary"});
+    box.sim().removeObject(box.pathOf(vexasim::uuid::kSwitch));
 }
+
+void removeAddress(Box& box)
+{
+    box.sim().setProperty(box.remotePath(), "org.bluez.Device1", "Address", g_variant_new_string(""));
+}
+
+INSTANTIATE_TEST_SUITE_P(Its, ABoxThatLacks,
+                         ::testing::Values(Lack{{"UpdateSwitch"}, removeSwitch},
+                                           Lack{{"RemotesAddress"}, removeAddress},
+                                           Lack{{"Adapter"}, loseAdapterAlone}),
+                         named);
 
 TEST_F(AnOfferedImage, IsRefusedWithoutARemote)
 {
@@ -338,17 +305,11 @@ TEST_F(AnOfferedImage, ReplacesThePublishedVersionWhenItIsInTheRemote)
 
 // ---- the outcome
 
-struct Outcome {
-    const char* word;
-    uint16_t version; ///< of the image
-    bool refused;     ///< the switch, by the remote
+struct Outcome : NamedCase { ///< by its word
+    uint16_t version;        ///< of the image
+    bool refused;            ///< the switch, by the remote
     const char* idle;
 };
-
-std::ostream& operator<<(std::ostream& stream, const Outcome& outcome)
-{
-    return stream << outcome.word;
-}
 
 class AnOutcome : public AnOfferedImage, public ::testing::WithParamInterface<Outcome>
 {
@@ -357,27 +318,27 @@ class AnOutcome : public AnOfferedImage, public ::testing::WithParamInterface<Ou
 TEST_P(AnOutcome, StaysInSightForThreeSeconds)
 {
     ASSERT_TRUE(remoteIsRead());
-    vexasim::UpdateFault refusal;
-    refusal.refuse = GetParam().refused ? vexasim::att::kUnlikelyError : vexasim::att::kOk;
-    fault(vexasim::UpdateStep::Switch, refusal);
+    if (GetParam().refused) {
+        refused(vexasim::UpdateStep::Switch)(box);
+    }
     FirmwareImage image = newerImage(5);
     image.version = GetParam().version;
 
     offer(image);
-    ASSERT_TRUE(ends(GetParam().word));
+    ASSERT_TRUE(ends(GetParam().name));
     ASSERT_TRUE(idlesWith(GetParam().idle));
 
     const auto moments = box.files().moments("bluetooth_status");
     ASSERT_GE(moments.size(), 2U);
     const auto& outcome = moments[moments.size() - 2];
-    EXPECT_EQ(outcome.content, std::string("rc_fw_update_") + GetParam().word);
+    EXPECT_EQ(outcome.content, std::string("rc_fw_update_") + GetParam().name);
     EXPECT_THAT(microseconds(moments.back().time) - microseconds(outcome.time), isAbout(3s));
 }
 
 INSTANTIATE_TEST_SUITE_P(ThatIs, AnOutcome,
-                         ::testing::Values(Outcome{"succeed", 0x1a4, false, "disconnected"},
-                                           Outcome{"failed", 0x1a4, true, "connected"},
-                                           Outcome{"canceled", 0x1a3, false, "connected"}),
-                         [](const auto& test) { return std::string(test.param.word); });
+                         ::testing::Values(Outcome{{"succeed"}, 0x1a4, false, "disconnected"},
+                                           Outcome{{"failed"}, 0x1a4, true, "connected"},
+                                           Outcome{{"canceled"}, 0x1a3, false, "connected"}),
+                         named);
 
 } // namespace

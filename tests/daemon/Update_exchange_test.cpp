@@ -2,18 +2,21 @@
 // Good updates: every packet, every word, every record of the log.
 
 #include "tests/daemon/Pacing.h"
-#include "tests/kit/TrueTime.h"
 #include "tests/daemon/UpdateStory.h"
+#include "tests/kit/NamedCase.h"
+#include "tests/kit/TrueTime.h"
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <filesystem>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
+using ::testing::Not;
+using ::testing::StartsWith;
 using vexasim::UpdateFault;
 using vexasim::UpdatePacket;
 using vexasim::UpdateStep;
@@ -21,16 +24,12 @@ using vexasim::UpdateStep;
 namespace
 {
 
-constexpr std::size_t kBlockBytes = 20;
-
 // What follows the word behind the last block.
 const Lines kWellEnded = {"rc_fw_update_succeed", "disconnected"};
 
 class AnUpdate : public UpdateStory
 {
 protected:
-    explicit AnUpdate(const BoxOptions& options = pairedRemote()) : UpdateStory(options) {}
-
     void SetUp() override { ASSERT_TRUE(remoteIsRead()); }
 
     void expectGood(const FirmwareImage& image, std::size_t bytes, const std::vector<int>& numbers)
@@ -113,113 +112,82 @@ TEST_P(AnImageThatIs, IsSentAsItWas)
 INSTANTIATE_TEST_SUITE_P(DuringItsUpdate, AnImageThatIs, ::testing::Bool(),
                          [](const auto& test) { return test.param ? "Replaced" : "Removed"; });
 
-TEST_F(AnUpdate, OfNoWordsSendsNoBlockAndVerifies)
-{
-    const FirmwareImage image = newerImage(0, 40);
-    expectGood(image, 0, {});
-    EXPECT_THAT(updateLog(),
-                ElementsAreArray(logOfStart(image) + Lines{"I Updating RC firmware from 1a3 to 1a4",
-                                                           "D image version: 1a3 image offset: 0",
-                                                           "D writeFw: writing...", "D img reset",
-                                                           "I Firmware updated"}));
-}
+struct GoodImage : NamedCase {
+    uint16_t words;    ///< as the header announces
+    std::size_t bytes; ///< as the file holds
+    std::size_t sent;
+    std::vector<int> numbers;
+};
 
-TEST_F(AnUpdate, OfOneWordSendsItInTheClear)
-{
-    expectGood(newerImage(1), 4, {100});
-}
-
-TEST_F(AnUpdate, OfOneWordWithALongerFileSendsAWholeBlock)
-{
-    expectGood(newerImage(1, 33), 20, {500});
-    EXPECT_LOG(box, INFO, "RcuOtaUpdater", "20 bytes written. Sent 20 of 4 left -16 (500.00%)");
-}
-
-TEST_F(AnUpdate, Of250WordsPublishesEachOfItsBlocks)
-{
-    expectGood(newerImage(250), 1000, {2,  4,  6,  8,  10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 31, 32, 34,
-                                       36, 38, 40, 42, 44, 46, 48, 50, 52, 55, 56, 58, 61, 62, 64, 66, 68,
-                                       70, 72, 74, 76, 78, 80, 82, 84, 86, 88, 90, 92, 94, 96, 98, 100});
-}
-
-TEST_F(AnUpdate, Of4096WordsRisesByOneAtATime)
-{
-    const std::vector<int> numbers = publishedNumbers(16384, 16384);
-    ASSERT_EQ(numbers.front(), 1);
-    ASSERT_EQ(numbers.size(), 102U); // 42 and 84 come twice
-    expectGood(newerImage(4096), 16384, numbers);
-}
-
-TEST_F(AnUpdate, WithAFileLongerThanItSaysSendsTheLastBlockWhole)
-{
-    expectGood(newerImage(6, 100), 40, {84, 167}); // 24 bytes are announced
-    EXPECT_LOG(box, INFO, "RcuOtaUpdater", "20 bytes written. Sent 40 of 24 left -16 (166.67%)");
-}
-
-// ---- the last block
-
-class AFileThatEndsInABlock : public AnUpdate, public ::testing::WithParamInterface<std::size_t>
+class AnImage : public AnUpdate, public ::testing::WithParamInterface<GoodImage>
 {
 };
 
-// A payload of whole words can't end in such a block, so these announce one word more than they hold and fail
-// behind their last byte; the packets are what matters.
-TEST_P(AFileThatEndsInABlock, SendsItAsItIs)
+// Its last block is cut by the end of the file alone, and the length decides when it is the last.
+TEST_P(AnImage, IsSentInBlocks)
 {
-    const std::size_t bytes = kBlockBytes + GetParam();
+    const FirmwareImage image = newerImage(GetParam().words, GetParam().bytes);
+    expectGood(image, GetParam().sent, GetParam().numbers);
+    EXPECT_THAT(updateLog(), ElementsAreArray(logOfGoodUpdate(image, GetParam().sent)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    That, AnImage,
+    ::testing::Values(GoodImage{{"IsNotThere"}, 0, 0, 0, {}}, GoodImage{{"IsNotAnnounced"}, 0, 40, 0, {}},
+                      GoodImage{{"HasOneWord"}, 1, 4, 4, {100}},
+                      GoodImage{{"HasOneWordInALongerFile"}, 1, 33, 20, {500}},
+                      GoodImage{{"HasSixWordsInALongerFile"}, 6, 100, 40, {84, 167}},
+                      GoodImage{{"EndsWith4Bytes"}, 6, 24, 24, {84, 100}},
+                      GoodImage{{"EndsWith15Bytes"}, 8, 35, 35, {63, 110}},
+                      GoodImage{{"EndsWith16Bytes"}, 9, 36, 36, {56, 100}},
+                      GoodImage{{"EndsWith17Bytes"}, 9, 37, 37, {56, 103}},
+                      GoodImage{{"EndsWith19Bytes"}, 9, 39, 39, {56, 109}},
+                      GoodImage{{"Has250Words"}, 250, 1000, 1000, {2,  4,  6,  8,  10, 12, 14, 16, 18, 20,
+                                                                   22, 24, 26, 28, 31, 32, 34, 36, 38, 40,
+                                                                   42, 44, 46, 48, 50, 52, 55, 56, 58, 61,
+                                                                   62, 64, 66, 68, 70, 72, 74, 76, 78, 80,
+                                                                   82, 84, 86, 88, 90, 92, 94, 96, 98, 100}},
+                      GoodImage{{"Has4096Words"}, 4096, 16384, 16384, publishedNumbers(16384, 16384)}),
+    named);
+
+// A block is 0.9506 percent of the first, so each one is published, and 0.9488 of the second: every other
+// one.
+TEST_F(AnUpdate, Of526WordsPublishesEachBlock)
+{
+    const std::vector<int> numbers = publishedNumbers(2104, 2104);
+    ASSERT_EQ(numbers.size(), 105U) << "all but the last one, of four bytes";
+    expectGood(newerImage(526), 2104, numbers);
+}
+
+TEST_F(AnUpdate, Of527WordsPublishesEverySecondBlock)
+{
+    const std::vector<int> numbers = publishedNumbers(2108, 2108);
+    ASSERT_EQ(numbers.size(), 53U);
+    expectGood(newerImage(527), 2108, numbers);
+}
+
+class AFileThatEndsEarly : public AnUpdate, public ::testing::WithParamInterface<std::size_t>
+{
+};
+
+TEST_P(AFileThatEndsEarly, IsSentToItsEndAndFails)
+{
+    const std::size_t bytes = GetParam();
     const FirmwareImage image = newerImage(static_cast<uint16_t>(bytes / 4 + 1), bytes);
     offer(image);
     ASSERT_TRUE(ends("failed"));
     ASSERT_LOG(box, ERROR, "main", "Firmware update failed");
 
-    EXPECT_THAT(exchange(), ElementsAreArray(exchangeUpToData(image) + dataPackets(image, bytes)));
     EXPECT_THAT(updateLog(),
                 ElementsAreArray(logOfStart(image) +
                                  Lines{"I Updating RC firmware from 1a3 to 1a4",
                                        "D image version: 1a3 image offset: 0", "D writeFw: writing..."} +
                                  logOfBlocks(image, bytes) +
                                  Lines{"W Stream end", "E Upload fw failed", "E Firmware update failed"}));
+    EXPECT_THAT(exchange(), ElementsAreArray(exchangeUpToData(image) + dataPackets(image, bytes)));
 }
 
-INSTANTIATE_TEST_SUITE_P(OfBytes, AFileThatEndsInABlock, ::testing::Values(1, 13, 15, 16, 17, 19, 20));
-
-TEST_F(AnUpdate, OfAHeaderAloneEndsAtItsFirstBlock)
-{
-    const FirmwareImage image = newerImage(5, 0);
-    offer(image);
-    ASSERT_TRUE(ends("failed"));
-    ASSERT_LOG(box, ERROR, "main", "Firmware update failed");
-
-    EXPECT_THAT(exchange(), ElementsAreArray(exchangeUpToData(image)));
-    EXPECT_THAT(updateLog(),
-                ElementsAreArray(logOfStart(image) +
-                                 Lines{"I Updating RC firmware from 1a3 to 1a4",
-                                       "D image version: 1a3 image offset: 0", "D writeFw: writing...",
-                                       "W Stream end", "E Upload fw failed", "E Firmware update failed"}));
-}
-
-TEST_F(AnUpdate, OfAHeaderThatAnnouncesNothingIsGood)
-{
-    expectGood(newerImage(0, 0), 0, {});
-}
-
-// The last block of a good update, cut by the end of the file.
-class AGoodFileThatEndsInABlock : public AnUpdate, public ::testing::WithParamInterface<std::size_t>
-{
-};
-
-TEST_P(AGoodFileThatEndsInABlock, SendsItAsItIs)
-{
-    const std::size_t bytes = kBlockBytes + GetParam();
-    const FirmwareImage image =
-        newerImage(static_cast<uint16_t>(bytes / 4), bytes); // the rest isn't announced
-    offer(image);
-    ASSERT_TRUE(ends("succeed"));
-
-    EXPECT_THAT(exchange(), ElementsAreArray(goodExchange(image, bytes)));
-}
-
-INSTANTIATE_TEST_SUITE_P(OfBytes, AGoodFileThatEndsInABlock, ::testing::Values(4, 15, 16, 17, 19));
+INSTANTIATE_TEST_SUITE_P(OfBytes, AFileThatEndsEarly, ::testing::Values(0, 1, 21, 33, 35, 36, 37, 39, 40));
 
 // ---- pacing
 
@@ -252,13 +220,15 @@ TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
 
 // ---- pauses
 
-TEST_F(AnUpdate, PausesBeforeTheVerificationAndAfterTheReset)
+TEST_F(AnUpdate, PausesForTheParametersBeforeTheVerificationAndAfterTheReset)
 {
+    silent(UpdateStep::ConnectionParameters)(box);
     offer(newerImage(5));
     ASSERT_TRUE(ends("succeed"));
 
     const std::vector<UpdatePacket> all = packets();
-    ASSERT_GE(all.size(), 4U);
+    ASSERT_GE(all.size(), 7U);
+    EXPECT_THAT(all[2].timeUs - all[1].timeUs, isAbout(1s)) << "behind the switch";
     const UpdatePacket& data = all[all.size() - 4];
     const UpdatePacket& verify = all[all.size() - 3];
     const UpdatePacket& reset = all.back();
@@ -271,50 +241,13 @@ TEST_F(AnUpdate, PausesBeforeTheVerificationAndAfterTheReset)
 
 // ---- answers
 
-UpdateFault answering(const std::vector<vexasim::Bytes>& answers)
-{
-    UpdateFault fault;
-    fault.answers = answers;
-    return fault;
-}
-
-struct Tolerated {
-    const char* name;
-    UpdateStep step;
-    UpdateFault fault;
+struct Tolerated : NamedCase {
+    Arrangement arrange;
 };
 
-std::ostream& operator<<(std::ostream& stream, const Tolerated& tolerated)
+Arrangement twice(UpdateStep step)
 {
-    return stream << tolerated.name;
-}
-
-Tolerated silent(const char* name, UpdateStep step)
-{
-    UpdateFault fault;
-    fault.silent = true;
-    return {name, step, fault};
-}
-
-Tolerated refusing(const char* name, UpdateStep step)
-{
-    UpdateFault fault;
-    fault.refuse = vexasim::att::kUnlikelyError;
-    return {name, step, fault};
-}
-
-Tolerated twice(const char* name, UpdateStep step)
-{
-    UpdateFault fault;
-    fault.copies = 2;
-    return {name, step, fault};
-}
-
-Tolerated slow(const char* name, UpdateStep step)
-{
-    UpdateFault fault;
-    fault.late = 300ms; // a third of the time that it has
-    return {name, step, fault};
+    return with(step, [](UpdateFault& fault) { fault.copies = 2; });
 }
 
 class AnUpdateOfARemote : public AnUpdate, public ::testing::WithParamInterface<Tolerated>
@@ -324,49 +257,54 @@ class AnUpdateOfARemote : public AnUpdate, public ::testing::WithParamInterface<
 TEST_P(AnUpdateOfARemote, Succeeds)
 {
     const FirmwareImage image = newerImage(10);
-    fault(GetParam().step, GetParam().fault);
+    GetParam().arrange(box);
     offer(image);
     ASSERT_TRUE(ends("succeed"));
     ASSERT_TRUE(idlesWith("disconnected"));
 
-    Lines sent = exchange();
-    sent.erase(std::remove_if(sent.begin(), sent.end(), [](const auto& line) { return line[0] == '<'; }),
-               sent.end());
-    Lines expected = goodExchange(image, 40);
-    expected.erase(
-        std::remove_if(expected.begin(), expected.end(), [](const auto& line) { return line[0] == '<'; }),
-        expected.end());
-    EXPECT_THAT(sent, ElementsAreArray(expected));
+    EXPECT_THAT(sentIn(exchange()), ElementsAreArray(sentIn(goodExchange(image, 40))));
     EXPECT_THAT(course(), ElementsAreArray(words({50, 100}, kWellEnded)));
+    EXPECT_THAT(updateLog(), Not(Contains(StartsWith("E "))));
 }
+
+constexpr auto kThinks = 300ms; // a third of the time that an answer has
+constexpr auto kSlowWrite = 2500ms;
 
 INSTANTIATE_TEST_SUITE_P(
     That, AnUpdateOfARemote,
     ::testing::Values(
-        silent("IsSilentOnConnectionParameters", UpdateStep::ConnectionParameters),
-        refusing("RefusesConnectionParameters", UpdateStep::ConnectionParameters),
-        slow("ThinksAboutTheParameters", UpdateStep::ConnectionParameters),
-        slow("ThinksAboutTheImageInfo", UpdateStep::GetImageInfo),
-        slow("ThinksAboutTheStart", UpdateStep::StartUpdate),
-        slow("ThinksAboutTheVerification", UpdateStep::Verify),
-        Tolerated{"DislikesConnectionParameters", UpdateStep::ConnectionParameters, answering({{7, 0, 0}})},
+        Tolerated{{"IsSilentOnConnectionParameters"}, silent(UpdateStep::ConnectionParameters)},
+        Tolerated{{"RefusesConnectionParameters"}, refused(UpdateStep::ConnectionParameters)},
+        Tolerated{{"DislikesConnectionParameters"}, answering(UpdateStep::ConnectionParameters, {{7, 0, 0}})},
+        Tolerated{{"ThinksAboutTheParameters"}, late(UpdateStep::ConnectionParameters, kThinks)},
+        Tolerated{{"ThinksAboutTheImageInfo"}, late(UpdateStep::GetImageInfo, kThinks)},
+        Tolerated{{"ThinksAboutTheStart"}, late(UpdateStep::StartUpdate, kThinks)},
+        Tolerated{{"ThinksAboutTheVerification"}, late(UpdateStep::Verify, kThinks)},
+        // Its second begins when the write has returned, and BlueZ takes longer than that to answer.
+        Tolerated{{"AnswersBehindASlowWrite"},
+                  both(slowWrites(kSlowWrite), late(UpdateStep::GetImageInfo, kSlowWrite + 200ms))},
         // Nothing answers the connection parameters twice: whether the second answer falls into the wait of
         // the next command, whose answer it is then, is a matter of time.
-        twice("AnswersTheImageInfoTwice", UpdateStep::GetImageInfo),
-        twice("AnswersTheStartTwice", UpdateStep::StartUpdate),
-        twice("AnswersTheVerificationTwice", UpdateStep::Verify),
-        Tolerated{"SpellsItsAnswersOtherwise", UpdateStep::GetImageInfo,
-                  answering({{0xff, 0xee, 1, 0, 0, 0, 0, 0, 0}})},
-        Tolerated{"SaysMoreThanItIsAsked", UpdateStep::StartUpdate, answering({{1, 0, 1, 9, 9, 9, 9}})},
-        Tolerated{"AnswersTheUnansweredCommand", UpdateStep::ImageInfo, answering({{2, 0, 0}})},
-        refusing("RefusesTheEndOfNotifications", UpdateStep::StopNotify),
-        refusing("RefusesTheReset", UpdateStep::Reset)),
-    [](const auto& test) { return test.param.name; });
+        Tolerated{{"AnswersTheImageInfoTwice"}, twice(UpdateStep::GetImageInfo)},
+        Tolerated{{"AnswersTheStartTwice"}, twice(UpdateStep::StartUpdate)},
+        Tolerated{{"AnswersTheVerificationTwice"}, twice(UpdateStep::Verify)},
+        // Both answers are there before the daemon takes one.
+        Tolerated{{"AnswersWellBehindABadAnswer"},
+                  both(slowWrites(1s),
+                       answering(UpdateStep::GetImageInfo, {{6, 0, 0}, {6, 0, 1, 2, 0, 3, 0, 0, 0}}))},
+        Tolerated{{"SpellsItsAnswersOtherwise"},
+                  answering(UpdateStep::GetImageInfo, {{0xff, 0xee, 1, 0, 0, 0, 0, 0, 0}})},
+        Tolerated{{"SpellsTheStartOtherwise"}, answering(UpdateStep::StartUpdate, {{0xaa, 0xbb, 1}})},
+        Tolerated{{"SaysMoreThanItIsAsked"}, answering(UpdateStep::StartUpdate, {{1, 0, 1, 9, 9, 9, 9}})},
+        Tolerated{{"AnswersTheUnansweredCommand"}, answering(UpdateStep::ImageInfo, {{2, 0, 0}})},
+        Tolerated{{"RefusesTheEndOfNotifications"}, refused(UpdateStep::StopNotify)},
+        Tolerated{{"RefusesTheReset"}, refused(UpdateStep::Reset)}),
+    named);
 
 TEST_F(AnUpdate, LogsTheImageThatTheRemoteHolds)
 {
-    fault(UpdateStep::GetImageInfo,
-          answering({{0xff, 0xee, 1, 0x34, 0x12, 0x78, 0x56, 0x34, 0x12, 0xaa, 0xbb}}));
+    answering(UpdateStep::GetImageInfo,
+              {{0xff, 0xee, 1, 0x34, 0x12, 0x78, 0x56, 0x34, 0x12, 0xaa, 0xbb}})(box);
     offer(newerImage(1));
     ASSERT_TRUE(ends("succeed"));
     EXPECT_LOG(box, DEBUG, "RcuOtaUpdater", "image version: 1234 image offset: 12345678");
@@ -375,47 +313,15 @@ TEST_F(AnUpdate, LogsTheImageThatTheRemoteHolds)
 // Each answer comes so late that it falls into the wait of the command behind its own.
 TEST_F(AnUpdate, TakesALateAnswerForThatOfTheNextCommand)
 {
-    UpdateFault parameters = answering({{7, 0, 1, 0x22, 0x11, 0, 0, 0, 0}});
-    parameters.late = 1500ms; // half a second into the next wait
-    fault(UpdateStep::ConnectionParameters, parameters);
-    UpdateFault silence;
-    silence.silent = true;
-    fault(UpdateStep::GetImageInfo, silence);
+    with(UpdateStep::ConnectionParameters, [](UpdateFault& fault) {
+        fault.answers = {{7, 0, 1, 0x22, 0x11, 0, 0, 0, 0}};
+        fault.late = 1500ms; // half a second into the next wait
+    })(box);
+    silent(UpdateStep::GetImageInfo)(box);
     offer(newerImage(1));
 
     ASSERT_TRUE(ends("succeed"));
     EXPECT_LOG(box, DEBUG, "RcuOtaUpdater", "image version: 1122 image offset: 0");
-}
-
-// ---- the name on the air
-
-class AnUpdateNameWithTheWordInside : public AnUpdate
-{
-protected:
-    AnUpdateNameWithTheWordInside() : AnUpdate(options()) {}
-    static BoxOptions options()
-    {
-        BoxOptions options = pairedRemote();
-        options.simulator.remote.updateName = "My BeeTgt 7";
-        return options;
-    }
-};
-
-TEST_F(AnUpdateNameWithTheWordInside, IsEnough)
-{
-    expectGood(newerImage(1), 4, {100});
-}
-
-class ARemoteThatAppearsBeforeTheScan : public AnUpdate
-{
-};
-
-TEST_F(ARemoteThatAppearsBeforeTheScan, IsUpdated)
-{
-    vexasim::UpdateAppearance appearance;
-    appearance.beforeScan = true;
-    box.remote().setUpdateAppearance(appearance);
-    expectGood(newerImage(1), 4, {100});
 }
 
 // ---- an interrupt

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <string>
 
-using namespace vexabox;
+using namespace kit;
 using namespace std::chrono_literals;
 using ::testing::ElementsAreArray;
 

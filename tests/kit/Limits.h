@@ -37,4 +37,3 @@ bool eventually(Condition condition, std::chrono::milliseconds limit = kPatience
 
 } // namespace kit
 
-namespace vexabox = kit; // until the rooms name it

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "Firmware.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <ostream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,6 +14,7 @@
 
 #include "tests/kit/FirmwareImage.h"
 #include "tests/kit/LogRecorder.h"
+#include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
 
 namespace
@@ -38,6 +39,19 @@ protected:
         const int result = firmware.fillBuffer(buffer);
         EXPECT_EQ(static_cast<int>(buffer.size()), result);
         return buffer;
+    }
+
+    /// All that is left, and the sizes of its blocks.
+    static Bytes rest(Firmware& firmware, std::vector<std::size_t>* sizes = nullptr)
+    {
+        Bytes all;
+        for (Bytes block = nextBlock(firmware); !block.empty(); block = nextBlock(firmware)) {
+            all.insert(all.end(), block.begin(), block.end());
+            if (sizes != nullptr) {
+                sizes->push_back(block.size());
+            }
+        }
+        return all;
     }
 
     static std::vector<std::size_t> blockSizes(Firmware& firmware, std::size_t calls)
@@ -84,40 +98,16 @@ TEST_F(AFirmware, WithAnEmptyPathIsRefusedAloud)
     EXPECT_THAT(mLog.linesOf("Firmware"), ElementsAre("E Empty path"));
 }
 
-TEST_F(AFirmware, OfAMissingFileIsRefusedInSilence)
+TEST_F(AFirmware, ThatIsNoImageIsRefusedInSilence)
 {
     EXPECT_EQ(nullptr, Firmware::createWithLocation(mFolder.path("missing.bin")));
-    EXPECT_EQ("", mLog.text());
-}
-
-TEST_F(AFirmware, OfAnEmptyFileIsRefusedInSilence)
-{
-    EXPECT_EQ(nullptr, open({}));
-    EXPECT_EQ("", mLog.text());
-}
-
-TEST_F(AFirmware, OfElevenBytesIsRefusedInSilence)
-{
-    EXPECT_EQ(nullptr, open(Bytes(11, 0xff)));
-    EXPECT_EQ("", mLog.text());
-}
-
-TEST_F(AFirmware, OfAFolderIsRefusedInSilence)
-{
-    EXPECT_EQ(nullptr, Firmware::createWithLocation(mFolder.path()));
-    EXPECT_EQ("", mLog.text());
-}
-
-TEST_F(AFirmware, OfAFileThatFailsToReadIsRefusedInSilence)
-{
+    EXPECT_EQ(nullptr, Firmware::createWithLocation(mFolder.path())) << "a folder";
+    EXPECT_EQ(nullptr, open({})) << "an empty file";
+    EXPECT_EQ(nullptr, open(Bytes(11, 0xff))) << "a header that is cut off";
     // Opens, but nothing is mapped at address 0: the read gives an I/O error.
     EXPECT_EQ(nullptr, Firmware::createWithLocation("/proc/self/mem"));
-    EXPECT_EQ("", mLog.text());
-}
-
-TEST_F(AFirmware, OfADeviceIsRefusedInSilence)
-{
     EXPECT_EQ(nullptr, Firmware::createWithLocation("/dev/zero")) << "although it has 12 bytes to read";
+
     EXPECT_EQ("", mLog.text());
 }
 
@@ -152,16 +142,6 @@ TEST_F(AFirmware, ClosesItsFile)
 
 // ------------------------------------------------------------------------ The header
 
-TEST_F(AFirmware, OfTwelveBytesIsAnImageWithoutPayload)
-{
-    const auto firmware = open(Bytes(12, 0xff));
-
-    ASSERT_NE(nullptr, firmware);
-    Bytes buffer;
-    EXPECT_EQ(0, firmware->fillBuffer(buffer));
-    EXPECT_THAT(buffer, IsEmpty());
-}
-
 TEST_F(AFirmware, DecodesItsHeaderLowByteFirst)
 {
     const auto firmware =
@@ -190,73 +170,43 @@ TEST_F(AFirmware, PrintsItsHeaderWithLeadingZeros)
                             "length: 0x0005 ota_flag: 0x06 reserved: 0x07"));
 }
 
-TEST_F(AFirmware, AcceptsALengthOfZero)
-{
-    const auto firmware = open(FirmwareImage::ofWords(0).file());
-
-    ASSERT_NE(nullptr, firmware);
-    EXPECT_EQ(0, firmware->header().length);
-}
-
-TEST_F(AFirmware, AcceptsALengthThatTheFileDoesNotHold)
-{
-    const auto firmware = open(FirmwareImage::ofBytes(65535, 21).file());
-
-    ASSERT_NE(nullptr, firmware);
-    EXPECT_EQ(65535, firmware->header().length);
-    EXPECT_THAT(blockSizes(*firmware, 3), ElementsAre(20, 1, 0));
-}
-
 // ------------------------------------------------------------------------ The blocks
 
-TEST_F(AFirmware, HandsOutItsPayloadAsItLiesInTheFile)
+struct Payload : NamedCase {
+    std::uint16_t words; ///< as the header announces
+    std::size_t bytes;   ///< as the file holds
+    std::vector<std::size_t> blocks;
+};
+
+class APayload : public AFirmware, public testing::WithParamInterface<Payload>
 {
-    const FirmwareImage image = FirmwareImage::ofWords(250);
+};
+
+TEST_P(APayload, IsHandedOutToItsEndWhateverTheHeaderSays)
+{
+    const FirmwareImage image = FirmwareImage::ofBytes(GetParam().words, GetParam().bytes);
     const auto firmware = open(image.file());
-
     ASSERT_NE(nullptr, firmware);
-    Bytes all;
-    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
-        all.insert(all.end(), block.begin(), block.end());
-    }
-    EXPECT_EQ(image.payload, all);
-}
+    EXPECT_EQ(GetParam().words, firmware->header().length);
 
-TEST_F(AFirmware, OfThirtyThreeBytesGivesTwentyThenThirteenThenNone)
-{
-    const auto firmware = open(FirmwareImage::ofBytes(8, 33).file());
+    std::vector<std::size_t> blocks;
+    EXPECT_EQ(image.payload, rest(*firmware, &blocks));
 
-    ASSERT_NE(nullptr, firmware);
-    EXPECT_THAT(blockSizes(*firmware, 4), ElementsAre(20, 13, 0, 0));
-}
-
-TEST_F(AFirmware, OfFullBlocksEndsWithAnEmptyOneAndStaysThere)
-{
-    const auto firmware = open(FirmwareImage::ofBytes(10, 40).file());
-
-    ASSERT_NE(nullptr, firmware);
-    EXPECT_THAT(blockSizes(*firmware, 3), ElementsAre(20, 20, 0));
+    EXPECT_EQ(GetParam().blocks, blocks);
     Bytes buffer(7, 0x11);
-    EXPECT_EQ(0, firmware->fillBuffer(buffer));
+    EXPECT_EQ(0, firmware->fillBuffer(buffer)) << "it stays at its end";
     EXPECT_THAT(buffer, IsEmpty());
 }
 
-TEST_F(AFirmware, GoesOnBehindTheLengthOfItsHeader)
-{
-    const auto firmware = open(FirmwareImage::ofBytes(1, 45).file());
+INSTANTIATE_TEST_SUITE_P(Of, APayload,
+                         testing::Values(Payload{{"Nothing"}, 0, 0, {}},
+                                         Payload{{"LessThanAnnounced"}, 65535, 21, {20, 1}},
+                                         Payload{{"APartOfABlock"}, 8, 33, {20, 13}},
+                                         Payload{{"WholeBlocks"}, 10, 40, {20, 20}},
+                                         Payload{{"MoreThanAnnounced"}, 1, 45, {20, 20, 5}}),
+                         named);
 
-    ASSERT_NE(nullptr, firmware);
-    EXPECT_THAT(blockSizes(*firmware, 4), ElementsAre(20, 20, 5, 0));
-}
-
-struct Asked {
-    std::size_t size;
-    std::size_t given;
-
-    friend std::ostream& operator<<(std::ostream& out, const Asked& asked) { return out << asked.size; }
-};
-
-class ABufferOfSomeSize : public AFirmware, public testing::WithParamInterface<Asked>
+class ABufferOfSomeSize : public AFirmware, public testing::WithParamInterface<std::size_t>
 {
 };
 
@@ -265,20 +215,18 @@ TEST_P(ABufferOfSomeSize, IsFilledUpToTwentyBytes)
     const FirmwareImage image = FirmwareImage::ofWords(25);
     const auto firmware = open(image.file());
     ASSERT_NE(nullptr, firmware);
-    Bytes buffer(GetParam().size, 0xee);
+    const std::size_t given = GetParam() == 0 ? 20 : std::min<std::size_t>(GetParam(), 20);
+    Bytes buffer(GetParam(), 0xee);
 
-    EXPECT_EQ(static_cast<int>(GetParam().given), firmware->fillBuffer(buffer));
+    EXPECT_EQ(static_cast<int>(given), firmware->fillBuffer(buffer));
 
     const auto begin = image.payload.begin();
-    EXPECT_EQ(Bytes(begin, begin + static_cast<std::ptrdiff_t>(GetParam().given)), buffer);
+    EXPECT_EQ(Bytes(begin, begin + static_cast<std::ptrdiff_t>(given)), buffer);
     // The file stands right behind what was given.
-    EXPECT_EQ(image.payload.at(GetParam().given), nextBlock(*firmware).at(0));
+    EXPECT_EQ(image.payload.at(given), nextBlock(*firmware).at(0));
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, ABufferOfSomeSize,
-                         testing::Values(Asked{0, 20}, Asked{1, 1}, Asked{5, 5}, Asked{19, 19}, Asked{20, 20},
-                                         Asked{21, 20}, Asked{40, 20}),
-                         [](const auto& given) { return "Of" + std::to_string(given.param.size); });
+INSTANTIATE_TEST_SUITE_P(OfBytes, ABufferOfSomeSize, testing::Values(0, 1, 5, 19, 20, 21, 40));
 
 TEST_F(AFirmware, TakesAnErrorOfTheDiskForTheEndOfTheFile)
 {
@@ -287,10 +235,7 @@ TEST_F(AFirmware, TakesAnErrorOfTheDiskForTheEndOfTheFile)
     ASSERT_NE(nullptr, firmware);
     breakDisk();
 
-    std::size_t bytes = 0;
-    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
-        bytes += block.size();
-    }
+    const std::size_t bytes = rest(*firmware).size();
     EXPECT_GT(bytes, 0U);
     EXPECT_LT(bytes, 40000U);
     EXPECT_THAT(nextBlock(*firmware), IsEmpty());
@@ -319,32 +264,6 @@ TEST_F(AFirmware, StaysAtItsEndThoughTheFileGrows)
     EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(0, 0));
 }
 
-// A file of another image takes the name, or nothing does: the open file stays.
-class AnImageThatIs : public AFirmware, public testing::WithParamInterface<bool>
-{
-};
-
-TEST_P(AnImageThatIs, IsReadOnAsItWas)
-{
-    const FirmwareImage image = FirmwareImage::ofWords(10000); // longer than the stream reads ahead
-    const auto firmware = open(image.file());
-    ASSERT_NE(nullptr, firmware);
-    Bytes all = nextBlock(*firmware);
-    if (GetParam()) {
-        std::filesystem::rename(mFolder.write("other.bin", Bytes(50000, 0xee)), mFolder.path("image.bin"));
-    } else {
-        std::filesystem::remove(mFolder.path("image.bin"));
-    }
-
-    for (Bytes block = nextBlock(*firmware); !block.empty(); block = nextBlock(*firmware)) {
-        all.insert(all.end(), block.begin(), block.end());
-    }
-    EXPECT_EQ(image.payload, all);
-}
-
-INSTANTIATE_TEST_SUITE_P(WhileItIsRead, AnImageThatIs, testing::Bool(),
-                         [](const auto& given) { return given.param ? "Replaced" : "Removed"; });
-
 // -------------------------------------------------------------------- Starting again
 
 TEST_F(AFirmware, BeginsWithItsHeaderOnceReset)
@@ -358,17 +277,6 @@ TEST_F(AFirmware, BeginsWithItsHeaderOnceReset)
 
     const Bytes file = image.file();
     EXPECT_EQ(Bytes(file.begin(), file.begin() + 20), nextBlock(*firmware));
-}
-
-TEST_F(AFirmware, CanBeReadAgainFromItsEndOnceReset)
-{
-    const auto firmware = open(FirmwareImage::ofBytes(2, 8).file());
-    ASSERT_NE(nullptr, firmware);
-    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(8, 0));
-
-    firmware->resetStream();
-
-    EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(20, 0));
 }
 
 TEST_F(AFirmware, CanParseItsHeaderAgainOnceReset)

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "tests/kit/Box.h"
+#include "tests/kit/Objects.h"
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace kit
+{
+
+// The simulated remote, and a device beside it.
+inline const std::string kRemoteAddress = "C0:FF:EE:00:00:01";
+inline const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
+inline const std::string kOtherAddress = "C0:FF:EE:00:00:0A";
+inline const std::string kOther = "/org/bluez/hci0/dev_C0_FF_EE_00_00_0A";
+inline const std::string kDeviceInterface = "org.bluez.Device1";
+// Their calls, as Box::busCalls() shows them.
+inline const std::string kConnect = "hci0/dev_C0_FF_EE_00_00_01 Device1.Connect ()";
+
+/// BlueZ says that the remote is paired but never tells of the change, so that the daemon waits for that.
+inline void claimPaired(Box& box)
+{
+    using vexasim::Bend;
+    box.sim().bend(Bend::answer("Get", g_variant_new("(v)", g_variant_new_boolean(TRUE))).property("Paired"));
+    box.sim().bend(Bend::silence("Pair"));
+}
+
+/// A box whose daemon makes a pass when the case asks for it; the case starts it by one of InABox's ways.
+class AtRest : public InABox
+{
+protected:
+    using InABox::InABox;
+
+    /// Lets the daemon deal with all that BlueZ has reported, and then make a pass.
+    void settle(std::chrono::microseconds step = std::chrono::milliseconds{500})
+    {
+        ASSERT_TRUE(box.awaitEvents());
+        ASSERT_TRUE(box.pass(step));
+    }
+
+    /// A characteristic behind which nothing stands answers so.
+    void answerReads(const std::string& path, std::uint8_t value)
+    {
+        const vexasim::Variant bytes = vexasim::Variant::bytes({value});
+        box.sim().bend(vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", bytes.get())).on(path));
+    }
+
+    /// Another device than the remote, known to BlueZ and to the daemon on return.
+    void announceOther(const std::string& name, bool paired = false, bool connected = false)
+    {
+        box.sim().addObject(kOther, deviceObject(name, kOtherAddress, paired, connected));
+        ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
+        ASSERT_TRUE(box.awaitEvents());
+    }
+
+    /// The remote's link ends, and the daemon has heard of it on return.
+    void loseLink()
+    {
+        box.remote().loseLink();
+        ASSERT_LOG(box, DEBUG, "main", "VEXA RC connection status changed: disconnected");
+        ASSERT_TRUE(box.awaitEvents());
+    }
+};
+
+} // namespace kit
