@@ -14,10 +14,16 @@ namespace kit
 namespace
 {
 
+// The logger's greeting isn't.
+bool isTagged(const LogRecord& record)
+{
+    return !record.foreign && (!record.module.empty() || record.line > 0);
+}
+
 std::string lineOf(const LogRecord& record)
 {
-    if (record.foreign) {
-        return record.text;
+    if (!isTagged(record)) {
+        return record.raw;
     }
     const std::string level(1, record.level);
     return record.module == "Bluez" ? level + " " + record.text
@@ -63,7 +69,7 @@ Lines LogRecorder::lines(const std::string& levels) const
 {
     Lines wanted;
     for (const LogRecord& record : mLog.records()) {
-        if (!record.foreign && levels.find(record.level) != std::string::npos) {
+        if (isTagged(record) && levels.find(record.level) != std::string::npos) {
             wanted.push_back(lineOf(record));
         }
     }
@@ -74,7 +80,7 @@ Lines LogRecorder::linesOf(const std::string& module, const std::string& levels)
 {
     Lines wanted;
     for (const LogRecord& record : mLog.records()) {
-        if (!record.foreign && record.module == module && levels.find(record.level) != std::string::npos) {
+        if (record.module == module && levels.find(record.level) != std::string::npos) {
             wanted.push_back(std::string(1, record.level) + " " + record.text);
         }
     }
