@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/BusLink.h"
-#include "sim/bluez/Loop.h"
+#include "sim/bluez/BusConnection.h"
 #include "sim/model/Peripheral.h"
+#include "sim/model/Scheduler.h"
 
 #include <functional>
 #include <map>
@@ -30,8 +30,8 @@ struct Device {
     /// The link that is being made: who waits for it, and until when.
     std::function<void(bool)> onLinked;
     bool linkUnderway = false; ///< the peripheral was heard, the link comes
-    Loop::TimerId linkTimer = 0;
-    Loop::TimerId temporaryTimer = 0; ///< 0 while the device is to stay
+    Scheduler::TaskId linkTimer = 0;
+    Scheduler::TaskId temporaryTimer = 0; ///< 0 while the device is to stay
 
     RequestPtr pairing;
     RequestPtr connecting;

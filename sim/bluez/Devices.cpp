@@ -143,7 +143,7 @@ void Devices::learnName(const DevicePtr& device, const std::optional<std::string
 
 void Devices::keep(const DevicePtr& device)
 {
-    mCore.loop->cancel(std::exchange(device->temporaryTimer, 0));
+    mCore.scheduler->cancel(std::exchange(device->temporaryTimer, 0));
 }
 
 void Devices::keepForAWhile(const DevicePtr& device)
@@ -152,7 +152,7 @@ void Devices::keepForAWhile(const DevicePtr& device)
     if (device->paired)
         return;
     device->temporaryTimer =
-        mCore.loop->after(mCore.timings.temporary, [this, weak = std::weak_ptr<Device>(device)] {
+        mCore.scheduler->after(mCore.timings.temporary, [this, weak = std::weak_ptr<Device>(device)] {
             const DevicePtr same = weak.lock();
             if (same != nullptr && find(same->path) == same && !same->connected)
                 remove(same);

@@ -19,7 +19,7 @@ class GattObjects;
 class Links;
 
 /// The Device1 objects: how they come, change with what is heard on the air,
-/// and go. Used on the loop's thread.
+/// and go. Used on the scheduler's thread.
 class Devices
 {
 public:
