@@ -272,9 +272,9 @@ void Adapters::removePeripheral(const std::shared_ptr<Peripheral>& peripheral)
 {
     mAir.erase(std::remove(mAir.begin(), mAir.end(), peripheral), mAir.end());
     peripheral->setPresent(false);
-    for (const DevicePtr& device : mDevices.all())
-        if (device->peripheral == peripheral)
-            mDevices.remove(device);
+    for (const DevicePtr& device : mDevices.of(*peripheral)) {
+        mDevices.remove(device);
+    }
 }
 
 std::shared_ptr<Peripheral> Adapters::share(const Peripheral& peripheral) const

@@ -88,6 +88,18 @@ void Core::say(const std::string& text) const
     }
 }
 
+Scheduler::TaskId Core::later(const DevicePtr& device, std::chrono::milliseconds delay,
+                              std::function<void(const DevicePtr&)> step) const
+{
+    return scheduler->after(
+        delay, [weak = std::weak_ptr<Device>(device), link = device->link, step = std::move(step)] {
+            const DevicePtr same = weak.lock();
+            if (same != nullptr && same->link == link) {
+                step(same);
+            }
+        });
+}
+
 void Core::addRemote(const std::shared_ptr<Remote>& remote)
 {
     remote->setSchedule([weak = std::weak_ptr<SchedulerThread>(scheduler)](std::chrono::milliseconds delay,

@@ -3,6 +3,7 @@
 
 #include "sim/bluez/BusConnection.h"
 #include "sim/bluez/CallLog.h"
+#include "sim/bluez/Device.h"
 #include "sim/bluez/Dispatcher.h"
 #include "sim/bluez/ObjectTree.h"
 #include "sim/bluez/SchedulerThread.h"
@@ -37,6 +38,9 @@ public:
     void startService();
     void stopService(ServiceStop how);
     void say(const std::string& text) const;
+    /// Goes on with a step after the delay, if the device and its link are still the same then.
+    Scheduler::TaskId later(const DevicePtr& device, std::chrono::milliseconds delay,
+                            std::function<void(const DevicePtr&)> step) const;
 
     Adapters& adapters() { return *mAdapters; }
     Devices& devices() { return *mDevices; }

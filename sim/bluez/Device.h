@@ -25,7 +25,7 @@ struct Device {
     bool connected = false;
     bool resolved = false; ///< the attribute client is ready
     bool exported = false; ///< GATT objects are on the bus
-    unsigned link = 0;     ///< counts the ends of links: a step of an older link is void
+    unsigned link = 0;     ///< counts the ends of links, and of the device: a step of an older link is void
 
     /// The link that is being made: who waits for it, and until when.
     std::function<void(bool)> onLinked;

@@ -47,11 +47,7 @@ bool Links::powered(const DevicePtr& device) const
 
 void Links::later(const DevicePtr& device, std::chrono::milliseconds delay, Step step)
 {
-    mCore.scheduler->after(delay, [this, weak = std::weak_ptr<Device>(device), link = device->link, step] {
-        const DevicePtr same = weak.lock();
-        if (same != nullptr && same->link == link && mDevices.find(same->path) == same)
-            (this->*step)(same);
-    });
+    mCore.later(device, delay, [this, step](const DevicePtr& same) { (this->*step)(same); });
 }
 
 // ---- making a link
@@ -82,11 +78,8 @@ void Links::establish(const DevicePtr& device, std::function<void(bool)> done)
     mDevices.keep(device);
     device->onLinked = std::move(done);
     device->linkUnderway = false;
-    device->linkTimer =
-        mCore.scheduler->after(mCore.timings.connectTimeout, [this, weak = std::weak_ptr<Device>(device)] {
-            if (const DevicePtr same = weak.lock())
-                linked(same, false);
-        });
+    device->linkTimer = mCore.later(device, mCore.timings.connectTimeout,
+                                    [this](const DevicePtr& same) { linked(same, false); });
     heard(device);
 }
 
@@ -96,13 +89,14 @@ void Links::heard(const DevicePtr& device)
         return;
     device->linkUnderway = true;
     const auto delay = mCore.timings.connect + device->peripheral->answerDelay();
-    mCore.scheduler->after(delay, [this, weak = std::weak_ptr<Device>(device), link = device->link] {
-        const DevicePtr same = weak.lock();
-        if (same == nullptr || !same->onLinked || same->link != link)
+    mCore.later(device, delay, [this](const DevicePtr& same) {
+        if (!same->onLinked) {
             return;
+        }
         same->linkUnderway = false;
-        if (same->peripheral->connect())
+        if (same->peripheral->connect()) {
             linked(same, true);
+        }
     });
 }
 

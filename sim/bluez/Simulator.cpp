@@ -18,11 +18,6 @@ namespace vexasim
 namespace
 {
 constexpr std::chrono::milliseconds kPollInterval{2};
-
-std::string addressOf(const std::string& given, const PrivateBus* bus)
-{
-    return bus != nullptr ? bus->address() : given;
-}
 } // namespace
 
 /// Runs on the simulator's thread and returns what came of it.
@@ -49,14 +44,17 @@ void Simulator::change(Function function)
 
 Simulator::Simulator(const SimulatorOptions& options)
 {
-    if (options.busAddress.empty())
+    if (options.busAddress.empty()) {
         mBus = std::make_unique<PrivateBus>(options.busDirectory);
-    mCore = std::make_unique<Core>(options, addressOf(options.busAddress, mBus.get()));
-    mAddress = addressOf(options.busAddress, mBus.get());
-    if (options.withRemote)
+    }
+    mAddress = mBus ? mBus->address() : options.busAddress;
+    mCore = std::make_unique<Core>(options, mAddress);
+    if (options.withRemote) {
         addRemote(Remote::create(options.remote));
-    if (options.startService)
+    }
+    if (options.startService) {
         startService();
+    }
 }
 
 Simulator::~Simulator() = default;
@@ -94,8 +92,7 @@ void Simulator::addPeripheral(const std::shared_ptr<Peripheral>& peripheral)
 
 void Simulator::removePeripheral(const std::shared_ptr<Peripheral>& peripheral)
 {
-    run([&] { mCore->adapters().removePeripheral(peripheral); });
-    sync();
+    change([&] { mCore->adapters().removePeripheral(peripheral); });
 }
 
 std::string Simulator::announce(const std::shared_ptr<Peripheral>& peripheral, const std::string& adapter)
@@ -135,21 +132,18 @@ std::string Simulator::updateDevicePath() const
 
 std::string Simulator::addAdapter(const AdapterOptions& adapter)
 {
-    const std::string path = run([&] { return mCore->adapters().add(adapter); });
-    sync();
-    return path;
+    change([&] { mCore->adapters().add(adapter); });
+    return adapterPath(adapter.name);
 }
 
 void Simulator::removeAdapter(const std::string& adapter)
 {
-    run([&] { mCore->adapters().remove(adapterPath(adapter)); });
-    sync();
+    change([&] { mCore->adapters().remove(adapterPath(adapter)); });
 }
 
 void Simulator::setPowered(bool powered, const std::string& adapter)
 {
-    run([&] { mCore->adapters().setPowered(adapterPath(adapter), powered); });
-    sync();
+    change([&] { mCore->adapters().setPowered(adapterPath(adapter), powered); });
 }
 
 bool Simulator::discovering(const std::string& adapter) const
@@ -181,11 +175,6 @@ void Simulator::takeName()
 
 // ---- objects
 
-void Simulator::addObject(const std::string& path, const InterfaceMap& interfaces)
-{
-    addObjects({{path, interfaces}});
-}
-
 void Simulator::addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects)
 {
     change([&] {
@@ -194,22 +183,14 @@ void Simulator::addObjects(const std::vector<std::pair<std::string, InterfaceMap
     });
 }
 
-void Simulator::addInterface(const std::string& path, const std::string& interface,
-                             const PropertyMap& properties)
-{
-    addObjects({{path, {{interface, properties}}}});
-}
-
 void Simulator::removeObject(const std::string& path, bool announce)
 {
-    run([&] { mCore->tree.remove(path, announce); });
-    sync();
+    change([&] { mCore->tree.remove(path, announce); });
 }
 
 void Simulator::removeInterface(const std::string& path, const std::string& interface, bool announce)
 {
-    run([&] { mCore->tree.removeInterface(path, interface, announce); });
-    sync();
+    change([&] { mCore->tree.removeInterface(path, interface, announce); });
 }
 
 void Simulator::setProperty(const std::string& path, const std::string& interface,
@@ -252,15 +233,13 @@ std::vector<std::string> Simulator::objects() const
 void Simulator::emitPropertiesChanged(const std::string& path, const std::string& interface,
                                       const PropertyMap& changed, const std::vector<std::string>& invalidated)
 {
-    run([&] { mCore->tree.emitChanged(path, interface, changed, invalidated); });
-    sync();
+    change([&] { mCore->tree.emitChanged(path, interface, changed, invalidated); });
 }
 
 void Simulator::emitSignal(const std::string& path, const std::string& interface, const std::string& member,
                            const Variant& parameters)
 {
-    run([&] { mCore->bus.emit(path, interface, member, parameters); });
-    sync();
+    change([&] { mCore->bus.emit(path, interface, member, parameters); });
 }
 
 void Simulator::setChildrenFirst(bool childrenFirst)

@@ -79,10 +79,12 @@ public:
     void takeName();
 
     // ---- bending objects
-    void addObject(const std::string& path, const InterfaceMap& interfaces);
+    void addObject(const std::string& path, const InterfaceMap& interfaces)
+    {
+        addObjects({{path, interfaces}});
+    }
     /// Several objects in one go, in this order: for arrivals of a child before its parent.
     void addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects);
-    void addInterface(const std::string& path, const std::string& interface, const PropertyMap& properties);
     /// With everything below it, children first. `announce` false: no InterfacesRemoved.
     void removeObject(const std::string& path, bool announce = true);
     /// This object or interface alone; children stay.
