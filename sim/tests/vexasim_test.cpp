@@ -3,19 +3,17 @@
 // of output, the control interface, the ends.
 #include "sim/bluez/PrivateBus.h"
 #include "tests/kit/BusClient.h"
+#include "tests/kit/ScratchFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
+#include <memory>
+#include <optional>
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -33,93 +31,68 @@ public:
     explicit Program(std::vector<std::string> arguments)
     {
         arguments.insert(arguments.begin(), VEXASIM_PROGRAM);
-        std::vector<char*> argv;
-        for (std::string& argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        std::array<int, 2> pipes{};
-        EXPECT_EQ(pipe(pipes.data()), 0);
-        mPid = fork();
-        if (mPid == 0) {
-            dup2(pipes[1], STDOUT_FILENO);
-            dup2(pipes[1], STDERR_FILENO);
-            close(pipes[0]);
-            close(pipes[1]);
-            execv(argv[0], argv.data());
-            _exit(127);
+        std::vector<const char*> argv;
+        for (const std::string& argument : arguments) {
+            argv.push_back(argument.c_str());
         }
-        close(pipes[1]);
-        mOutput = fdopen(pipes[0], "r");
+        argv.push_back(nullptr);
+        constexpr auto kOnePipe =
+            static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_MERGE);
+        mProcess.reset(g_subprocess_newv(argv.data(), kOnePipe, nullptr), g_object_unref);
+        mOutput.reset(g_data_input_stream_new(g_subprocess_get_stdout_pipe(mProcess.get())), g_object_unref);
     }
 
     ~Program()
     {
-        if (mPid > 0) {
-            kill(mPid, SIGKILL);
-            waitpid(mPid, nullptr, 0);
-        }
+        g_subprocess_force_exit(mProcess.get());
         std::cerr << rest(); // a sanitizer's report among it fails the case
-        fclose(mOutput);
     }
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    std::string line()
-    {
-        std::array<char, 1024> text{};
-        return fgets(text.data(), text.size(), mOutput) != nullptr ? text.data() : "";
-    }
+    /// Without its end; "" at the end of the output.
+    std::string line() { return next().value_or(""); }
 
     std::string rest()
     {
         std::string text;
-        for (std::string next = line(); !next.empty(); next = line())
-            text += next;
+        while (const auto line = next()) {
+            text += *line + "\n";
+        }
         return text;
     }
 
-    void signal(int number) const { kill(mPid, number); }
+    void signal(int number) const { g_subprocess_send_signal(mProcess.get(), number); }
 
     int exitStatus()
     {
-        int status = 0;
-        waitpid(mPid, &status, 0);
-        mPid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        g_subprocess_wait(mProcess.get(), nullptr, nullptr);
+        return g_subprocess_get_if_exited(mProcess.get()) != FALSE
+                   ? g_subprocess_get_exit_status(mProcess.get())
+                   : -1;
     }
 
 private:
-    pid_t mPid = -1;
-    FILE* mOutput = nullptr;
-};
+    std::optional<std::string> next()
+    {
+        const std::unique_ptr<char, decltype(&g_free)> text(
+            g_data_input_stream_read_line(mOutput.get(), nullptr, nullptr, nullptr), &g_free);
+        return text != nullptr ? std::optional<std::string>{text.get()} : std::nullopt;
+    }
 
-std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+    std::shared_ptr<GSubprocess> mProcess;
+    std::shared_ptr<GDataInputStream> mOutput;
+};
 } // namespace
 
 class TheProgram : public testing::Test
 {
 protected:
-    TheProgram()
-    {
-        std::string pattern = testing::TempDir() + "sim_program_XXXXXX";
-        folder = mkdtemp(pattern.data());
-    }
-    ~TheProgram() override
-    {
-        program.reset();
-        std::filesystem::remove_all(folder);
-    }
-
     void start(std::vector<std::string> arguments = {})
     {
         program = std::make_unique<Program>(std::move(arguments));
-        std::string first = program->line();
+        const std::string first = program->line();
         ASSERT_THAT(first, StartsWith(kAddressLine));
-        first.pop_back();
         client = std::make_unique<SimClient>(first.substr(std::string(kAddressLine).size()));
     }
 
@@ -129,7 +102,7 @@ protected:
                               arguments);
     }
 
-    std::string folder;
+    ScratchFolder folder;
     std::unique_ptr<Program> program;
     std::unique_ptr<SimClient> client;
 };
@@ -207,27 +180,26 @@ TEST_F(TheProgram, StopsAndStartsTheService)
 
 TEST_F(TheProgram, PressesTheButton)
 {
-    const std::string adc = folder + "/adc";
+    const std::string adc = folder.path("adc");
     start({"--adc-file", adc});
-    EXPECT_EQ(contentOf(adc), "1023\n");
+    EXPECT_EQ(folder.read("adc"), "1023\n");
     EXPECT_EQ(play("PressButton").error, "");
-    EXPECT_EQ(contentOf(adc), "10\n");
+    EXPECT_EQ(folder.read("adc"), "10\n");
     EXPECT_EQ(play("ReleaseButton").error, "");
-    EXPECT_EQ(contentOf(adc), "1023\n");
+    EXPECT_EQ(folder.read("adc"), "1023\n");
     EXPECT_EQ(play("HoldButton", g_variant_new("(u)", 1U)).error, "");
-    while (contentOf(adc) != "1023\n")
+    while (folder.read("adc") != "1023\n")
         usleep(1000);
 }
 
 TEST_F(TheProgram, SetsFlagsAndOffersImages)
 {
-    start({"--tmp", folder});
+    start({"--tmp", folder.path()});
     EXPECT_EQ(play("SetFlag", g_variant_new("(s)", "pair")).error, "");
-    EXPECT_TRUE(std::filesystem::exists(folder + "/bluetooth_pair"));
-    const std::string image = folder + "/image";
-    std::ofstream(image) << "twelve bytes";
+    EXPECT_TRUE(std::filesystem::exists(folder.path("bluetooth_pair")));
+    const std::string image = folder.write("image", "twelve bytes");
     EXPECT_EQ(play("OfferImage", g_variant_new("(s)", image.c_str())).error, "");
-    EXPECT_EQ(std::filesystem::read_symlink(folder + "/bluetooth_rc_fw"), image);
+    EXPECT_EQ(std::filesystem::read_symlink(folder.path("bluetooth_rc_fw")), image);
     const auto refused = play("SetFlag", g_variant_new("(s)", "dance"));
     EXPECT_EQ(refused.error, "org.vexabluetoohtd.Sim.Error.Failed");
     EXPECT_THAT(refused.message, HasSubstr("flags are pair and reset"));
