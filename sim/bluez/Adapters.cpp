@@ -146,7 +146,7 @@ void Adapters::onSetPowered(const RequestPtr& request, const Variant& value)
 {
     const bool on = g_variant_get_boolean(value.get()) != FALSE;
     const std::string path = request->call().path;
-    mCore.loop->after(mCore.timings.powerChange, [this, request, path, on] {
+    mCore.scheduler->after(mCore.timings.powerChange, [this, request, path, on] {
         // Without power BlueZ forgets what isn't paired; then it answers, then tells.
         if (!on)
             mDevices.forgetUnpaired(path);
@@ -226,7 +226,7 @@ bool Adapters::discovering(const std::string& path) const
 void Adapters::reportSoon(const std::string& path, const std::shared_ptr<Peripheral>& peripheral)
 {
     const unsigned discovery = mAdapters.at(path).discovery;
-    mCore.loop->after(mCore.timings.discovery, [this, path, peripheral, discovery] {
+    mCore.scheduler->after(mCore.timings.discovery, [this, path, peripheral, discovery] {
         const Adapter* adapter = find(path);
         if (adapter != nullptr && adapter->discovering && adapter->discovery == discovery &&
             peripheral->advertising())
@@ -239,7 +239,7 @@ void Adapters::reportAgain(const std::string& path)
     if (mCore.timings.rssi.count() == 0)
         return;
     const unsigned discovery = mAdapters.at(path).discovery;
-    mCore.loop->after(mCore.timings.rssi, [this, path, discovery] {
+    mCore.scheduler->after(mCore.timings.rssi, [this, path, discovery] {
         const Adapter* adapter = find(path);
         if (adapter == nullptr || !adapter->discovering || adapter->discovery != discovery)
             return;
@@ -272,9 +272,9 @@ void Adapters::removePeripheral(const std::shared_ptr<Peripheral>& peripheral)
 {
     mAir.erase(std::remove(mAir.begin(), mAir.end(), peripheral), mAir.end());
     peripheral->setPresent(false);
-    for (const DevicePtr& device : mDevices.all())
-        if (device->peripheral == peripheral)
-            mDevices.remove(device);
+    for (const DevicePtr& device : mDevices.of(*peripheral)) {
+        mDevices.remove(device);
+    }
 }
 
 std::shared_ptr<Peripheral> Adapters::share(const Peripheral& peripheral) const

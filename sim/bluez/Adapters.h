@@ -15,7 +15,7 @@ namespace vexasim
 {
 
 /// The adapters, discovery, and what is on the air for them to hear. Used on
-/// the loop's thread.
+/// the scheduler's thread.
 class Adapters
 {
 public:

@@ -11,7 +11,7 @@ namespace vexasim
 
 /// bluetoothd's own use of the battery service: what it reads there it tells as
 /// Battery1 (org.bluez.Battery1) on the device's object, as long as the link
-/// lasts. Used on the loop's thread.
+/// lasts. Used on the scheduler's thread.
 class BatteryProfile
 {
 public:

@@ -63,30 +63,6 @@ Bend Bend::lateReply(const std::string& member, std::chrono::milliseconds delay)
     return bend;
 }
 
-Bend& Bend::on(const std::string& path)
-{
-    objectPath = path;
-    return *this;
-}
-
-Bend& Bend::of(const std::string& interface)
-{
-    interfaceName = interface;
-    return *this;
-}
-
-Bend& Bend::property(const std::string& name)
-{
-    propertyName = name;
-    return *this;
-}
-
-Bend& Bend::times(int times)
-{
-    count = times;
-    return *this;
-}
-
 bool Bend::matches(const Call& call) const
 {
     const auto fits = [](const std::string& wanted, const std::string& found) {

@@ -37,11 +37,12 @@ struct Bend {
     static Bend late(const std::string& member, std::chrono::milliseconds delay);
     static Bend lateReply(const std::string& member, std::chrono::milliseconds delay);
 
-    Bend& on(const std::string& objectPath); ///< only calls on this object
-    Bend& of(const std::string& interface);  ///< only calls of this interface
+    Bend& on(const std::string& path) { return with(&Bend::objectPath, path); } ///< only calls on this object
+    Bend& of(const std::string& name) { return with(&Bend::interfaceName, name); } ///< only of this interface
     /// Only calls of org.freedesktop.DBus.Properties about this property.
-    Bend& property(const std::string& name);
-    Bend& times(int times); ///< only so many calls, then the bend is gone
+    Bend& property(const std::string& name) { return with(&Bend::propertyName, name); }
+    /// Only so many calls, then the bend is gone.
+    Bend& times(int times) { return with(&Bend::count, times); }
     bool matches(const Call& call) const;
 
     Kind kind = Kind::Error;
@@ -54,6 +55,14 @@ struct Bend {
     Variant parameters;
     std::chrono::milliseconds delay{0};
     int count = -1; ///< -1: until cleared
+
+private:
+    template <typename Value>
+    Bend& with(Value Bend::*field, const Value& value)
+    {
+        this->*field = value;
+        return *this;
+    }
 };
 
 using BendId = uint64_t;

@@ -1,66 +1,79 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/BusLink.h"
+#include "sim/bluez/BusConnection.h"
+#include "sim/bluez/CallLog.h"
+#include "sim/bluez/Device.h"
 #include "sim/bluez/Dispatcher.h"
-#include "sim/bluez/Loop.h"
 #include "sim/bluez/ObjectTree.h"
-#include "sim/bluez/Simulator.h"
+#include "sim/bluez/SchedulerThread.h"
+#include "sim/bluez/SimulatorOptions.h"
 
 #include <functional>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace vexasim
 {
 
-/// What the parts of the simulated bluetoothd share. Used on the loop's thread,
-/// but for `loop` itself.
-struct Core {
-    Core()
-        : tree([this](const std::string& path, const std::string& interface, const std::string& member,
-                      const Variant& parameters) { bus.emit(path, interface, member, parameters); }),
-          dispatcher(tree)
-    {
-    }
+class Adapters;
+class Devices;
 
-    void say(const std::string& text) const
-    {
-        if (onEvent)
-            onEvent(text);
-    }
+/// The simulated bluetoothd: its parts, what they share, and the life of the process. Used on the scheduler's
+/// thread, but for the members that say otherwise.
+class Core
+{
+public:
+    Core(const SimulatorOptions& options, std::string busAddress);
+    /// On the thread that made it.
+    ~Core();
+    Core(const Core&) = delete;
+    Core& operator=(const Core&) = delete;
 
-    std::shared_ptr<Loop> loop = std::make_shared<Loop>();
-    BusLink bus;
+    void addRemote(const std::shared_ptr<Remote>& remote);
+    void addPeripheral(const std::shared_ptr<Peripheral>& peripheral);
+    /// Joins the bus. Throws std::runtime_error. Nothing happens if it is there.
+    void startService();
+    void stopService(ServiceStop how);
+    void say(const std::string& text) const;
+    /// Goes on with a step after the delay, if the device and its link are still the same then.
+    Scheduler::TaskId later(const DevicePtr& device, std::chrono::milliseconds delay,
+                            std::function<void(const DevicePtr&)> step) const;
+
+    Adapters& adapters() { return *mAdapters; }
+    Devices& devices() { return *mDevices; }
+
+    const std::shared_ptr<SchedulerThread> scheduler = std::make_shared<SchedulerThread>(); ///< any thread
+    CallLog callLog;                                                                        ///< any thread
+    BendTable bends;                                                                        ///< any thread
+    BusConnection bus;
     ObjectTree tree;
     Dispatcher dispatcher;
     Timings timings;
-    bool requireAgent = false;
+    bool requireAgent;
     std::set<std::string> agentOwners; ///< unique names with a registered agent
-    std::function<void(const std::string&)> onEvent;
-};
+    std::vector<std::shared_ptr<Remote>> remotes;
 
-inline Variant toVariant(bool value)
-{
-    return {g_variant_new_boolean(value ? TRUE : FALSE)};
-}
-inline Variant toVariant(int16_t value)
-{
-    return {g_variant_new_int16(value)};
-}
-inline Variant toVariant(const std::string& value)
-{
-    return {g_variant_new_string(value.c_str())};
-}
-// Without it a literal would become a boolean.
-inline Variant toVariant(const char* value)
-{
-    return {g_variant_new_string(value)};
-}
-inline Variant toObjectPath(const std::string& value)
-{
-    return {g_variant_new_object_path(value.c_str())};
-}
+private:
+    class Observer;
+
+    void onCall(GDBusConnection* connection, GDBusMessage* message);
+    void take(const RequestPtr& request);
+    void bendCall(const Bend& bend, const RequestPtr& request);
+    void publishRoot();
+    void registerAgentMethods();
+    void clientGone(const std::string& sender);
+
+    std::function<void(const std::string&)> mOnEvent;
+    std::unique_ptr<Devices> mDevices;
+    std::unique_ptr<Adapters> mAdapters;
+    std::shared_ptr<Observer> mObserver;
+    std::string mBusAddress;
+    bool mAutoEnable;
+    bool mStartedOnce = false;
+    bool mWasKilled = false;
+};
 
 } // namespace vexasim

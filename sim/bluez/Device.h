@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/BusLink.h"
-#include "sim/bluez/Loop.h"
+#include "sim/bluez/BusConnection.h"
 #include "sim/model/Peripheral.h"
+#include "sim/model/Scheduler.h"
 
 #include <functional>
 #include <map>
@@ -25,13 +25,13 @@ struct Device {
     bool connected = false;
     bool resolved = false; ///< the attribute client is ready
     bool exported = false; ///< GATT objects are on the bus
-    unsigned link = 0;     ///< counts the ends of links: a step of an older link is void
+    unsigned link = 0;     ///< counts the ends of links, and of the device: a step of an older link is void
 
     /// The link that is being made: who waits for it, and until when.
     std::function<void(bool)> onLinked;
     bool linkUnderway = false; ///< the peripheral was heard, the link comes
-    Loop::TimerId linkTimer = 0;
-    Loop::TimerId temporaryTimer = 0; ///< 0 while the device is to stay
+    Scheduler::TaskId linkTimer = 0;
+    Scheduler::TaskId temporaryTimer = 0; ///< 0 while the device is to stay
 
     RequestPtr pairing;
     RequestPtr connecting;

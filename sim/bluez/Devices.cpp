@@ -50,12 +50,26 @@ DevicePtr Devices::find(const std::string& path) const
     return found != mDevices.end() ? found->second : nullptr;
 }
 
-std::vector<DevicePtr> Devices::all() const
+template <typename Predicate>
+std::vector<DevicePtr> Devices::select(Predicate predicate) const
 {
-    std::vector<DevicePtr> devices;
-    for (const auto& [path, device] : mDevices)
-        devices.push_back(device);
-    return devices;
+    std::vector<DevicePtr> selected;
+    for (const auto& [path, device] : mDevices) {
+        if (predicate(*device)) {
+            selected.push_back(device);
+        }
+    }
+    return selected;
+}
+
+std::vector<DevicePtr> Devices::on(const std::string& adapterPath) const
+{
+    return select([&](const Device& device) { return device.adapterPath == adapterPath; });
+}
+
+std::vector<DevicePtr> Devices::of(const Peripheral& peripheral) const
+{
+    return select([&](const Device& device) { return device.peripheral.get() == &peripheral; });
 }
 
 DevicePtr Devices::make(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral)
@@ -143,7 +157,7 @@ void Devices::learnName(const DevicePtr& device, const std::optional<std::string
 
 void Devices::keep(const DevicePtr& device)
 {
-    mCore.loop->cancel(std::exchange(device->temporaryTimer, 0));
+    mCore.scheduler->cancel(std::exchange(device->temporaryTimer, 0));
 }
 
 void Devices::keepForAWhile(const DevicePtr& device)
@@ -151,20 +165,24 @@ void Devices::keepForAWhile(const DevicePtr& device)
     keep(device);
     if (device->paired)
         return;
-    device->temporaryTimer =
-        mCore.loop->after(mCore.timings.temporary, [this, weak = std::weak_ptr<Device>(device)] {
-            const DevicePtr same = weak.lock();
-            if (same != nullptr && find(same->path) == same && !same->connected)
-                remove(same);
-        });
+    device->temporaryTimer = mCore.later(device, mCore.timings.temporary, [this](const DevicePtr& same) {
+        if (!same->connected) {
+            remove(same);
+        }
+    });
 }
 
-void Devices::remove(const DevicePtr& device)
+void Devices::forget(const DevicePtr& device)
 {
     keep(device);
     mLinks->abandon(device);
     mGatt->withdraw(device);
     mDevices.erase(device->path);
+}
+
+void Devices::remove(const DevicePtr& device)
+{
+    forget(device);
     device->peripheral->setPaired(false);
     mCore.tree.remove(device->path);
     mCore.say("device " + device->path + " is gone");
@@ -193,67 +211,66 @@ void Devices::removeByMethod(const RequestPtr& request)
 
 void Devices::discoveryEnded(const std::string& adapterPath)
 {
-    for (const DevicePtr& device : all()) {
-        if (device->adapterPath != adapterPath || !mCore.tree.get(device->path, names::kDevice, "RSSI"))
-            continue;
-        mCore.tree.drop(device->path, names::kDevice, "RSSI");
-        mCore.tree.emitChanged(device->path, names::kDevice, {}, {"RSSI"});
+    for (const DevicePtr& device : on(adapterPath)) {
+        if (mCore.tree.get(device->path, names::kDevice, "RSSI")) {
+            mCore.tree.drop(device->path, names::kDevice, "RSSI");
+            mCore.tree.emitChanged(device->path, names::kDevice, {}, {"RSSI"});
+        }
     }
 }
 
 void Devices::powerOff(const std::string& adapterPath)
 {
-    for (const DevicePtr& device : all())
-        if (device->adapterPath == adapterPath)
-            mLinks->end(device);
+    for (const DevicePtr& device : on(adapterPath)) {
+        mLinks->end(device);
+    }
 }
 
 void Devices::forgetUnpaired(const std::string& adapterPath)
 {
-    for (const DevicePtr& device : all())
-        if (device->adapterPath == adapterPath && !device->paired && !device->connected)
+    for (const DevicePtr& device : on(adapterPath)) {
+        if (!device->paired && !device->connected) {
             remove(device);
+        }
+    }
 }
 
 void Devices::forgetAll(const std::string& adapterPath)
 {
-    for (const DevicePtr& device : all()) {
-        if (device->adapterPath != adapterPath)
-            continue;
-        keep(device);
-        mLinks->abandon(device);
-        mGatt->withdraw(device);
-        mDevices.erase(device->path);
+    for (const DevicePtr& device : on(adapterPath)) {
+        forget(device);
     }
 }
 
 void Devices::clientGone(const std::string& sender)
 {
-    for (const DevicePtr& device : all())
+    for (const auto& [path, device] : mDevices) {
         mGatt->clientGone(device, sender);
+    }
 }
 
 void Devices::onLinkLost(const Peripheral& peripheral)
 {
-    for (const DevicePtr& device : all())
-        if (device->peripheral.get() == &peripheral && device->connected)
-            mLinks->lost(device);
+    for (const DevicePtr& device : of(peripheral)) {
+        mLinks->lost(device);
+    }
 }
 
 void Devices::onAdvertising(const Peripheral& peripheral)
 {
-    for (const DevicePtr& device : all())
-        if (device->peripheral.get() == &peripheral)
-            mLinks->heard(device);
+    for (const DevicePtr& device : of(peripheral)) {
+        mLinks->heard(device);
+    }
 }
 
-void Devices::onNotification(const Peripheral& peripheral, uint16_t handle, const Bytes& value)
+void Devices::onNotification(const Peripheral& peripheral, std::uint16_t handle, const Bytes& value)
 {
-    for (const DevicePtr& device : all())
-        if (device->peripheral.get() == &peripheral && device->connected) {
+    for (const DevicePtr& device : of(peripheral)) {
+        if (device->connected) {
             mGatt->notified(device, handle, value);
             mBattery->notified(device, handle, value);
         }
+    }
 }
 
 } // namespace vexasim

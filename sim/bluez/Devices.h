@@ -19,7 +19,7 @@ class GattObjects;
 class Links;
 
 /// The Device1 objects: how they come, change with what is heard on the air,
-/// and go. Used on the loop's thread.
+/// and go. Used on the scheduler's thread.
 class Devices
 {
 public:
@@ -51,7 +51,8 @@ public:
     void onNotification(const Peripheral& peripheral, uint16_t handle, const Bytes& value);
 
     DevicePtr find(const std::string& path) const;
-    std::vector<DevicePtr> all() const;
+    /// The devices of a peripheral, one on each adapter at most.
+    std::vector<DevicePtr> of(const Peripheral& peripheral) const;
     /// Path of an attribute's object, "" if there is none of that UUID.
     static std::string attributePath(const std::string& devicePath, const Peripheral& peripheral,
                                      const std::string& uuid);
@@ -63,6 +64,10 @@ public:
     void learnName(const DevicePtr& device, const std::optional<std::string>& name);
 
 private:
+    template <typename Predicate>
+    std::vector<DevicePtr> select(Predicate predicate) const;
+    std::vector<DevicePtr> on(const std::string& adapterPath) const;
+    void forget(const DevicePtr& device);
     void publish(const DevicePtr& device, bool heard);
     void renew(const DevicePtr& device);
     DevicePtr make(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral);

@@ -139,7 +139,7 @@ void Dispatcher::getAll(const RequestPtr& request)
     const PropertyMap* properties = mTree.properties(request->call().path, interface);
     if (properties == nullptr)
         return request->fail(errors::kDBusInvalidArgs, quoted("No such interface", interface));
-    request->reply(g_variant_new("(@a{sv})", ObjectTree::toDictionary(*properties).get()));
+    request->reply(g_variant_new("(@a{sv})", toVariant(*properties).get()));
 }
 
 void Dispatcher::set(const RequestPtr& request)

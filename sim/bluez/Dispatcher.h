@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/BusLink.h"
+#include "sim/bluez/BusConnection.h"
 #include "sim/bluez/Names.h"
 #include "sim/bluez/ObjectTree.h"
 
@@ -13,9 +13,11 @@
 namespace vexasim
 {
 
-/// Takes a method call to its handler and answers what has none, with the
-/// errors of BlueZ's D-Bus layer. Serves the standard interfaces itself. Used
-/// on the loop's thread.
+/// Takes a method call to its handler and answers what has none. Used on the scheduler's thread.
+///
+/// It serves Properties, ObjectManager, Introspectable and Peer itself, because GDBus answers with other
+/// errors than BlueZ's D-Bus layer, knows only properties that were declared, with their types, and answers
+/// before a bend could.
 class Dispatcher
 {
 public:

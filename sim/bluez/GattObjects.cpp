@@ -50,13 +50,6 @@ void failWith(const RequestPtr& request, uint8_t error)
     request->fail(errors::kFailed, text.data());
 }
 
-Bytes bytesOf(GVariant* array)
-{
-    gsize count = 0;
-    const auto* data = static_cast<const uint8_t*>(g_variant_get_fixed_array(array, &count, 1));
-    return count != 0 ? Bytes(data, data + count) : Bytes{};
-}
-
 std::string writeType(GVariant* options)
 {
     const char* type = nullptr;
@@ -199,15 +192,6 @@ std::string GattObjects::pathOfValue(const DevicePtr& device, uint16_t handle) c
 
 // ---- reading and writing
 
-void GattObjects::afterDelay(std::chrono::milliseconds delay, const Loop::Task& task)
-{
-    // At once if it can be: a notification that the write caused comes behind its answer.
-    if (delay.count() <= 0)
-        task();
-    else
-        mCore.loop->after(delay, task);
-}
-
 void GattObjects::read(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request)
 {
     if (!device->resolved)
@@ -219,12 +203,14 @@ void GattObjects::read(const DevicePtr& device, const Attribute& attribute, cons
     const AttReply reply = device->peripheral->read(attribute.handle);
     if (reply.kind == AttReply::Kind::NoAnswer)
         return;
-    afterDelay(reply.delay, [this, weak = std::weak_ptr<Device>(device), link = device->link,
-                             path = request->call().path, handle = attribute.handle, reply] {
-        const DevicePtr same = weak.lock();
-        if (same != nullptr && same->link == link)
-            finishRead(same, path, handle, reply);
-    });
+    const auto finish = [this, path = request->call().path, handle = attribute.handle,
+                         reply](const DevicePtr& same) { finishRead(same, path, handle, reply); };
+    // At once if it can be: a notification that follows comes behind the answer.
+    if (reply.delay.count() > 0) {
+        mCore.later(device, reply.delay, finish);
+    } else {
+        finish(device);
+    }
 }
 
 void GattObjects::finishRead(const DevicePtr& device, const std::string& path, uint16_t handle,
@@ -258,22 +244,21 @@ void GattObjects::write(const DevicePtr& device, const Attribute& attribute, con
     if (!attribute.has(command ? "write-without-response" : "write"))
         return fail(request, errors::kNotSupported);
     if (command) {
-        device->peripheral->write(attribute.handle, bytesOf(value.get()), Peripheral::WriteKind::Command);
+        device->peripheral->write(attribute.handle, toBytes(value.get()), Peripheral::WriteKind::Command);
         return request->reply();
     }
     // Noted first: the write itself may end the link.
     device->writes[attribute.handle] = request;
     const unsigned link = device->link;
-    const AttReply reply = device->peripheral->write(attribute.handle, bytesOf(value.get()));
+    const AttReply reply = device->peripheral->write(attribute.handle, toBytes(value.get()));
     // A remote that wants a better bond gets none from BlueZ, and the caller no answer.
-    if (reply.kind == AttReply::Kind::NoAnswer || reply.error == att::kInsufficientAuthentication)
+    if (reply.kind == AttReply::Kind::NoAnswer || reply.error == att::kInsufficientAuthentication ||
+        device->link != link) {
         return;
-    mCore.loop->after(reply.delay,
-                      [this, weak = std::weak_ptr<Device>(device), link, handle = attribute.handle, reply] {
-                          const DevicePtr same = weak.lock();
-                          if (same != nullptr && same->link == link)
-                              finishWrite(same, handle, reply);
-                      });
+    }
+    mCore.later(device, reply.delay, [this, handle = attribute.handle, reply](const DevicePtr& same) {
+        finishWrite(same, handle, reply);
+    });
 }
 
 void GattObjects::finishWrite(const DevicePtr& device, uint16_t handle, const AttReply& reply)

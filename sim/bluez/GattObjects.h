@@ -13,7 +13,7 @@
 namespace vexasim
 {
 
-/// The GATT objects of connected devices and their methods. Used on the loop's
+/// The GATT objects of connected devices and their methods. Used on the scheduler's
 /// thread.
 class GattObjects
 {
@@ -54,7 +54,6 @@ private:
     void stopNotify(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request);
 
     void collect(const DevicePtr& device, const GattService& service, Objects& objects);
-    void afterDelay(std::chrono::milliseconds delay, const Loop::Task& task);
     void finishRead(const DevicePtr& device, const std::string& path, uint16_t handle, const AttReply& reply);
     void finishWrite(const DevicePtr& device, uint16_t handle, const AttReply& reply);
     void endSession(const DevicePtr& device, uint16_t handle);

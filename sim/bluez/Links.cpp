@@ -47,11 +47,7 @@ bool Links::powered(const DevicePtr& device) const
 
 void Links::later(const DevicePtr& device, std::chrono::milliseconds delay, Step step)
 {
-    mCore.loop->after(delay, [this, weak = std::weak_ptr<Device>(device), link = device->link, step] {
-        const DevicePtr same = weak.lock();
-        if (same != nullptr && same->link == link && mDevices.find(same->path) == same)
-            (this->*step)(same);
-    });
+    mCore.later(device, delay, [this, step](const DevicePtr& same) { (this->*step)(same); });
 }
 
 // ---- making a link
@@ -82,11 +78,8 @@ void Links::establish(const DevicePtr& device, std::function<void(bool)> done)
     mDevices.keep(device);
     device->onLinked = std::move(done);
     device->linkUnderway = false;
-    device->linkTimer =
-        mCore.loop->after(mCore.timings.connectTimeout, [this, weak = std::weak_ptr<Device>(device)] {
-            if (const DevicePtr same = weak.lock())
-                linked(same, false);
-        });
+    device->linkTimer = mCore.later(device, mCore.timings.connectTimeout,
+                                    [this](const DevicePtr& same) { linked(same, false); });
     heard(device);
 }
 
@@ -96,13 +89,14 @@ void Links::heard(const DevicePtr& device)
         return;
     device->linkUnderway = true;
     const auto delay = mCore.timings.connect + device->peripheral->answerDelay();
-    mCore.loop->after(delay, [this, weak = std::weak_ptr<Device>(device), link = device->link] {
-        const DevicePtr same = weak.lock();
-        if (same == nullptr || !same->onLinked || same->link != link)
+    mCore.later(device, delay, [this](const DevicePtr& same) {
+        if (!same->onLinked) {
             return;
+        }
         same->linkUnderway = false;
-        if (same->peripheral->connect())
+        if (same->peripheral->connect()) {
             linked(same, true);
+        }
     });
 }
 
@@ -110,7 +104,7 @@ void Links::linked(const DevicePtr& device, bool success)
 {
     if (!device->onLinked)
         return;
-    mCore.loop->cancel(std::exchange(device->linkTimer, 0));
+    mCore.scheduler->cancel(std::exchange(device->linkTimer, 0));
     if (!success)
         ++device->link; // whatever was under way is void
     device->connected = success;
@@ -210,7 +204,7 @@ void Links::resolve(const DevicePtr& device)
     const Peripheral& peripheral = *device->peripheral;
     if (device->paired && peripheral.forgotBond()) {
         // Encryption fails with the first request, and the remote hangs up.
-        mCore.loop->post([peripheral = device->peripheral] { peripheral->loseLink(); });
+        mCore.scheduler->post([peripheral = device->peripheral] { peripheral->loseLink(); });
         return;
     }
     const auto delay =
@@ -323,7 +317,7 @@ void Links::tellTheEnd(const DevicePtr& device, const PropertyMap& changed)
 
 void Links::abandon(const DevicePtr& device)
 {
-    mCore.loop->cancel(std::exchange(device->linkTimer, 0));
+    mCore.scheduler->cancel(std::exchange(device->linkTimer, 0));
     ++device->link;
     device->onLinked = nullptr;
     if (const RequestPtr waiting = std::exchange(device->connecting, nullptr))

@@ -15,7 +15,7 @@ class Devices;
 class GattObjects;
 
 /// Connecting, pairing, service discovery and the ends of links: the methods of
-/// Device1. Used on the loop's thread.
+/// Device1. Used on the scheduler's thread.
 class Links
 {
 public:

@@ -9,34 +9,12 @@
 namespace vexasim
 {
 
-namespace
-{
-Variant toInterfaceDictionary(const InterfaceMap& interfaces)
-{
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE("a{sa{sv}}"));
-    for (const auto& [name, properties] : interfaces)
-        g_variant_builder_add(&builder, "{s@a{sv}}", name.c_str(),
-                              ObjectTree::toDictionary(properties).get());
-    return {g_variant_builder_end(&builder)};
-}
-} // namespace
-
 InterfaceMap withStandardInterfaces(const std::string& interface, const PropertyMap& properties)
 {
     return {{names::kIntrospectable, {}}, {interface, properties}, {names::kProperties, {}}};
 }
 
 ObjectTree::ObjectTree(Emit emit) : mEmit(std::move(emit)) {}
-
-Variant ObjectTree::toDictionary(const PropertyMap& properties)
-{
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
-    for (const auto& [name, value] : properties)
-        g_variant_builder_add(&builder, "{sv}", name.c_str(), value.get());
-    return {g_variant_builder_end(&builder)};
-}
 
 void ObjectTree::add(const std::string& path, const InterfaceMap& interfaces, bool announce)
 {
@@ -47,7 +25,7 @@ void ObjectTree::add(const std::string& path, const InterfaceMap& interfaces, bo
         object[name] = properties;
     if (announce)
         mEmit("/", names::kObjectManager, "InterfacesAdded",
-              g_variant_new("(o@a{sa{sv}})", path.c_str(), toInterfaceDictionary(interfaces).get()));
+              g_variant_new("(o@a{sa{sv}})", path.c_str(), toVariant(interfaces).get()));
 }
 
 void ObjectTree::announceRemoval(const std::string& path, const std::vector<std::string>& interfaces)
@@ -118,7 +96,7 @@ void ObjectTree::emitChanged(const std::string& path, const std::string& interfa
                              const PropertyMap& changed, const std::vector<std::string>& invalidated)
 {
     mEmit(path, names::kProperties, "PropertiesChanged",
-          g_variant_new("(s@a{sv}@as)", interface.c_str(), toDictionary(changed).get(),
+          g_variant_new("(s@a{sv}@as)", interface.c_str(), toVariant(changed).get(),
                         Variant::strings(invalidated).get()));
 }
 
@@ -189,7 +167,7 @@ Variant ObjectTree::managedObjects() const
     for (const std::string& path : mOrder)
         if (path != "/")
             g_variant_builder_add(&builder, "{o@a{sa{sv}}}", path.c_str(),
-                                  toInterfaceDictionary(mObjects.at(path)).get());
+                                  toVariant(mObjects.at(path)).get());
     return {g_variant_new("(@a{oa{sa{sv}}})", g_variant_builder_end(&builder))};
 }
 

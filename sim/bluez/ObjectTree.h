@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Simulator.h"
 #include "sim/bluez/Variant.h"
 
 #include <functional>
@@ -14,7 +13,7 @@ namespace vexasim
 
 /// The objects on the bus: paths, interfaces and properties as plain data, with
 /// the signals of the object manager and of Properties. It allows what BlueZ
-/// wouldn't do, since tests want it. Used on the loop's thread.
+/// wouldn't do, since tests want it. Used on the scheduler's thread.
 class ObjectTree
 {
 public:
@@ -56,8 +55,6 @@ public:
 
     void setChildrenFirst(bool childrenFirst) { mChildrenFirst = childrenFirst; }
     bool childrenFirst() const { return mChildrenFirst; }
-
-    static Variant toDictionary(const PropertyMap& properties); ///< "a{sv}"
 
 private:
     void erase(const std::string& path);

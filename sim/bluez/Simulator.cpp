@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Simulator.h"
 
-#include "sim/bluez/Engine.h"
+#include "sim/bluez/Adapters.h"
+#include "sim/bluez/Core.h"
+#include "sim/bluez/Devices.h"
+#include "sim/bluez/Names.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -15,31 +18,7 @@ namespace vexasim
 namespace
 {
 constexpr std::chrono::milliseconds kPollInterval{2};
-
-std::string addressOf(const std::string& given, const PrivateBus* bus)
-{
-    return bus != nullptr ? bus->address() : given;
-}
 } // namespace
-
-Timings Timings::realistic()
-{
-    using std::chrono::milliseconds;
-    using std::chrono::seconds;
-    Timings timings;
-    timings.discovery = milliseconds{700};
-    timings.connect = milliseconds{400};
-    timings.resolve = milliseconds{900};
-    timings.pair = milliseconds{250};
-    timings.connectTimeout = seconds{40};
-    timings.pairTimeout = milliseconds{31500};
-    timings.resolveTimeout = seconds{31};
-    timings.removeConnected = milliseconds{2700};
-    timings.powerChange = milliseconds{150};
-    timings.temporary = seconds{30};
-    timings.rssi = seconds{1};
-    return timings;
-}
 
 /// Runs on the simulator's thread and returns what came of it.
 template <typename Function>
@@ -47,24 +26,35 @@ auto Simulator::run(Function function) const
 {
     using Result = std::invoke_result_t<Function>;
     if constexpr (std::is_void_v<Result>) {
-        mEngine->loop().run(function);
+        mCore->scheduler->run(function);
     } else {
         Result result{};
-        mEngine->loop().run([&] { result = function(); });
+        mCore->scheduler->run([&] { result = function(); });
         return result;
     }
 }
 
+/// Runs on the simulator's thread and returns when what it emitted is on the bus.
+template <typename Function>
+void Simulator::change(Function function)
+{
+    run(function);
+    sync();
+}
+
 Simulator::Simulator(const SimulatorOptions& options)
 {
-    if (options.busAddress.empty())
+    if (options.busAddress.empty()) {
         mBus = std::make_unique<PrivateBus>(options.busDirectory);
-    mEngine = std::make_unique<Engine>(options, addressOf(options.busAddress, mBus.get()));
-    mAddress = addressOf(options.busAddress, mBus.get());
-    if (options.withRemote)
+    }
+    mAddress = mBus ? mBus->address() : options.busAddress;
+    mCore = std::make_unique<Core>(options, mAddress);
+    if (options.withRemote) {
         addRemote(Remote::create(options.remote));
-    if (options.startService)
+    }
+    if (options.startService) {
         startService();
+    }
 }
 
 Simulator::~Simulator() = default;
@@ -84,31 +74,30 @@ PrivateBus* Simulator::bus()
 Remote& Simulator::remote()
 {
     return *run([this] {
-        if (mEngine->remotes().empty())
+        if (mCore->remotes.empty())
             throw std::logic_error("there is no remote on the air");
-        return mEngine->remotes().front();
+        return mCore->remotes.front();
     });
 }
 
 void Simulator::addRemote(const std::shared_ptr<Remote>& remote)
 {
-    run([&] { mEngine->addRemote(remote); });
+    run([&] { mCore->addRemote(remote); });
 }
 
 void Simulator::addPeripheral(const std::shared_ptr<Peripheral>& peripheral)
 {
-    run([&] { mEngine->addPeripheral(peripheral); });
+    run([&] { mCore->addPeripheral(peripheral); });
 }
 
 void Simulator::removePeripheral(const std::shared_ptr<Peripheral>& peripheral)
 {
-    run([&] { mEngine->adapters().removePeripheral(peripheral); });
-    sync();
+    change([&] { mCore->adapters().removePeripheral(peripheral); });
 }
 
 std::string Simulator::announce(const std::shared_ptr<Peripheral>& peripheral, const std::string& adapter)
 {
-    return run([&] { return mEngine->devices().seen(adapterPath(adapter), peripheral)->path; });
+    return run([&] { return mCore->devices().seen(adapterPath(adapter), peripheral)->path; });
 }
 
 // ---- where things are
@@ -143,89 +132,72 @@ std::string Simulator::updateDevicePath() const
 
 std::string Simulator::addAdapter(const AdapterOptions& adapter)
 {
-    const std::string path = run([&] { return mEngine->adapters().add(adapter); });
-    sync();
-    return path;
+    change([&] { mCore->adapters().add(adapter); });
+    return adapterPath(adapter.name);
 }
 
 void Simulator::removeAdapter(const std::string& adapter)
 {
-    run([&] { mEngine->adapters().remove(adapterPath(adapter)); });
-    sync();
+    change([&] { mCore->adapters().remove(adapterPath(adapter)); });
 }
 
 void Simulator::setPowered(bool powered, const std::string& adapter)
 {
-    run([&] { mEngine->adapters().setPowered(adapterPath(adapter), powered); });
-    sync();
+    change([&] { mCore->adapters().setPowered(adapterPath(adapter), powered); });
 }
 
 bool Simulator::discovering(const std::string& adapter) const
 {
-    return run([&] { return mEngine->adapters().discovering(adapterPath(adapter)); });
+    return run([&] { return mCore->adapters().discovering(adapterPath(adapter)); });
 }
 
 // ---- bluetoothd as a process
 
 void Simulator::stopService(Stop how)
 {
-    run([&] { mEngine->stopService(how); });
+    run([&] { mCore->stopService(how); });
 }
 
 void Simulator::startService()
 {
-    run([&] { mEngine->startService(); });
+    run([&] { mCore->startService(); });
 }
 
 void Simulator::releaseName()
 {
-    run([&] { mEngine->core().bus.releaseName(names::kBlueZ); });
+    run([&] { mCore->bus.releaseName(names::kBlueZ); });
 }
 
 void Simulator::takeName()
 {
-    run([&] { mEngine->core().bus.requestName(names::kBlueZ); });
+    run([&] { mCore->bus.requestName(names::kBlueZ); });
 }
 
 // ---- objects
 
-void Simulator::addObject(const std::string& path, const InterfaceMap& interfaces)
-{
-    addObjects({{path, interfaces}});
-}
-
 void Simulator::addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects)
 {
-    run([&] {
+    change([&] {
         for (const auto& [path, interfaces] : objects)
-            mEngine->core().tree.add(path, interfaces);
+            mCore->tree.add(path, interfaces);
     });
-    sync();
-}
-
-void Simulator::addInterface(const std::string& path, const std::string& interface,
-                             const PropertyMap& properties)
-{
-    addObjects({{path, {{interface, properties}}}});
 }
 
 void Simulator::removeObject(const std::string& path, bool announce)
 {
-    run([&] { mEngine->core().tree.remove(path, announce); });
-    sync();
+    change([&] { mCore->tree.remove(path, announce); });
 }
 
 void Simulator::removeInterface(const std::string& path, const std::string& interface, bool announce)
 {
-    run([&] { mEngine->core().tree.removeInterface(path, interface, announce); });
-    sync();
+    change([&] { mCore->tree.removeInterface(path, interface, announce); });
 }
 
 void Simulator::setProperty(const std::string& path, const std::string& interface,
                             const std::string& property, const Variant& value, Emit emit)
 {
     const bool known = run([&] {
-        ObjectTree& tree = mEngine->core().tree;
+        ObjectTree& tree = mCore->tree;
         if (!tree.set(path, interface, property, value))
             return false;
         if (emit == Emit::Yes)
@@ -240,66 +212,63 @@ void Simulator::setProperty(const std::string& path, const std::string& interfac
 void Simulator::dropProperty(const std::string& path, const std::string& interface,
                              const std::string& property, Emit emit)
 {
-    run([&] {
-        mEngine->core().tree.drop(path, interface, property);
+    change([&] {
+        mCore->tree.drop(path, interface, property);
         if (emit == Emit::Yes)
-            mEngine->core().tree.emitChanged(path, interface, {}, {property});
+            mCore->tree.emitChanged(path, interface, {}, {property});
     });
-    sync();
 }
 
 Variant Simulator::property(const std::string& path, const std::string& interface,
                             const std::string& property) const
 {
-    return run([&] { return mEngine->core().tree.get(path, interface, property); });
+    return run([&] { return mCore->tree.get(path, interface, property); });
 }
 
 std::vector<std::string> Simulator::objects() const
 {
-    return run([&] { return mEngine->core().tree.paths(); });
+    return run([&] { return mCore->tree.paths(); });
 }
 
 void Simulator::emitPropertiesChanged(const std::string& path, const std::string& interface,
                                       const PropertyMap& changed, const std::vector<std::string>& invalidated)
 {
-    run([&] { mEngine->core().tree.emitChanged(path, interface, changed, invalidated); });
-    sync();
+    change([&] { mCore->tree.emitChanged(path, interface, changed, invalidated); });
 }
 
 void Simulator::emitSignal(const std::string& path, const std::string& interface, const std::string& member,
                            const Variant& parameters)
 {
-    run([&] { mEngine->core().bus.emit(path, interface, member, parameters); });
-    sync();
+    change([&] { mCore->bus.emit(path, interface, member, parameters); });
 }
 
 void Simulator::setChildrenFirst(bool childrenFirst)
 {
-    run([&] { mEngine->core().tree.setChildrenFirst(childrenFirst); });
+    run([&] { mCore->tree.setChildrenFirst(childrenFirst); });
 }
 
 // ---- methods
 
 BendId Simulator::bend(const Bend& bend)
 {
-    return mEngine->bends().add(bend);
+    return mCore->bends.add(bend);
 }
 
 void Simulator::unbend(BendId id)
 {
-    mEngine->bends().remove(id);
+    mCore->bends.remove(id);
 }
 
 void Simulator::clearBends()
 {
-    mEngine->bends().clear();
+    mCore->bends.clear();
 }
 
 // ---- the record
 
 std::vector<Call> Simulator::calls() const
 {
-    return mEngine->callLog().all();
+    return mCore->callLog.all();
 }
 
 namespace
@@ -324,13 +293,13 @@ std::vector<Call> Simulator::calls(const std::string& member, const std::string&
 
 void Simulator::clearCalls()
 {
-    mEngine->callLog().clear();
+    mCore->callLog.clear();
 }
 
 bool Simulator::awaitCall(const CallPredicate& predicate, unsigned count,
                           std::chrono::milliseconds limit) const
 {
-    return mEngine->callLog().await(predicate, count, limit);
+    return mCore->callLog.await(predicate, count, limit);
 }
 
 bool Simulator::awaitCall(const std::string& member, const std::string& path, unsigned count,
@@ -355,22 +324,22 @@ bool Simulator::awaitProperty(const std::string& path, const std::string& interf
 
 void Simulator::sync() const
 {
-    run([this] { mEngine->core().bus.roundTrip(); });
+    run([this] { mCore->bus.roundTrip(); });
 }
 
 Timings Simulator::timings() const
 {
-    return run([this] { return mEngine->core().timings; });
+    return run([this] { return mCore->timings; });
 }
 
 void Simulator::setTimings(const Timings& timings)
 {
-    run([&] { mEngine->core().timings = timings; });
+    run([&] { mCore->timings = timings; });
 }
 
 void Simulator::setRequireAgent(bool required)
 {
-    run([&] { mEngine->core().requireAgent = required; });
+    run([&] { mCore->requireAgent = required; });
 }
 
 } // namespace vexasim

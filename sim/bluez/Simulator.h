@@ -3,6 +3,7 @@
 
 #include "sim/bluez/Bend.h"
 #include "sim/bluez/PrivateBus.h"
+#include "sim/bluez/SimulatorOptions.h"
 #include "sim/bluez/Variant.h"
 #include "sim/model/Remote.h"
 
@@ -16,48 +17,7 @@
 namespace vexasim
 {
 
-/// How long things take. The default suits tests; realistic() is a real stack.
-struct Timings {
-    std::chrono::milliseconds discovery{
-        20};                               ///< from StartDiscovery, or the first advertisement, to the object
-    std::chrono::milliseconds connect{20}; ///< until a link stands
-    std::chrono::milliseconds resolve{20}; ///< until its services are known
-    std::chrono::milliseconds pair{20};    ///< until keys are exchanged
-    std::chrono::milliseconds connectTimeout{500}; ///< Connect to an absent device
-    std::chrono::milliseconds pairTimeout{500};    ///< Pair with a device that is silent
-    std::chrono::milliseconds resolveTimeout{500}; ///< service discovery on a mute attribute server
-    std::chrono::milliseconds removeConnected{20}; ///< RemoveDevice of a connected device
-    std::chrono::milliseconds powerChange{0};      ///< Powered, from Set to its reply
-    std::chrono::milliseconds temporary{30000}; ///< how long an unpaired device stays after it was last seen
-    std::chrono::milliseconds rssi{0};          ///< between two RSSI reports in discovery; 0: only on change
-
-    static Timings realistic();
-};
-
-struct AdapterOptions {
-    std::string name = "hci0"; ///< last component of its path
-    std::string address = "00:1A:7D:DA:71:13";
-    bool powered = true;
-};
-
-struct SimulatorOptions {
-    std::string busAddress;   ///< empty: a PrivateBus is started
-    std::string busDirectory; ///< for the PrivateBus; empty: a temporary one
-    Timings timings;
-    std::vector<AdapterOptions> adapters = {AdapterOptions{}};
-    RemoteOptions remote;
-    bool withRemote = true;    ///< false: nothing is on the air until addRemote or addPeripheral
-    bool autoEnable = true;    ///< adapters come up powered after a start, as with bluetoothd's AutoEnable
-    bool requireAgent = false; ///< Pair fails without a registered agent, as with bluetoothd
-    bool startService = true;  ///< false: org.bluez isn't there until startService()
-    /// Hears one line of text for each thing that happens; on the simulator's thread.
-    std::function<void(const std::string&)> onEvent;
-};
-
-using PropertyMap = std::map<std::string, Variant>;
-using InterfaceMap = std::map<std::string, PropertyMap>; ///< interface name to properties
-
-class Engine;
+class Core;
 
 /// The simulated BlueZ: owns org.bluez on a bus and behaves as bluetoothd 5.66
 /// does, until it is bent. It has a thread with a GMainContext of its own, so a
@@ -109,10 +69,7 @@ public:
     bool discovering(const std::string& adapter = "hci0") const;
 
     // ---- bluetoothd as a process
-    enum class Stop {
-        Terminate, ///< SIGTERM: every object is removed by signal, then the owner goes
-        Kill,      ///< SIGKILL: the owner goes, nothing is announced
-    };
+    using Stop = ServiceStop;
     /// Leaves the bus; a link ends. Nothing happens if it isn't there.
     void stopService(Stop how);
     /// Comes back under another unique name, with adapters and paired devices.
@@ -122,10 +79,12 @@ public:
     void takeName();
 
     // ---- bending objects
-    void addObject(const std::string& path, const InterfaceMap& interfaces);
+    void addObject(const std::string& path, const InterfaceMap& interfaces)
+    {
+        addObjects({{path, interfaces}});
+    }
     /// Several objects in one go, in this order: for arrivals of a child before its parent.
     void addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects);
-    void addInterface(const std::string& path, const std::string& interface, const PropertyMap& properties);
     /// With everything below it, children first. `announce` false: no InterfacesRemoved.
     void removeObject(const std::string& path, bool announce = true);
     /// This object or interface alone; children stay.
@@ -186,10 +145,12 @@ public:
 private:
     template <typename Function>
     auto run(Function function) const;
+    template <typename Function>
+    void change(Function function);
 
     std::unique_ptr<PrivateBus> mBus;
     std::string mAddress;
-    std::unique_ptr<Engine> mEngine;
+    std::unique_ptr<Core> mCore;
 };
 
 } // namespace vexasim

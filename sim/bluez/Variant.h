@@ -4,6 +4,7 @@
 #include <gio/gio.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -38,5 +39,20 @@ public:
 private:
     GVariant* mValue = nullptr;
 };
+
+using PropertyMap = std::map<std::string, Variant>;
+using InterfaceMap = std::map<std::string, PropertyMap>; ///< interface name to properties
+
+Variant toVariant(bool value);
+Variant toVariant(std::int16_t value);
+Variant toVariant(const std::string& value);
+Variant toVariant(const char* value);              ///< without it a literal would become a boolean
+Variant toVariant(const PropertyMap& properties);  ///< "a{sv}"
+Variant toVariant(const InterfaceMap& interfaces); ///< "a{sa{sv}}"
+Variant toObjectPath(const std::string& value);
+
+std::vector<std::uint8_t> toBytes(GVariant* array); ///< of an "ay"
+PropertyMap toPropertyMap(GVariant* dictionary);    ///< of an "a{sv}"
+InterfaceMap toInterfaceMap(GVariant* dictionary);  ///< of an "a{sa{sv}}"
 
 } // namespace vexasim

@@ -70,6 +70,8 @@ struct AttReply {
     Bytes value;              ///< what was read
     std::chrono::milliseconds delay{0};
 
+    bool isSuccess() const { return kind == Kind::Answer && error == att::kOk; }
+
     static AttReply ok(Bytes value = {});
     static AttReply refused(uint8_t error);
     static AttReply silence();

@@ -19,30 +19,11 @@ bool hasAny(const std::vector<std::string>& flags, const std::vector<std::string
 }
 } // namespace
 
-Peripheral::Peripheral(PeripheralOptions options) : mOptions(std::move(options)), mOwnName(mOptions.name) {}
-
-std::string Peripheral::address() const
-{
-    return mOptions.address;
-}
-
-bool Peripheral::randomAddress() const
-{
-    return mOptions.randomAddress;
-}
-
-std::optional<std::string> Peripheral::advertisedName() const
-{
-    std::lock_guard lock(mMutex);
-    return mOptions.name;
-}
+Peripheral::Peripheral(PeripheralOptions options) : mOptions(std::move(options)) {}
 
 void Peripheral::setAdvertisedName(std::optional<std::string> name)
 {
-    {
-        std::lock_guard lock(mMutex);
-        mOptions.name = std::move(name);
-    }
+    set(mOptions.name, std::move(name));
     tell([this](PeripheralListener& listener) { listener.onAdvertisingChanged(*this); });
 }
 
@@ -55,24 +36,15 @@ std::optional<std::string> Peripheral::ownName() const
     return std::string(name.begin(), name.end());
 }
 
-uint16_t Peripheral::appearance() const
+void Peripheral::setRssi(std::int16_t dBm)
 {
-    return mOptions.appearance;
-}
-
-int16_t Peripheral::rssi() const
-{
-    std::lock_guard lock(mMutex);
-    return mOptions.rssi;
-}
-
-void Peripheral::setRssi(int16_t dBm)
-{
-    {
-        std::lock_guard lock(mMutex);
-        mOptions.rssi = dBm;
-    }
+    set(mOptions.rssi, dBm);
     tell([this](PeripheralListener& listener) { listener.onRssiChanged(*this); });
+}
+
+void Peripheral::change(bool Condition::*member, bool value)
+{
+    change([member, value](Condition& condition) { condition.*member = value; });
 }
 
 void Peripheral::change(const std::function<void(Condition&)>& edit)
@@ -95,126 +67,6 @@ void Peripheral::change(const std::function<void(Condition&)>& edit)
         tell([this](PeripheralListener& listener) { listener.onLinkLost(*this); });
     if (advertisingChanged)
         tell([this](PeripheralListener& listener) { listener.onAdvertisingChanged(*this); });
-}
-
-void Peripheral::leave()
-{
-    change([](Condition& condition) { condition.inRange = false; });
-}
-
-void Peripheral::comeBack()
-{
-    change([](Condition& condition) { condition.inRange = true; });
-}
-
-void Peripheral::sleep()
-{
-    change([](Condition& condition) { condition.asleep = true; });
-}
-
-void Peripheral::wake()
-{
-    change([](Condition& condition) { condition.asleep = false; });
-}
-
-void Peripheral::setPresent(bool present)
-{
-    change([present](Condition& condition) { condition.present = present; });
-}
-
-void Peripheral::loseLink()
-{
-    change([](Condition& condition) { condition.connected = false; });
-}
-
-bool Peripheral::inRange() const
-{
-    std::lock_guard lock(mMutex);
-    return mCondition.inRange;
-}
-
-bool Peripheral::asleep() const
-{
-    std::lock_guard lock(mMutex);
-    return mCondition.asleep;
-}
-
-bool Peripheral::present() const
-{
-    std::lock_guard lock(mMutex);
-    return mCondition.present;
-}
-
-void Peripheral::setPairing(Pairing pairing)
-{
-    std::lock_guard lock(mMutex);
-    mPairing = pairing;
-}
-
-Peripheral::Pairing Peripheral::pairing() const
-{
-    std::lock_guard lock(mMutex);
-    return mPairing;
-}
-
-void Peripheral::setPaired(bool paired)
-{
-    std::lock_guard lock(mMutex);
-    mOptions.paired = paired;
-}
-
-bool Peripheral::paired() const
-{
-    std::lock_guard lock(mMutex);
-    return mOptions.paired;
-}
-
-void Peripheral::setForgotBond(bool forgot)
-{
-    std::lock_guard lock(mMutex);
-    mForgotBond = forgot;
-}
-
-bool Peripheral::forgotBond() const
-{
-    std::lock_guard lock(mMutex);
-    return mForgotBond;
-}
-
-void Peripheral::setAnswerDelay(std::chrono::milliseconds delay)
-{
-    std::lock_guard lock(mMutex);
-    mAnswerDelay = delay;
-}
-
-std::chrono::milliseconds Peripheral::answerDelay() const
-{
-    std::lock_guard lock(mMutex);
-    return mAnswerDelay;
-}
-
-void Peripheral::setMute(bool mute)
-{
-    std::lock_guard lock(mMutex);
-    mMute = mute;
-}
-
-bool Peripheral::mute() const
-{
-    std::lock_guard lock(mMutex);
-    return mMute;
-}
-
-void Peripheral::setAnnouncesUnasked(bool announces)
-{
-    std::lock_guard lock(mMutex);
-    mAnnouncesUnasked = announces;
-}
-
-bool Peripheral::announcesUnasked() const
-{
-    std::lock_guard lock(mMutex);
-    return mAnnouncesUnasked;
 }
 
 bool Peripheral::reachableLocked() const
@@ -257,12 +109,6 @@ void Peripheral::disconnect()
         tell([this](PeripheralListener& listener) { listener.onAdvertisingChanged(*this); });
 }
 
-bool Peripheral::connected() const
-{
-    std::lock_guard lock(mMutex);
-    return mCondition.connected;
-}
-
 Peripheral::Pairing Peripheral::pair()
 {
     Pairing pairing{};
@@ -279,56 +125,37 @@ Peripheral::Pairing Peripheral::pair()
     return pairing;
 }
 
-GattTable Peripheral::services() const
+Peripheral::Attribute Peripheral::findLocked(std::uint16_t handle)
 {
-    std::lock_guard lock(mMutex);
-    return mOptions.services;
-}
-
-void Peripheral::setServices(GattTable services)
-{
-    std::lock_guard lock(mMutex);
-    mOptions.services = std::move(services);
-}
-
-GattCharacteristic* Peripheral::findLocked(uint16_t handle, GattDescriptor** descriptor)
-{
-    *descriptor = nullptr;
-    for (GattService& service : mOptions.services)
+    for (GattService& service : mOptions.services) {
         for (GattCharacteristic& characteristic : service.characteristics) {
-            if (characteristic.valueHandle == handle)
-                return &characteristic;
-            for (GattDescriptor& candidate : characteristic.descriptors)
-                if (candidate.handle == handle) {
-                    *descriptor = &candidate;
-                    return &characteristic;
+            if (characteristic.valueHandle == handle) {
+                return {&characteristic.flags, &characteristic.value};
+            }
+            for (GattDescriptor& descriptor : characteristic.descriptors) {
+                if (descriptor.handle == handle) {
+                    return {&descriptor.flags, &descriptor.value};
                 }
+            }
         }
-    return nullptr;
+    }
+    return {};
 }
 
-const GattCharacteristic* Peripheral::findLocked(uint16_t handle, const GattDescriptor** descriptor) const
+AttReply Peripheral::checkLocked(std::uint16_t handle, const std::vector<std::string>& flags,
+                                 std::uint8_t refusal)
 {
-    GattDescriptor* found = nullptr;
-    const GattCharacteristic* characteristic = const_cast<Peripheral*>(this)->findLocked(handle, &found);
-    *descriptor = found;
-    return characteristic;
-}
-
-AttReply Peripheral::checkLocked(uint16_t handle, const std::vector<std::string>& flags,
-                                 uint8_t refusal) const
-{
-    if (!mCondition.connected)
+    if (!mCondition.connected) {
         return AttReply::lost();
-    if (mMute)
+    }
+    if (mMute) {
         return AttReply::silence();
-    const GattDescriptor* descriptor = nullptr;
-    const GattCharacteristic* characteristic = findLocked(handle, &descriptor);
-    if (characteristic == nullptr)
+    }
+    const Attribute attribute = findLocked(handle);
+    if (attribute.value == nullptr) {
         return AttReply::refused(att::kInvalidHandle);
-    if (!hasAny(descriptor != nullptr ? descriptor->flags : characteristic->flags, flags))
-        return AttReply::refused(refusal);
-    return AttReply::ok(descriptor != nullptr ? descriptor->value : characteristic->value);
+    }
+    return hasAny(*attribute.flags, flags) ? AttReply::ok(*attribute.value) : AttReply::refused(refusal);
 }
 
 AttReply Peripheral::delayed(AttReply reply) const
@@ -337,62 +164,59 @@ AttReply Peripheral::delayed(AttReply reply) const
     return reply;
 }
 
-AttReply Peripheral::read(uint16_t handle)
+AttReply Peripheral::read(std::uint16_t handle)
 {
     AttReply reply;
     ReadHook hook;
     {
-        std::lock_guard lock(mMutex);
+        const std::lock_guard lock(mMutex);
         reply = checkLocked(handle, {"read"}, att::kReadNotPermitted);
-        const auto found = mReadHooks.find(handle);
-        if (reply.kind == AttReply::Kind::Answer && reply.error == att::kOk && found != mReadHooks.end())
-            hook = found->second;
+        hook = find(mReadHooks, handle);
     }
-    return delayed(hook ? hook() : reply);
+    return delayed(hook && reply.isSuccess() ? hook() : reply);
 }
 
-AttReply Peripheral::write(uint16_t handle, const Bytes& value, WriteKind kind)
+AttReply Peripheral::write(std::uint16_t handle, const Bytes& value, WriteKind kind)
 {
     WriteHook hook;
     {
-        std::lock_guard lock(mMutex);
+        const std::lock_guard lock(mMutex);
         const char* flag = kind == WriteKind::Request ? "write" : "write-without-response";
         const AttReply check = checkLocked(handle, {flag}, att::kWriteNotPermitted);
-        if (check.kind != AttReply::Kind::Answer || check.error != att::kOk)
+        if (!check.isSuccess()) {
             return check;
-        const auto found = mWriteHooks.find(handle);
-        if (found != mWriteHooks.end())
-            hook = found->second;
+        }
+        hook = find(mWriteHooks, handle);
     }
-    if (hook)
+    if (hook) {
         return delayed(hook(value));
+    }
     setValue(handle, value);
     return delayed(AttReply::ok());
 }
 
-AttReply Peripheral::subscribe(uint16_t valueHandle, bool on)
+AttReply Peripheral::subscribe(std::uint16_t valueHandle, bool on)
 {
     SubscribeHook hook;
     {
-        std::lock_guard lock(mMutex);
+        const std::lock_guard lock(mMutex);
         const AttReply check = checkLocked(valueHandle, {"notify", "indicate"}, att::kRequestNotSupported);
-        if (check.kind != AttReply::Kind::Answer || check.error != att::kOk)
+        if (!check.isSuccess()) {
             return check;
-        const auto found = mSubscribeHooks.find(valueHandle);
-        if (found != mSubscribeHooks.end())
-            hook = found->second;
+        }
+        hook = find(mSubscribeHooks, valueHandle);
     }
     AttReply reply = hook ? hook(on) : AttReply::ok();
     reply.value.clear();
-    if (reply.kind != AttReply::Kind::Answer || reply.error != att::kOk)
-        return delayed(reply);
-    std::lock_guard lock(mMutex);
-    if (on)
-        mSubscribed.insert(valueHandle);
-    else
-        mSubscribed.erase(valueHandle);
-    reply.delay += mAnswerDelay;
-    return reply;
+    if (reply.isSuccess()) {
+        const std::lock_guard lock(mMutex);
+        if (on) {
+            mSubscribed.insert(valueHandle);
+        } else {
+            mSubscribed.erase(valueHandle);
+        }
+    }
+    return delayed(reply);
 }
 
 bool Peripheral::subscribed(uint16_t valueHandle) const
@@ -411,25 +235,19 @@ uint16_t Peripheral::handleOf(const std::string& uuid) const
     return 0;
 }
 
-Bytes Peripheral::value(uint16_t handle) const
+Bytes Peripheral::value(std::uint16_t handle) const
 {
-    std::lock_guard lock(mMutex);
-    const GattDescriptor* descriptor = nullptr;
-    const GattCharacteristic* characteristic = findLocked(handle, &descriptor);
-    if (descriptor != nullptr)
-        return descriptor->value;
-    return characteristic != nullptr ? characteristic->value : Bytes{};
+    const std::lock_guard lock(mMutex);
+    const Attribute attribute = const_cast<Peripheral*>(this)->findLocked(handle);
+    return attribute.value != nullptr ? *attribute.value : Bytes{};
 }
 
-void Peripheral::setValue(uint16_t handle, Bytes value)
+void Peripheral::setValue(std::uint16_t handle, Bytes value)
 {
-    std::lock_guard lock(mMutex);
-    GattDescriptor* descriptor = nullptr;
-    GattCharacteristic* characteristic = findLocked(handle, &descriptor);
-    if (descriptor != nullptr)
-        descriptor->value = std::move(value);
-    else if (characteristic != nullptr)
-        characteristic->value = std::move(value);
+    const std::lock_guard lock(mMutex);
+    if (const Attribute attribute = findLocked(handle); attribute.value != nullptr) {
+        *attribute.value = std::move(value);
+    }
 }
 
 void Peripheral::notify(uint16_t valueHandle, const Bytes& value)
@@ -437,30 +255,6 @@ void Peripheral::notify(uint16_t valueHandle, const Bytes& value)
     setValue(valueHandle, value);
     if (subscribed(valueHandle))
         tell([&](PeripheralListener& listener) { listener.onNotification(*this, valueHandle, value); });
-}
-
-void Peripheral::onRead(uint16_t handle, ReadHook hook)
-{
-    std::lock_guard lock(mMutex);
-    mReadHooks.erase(handle);
-    if (hook)
-        mReadHooks.emplace(handle, std::move(hook));
-}
-
-void Peripheral::onWrite(uint16_t handle, WriteHook hook)
-{
-    std::lock_guard lock(mMutex);
-    mWriteHooks.erase(handle);
-    if (hook)
-        mWriteHooks.emplace(handle, std::move(hook));
-}
-
-void Peripheral::onSubscribe(uint16_t valueHandle, SubscribeHook hook)
-{
-    std::lock_guard lock(mMutex);
-    mSubscribeHooks.erase(valueHandle);
-    if (hook)
-        mSubscribeHooks.emplace(valueHandle, std::move(hook));
 }
 
 void Peripheral::addListener(const std::shared_ptr<PeripheralListener>& listener)

@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vexasim
@@ -47,8 +48,8 @@ struct PeripheralOptions {
 
 /// One Bluetooth Low Energy peripheral as the air shows it: address, name,
 /// signal strength, link, bond and attribute table. It has no D-Bus, no thread
-/// and no clock: "faces" (the simulated BlueZ, the virtual controller) ask it and
-/// hear of it as PeripheralListener. Every method may be called on any thread.
+/// and no clock: the simulated BlueZ and the virtual controller ask it and hear
+/// of it as PeripheralListener. Every method may be called on any thread.
 class Peripheral
 {
 public:
@@ -66,47 +67,48 @@ public:
     explicit Peripheral(PeripheralOptions options);
 
     // ---- who it is
-    std::string address() const;
-    bool randomAddress() const;
+    std::string address() const { return mOptions.address; }
+    bool randomAddress() const { return mOptions.randomAddress; }
     /// The name in the advertisement, none if it carries none.
-    std::optional<std::string> advertisedName() const;
+    std::optional<std::string> advertisedName() const { return get(mOptions.name); }
     void setAdvertisedName(std::optional<std::string> name);
     /// The name in its own name characteristic (0x2a00), which a stack reads once connected.
     std::optional<std::string> ownName() const;
-    uint16_t appearance() const;
-    int16_t rssi() const;
-    void setRssi(int16_t dBm);
+    std::uint16_t appearance() const { return mOptions.appearance; }
+    std::int16_t rssi() const { return get(mOptions.rssi); }
+    void setRssi(std::int16_t dBm);
 
-    // ---- where it is and how it feels; each ends the link if that follows
-    void leave();          ///< walks out of range
-    void comeBack();       ///< walks into range
-    void sleep();          ///< radio off to save the battery
-    void wake();           ///< a key was pressed
-    void setPresent(bool); ///< false: this personality isn't on the air at all
-    void loseLink();       ///< the link ends, nothing else changes
-    bool inRange() const;
-    bool asleep() const;
-    bool present() const;
+    // ---- where it is and what it does; each ends the link if that follows
+    void leave() { change(&Condition::inRange, false); }      ///< walks out of range
+    void comeBack() { change(&Condition::inRange, true); }    ///< walks into range
+    void sleep() { change(&Condition::asleep, true); }        ///< radio off to save the battery
+    void wake() { change(&Condition::asleep, false); }        ///< a key was pressed
+    void loseLink() { change(&Condition::connected, false); } ///< the link ends, nothing else changes
+    /// False: this personality isn't on the air at all.
+    void setPresent(bool present) { change(&Condition::present, present); }
+    bool inRange() const { return get(mCondition.inRange); }
+    bool asleep() const { return get(mCondition.asleep); }
+    bool present() const { return get(mCondition.present); }
 
-    void setPairing(Pairing pairing);
-    Pairing pairing() const;
-    void setPaired(bool paired);
-    bool paired() const;
+    void setPairing(Pairing pairing) { set(mPairing, pairing); }
+    Pairing pairing() const { return get(mPairing); }
+    void setPaired(bool paired) { set(mOptions.paired, paired); }
+    bool paired() const { return get(mOptions.paired); }
     /// The bond is lost on this side only: a link to the bonded peer ends at once.
-    void setForgotBond(bool forgot);
-    bool forgotBond() const;
+    void setForgotBond(bool forgot) { set(mForgotBond, forgot); }
+    bool forgotBond() const { return get(mForgotBond); }
     /// Every answer (connection, pairing, attributes) comes this much later.
-    void setAnswerDelay(std::chrono::milliseconds delay);
-    std::chrono::milliseconds answerDelay() const;
+    void setAnswerDelay(std::chrono::milliseconds delay) { set(mAnswerDelay, delay); }
+    std::chrono::milliseconds answerDelay() const { return get(mAnswerDelay); }
     /// The attribute server answers nothing any more, service discovery included.
-    void setMute(bool mute);
-    bool mute() const;
+    void setMute(bool mute) { set(mMute, mute); }
+    bool mute() const { return get(mMute); }
     /// A stack announces it as soon as it advertises, without anyone scanning
     /// (as if some other program were).
-    void setAnnouncesUnasked(bool announces);
-    bool announcesUnasked() const;
+    void setAnnouncesUnasked(bool announces) { set(mAnnouncesUnasked, announces); }
+    bool announcesUnasked() const { return get(mAnnouncesUnasked); }
 
-    // ---- what a face asks
+    // ---- what a stack or a controller asks
     /// Present, in range and awake.
     bool reachable() const;
     /// Reachable and not connected.
@@ -115,11 +117,11 @@ public:
     bool connect();
     /// The peer ends the link.
     void disconnect();
-    bool connected() const;
+    bool connected() const { return get(mCondition.connected); }
     /// Answers the pairing request; with Willing it is paired afterwards, with DropsLink the link is gone.
     Pairing pair();
-    GattTable services() const;
-    void setServices(GattTable services);
+    GattTable services() const { return get(mOptions.services); }
+    void setServices(GattTable services) { set(mOptions.services, std::move(services)); }
     /// `handle` is a value or descriptor handle. Not connected answers LinkLost.
     AttReply read(uint16_t handle);
     AttReply write(uint16_t handle, const Bytes& value, WriteKind kind = WriteKind::Request);
@@ -131,16 +133,19 @@ public:
     // ---- what the firmware behind it does
     /// Value handle of the first characteristic of that UUID, 0 if there is none.
     uint16_t handleOf(const std::string& uuid) const;
-    Bytes value(uint16_t handle) const;
+    Bytes value(std::uint16_t handle) const;
     void setValue(uint16_t handle, Bytes value);
     /// Sets the value and, if a peer is subscribed, notifies it.
     void notify(uint16_t valueHandle, const Bytes& value);
     /// Answer instead of the stored value; an empty hook restores it.
-    void onRead(uint16_t handle, ReadHook hook);
+    void onRead(std::uint16_t handle, ReadHook hook) { setHook(mReadHooks, handle, std::move(hook)); }
     /// Called instead of storing the value; an empty hook restores that.
-    void onWrite(uint16_t handle, WriteHook hook);
+    void onWrite(std::uint16_t handle, WriteHook hook) { setHook(mWriteHooks, handle, std::move(hook)); }
     /// Called when notifications are switched; a refusal leaves them as they are.
-    void onSubscribe(uint16_t valueHandle, SubscribeHook hook);
+    void onSubscribe(std::uint16_t valueHandle, SubscribeHook hook)
+    {
+        setHook(mSubscribeHooks, valueHandle, std::move(hook));
+    }
 
     /// The listener is held weakly.
     void addListener(const std::shared_ptr<PeripheralListener>& listener);
@@ -154,17 +159,49 @@ private:
         bool connected = false;
     };
 
+    template <typename Value>
+    Value get(const Value& member) const
+    {
+        const std::lock_guard lock(mMutex);
+        return member;
+    }
+    template <typename Value>
+    void set(Value& member, Value value)
+    {
+        const std::lock_guard lock(mMutex);
+        member = std::move(value);
+    }
+    template <typename Hook>
+    using Hooks = std::map<std::uint16_t, Hook>; ///< by handle
+    template <typename Hook>
+    void setHook(Hooks<Hook>& hooks, std::uint16_t handle, Hook hook)
+    {
+        const std::lock_guard lock(mMutex);
+        hooks[handle] = std::move(hook);
+    }
+    template <typename Hook>
+    static Hook find(const Hooks<Hook>& hooks, std::uint16_t handle)
+    {
+        const auto found = hooks.find(handle);
+        return found != hooks.end() ? found->second : Hook{};
+    }
+
+    void change(bool Condition::*member, bool value);
+    /// Edits the condition, and tells the listeners what follows.
     void change(const std::function<void(Condition&)>& edit);
     void tell(const Notice& notice);
     bool reachableLocked() const;
-    GattCharacteristic* findLocked(uint16_t handle, GattDescriptor** descriptor);
-    const GattCharacteristic* findLocked(uint16_t handle, const GattDescriptor** descriptor) const;
-    AttReply checkLocked(uint16_t handle, const std::vector<std::string>& flags, uint8_t refusal) const;
+    /// What is common to a characteristic and a descriptor; null if there is none of that handle.
+    struct Attribute {
+        std::vector<std::string>* flags = nullptr;
+        Bytes* value = nullptr;
+    };
+    Attribute findLocked(std::uint16_t handle);
+    AttReply checkLocked(std::uint16_t handle, const std::vector<std::string>& flags, std::uint8_t refusal);
     AttReply delayed(AttReply reply) const;
 
     mutable std::mutex mMutex;
     PeripheralOptions mOptions;
-    std::optional<std::string> mOwnName;
     Condition mCondition;
     Pairing mPairing = Pairing::Willing;
     bool mForgotBond = false;
@@ -172,9 +209,9 @@ private:
     bool mAnnouncesUnasked = false;
     std::chrono::milliseconds mAnswerDelay{0};
     std::set<uint16_t> mSubscribed;
-    std::map<uint16_t, ReadHook> mReadHooks;
-    std::map<uint16_t, WriteHook> mWriteHooks;
-    std::map<uint16_t, SubscribeHook> mSubscribeHooks;
+    Hooks<ReadHook> mReadHooks;
+    Hooks<WriteHook> mWriteHooks;
+    Hooks<SubscribeHook> mSubscribeHooks;
     std::vector<std::weak_ptr<PeripheralListener>> mListeners;
 };
 

@@ -137,8 +137,6 @@ Remote::Remote(const RemoteOptions& options)
     mReceiver.setRunningImage(runningVersion(options.version), 0);
 }
 
-Remote::~Remote() = default;
-
 GattTable Remote::updateTable(const UpdateAppearance& appearance) const
 {
     std::vector<GattCharacteristic> characteristics;
@@ -152,7 +150,7 @@ GattTable Remote::updateTable(const UpdateAppearance& appearance) const
 
 void Remote::buildHooks()
 {
-    // Weak, since a face may keep a peripheral longer than its remote.
+    // Weak, since a stack may keep a peripheral longer than its remote.
     const std::weak_ptr<Remote> weak = weak_from_this();
     const auto hook = [weak](auto action) {
         return [weak, action](const Bytes& bytes) {
@@ -195,59 +193,6 @@ void Remote::after(std::chrono::milliseconds delay, std::function<void(Remote&)>
         if (const auto remote = weak.lock())
             action(*remote);
     });
-}
-
-void Remote::leave()
-{
-    mNormal->leave();
-    mUpdate->leave();
-}
-
-void Remote::comeBack()
-{
-    mNormal->comeBack();
-    mUpdate->comeBack();
-}
-
-void Remote::sleep()
-{
-    mNormal->sleep();
-    mUpdate->sleep();
-}
-
-void Remote::wake()
-{
-    mNormal->wake();
-    mUpdate->wake();
-}
-
-void Remote::loseLink()
-{
-    mNormal->loseLink();
-    mUpdate->loseLink();
-}
-
-void Remote::setRssi(int16_t dBm)
-{
-    mNormal->setRssi(dBm);
-    mUpdate->setRssi(dBm);
-}
-
-void Remote::setPairing(Peripheral::Pairing pairing)
-{
-    mNormal->setPairing(pairing);
-    mUpdate->setPairing(pairing);
-}
-
-void Remote::setAnswerDelay(std::chrono::milliseconds delay)
-{
-    mNormal->setAnswerDelay(delay);
-    mUpdate->setAnswerDelay(delay);
-}
-
-void Remote::setBattery(uint8_t percent)
-{
-    setBatteryBytes({percent});
 }
 
 void Remote::setBatteryBytes(const Bytes& bytes)

@@ -70,12 +70,11 @@ public:
     using Schedule = std::function<void(std::chrono::milliseconds, std::function<void()>)>;
 
     static std::shared_ptr<Remote> create(const RemoteOptions& options = {});
-    ~Remote();
     Remote(const Remote&) = delete;
     Remote& operator=(const Remote&) = delete;
 
-    /// How the remote lets time pass; the face that owns a loop sets it. Without
-    /// one everything happens at once.
+    /// How the remote lets time pass; set by the one that has a scheduler. Without one everything happens at
+    /// once.
     void setSchedule(Schedule schedule);
 
     const std::shared_ptr<Peripheral>& normal() const { return mNormal; }
@@ -84,20 +83,20 @@ public:
     const RemoteOptions& options() const { return mOptions; }
 
     // ---- stories; of whichever personality is on the air
-    void leave();
-    void comeBack();
-    void sleep();
-    void wake();
-    void loseLink();
-    void setRssi(int16_t dBm);
-    void setPairing(Peripheral::Pairing pairing);
-    void setAnswerDelay(std::chrono::milliseconds delay);
+    void leave() { both(&Peripheral::leave); }
+    void comeBack() { both(&Peripheral::comeBack); }
+    void sleep() { both(&Peripheral::sleep); }
+    void wake() { both(&Peripheral::wake); }
+    void loseLink() { both(&Peripheral::loseLink); }
+    void setRssi(std::int16_t dBm) { both(&Peripheral::setRssi, dBm); }
+    void setPairing(Peripheral::Pairing pairing) { both(&Peripheral::setPairing, pairing); }
+    void setAnswerDelay(std::chrono::milliseconds delay) { both(&Peripheral::setAnswerDelay, delay); }
     /// Percent; notifies a subscribed peer as a real remote does.
-    void setBattery(uint8_t percent);
+    void setBattery(std::uint8_t percent) { setBatteryBytes({percent}); }
     /// Any bytes, also of a wrong size.
     void setBatteryBytes(const Bytes& bytes);
     /// Two bytes, little-endian.
-    void setVersion(uint16_t version);
+    void setVersion(std::uint16_t version);
     /// Any bytes, also of a wrong size.
     void setVersionBytes(const Bytes& bytes);
     Bytes versionBytes() const;
@@ -112,6 +111,12 @@ public:
 
 private:
     explicit Remote(const RemoteOptions& options);
+    template <typename... Values>
+    void both(void (Peripheral::*change)(Values...), Values... values)
+    {
+        (mNormal.get()->*change)(values...);
+        (mUpdate.get()->*change)(values...);
+    }
     void buildHooks();
     GattTable updateTable(const UpdateAppearance& appearance) const;
     void after(std::chrono::milliseconds delay, std::function<void(Remote&)> action);

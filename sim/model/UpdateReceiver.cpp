@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "sim/model/UpdateReceiver.h"
 
+#include <glib.h>
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <cctype>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -70,13 +70,6 @@ const Command* findCommand(const Bytes& bytes)
     });
     return found != kCommands.end() ? found : nullptr;
 }
-
-uint8_t digitValue(char digit)
-{
-    return static_cast<uint8_t>(std::isdigit(static_cast<unsigned char>(digit)) != 0
-                                    ? digit - '0'
-                                    : std::tolower(static_cast<unsigned char>(digit)) - 'a' + 10);
-}
 } // namespace
 
 UpdateKey developmentKey()
@@ -93,17 +86,16 @@ UpdateKey readKeyFile(const std::string& path)
     if (!file)
         throw std::runtime_error("can't open the key file " + path);
     std::string text{std::istreambuf_iterator<char>(file), {}};
-    const char* const blanks = " \t\r\n";
-    text.erase(0, text.find_first_not_of(blanks));
-    text.erase(text.find_last_not_of(blanks) + 1);
+    text = g_strstrip(text.data());
     if (text.size() != kKeyDigits)
         throw std::runtime_error("the key file " + path + " holds " + std::to_string(text.size()) +
                                  " characters where 64 hexadecimal digits are expected");
-    if (!std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; }))
+    if (!std::all_of(text.begin(), text.end(), [](char c) { return g_ascii_isxdigit(c) != FALSE; }))
         throw std::runtime_error("the key file " + path + " holds something other than hexadecimal digits");
     UpdateKey key{};
     for (std::size_t i = 0; i < key.size(); ++i)
-        key[i] = static_cast<uint8_t>(digitValue(text[2 * i]) << 4 | digitValue(text[2 * i + 1]));
+        key[i] = static_cast<std::uint8_t>(g_ascii_xdigit_value(text[2 * i]) << 4 |
+                                           g_ascii_xdigit_value(text[2 * i + 1]));
     return key;
 }
 
@@ -148,52 +140,17 @@ Bytes ImageHeader::encode() const
 
 UpdateReceiver::UpdateReceiver(const UpdateKey& key) : mKey(key) {}
 
-void UpdateReceiver::setKey(const UpdateKey& key)
+void UpdateReceiver::setRunningImage(std::uint16_t version, std::uint32_t offset)
 {
-    std::lock_guard lock(mMutex);
-    mKey = key;
-}
-
-void UpdateReceiver::setExpectedImage(Bytes image)
-{
-    std::lock_guard lock(mMutex);
-    mExpected = std::move(image);
-}
-
-void UpdateReceiver::setRunningImage(uint16_t version, uint32_t offset)
-{
-    std::lock_guard lock(mMutex);
+    const std::lock_guard lock(mMutex);
     mRunningVersion = version;
     mRunningOffset = offset;
 }
 
 void UpdateReceiver::setFault(UpdateStep step, const UpdateFault& fault)
 {
-    std::lock_guard lock(mMutex);
+    const std::lock_guard lock(mMutex);
     mFaults[step] = fault;
-}
-
-void UpdateReceiver::clearFault(UpdateStep step)
-{
-    std::lock_guard lock(mMutex);
-    mFaults.erase(step);
-}
-
-void UpdateReceiver::clearFaults()
-{
-    std::lock_guard lock(mMutex);
-    mFaults.clear();
-}
-
-void UpdateReceiver::begin()
-{
-    std::lock_guard lock(mMutex);
-    mHeader.reset();
-    mStartBlock.clear();
-    mPayload.clear();
-    mBlocks = 0;
-    mVerified = false;
-    mComplaint.clear();
 }
 
 UpdateReceiver::Outcome UpdateReceiver::switchWritten(const Bytes& bytes)
@@ -235,14 +192,14 @@ UpdateReceiver::Outcome UpdateReceiver::command(UpdateStep step, const Bytes& by
 
 bool UpdateReceiver::carryOut(UpdateStep step, const Bytes& bytes)
 {
-    mComplaint.clear();
+    mSession.complaint.clear();
     if (bytes.size() != findCommand(bytes)->length)
         return complain(toString(step) + ": wrong length of the packet");
     switch (step) {
     case UpdateStep::StartUpdate:
         return startUpdate(bytes);
     case UpdateStep::ImageInfo:
-        if (!mHeader || littleEndian16(&bytes[1]) != mHeader->signature)
+        if (!mSession.header || littleEndian16(&bytes[1]) != mSession.header->signature)
             return complain("image-info: not the signature that was announced");
         if (Bytes(bytes.begin() + 3, bytes.end()) != Bytes{ImageHeader::kSize, 0, 0, 0})
             return complain("image-info: the header size isn't 12");
@@ -256,17 +213,17 @@ bool UpdateReceiver::carryOut(UpdateStep step, const Bytes& bytes)
 
 bool UpdateReceiver::startUpdate(const Bytes& bytes)
 {
-    mStartBlock = decipher(&bytes[1]);
-    if (!std::all_of(mStartBlock.begin() + ImageHeader::kSize, mStartBlock.end(),
+    mSession.startBlock = decipher(&bytes[1]);
+    if (!std::all_of(mSession.startBlock.begin() + ImageHeader::kSize, mSession.startBlock.end(),
                      [](uint8_t byte) { return byte == 0; }))
         return complain("start-update: no zeros behind the header; another key?");
     if (!mExpected.empty() &&
-        !std::equal(mExpected.begin(), mExpected.begin() + ImageHeader::kSize, mStartBlock.begin()))
+        !std::equal(mExpected.begin(), mExpected.begin() + ImageHeader::kSize, mSession.startBlock.begin()))
         return complain("start-update: not the header of the image");
-    mHeader = ImageHeader::decode(mStartBlock.data());
-    mPayload.clear();
-    mBlocks = 0;
-    mVerified = false;
+    mSession.header = ImageHeader::decode(mSession.startBlock.data());
+    mSession.payload.clear();
+    mSession.blocks = 0;
+    mSession.verified = false;
     return true;
 }
 
@@ -284,33 +241,34 @@ UpdateReceiver::Outcome UpdateReceiver::dataWritten(const Bytes& bytes)
     std::size_t clear = 0;
     if (bytes.size() >= kCipherBlock) {
         const Bytes plain = decipher(bytes.data());
-        mPayload.insert(mPayload.end(), plain.begin(), plain.end());
+        mSession.payload.insert(mSession.payload.end(), plain.begin(), plain.end());
         clear = kCipherBlock;
     }
-    mPayload.insert(mPayload.end(), bytes.begin() + static_cast<std::ptrdiff_t>(clear), bytes.end());
-    ++mBlocks;
+    mSession.payload.insert(mSession.payload.end(), bytes.begin() + static_cast<std::ptrdiff_t>(clear),
+                            bytes.end());
+    ++mSession.blocks;
     return fault ? apply(*fault, {}) : Outcome{};
 }
 
 bool UpdateReceiver::verify(const Bytes& bytes)
 {
-    mVerified = false;
-    if (!mHeader)
+    mSession.verified = false;
+    if (!mSession.header)
         return complain("verify: no update was started");
-    if (littleEndian16(&bytes[1]) != mHeader->signature)
+    if (littleEndian16(&bytes[1]) != mSession.header->signature)
         return complain("verify: not the signature that was announced");
     // The sender doesn't cut its last block at the announced length.
-    const std::size_t announced = mHeader->payloadBytes();
-    if (mPayload.size() < announced || mPayload.size() >= announced + kDataBlock)
-        return complain("verify: " + std::to_string(mPayload.size()) + " bytes came, " +
+    const std::size_t announced = mSession.header->payloadBytes();
+    if (mSession.payload.size() < announced || mSession.payload.size() >= announced + kDataBlock)
+        return complain("verify: " + std::to_string(mSession.payload.size()) + " bytes came, " +
                         std::to_string(announced) + " were announced");
     if (!mExpected.empty()) {
         const Bytes expected(mExpected.begin() + ImageHeader::kSize, mExpected.end());
-        const auto compared = static_cast<std::ptrdiff_t>(std::min(mPayload.size(), expected.size()));
-        if (!std::equal(expected.begin(), expected.begin() + compared, mPayload.begin()))
+        const auto compared = static_cast<std::ptrdiff_t>(std::min(mSession.payload.size(), expected.size()));
+        if (!std::equal(expected.begin(), expected.begin() + compared, mSession.payload.begin()))
             return complain("verify: not the bytes of the image");
     }
-    mVerified = true;
+    mSession.verified = true;
     return true;
 }
 
@@ -362,7 +320,7 @@ std::optional<UpdateFault> UpdateReceiver::takeFault(UpdateStep step)
     if (found == mFaults.end())
         return {};
     UpdateFault& fault = found->second;
-    if (step == UpdateStep::Data && fault.block && *fault.block != mBlocks)
+    if (step == UpdateStep::Data && fault.block && *fault.block != mSession.blocks)
         return {};
     const UpdateFault taken = fault;
     if (fault.times > 0 && --fault.times == 0)
@@ -386,69 +344,19 @@ Bytes UpdateReceiver::decipher(const uint8_t* block) const
 
 bool UpdateReceiver::complain(const std::string& text)
 {
-    mComplaint = text;
+    mSession.complaint = text;
     return false;
 }
 
 void UpdateReceiver::record(UpdatePacket::Channel channel, bool fromRemote, const Bytes& bytes)
 {
-    using namespace std::chrono;
-    const auto now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
-    mPackets.push_back({now, channel, fromRemote, bytes});
+    mPackets.push_back({g_get_monotonic_time(), channel, fromRemote, bytes});
 }
 
 void UpdateReceiver::answered(const Bytes& bytes)
 {
     std::lock_guard lock(mMutex);
     record(UpdatePacket::Channel::ControlPoint, true, bytes);
-}
-
-std::optional<ImageHeader> UpdateReceiver::header() const
-{
-    std::lock_guard lock(mMutex);
-    return mHeader;
-}
-
-Bytes UpdateReceiver::startBlock() const
-{
-    std::lock_guard lock(mMutex);
-    return mStartBlock;
-}
-
-Bytes UpdateReceiver::payload() const
-{
-    std::lock_guard lock(mMutex);
-    return mPayload;
-}
-
-unsigned UpdateReceiver::blocks() const
-{
-    std::lock_guard lock(mMutex);
-    return mBlocks;
-}
-
-bool UpdateReceiver::verified() const
-{
-    std::lock_guard lock(mMutex);
-    return mVerified;
-}
-
-std::string UpdateReceiver::complaint() const
-{
-    std::lock_guard lock(mMutex);
-    return mComplaint;
-}
-
-std::vector<UpdatePacket> UpdateReceiver::packets() const
-{
-    std::lock_guard lock(mMutex);
-    return mPackets;
-}
-
-void UpdateReceiver::clearPackets()
-{
-    std::lock_guard lock(mMutex);
-    mPackets.clear();
 }
 
 } // namespace vexasim

@@ -101,18 +101,17 @@ public:
 
     explicit UpdateReceiver(const UpdateKey& key);
 
-    void setKey(const UpdateKey& key);
+    void setKey(const UpdateKey& key) { set(mKey, key); }
     /// The whole image file, header included, to which Verify compares what
     /// came; empty: only the announced length is checked.
-    void setExpectedImage(Bytes image);
+    void setExpectedImage(const Bytes& image) { set(mExpected, image); }
     /// What GetImageInfo answers.
     void setRunningImage(uint16_t version, uint32_t offset);
     void setFault(UpdateStep step, const UpdateFault& fault);
-    void clearFault(UpdateStep step);
-    void clearFaults();
+    void clearFaults() { set(mFaults, {}); }
 
     /// A new session: forgets what came, but neither the faults nor the record.
-    void begin();
+    void begin() { set(mSession, {}); }
     Outcome switchWritten(const Bytes& bytes);
     Outcome commandWritten(const Bytes& bytes);
     Outcome dataWritten(const Bytes& bytes);
@@ -121,16 +120,47 @@ public:
     void answered(const Bytes& bytes);
 
     // ---- what came
-    std::optional<ImageHeader> header() const; ///< of the last good start packet
-    Bytes startBlock() const;                  ///< the 16 deciphered bytes of the start packet
-    Bytes payload() const;                     ///< deciphered so far
-    unsigned blocks() const;
-    bool verified() const;
-    std::string complaint() const; ///< why the last step failed, empty if it didn't
-    std::vector<UpdatePacket> packets() const;
-    void clearPackets();
+    std::optional<ImageHeader> header() const
+    {
+        return get(mSession.header);
+    } ///< of the last good start packet
+    Bytes startBlock() const
+    {
+        return get(mSession.startBlock);
+    }                                                       ///< the 16 deciphered bytes of the start packet
+    Bytes payload() const { return get(mSession.payload); } ///< deciphered so far
+    unsigned blocks() const { return get(mSession.blocks); }
+    bool verified() const { return get(mSession.verified); }
+    std::string complaint() const
+    {
+        return get(mSession.complaint);
+    } ///< why the last step failed, empty if it didn't
+    std::vector<UpdatePacket> packets() const { return get(mPackets); }
+    void clearPackets() { set(mPackets, {}); }
 
 private:
+    /// What came since `begin`.
+    struct Session {
+        std::optional<ImageHeader> header;
+        Bytes startBlock;
+        Bytes payload;
+        unsigned blocks = 0;
+        bool verified = false;
+        std::string complaint;
+    };
+
+    template <typename Value>
+    Value get(const Value& member) const
+    {
+        const std::lock_guard lock(mMutex);
+        return member;
+    }
+    template <typename Value>
+    void set(Value& member, const Value& value)
+    {
+        const std::lock_guard lock(mMutex);
+        member = value;
+    }
     Outcome command(UpdateStep step, const Bytes& bytes);
     bool carryOut(UpdateStep step, const Bytes& bytes);
     bool startUpdate(const Bytes& bytes);
@@ -148,12 +178,7 @@ private:
     uint16_t mRunningVersion = 0;
     uint32_t mRunningOffset = 0;
     std::map<UpdateStep, UpdateFault> mFaults;
-    std::optional<ImageHeader> mHeader;
-    Bytes mStartBlock;
-    Bytes mPayload;
-    unsigned mBlocks = 0;
-    bool mVerified = false;
-    std::string mComplaint;
+    Session mSession;
     std::vector<UpdatePacket> mPackets;
 };
 

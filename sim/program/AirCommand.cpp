@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/AirCommand.h"
 
-#include "sim/program/AirControl.h"
 #include "sim/bluez/PrivateBus.h"
-#include "sim/program/Narrator.h"
+#include "sim/program/AirControl.h"
+#include "sim/program/MainLoop.h"
 
 #include <CLI/CLI.hpp>
-#include <glib-unix.h>
 
-#include <csignal>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 
@@ -22,12 +19,6 @@ namespace
 // The answer to a command that ends the link needs a connection event to get
 // through, and an interval can be long.
 constexpr std::chrono::milliseconds kSwitchTime{300};
-
-gboolean onSignal(gpointer loop)
-{
-    g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_CONTINUE;
-}
 
 } // namespace
 
@@ -46,22 +37,15 @@ AirCommand::AirCommand(CLI::App& program)
                         "D-Bus address of the bus to be driven by; without it a private one");
     mCommand.add_option("--bus-dir", mBusDirectory, "folder for the private bus's socket");
 
-    const char* group = "Radio";
-    mCommand.add_flag("--hurried", mHurried, "links don't keep the time of their intervals, but go at once")
-        ->group(group);
-    mCommand.add_flag("--legacy-pairing", mLegacyPairing, "the remote knows no secure connections")
-        ->group(group);
-    mCommand
-        .add_flag("--name-in-scan-response", mBox.radio.nameInScanResponse,
-                  "the advertisement itself carries no name")
-        ->group(group);
-    mCommand
-        .add_flag("--private-address", mBox.radio.privateAddress, "the remote hides behind a private address")
-        ->group(group);
-    mCommand
-        .add_flag("--asks-for-security", mBox.radio.asksForSecurity,
-                  "the remote has the box pair or encrypt after each connection")
-        ->group(group);
+    mCommand.option_defaults()->group("Radio");
+    mCommand.add_flag("--hurried", mHurried, "links don't keep the time of their intervals, but go at once");
+    mCommand.add_flag("--legacy-pairing", mLegacyPairing, "the remote knows no secure connections");
+    mCommand.add_flag("--name-in-scan-response", mBox.radio.nameInScanResponse,
+                      "the advertisement itself carries no name");
+    mCommand.add_flag("--private-address", mBox.radio.privateAddress,
+                      "the remote hides behind a private address");
+    mCommand.add_flag("--asks-for-security", mBox.radio.asksForSecurity,
+                      "the remote has the box pair or encrypt after each connection");
 }
 
 bool AirCommand::chosen() const
@@ -78,13 +62,13 @@ void AirCommand::run()
     mBox.pace = mHurried ? Pace::Hurried : Pace::RealTime;
 
     Narrator narrator(mSettings.quiet);
-    const std::shared_ptr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
-    // Outlives the box, like all that its settings refer to.
-    const auto lost = std::make_shared<std::string>();
+    // These outlive the box, like all that its settings refer to.
+    const MainLoop loop;
+    std::string lost;
     mBox.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
-    mBox.onLost = [lost, loop](const std::string& why) {
-        *lost = why;
-        g_main_loop_quit(loop.get());
+    mBox.onLost = [&lost, &loop](const std::string& why) {
+        lost = why;
+        loop.quit();
     };
     AirBox box(mBox);
     prepare(*box.remotes().front().remote, mSettings);
@@ -93,15 +77,13 @@ void AirCommand::run()
     if (mBusAddress.empty())
         bus.emplace(mBusDirectory);
     const std::string address = bus ? bus->address() : mBusAddress;
-    AirControl control(box, address, mSettings.files, [&loop] { g_main_loop_quit(loop.get()); });
-    const Hearing hearing(narrator, control.object());
-    g_unix_signal_add(SIGINT, onSignal, loop.get());
-    g_unix_signal_add(SIGTERM, onSignal, loop.get());
+    const AirControl control(box, address, narrator, mSettings.files, [&loop] { loop.quit(); });
     box.plug();
     narrator.begin("VEXASIM_BUS_ADDRESS=" + address);
-    g_main_loop_run(loop.get());
-    if (!lost->empty())
-        throw std::runtime_error(*lost);
+    loop.run();
+    if (!lost.empty()) {
+        throw std::runtime_error(lost);
+    }
 }
 
 } // namespace vexasim::air

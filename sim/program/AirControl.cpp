@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/AirControl.h"
 
-#include "sim/program/Arguments.h"
-#include "sim/program/Options.h"
+#include "sim/program/Dictionaries.h"
 
 #include <stdexcept>
 #include <utility>
@@ -33,28 +32,29 @@ RemoteOptions remoteOf(const std::string& address, const std::string& name)
 
 } // namespace
 
-AirControl::AirControl(AirBox& box, const std::string& busAddress, BoxFiles files, std::function<void()> quit)
+AirControl::AirControl(AirBox& box, const std::string& busAddress, Narrator& narrator, BoxFiles files,
+                       std::function<void()> quit)
     : mBox(box),
+      mObject(narrator),
       mRemote(
           mObject, [&box]() -> Remote& { return *box.remotes().front().remote; }, std::move(files))
 {
     addRadioMethods();
     addAirMethods();
-    mObject.action("Quit", [quit = std::move(quit)](GVariant*) { quit(); });
+    mObject.method("Quit", {}, std::move(quit));
     mObject.publish(busAddress);
 }
 
 void AirControl::addRadioMethods()
 {
-    mObject.action("SetRadio", [this](GVariant* arguments) {
+    mObject.method("SetRadio", {"radio"}, [this](const PropertyMap& changes) {
         const auto& remote = mBox.remotes().front();
         RadioOptions options = remote.normal->options();
-        const Variant changes = g_variant_get_child_value(arguments, 0);
-        control::changeRadio(options, changes.get());
+        control::changeRadio(options, changes);
         remote.normal->setOptions(options);
         remote.update->setOptions(options);
     });
-    mObject.action("HangUp", [this](GVariant*) {
+    mObject.method("HangUp", {}, [this] {
         mBox.remotes().front().normal->hangUp();
         mBox.remotes().front().update->hangUp();
     });
@@ -62,21 +62,23 @@ void AirControl::addRadioMethods()
 
 void AirControl::addAirMethods()
 {
-    mObject.action("AddDevice", [this](GVariant* arguments) {
-        const std::string name = control::text(arguments, 1);
-        const auto& added = mBox.addRemote(remoteOf(control::text(arguments, 0), name));
-        if (name.empty())
-            added.remote->normal()->setAdvertisedName(std::nullopt);
-    });
-    mObject.action("RemoveDevice", [this](GVariant* arguments) {
-        const std::string address = control::text(arguments, 0);
-        if (address == mBox.remotes().front().remote->options().address)
+    mObject.method("AddDevice", {"address", "name"},
+                   [this](const std::string& address, const std::string& name) {
+                       const auto& added = mBox.addRemote(remoteOf(address, name));
+                       if (name.empty()) {
+                           added.remote->normal()->setAdvertisedName(std::nullopt);
+                       }
+                   });
+    mObject.method("RemoveDevice", {"address"}, [this](const std::string& address) {
+        if (address == mBox.remotes().front().remote->options().address) {
             throw std::invalid_argument("the remote itself stays; let it leave or sleep");
+        }
         mBox.removeRemote(address);
     });
     // There is one adapter, whose name is the kernel's choice.
-    mObject.action("AddAdapter", [this](GVariant*) { mBox.plug(); });
-    mObject.action("RemoveAdapter", [this](GVariant*) { mBox.unplug(); });
+    mObject.method("AddAdapter", {"name", "address"},
+                   [this](const std::string&, const std::string&) { mBox.plug(); });
+    mObject.method("RemoveAdapter", {"name"}, [this](const std::string&) { mBox.unplug(); });
 }
 
 } // namespace vexasim::air

@@ -3,7 +3,7 @@
 
 #include "sim/air/AirBox.h"
 #include "sim/program/ControlObject.h"
-#include "sim/program/RemoteControl.h"
+#include "sim/program/RemoteMethods.h"
 
 #include <functional>
 #include <string>
@@ -11,15 +11,14 @@
 namespace vexasim::air
 {
 
-/// The object /sim of the remote on the air: what every face can do, and what
-/// concerns the radio. Lives on the thread of the default main context.
+/// The object /sim that controls the remote on the air and its radio by D-Bus. Lives on the thread of the
+/// default main context, which must be iterated.
 class AirControl
 {
 public:
     /// `quit` ends the program. Throws std::runtime_error.
-    AirControl(AirBox& box, const std::string& busAddress, BoxFiles files, std::function<void()> quit);
-
-    ControlObject& object() { return mObject; }
+    AirControl(AirBox& box, const std::string& busAddress, Narrator& narrator, BoxFiles files,
+               std::function<void()> quit);
 
 private:
     void addRadioMethods();
@@ -27,7 +26,7 @@ private:
 
     AirBox& mBox;
     ControlObject mObject;
-    RemoteControl mRemote;
+    RemoteMethods mRemote;
 };
 
 } // namespace vexasim::air

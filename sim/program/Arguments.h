@@ -3,33 +3,89 @@
 
 #include "sim/bluez/Variant.h"
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
-/// Reads the arguments of the control interface's methods, whose types GDBus
-/// has compared with the interface's description before.
+/// How the C++ types of the control methods' parameters look on the bus: `kType` is the D-Bus type, and
+/// `read` takes a value of that type, which GDBus has checked.
 namespace vexasim::control
 {
 
-/// The text at a place of the argument tuple.
-inline std::string text(GVariant* arguments, gsize index)
-{
-    const Variant value = g_variant_get_child_value(arguments, index);
-    return g_variant_get_string(value.get(), nullptr);
-}
-
-/// The only argument of a method, a plain type.
 template <typename Value>
-Value only(GVariant* arguments, const char* format)
-{
-    Value value{};
-    g_variant_get_child(arguments, 0, format, &value);
-    return value;
-}
+struct Argument;
 
-/// The only argument of a method, a boolean.
-inline bool onlyBoolean(GVariant* arguments)
-{
-    return only<gboolean>(arguments, "b") != FALSE;
-}
+template <typename Value, char kLetter>
+struct NumberArgument {
+    static constexpr char kType[] = {kLetter, '\0'};
+    static Value read(GVariant* value)
+    {
+        Value number{};
+        g_variant_get(value, kType, &number);
+        return number;
+    }
+};
+
+template <>
+struct Argument<std::uint8_t> : NumberArgument<std::uint8_t, 'y'> {
+};
+template <>
+struct Argument<std::int16_t> : NumberArgument<std::int16_t, 'n'> {
+};
+template <>
+struct Argument<std::uint16_t> : NumberArgument<std::uint16_t, 'q'> {
+};
+template <>
+struct Argument<std::uint32_t> : NumberArgument<std::uint32_t, 'u'> {
+};
+template <>
+struct Argument<std::uint64_t> : NumberArgument<std::uint64_t, 't'> {
+};
+
+template <>
+struct Argument<bool> {
+    static constexpr char kType[] = "b";
+    static bool read(GVariant* value) { return g_variant_get_boolean(value) != FALSE; }
+};
+
+template <>
+struct Argument<std::string> {
+    static constexpr char kType[] = "s";
+    static std::string read(GVariant* value) { return g_variant_get_string(value, nullptr); }
+};
+
+struct ObjectPath {
+    std::string text;
+};
+
+template <>
+struct Argument<ObjectPath> {
+    static constexpr char kType[] = "o";
+    static ObjectPath read(GVariant* value) { return {g_variant_get_string(value, nullptr)}; }
+};
+
+template <>
+struct Argument<std::vector<std::uint8_t>> {
+    static constexpr char kType[] = "ay";
+    static std::vector<std::uint8_t> read(GVariant* value) { return toBytes(value); }
+};
+
+template <>
+struct Argument<PropertyMap> {
+    static constexpr char kType[] = "a{sv}";
+    static PropertyMap read(GVariant* value) { return toPropertyMap(value); }
+};
+
+template <>
+struct Argument<InterfaceMap> {
+    static constexpr char kType[] = "a{sa{sv}}";
+    static InterfaceMap read(GVariant* value) { return toInterfaceMap(value); }
+};
+
+template <>
+struct Argument<Variant> {
+    static constexpr char kType[] = "v";
+    static Variant read(GVariant* value) { return g_variant_get_variant(value); }
+};
 
 } // namespace vexasim::control

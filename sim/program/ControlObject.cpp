@@ -1,91 +1,82 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/ControlObject.h"
 
-#include "sim/program/Interface.h"
+#include "sim/bluez/BusConnection.h"
 
 #include <stdexcept>
-#include <utility>
 
 namespace vexasim
 {
 
 namespace
 {
-[[noreturn]] void throwError(GError* error)
+constexpr const char* kName = "org.vexabluetoohtd.Sim"; ///< of the bus name and of the interface
+constexpr const char* kPath = "/sim";
+constexpr const char* kError = "org.vexabluetoohtd.Sim.Error.Failed";
+constexpr const char* kSignal = "Happened";
+
+std::string argument(const std::string& name, const std::string& type, const std::string& direction)
 {
-    const std::string text = error->message;
-    g_error_free(error);
-    throw std::runtime_error(text);
+    return "<arg name='" + name + "' type='" + type + "' direction='" + direction + "'/>";
 }
 } // namespace
 
 ControlObject::~ControlObject()
 {
-    if (mConnection != nullptr) {
-        g_dbus_connection_close_sync(mConnection, nullptr, nullptr);
-        g_object_unref(mConnection);
+    mNarrator.forwardTo(nullptr);
+    if (mConnection == nullptr) {
+        return;
     }
-    if (mInfo != nullptr)
-        g_dbus_node_info_unref(mInfo);
+    g_dbus_connection_close_sync(mConnection, nullptr, nullptr);
+    g_object_unref(mConnection);
 }
 
-void ControlObject::method(const std::string& member, Method method)
+void ControlObject::describe(const std::string& member, const Names& names, const Names& types,
+                             const Result& result)
 {
-    mMethods[member] = std::move(method);
-}
-
-void ControlObject::action(const std::string& member, Action action)
-{
-    mMethods[member] = [action = std::move(action)](GVariant* arguments) {
-        action(arguments);
-        return Variant{};
-    };
+    mDescriptions += "<method name='" + member + "'>";
+    for (std::size_t i = 0; i < types.size(); ++i) {
+        mDescriptions += argument(names.at(i), types[i], "in");
+    }
+    if (!result.type.empty()) {
+        mDescriptions += argument(result.name, result.type, "out");
+    }
+    mDescriptions += "</method>";
 }
 
 void ControlObject::publish(const std::string& busAddress)
 {
+    mConnection = connectToBus(busAddress);
+    const std::string description = std::string("<node><interface name='") + kName + "'>" + mDescriptions +
+                                    "<signal name='" + kSignal +
+                                    "'><arg name='what' type='s'/></signal></interface></node>";
     GError* error = nullptr;
-    mInfo = g_dbus_node_info_new_for_xml(control::kXml, &error);
-    if (mInfo == nullptr)
-        throwError(error);
-    mConnection = g_dbus_connection_new_for_address_sync(
-        busAddress.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (mConnection == nullptr)
-        throwError(error);
-    const GDBusInterfaceVTable table{&ControlObject::onCall, nullptr, nullptr, {}};
-    g_dbus_connection_register_object(mConnection, control::kPath, mInfo->interfaces[0], &table, this,
-                                      nullptr, &error);
-    if (error != nullptr)
-        throwError(error);
-    const Variant reply = g_dbus_connection_call_sync(
-        mConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-        g_variant_new("(su)", control::kName, 0U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-    if (!reply)
-        throwError(error);
-}
-
-void ControlObject::tell(const std::string& what)
-{
-    if (mConnection != nullptr)
-        g_dbus_connection_emit_signal(mConnection, nullptr, control::kPath, control::kInterface, "Happened",
+    const std::shared_ptr<GDBusNodeInfo> info(g_dbus_node_info_new_for_xml(description.c_str(), &error),
+                                              g_dbus_node_info_unref);
+    if (error == nullptr) {
+        const GDBusInterfaceVTable table{&ControlObject::onCall, nullptr, nullptr, {}};
+        g_dbus_connection_register_object(mConnection, kPath, info->interfaces[0], &table, this, nullptr,
+                                          &error);
+    }
+    if (error != nullptr) {
+        throw std::runtime_error(takeMessage(error));
+    }
+    callBus(mConnection, "RequestName", g_variant_new("(su)", kName, 0U));
+    mNarrator.forwardTo([this](const std::string& what) {
+        g_dbus_connection_emit_signal(mConnection, nullptr, kPath, kName, kSignal,
                                       g_variant_new("(s)", what.c_str()), nullptr);
+    });
 }
 
 void ControlObject::onCall(GDBusConnection*, const char*, const char*, const char*, const char* member,
                            GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self)
 {
-    const auto& methods = static_cast<ControlObject*>(self)->mMethods;
-    const auto found = methods.find(member);
     try {
-        if (found == methods.end())
-            throw std::runtime_error(std::string(member) + " is for another face of vexasim, see --help");
-        const Variant reply = found->second(parameters);
-        g_dbus_method_invocation_return_value(invocation, reply.get());
+        const Variant result = static_cast<ControlObject*>(self)->mMethods.at(member)(parameters);
+        GVariant* value = result.get();
+        g_dbus_method_invocation_return_value(invocation, result ? g_variant_new_tuple(&value, 1) : nullptr);
     } catch (const std::exception& error) {
-        g_dbus_method_invocation_return_dbus_error(invocation, control::kError, error.what());
+        g_dbus_method_invocation_return_dbus_error(invocation, kError, error.what());
     }
 }
 

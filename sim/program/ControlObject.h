@@ -1,51 +1,86 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Variant.h"
+#include "sim/program/Arguments.h"
+#include "sim/program/Narrator.h"
 
 #include <gio/gio.h>
 
 #include <functional>
 #include <map>
 #include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace vexasim
 {
 
-/// The object /sim on a bus, by which a person or a script plays with the
-/// program: the same interface for every face of the remote, of which each does
-/// what it can. Lives on the thread of the default main context, which must be
-/// iterated.
+/// The object /sim on a bus, by which a person or a script controls the program; for people it is described
+/// in docs/simulator.md. Lives on the thread of the default main context, which must be iterated.
 class ControlObject
 {
 public:
-    /// Takes the tuple of arguments, returns the tuple of results (or none);
-    /// what it throws becomes a D-Bus error.
-    using Method = std::function<Variant(GVariant*)>;
-    using Action = std::function<void(GVariant*)>;
+    using Names = std::vector<std::string>;
+    struct Result {
+        std::string name;
+        std::string type;
+    };
 
-    ControlObject() = default;
+    /// What the narrator tells from `publish` on is also emitted as the signal Happened.
+    explicit ControlObject(Narrator& narrator) : mNarrator(narrator) {}
     ~ControlObject();
     ControlObject(const ControlObject&) = delete;
     ControlObject& operator=(const ControlObject&) = delete;
 
-    /// Before publish. A method that nobody adds answers that this face can't do it.
-    void method(const std::string& member, Method method);
-    /// A method without results.
-    void action(const std::string& member, Action action);
+    /// Adds a method, before publish. The parameters of `function` are those of the method, called `names`.
+    /// With a result it returns a Variant. What it throws becomes a D-Bus error.
+    template <typename Function>
+    void method(const std::string& member, const Names& names, Function function, const Result& result = {})
+    {
+        add(member, names, result, std::function{std::move(function)});
+    }
 
     /// Joins the bus, takes the name and serves. Throws std::runtime_error.
     void publish(const std::string& busAddress);
 
-    /// Emits the signal Happened. Any thread; nothing happens before publish.
-    void tell(const std::string& what);
-
 private:
+    /// Takes the tuple of arguments, returns the result or an empty variant.
+    using Method = std::function<Variant(GVariant*)>;
+
+    template <typename Return, typename... Values>
+    void add(const std::string& member, const Names& names, const Result& result,
+             const std::function<Return(Values...)>& function)
+    {
+        describe(member, names, {control::Argument<std::decay_t<Values>>::kType...}, result);
+        mMethods[member] = [function](GVariant* arguments) {
+            return call(function, arguments, std::index_sequence_for<Values...>{});
+        };
+    }
+
+    template <typename Return, typename... Values, std::size_t... kPlaces>
+    static Variant call(const std::function<Return(Values...)>& function,
+                        [[maybe_unused]] GVariant* arguments, std::index_sequence<kPlaces...>)
+    {
+        const auto invoke = [&] {
+            return function(control::Argument<std::decay_t<Values>>::read(
+                Variant(g_variant_get_child_value(arguments, kPlaces)).get())...);
+        };
+        if constexpr (std::is_void_v<Return>) {
+            invoke();
+            return {};
+        } else {
+            return invoke();
+        }
+    }
+
+    void describe(const std::string& member, const Names& names, const Names& types, const Result& result);
     static void onCall(GDBusConnection*, const char*, const char*, const char*, const char* member,
                        GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self);
 
+    Narrator& mNarrator;
+    std::string mDescriptions; ///< of the methods, in the form of introspection
     std::map<std::string, Method> mMethods;
-    GDBusNodeInfo* mInfo = nullptr;
     GDBusConnection* mConnection = nullptr;
 };
 

@@ -5,25 +5,28 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 namespace vexasim
 {
 
-void Narrator::hear(ControlObject* control)
+void Narrator::forwardTo(std::function<void(const std::string&)> receiver)
 {
     const std::lock_guard lock(mMutex);
-    mControl = control;
+    mReceiver = std::move(receiver);
 }
 
 void Narrator::tell(const std::string& what)
 {
     const std::lock_guard lock(mMutex);
-    if (!mBegun)
+    if (!mBegun) {
         mHeld.push_back(what);
-    else if (!mQuiet)
+    } else if (!mQuiet) {
         print(what);
-    if (mControl != nullptr)
-        mControl->tell(what);
+    }
+    if (mReceiver) {
+        mReceiver(what);
+    }
 }
 
 void Narrator::begin(const std::string& firstLine)

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/program/ControlObject.h"
-
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -10,20 +9,19 @@
 namespace vexasim
 {
 
-/// Prints what happens, one line each, and passes it to the control object
-/// once there is one. Any thread.
+/// Prints what happens, one line each, and passes it on to one more receiver. Any thread.
 class Narrator
 {
 public:
     explicit Narrator(bool quiet) : mQuiet(quiet) {}
 
-    /// Null for nobody; the object must outlive the next call of this.
-    void hear(ControlObject* control);
+    /// Null for nobody. After the return the earlier receiver isn't called any more.
+    void forwardTo(std::function<void(const std::string&)> receiver);
 
     void tell(const std::string& what);
 
-    /// A line of its own first of all, even if quiet, for scripts that read one
-    /// line and go on; then what has happened so far.
+    /// Prints a line of its own before all others, even if quiet, for scripts that read one line and go on;
+    /// then what has happened so far.
     void begin(const std::string& firstLine);
 
 private:
@@ -33,20 +31,7 @@ private:
     std::mutex mMutex;
     bool mBegun = false;
     std::vector<std::string> mHeld;
-    ControlObject* mControl = nullptr;
-};
-
-/// The narrator passes things on for as long as this lives.
-class Hearing
-{
-public:
-    Hearing(Narrator& narrator, ControlObject& control) : mNarrator(narrator) { mNarrator.hear(&control); }
-    ~Hearing() { mNarrator.hear(nullptr); }
-    Hearing(const Hearing&) = delete;
-    Hearing& operator=(const Hearing&) = delete;
-
-private:
-    Narrator& mNarrator;
+    std::function<void(const std::string&)> mReceiver;
 };
 
 } // namespace vexasim

@@ -34,28 +34,18 @@ unsigned long wholeNumber(const std::string& text, int base, const std::string& 
 
 void addRemoteOptions(CLI::App& app, RemoteSettings& settings)
 {
-    const char* group = "Remote";
     RemoteOptions& remote = settings.remote;
-    app.add_option("--name", remote.name, "its name")->capture_default_str()->group(group);
-    app.add_option("--remote-address", remote.address, "its Bluetooth address")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--update-name", remote.updateName, "its name in update mode")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--update-address", remote.updateAddress, "its address in update mode")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--rssi", remote.rssi, "signal strength in dBm")->capture_default_str()->group(group);
-    app.add_option("--battery", settings.battery, "battery level in percent")
-        ->check(CLI::Range(0, 255))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--fw-version", settings.version, "firmware version, hexadecimal")
-        ->capture_default_str()
-        ->group(group);
-    app.add_flag("--away", settings.away, "it starts out of range")->group(group);
-    app.add_flag("--asleep", settings.asleep, "it starts asleep")->group(group);
+    app.option_defaults()->group("Remote")->always_capture_default();
+    app.add_option("--name", remote.name, "its name");
+    app.add_option("--remote-address", remote.address, "its Bluetooth address");
+    app.add_option("--update-name", remote.updateName, "its name in update mode");
+    app.add_option("--update-address", remote.updateAddress, "its address in update mode");
+    app.add_option("--rssi", remote.rssi, "signal strength in dBm");
+    app.add_option("--battery", settings.battery, "battery level in percent")->check(CLI::Range(0, 255));
+    app.add_option("--fw-version", settings.version, "firmware version, hexadecimal");
+    app.add_flag("--away", settings.away, "it starts out of range");
+    app.add_flag("--asleep", settings.asleep, "it starts asleep");
+    app.option_defaults()->group("Options")->always_capture_default(false);
     app.add_option("--key-file", settings.keyFile,
                    "file with the update key, 64 hexadecimal digits; without it the development key");
     app.add_option("--image", settings.image, "image file to which an update is compared byte by byte");
@@ -63,12 +53,12 @@ void addRemoteOptions(CLI::App& app, RemoteSettings& settings)
 
 void addBoxOptions(CLI::App& app, RemoteSettings& settings)
 {
-    const char* group = "Box";
-    app.add_option("--adc-file", settings.files.adcFile, "file that stands for the button")->group(group);
-    app.add_option("--tmp", settings.files.tmpDirectory, "folder that the daemon has as /tmp")
-        ->check(CLI::ExistingDirectory)
-        ->group(group);
     app.add_flag("-q,--quiet", settings.quiet, "print the first line and nothing else");
+    app.option_defaults()->group("Box");
+    app.add_option("--adc-file", settings.files.adcFile, "file that stands for the button");
+    app.add_option("--tmp", settings.files.tmpDirectory, "folder that the daemon has as /tmp")
+        ->check(CLI::ExistingDirectory);
+    app.option_defaults()->group("Options");
 }
 
 void complete(RemoteSettings& settings)

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/program/RemoteControl.h"
 #include "sim/model/Remote.h"
+#include "sim/program/RemoteMethods.h"
 
 #include <string>
 
@@ -14,8 +14,8 @@ class App;
 namespace vexasim
 {
 
-/// What the command line says of the remote and of the box around the daemon,
-/// whichever face the remote has.
+/// What the command line says of the remote and of the box around the daemon, for the simulated BlueZ as for
+/// the air.
 struct RemoteSettings {
     RemoteOptions remote;
     BoxFiles files;

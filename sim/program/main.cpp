@@ -1,18 +1,15 @@
 // SPDX-License-Identifier: MIT
-#include "sim/program/AirCommand.h"
 #include "sim/bluez/Simulator.h"
-#include "sim/program/Control.h"
-#include "sim/program/Narrator.h"
+#include "sim/program/AirCommand.h"
+#include "sim/program/BlueZControl.h"
+#include "sim/program/MainLoop.h"
 #include "sim/program/RemoteSettings.h"
 
 #include <CLI/CLI.hpp>
-#include <glib-unix.h>
-
-#include <csignal>
-#include <cstdio>
 
 #include <array>
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <string>
@@ -21,7 +18,6 @@
 
 namespace
 {
-using vexasim::Control;
 using vexasim::Simulator;
 using vexasim::SimulatorOptions;
 using vexasim::Timings;
@@ -41,44 +37,30 @@ struct Settings : vexasim::RemoteSettings {
     std::vector<std::string> timings;
 };
 
-void addBusOptions(CLI::App& app, Settings& settings)
-{
-    const char* group = "Bus";
-    app.add_option("--address", settings.simulator.busAddress,
-                   "D-Bus address of a bus to join; without it a private dbus-daemon is started")
-        ->group(group);
-    app.add_option("--bus-dir", settings.simulator.busDirectory,
-                   "folder for the private bus's socket; without it a temporary one")
-        ->group(group);
-}
-
 void addStackOptions(CLI::App& app, Settings& settings)
 {
-    const char* group = "BlueZ";
+    SimulatorOptions& simulator = settings.simulator;
+    app.option_defaults()->group("Bus");
+    app.add_option("--address", simulator.busAddress,
+                   "D-Bus address of a bus to join; without it a private dbus-daemon is started");
+    app.add_option("--bus-dir", simulator.busDirectory,
+                   "folder for the private bus's socket; without it a temporary one");
+    app.option_defaults()->group("BlueZ");
     app.add_option("--adapter", settings.adapters, "name of an adapter, may be repeated")
-        ->capture_default_str()
-        ->group(group);
-    app.add_flag("--no-adapter", settings.noAdapter, "start without any adapter")->group(group);
-    app.add_flag("--unpowered", settings.unpowered, "the adapters start without power")->group(group);
+        ->capture_default_str();
+    app.add_flag("--no-adapter", settings.noAdapter, "start without any adapter");
+    app.add_flag("--unpowered", settings.unpowered, "the adapters start without power");
     app.add_flag("--no-auto-enable", settings.noAutoEnable,
-                 "adapters stay without power when the service comes back")
-        ->group(group);
-    app.add_flag("--require-agent", settings.simulator.requireAgent,
-                 "pairing fails unless some program registered an agent")
-        ->group(group);
-    app.add_flag("--realistic", settings.realistic, "take as long as a real stack and a real remote")
-        ->group(group);
+                 "adapters stay without power when the service comes back");
+    app.add_flag("--require-agent", simulator.requireAgent,
+                 "pairing fails unless some program registered an agent");
+    app.add_flag("--realistic", settings.realistic, "take as long as a real stack and a real remote");
     app.add_option("--timing", settings.timings,
                    "NAME=MILLISECONDS of: discovery, connect, resolve, pair, connect-timeout, pair-timeout, "
-                   "resolve-timeout, remove-connected, power-change, temporary, rssi; may be repeated")
-        ->group(group);
-}
-
-void addSimulatedRemoteOptions(CLI::App& app, Settings& settings)
-{
-    const char* group = "Remote";
-    app.add_flag("--paired", settings.remote.paired, "it is paired already")->group(group);
-    app.add_flag("--no-remote", settings.noRemote, "there is no remote")->group(group);
+                   "resolve-timeout, remove-connected, power-change, temporary, rssi; may be repeated");
+    app.option_defaults()->group("Remote");
+    app.add_flag("--paired", settings.remote.paired, "it is paired already");
+    app.add_flag("--no-remote", settings.noRemote, "there is no remote");
 }
 
 void setTiming(Timings& timings, const std::string& text)
@@ -135,27 +117,19 @@ void completeAll(Settings& settings)
         options.adapters.push_back({settings.adapters[i], adapterAddress(i), !settings.unpowered});
 }
 
-gboolean onSignal(gpointer loop)
-{
-    g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_CONTINUE;
-}
-
 void play(Settings& settings)
 {
     vexasim::Narrator narrator(settings.quiet);
     settings.simulator.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
     Simulator simulator(settings.simulator);
-    if (!settings.noRemote)
+    if (!settings.noRemote) {
         prepare(simulator.remote(), settings);
-    const std::shared_ptr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
+    }
     simulator.startService();
-    Control control(simulator, settings.files, [&loop] { g_main_loop_quit(loop.get()); });
-    g_unix_signal_add(SIGINT, onSignal, loop.get());
-    g_unix_signal_add(SIGTERM, onSignal, loop.get());
-    const vexasim::Hearing hearing(narrator, control.object());
+    const vexasim::MainLoop loop;
+    const vexasim::BlueZControl control(simulator, narrator, settings.files, [&loop] { loop.quit(); });
     narrator.begin("DBUS_SYSTEM_BUS_ADDRESS=" + simulator.busAddress());
-    g_main_loop_run(loop.get());
+    loop.run();
     simulator.stopService(Simulator::Stop::Terminate);
 }
 
@@ -165,9 +139,7 @@ int run(int argc, char** argv)
                  "bluetoothd does, and does on request what a test or a developer wants to see.\n"
                  "Drive it with gdbus or busctl: name org.vexabluetoohtd.Sim, object /sim.");
     Settings settings;
-    addBusOptions(app, settings);
     addStackOptions(app, settings);
-    addSimulatedRemoteOptions(app, settings);
     addRemoteOptions(app, settings);
     addBoxOptions(app, settings);
     vexasim::air::AirCommand air(app);

@@ -2,6 +2,7 @@
 // The receiving side of the update, with packets made by hand.
 #include "sim/model/Remote.h"
 #include "tests/kit/Cipher.h"
+#include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
 
 #include <gmock/gmock.h>
@@ -68,6 +69,12 @@ public:
 };
 } // namespace
 
+const Bytes kVerify = {0x03, 0x34, 0x12};
+const Bytes kReset = {0x04};
+const Bytes kGetImageInfo = {0x06, 0x34, 0x12};
+const Bytes kImageInfo = {0x02, 0x34, 0x12, 12, 0, 0, 0};
+const Bytes kConnectionParameters = {0x07, 0x06, 0x00, 0x11, 0x00, 0x00, 0x00, 0xf4, 0x01};
+
 /// Time passes only by the test's hand.
 class ARemoteInTheHand : public testing::Test
 {
@@ -80,6 +87,13 @@ protected:
         });
         remote->normal()->addListener(air);
         remote->update()->addListener(air);
+    }
+
+    void appear(bool UpdateAppearance::*how)
+    {
+        UpdateAppearance appearance;
+        appearance.*how = true;
+        remote->setUpdateAppearance(appearance);
     }
 
     void letTimePass()
@@ -119,16 +133,23 @@ protected:
         return remote->update()->write(remote->update()->handleOf(vexasim::uuid::kData), bytes);
     }
 
-    void start(const Bytes& image)
-    {
-        command(Bytes{0x01} + kit::enciphered(part(image, 0, 12) + Bytes(4), key));
-    }
+    void start(const Bytes& image) { command(Bytes{0x01} + kit::enciphered(part(image, 0, 12) + Bytes(4), key)); }
 
     void upload(const Bytes& image)
     {
         for (std::size_t at = ImageHeader::kSize; at < image.size(); at += 20) {
-            data(kit::onAir(part(image, at, std::min(image.size(), at + 20)), key));
+            Bytes block = part(image, at, std::min(image.size(), at + 20));
+            if (block.size() >= 16)
+                block = kit::enciphered(part(block, 0, 16), key) + part(block, 16, block.size());
+            data(block);
         }
+    }
+
+    void send(const Bytes& image, const Bytes& verify = kVerify)
+    {
+        start(image);
+        upload(image);
+        command(verify);
     }
 
     vexasim::UpdateKey key = vexasim::developmentKey();
@@ -137,12 +158,6 @@ protected:
     std::deque<std::function<void()>> pending;
     std::vector<std::chrono::milliseconds> delays;
 };
-
-const Bytes kVerify = {0x03, 0x34, 0x12};
-const Bytes kReset = {0x04};
-const Bytes kGetImageInfo = {0x06, 0x34, 0x12};
-const Bytes kImageInfo = {0x02, 0x34, 0x12, 12, 0, 0, 0};
-const Bytes kConnectionParameters = {0x07, 0x06, 0x00, 0x11, 0x00, 0x00, 0x00, 0xf4, 0x01};
 
 TEST_F(ARemoteInTheHand, ChangesItsPersonalityOnTheSwitchByte)
 {
@@ -184,10 +199,7 @@ TEST_F(ARemoteInTheHand, AnswersTheCommandsOfAnUpdate)
 TEST_F(ARemoteInTheHand, ComesBackWithTheNewVersionAfterAReset)
 {
     enterUpdateMode();
-    const Bytes image = imageOf(10, 40);
-    start(image);
-    upload(image);
-    command(kVerify);
+    send(imageOf(10, 40));
     command(kReset);
     EXPECT_FALSE(remote->inUpdateMode());
     EXPECT_EQ(remote->versionBytes(), (Bytes{0xa4, 0x01}));
@@ -225,20 +237,14 @@ INSTANTIATE_TEST_SUITE_P(Sizes, AnImageThatEndsIn, testing::Values(0, 1, 4, 15, 
 TEST_F(ARemoteInTheHand, AcceptsALastBlockThatGoesOnBehindTheAnnouncedLength)
 {
     enterUpdateMode();
-    const Bytes image = imageOf(1, 20);
-    start(image);
-    upload(image);
-    command(kVerify);
+    send(imageOf(1, 20));
     EXPECT_TRUE(remote->receiver().verified());
 }
 
 TEST_F(ARemoteInTheHand, RejectsAnImageThatIsTooShort)
 {
     enterUpdateMode();
-    const Bytes image = imageOf(10, 20);
-    start(image);
-    upload(image);
-    command(kVerify);
+    send(imageOf(10, 20));
     EXPECT_EQ(air->answers.back(), (Bytes{0x03, 0, 0}));
     EXPECT_THAT(remote->receiver().complaint(), HasSubstr("20 bytes came, 40 were announced"));
 }
@@ -250,9 +256,7 @@ TEST_F(ARemoteInTheHand, RejectsAnImageWithAWrongByte)
     Bytes other = image;
     other.back() ^= 1;
     remote->receiver().setExpectedImage(other);
-    start(image);
-    upload(image);
-    command(kVerify);
+    send(image);
     EXPECT_EQ(air->answers.back(), (Bytes{0x03, 0, 0}));
 }
 
@@ -268,10 +272,7 @@ TEST_F(ARemoteInTheHand, RejectsAStartWithAnotherKey)
 TEST_F(ARemoteInTheHand, RejectsAnotherSignatureThanAnnounced)
 {
     enterUpdateMode();
-    const Bytes image = imageOf(10, 40);
-    start(image);
-    upload(image);
-    command({0x03, 0x35, 0x12});
+    send(imageOf(10, 40), {0x03, 0x35, 0x12});
     EXPECT_EQ(air->answers.back(), (Bytes{0x03, 0, 0}));
 }
 
@@ -316,12 +317,47 @@ protected:
     UpdateFault fault;
 };
 
-TEST_F(ARemoteWithAFault, IsSilent)
+const Bytes kGoodAnswer = {6, 0, 1, 0xa3, 1, 0, 0, 0, 0};
+
+struct FaultCase : NamedCase {
+    void (*edit)(UpdateFault&);
+    std::vector<Bytes> answers = {kGoodAnswer};
+    int error = 0; ///< of the write
+    AttReply::Kind kind = AttReply::Kind::Answer;
+};
+
+const FaultCase kFaults[] = {
+    {"Silent", [](UpdateFault& fault) { fault.silent = true; }, {}},
+    {"WrongStatus", [](UpdateFault& fault) { fault.status = 2; }, {{6, 0, 2, 0xa3, 1, 0, 0, 0, 0}}},
+    {"TooShort", [](UpdateFault& fault) { fault.length = 8; }, {{6, 0, 1, 0xa3, 1, 0, 0, 0}}},
+    {"Twice", [](UpdateFault& fault) { fault.copies = 2; }, {kGoodAnswer, kGoodAnswer}},
+    {"AsTold",
+     [](UpdateFault& fault) {
+         fault.answers = {{1, 2, 3}, {4}};
+     },
+     {{1, 2, 3}, {4}}},
+    {"Refused", [](UpdateFault& fault) { fault.refuse = 0x80; }, {}, 0x80},
+    {"NoWriteReply",
+     [](UpdateFault& fault) { fault.noWriteReply = true; },
+     {kGoodAnswer},
+     0,
+     AttReply::Kind::NoAnswer},
+};
+
+class AFault : public ARemoteWithAFault, public testing::WithParamInterface<FaultCase>
 {
-    fault.silent = true;
-    EXPECT_EQ(ask(fault).error, 0);
-    EXPECT_TRUE(air->answers.empty());
+};
+
+TEST_P(AFault, ChangesTheAnswersAndTheReply)
+{
+    GetParam().edit(fault);
+    const AttReply reply = ask(fault);
+    EXPECT_EQ(reply.error, GetParam().error);
+    EXPECT_EQ(reply.kind, GetParam().kind);
+    EXPECT_EQ(air->answers, GetParam().answers);
 }
+
+INSTANTIATE_TEST_SUITE_P(Faults, AFault, testing::ValuesIn(kFaults), named);
 
 TEST_F(ARemoteWithAFault, IsLate)
 {
@@ -329,47 +365,6 @@ TEST_F(ARemoteWithAFault, IsLate)
     ask(fault);
     EXPECT_THAT(delays, ElementsAre(std::chrono::milliseconds{1500}));
     EXPECT_EQ(air->answers.size(), 1U);
-}
-
-TEST_F(ARemoteWithAFault, AnswersWithAWrongStatus)
-{
-    fault.status = 2;
-    ask(fault);
-    EXPECT_EQ(air->answers.at(0)[2], 2);
-}
-
-TEST_F(ARemoteWithAFault, AnswersTooShort)
-{
-    fault.length = 8;
-    ask(fault);
-    EXPECT_EQ(air->answers.at(0), (Bytes{0x06, 0, 1, 0xa3, 0x01, 0, 0, 0}));
-}
-
-TEST_F(ARemoteWithAFault, AnswersTwice)
-{
-    fault.copies = 2;
-    ask(fault);
-    EXPECT_EQ(air->answers.size(), 2U);
-}
-
-TEST_F(ARemoteWithAFault, AnswersAsTold)
-{
-    fault.answers = {{1, 2, 3}, {4}};
-    ask(fault);
-    EXPECT_THAT(air->answers, ElementsAre(Bytes{1, 2, 3}, Bytes{4}));
-}
-
-TEST_F(ARemoteWithAFault, RefusesTheWrite)
-{
-    fault.refuse = 0x80;
-    EXPECT_EQ(ask(fault).error, 0x80);
-    EXPECT_TRUE(air->answers.empty());
-}
-
-TEST_F(ARemoteWithAFault, NeverAnswersTheWrite)
-{
-    fault.noWriteReply = true;
-    EXPECT_EQ(ask(fault).kind, AttReply::Kind::NoAnswer);
 }
 
 TEST_F(ARemoteWithAFault, RecoversAfterTheGivenTimes)
@@ -417,9 +412,7 @@ TEST_F(ARemoteWithAFault, RefusesNotifications)
 
 TEST_F(ARemoteInTheHand, CanFailToAppear)
 {
-    UpdateAppearance appearance;
-    appearance.never = true;
-    remote->setUpdateAppearance(appearance);
+    appear(&UpdateAppearance::never);
     writeSwitch();
     letTimePass();
     EXPECT_TRUE(remote->inUpdateMode());
@@ -428,9 +421,7 @@ TEST_F(ARemoteInTheHand, CanFailToAppear)
 
 TEST_F(ARemoteInTheHand, CanAppearWithoutAName)
 {
-    UpdateAppearance appearance;
-    appearance.nameless = true;
-    remote->setUpdateAppearance(appearance);
+    appear(&UpdateAppearance::nameless);
     writeSwitch();
     letTimePass();
     EXPECT_EQ(air->appeared.back(), "nameless");
@@ -438,9 +429,7 @@ TEST_F(ARemoteInTheHand, CanAppearWithoutAName)
 
 TEST_F(ARemoteInTheHand, CanAppearBeforeTheSwitchIsAnswered)
 {
-    UpdateAppearance appearance;
-    appearance.beforeScan = true;
-    remote->setUpdateAppearance(appearance);
+    appear(&UpdateAppearance::beforeScan);
     writeSwitch();
     EXPECT_TRUE(remote->update()->advertising());
     EXPECT_TRUE(remote->update()->announcesUnasked());
@@ -448,14 +437,10 @@ TEST_F(ARemoteInTheHand, CanAppearBeforeTheSwitchIsAnswered)
 
 TEST_F(ARemoteInTheHand, CanOfferOneOfItsTwoCharacteristics)
 {
-    UpdateAppearance appearance;
-    appearance.withoutData = true;
-    remote->setUpdateAppearance(appearance);
+    appear(&UpdateAppearance::withoutData);
     EXPECT_EQ(remote->update()->handleOf(vexasim::uuid::kData), 0);
     EXPECT_NE(controlPoint(), 0);
-    appearance = {};
-    appearance.withoutControlPoint = true;
-    remote->setUpdateAppearance(appearance);
+    appear(&UpdateAppearance::withoutControlPoint);
     EXPECT_NE(remote->update()->handleOf(vexasim::uuid::kData), 0);
     EXPECT_EQ(controlPoint(), 0);
 }
@@ -465,24 +450,23 @@ TEST_F(ARemoteInTheHand, CanOfferOneOfItsTwoCharacteristics)
 class AKeyFile : public testing::Test
 {
 protected:
-    void write(const std::string& text) const { folder.write("key", text); }
+    vexasim::UpdateKey keyOf(const std::string& text)
+    {
+        return vexasim::readKeyFile(folder.write("key", text));
+    }
 
-    kit::ScratchFolder folder;
-    const std::string path = folder.path("key");
+    ScratchFolder folder;
     const std::string digits = "000102030405060708090a0b0c0d0e0f101112131415161718191A1B1C1D1E1F";
 };
 
 TEST_F(AKeyFile, MayHaveBlanksAround)
 {
-    write(" \t" + digits + " \n\n");
-    EXPECT_EQ(vexasim::readKeyFile(path), vexasim::developmentKey());
+    EXPECT_EQ(keyOf(" \t" + digits + " \n\n"), vexasim::developmentKey());
 }
 
-TEST_F(AKeyFile, IsRefusedWithTheReason)
+TEST_F(AKeyFile, IsRefusedIfItIsMissingOrMalformed)
 {
-    EXPECT_THROW(vexasim::readKeyFile(path + ".missing"), std::runtime_error);
-    write(digits + "0");
-    EXPECT_THROW(vexasim::readKeyFile(path), std::runtime_error);
-    write("x" + digits.substr(1));
-    EXPECT_THROW(vexasim::readKeyFile(path), std::runtime_error);
+    EXPECT_THROW(vexasim::readKeyFile(folder.path("missing")), std::runtime_error);
+    EXPECT_THROW(keyOf(digits + "0"), std::runtime_error);
+    EXPECT_THROW(keyOf("x" + digits.substr(1)), std::runtime_error);
 }

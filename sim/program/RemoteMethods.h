@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/program/ControlObject.h"
 #include "sim/model/Remote.h"
+#include "sim/program/ControlObject.h"
 
 #include <functional>
 #include <string>
@@ -16,16 +16,16 @@ struct BoxFiles {
     std::string tmpDirectory; ///< where flags and the firmware link go; "" for none
 };
 
-/// The methods of the control object that every face of the remote has: the
-/// box around the daemon, the remote in the hand, its update.
-class RemoteControl
+/// The methods of the control object that concern the box around the daemon, the remote and its update: the
+/// same for the simulated BlueZ and for the air.
+class RemoteMethods
 {
 public:
     /// `remote` is asked at each call. The object must live as long as this.
-    RemoteControl(ControlObject& object, std::function<Remote&()> remote, BoxFiles files);
-    ~RemoteControl();
-    RemoteControl(const RemoteControl&) = delete;
-    RemoteControl& operator=(const RemoteControl&) = delete;
+    RemoteMethods(ControlObject& object, std::function<Remote&()> remote, BoxFiles files);
+    ~RemoteMethods();
+    RemoteMethods(const RemoteMethods&) = delete;
+    RemoteMethods& operator=(const RemoteMethods&) = delete;
 
 private:
     void addBoxMethods();
@@ -36,8 +36,6 @@ private:
     void holdButton(unsigned milliseconds);
     void setFlag(const std::string& flag) const;
     void offerImage(const std::string& file);
-    Variant status();
-    Variant packets();
 
     ControlObject& mObject;
     std::function<Remote&()> mRemote;

@@ -14,14 +14,21 @@
 namespace vexasim
 {
 
-class Loop;
+class Scheduler;
+
+/// Joins a bus. Throws std::runtime_error.
+GDBusConnection* connectToBus(const std::string& address);
+/// Calls a method of the bus itself. Throws std::runtime_error.
+Variant callBus(GDBusConnection* connection, const char* method, const Variant& parameters = {});
+/// The error's text, which it frees.
+std::string takeMessage(GError* error);
 
 /// One method call on its way to an answer. Answered at most once; further
 /// answers are dropped, and so is one to a connection that has gone.
 class Request
 {
 public:
-    Request(Loop& loop, GDBusConnection* connection, GDBusMessage* message, Call call);
+    Request(Scheduler& scheduler, GDBusConnection* connection, GDBusMessage* message, Call call);
     ~Request();
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
@@ -40,7 +47,7 @@ public:
 private:
     void send(GDBusMessage* answer);
 
-    Loop& mLoop;
+    Scheduler& mScheduler;
     GDBusConnection* mConnection;
     GDBusMessage* mMessage;
     Call mCall;
@@ -50,18 +57,21 @@ private:
 
 using RequestPtr = std::shared_ptr<Request>;
 
-/// The simulator's connection to the bus and its well-known name. Used on the
-/// loop's thread, but for the handlers, which GDBus calls on its own.
-class BusLink
+/// The simulator's connection to the bus and its well-known name. Used on the scheduler's thread, but for the
+/// handlers, which GDBus calls on its own thread.
+///
+/// Calls come through a message filter, not through objects registered with GDBus: a bend may answer a call
+/// with any type, late or never, objects may have any interface and property, and the errors are BlueZ's.
+class BusConnection
 {
 public:
     using MessageHandler = std::function<void(GDBusConnection*, GDBusMessage*)>;
     using NameHandler = std::function<void(const std::string&)>;
 
-    BusLink() = default;
-    ~BusLink();
-    BusLink(const BusLink&) = delete;
-    BusLink& operator=(const BusLink&) = delete;
+    BusConnection() = default;
+    ~BusConnection();
+    BusConnection(const BusConnection&) = delete;
+    BusConnection& operator=(const BusConnection&) = delete;
 
     /// Throws std::runtime_error. Both handlers are called on GDBus's thread:
     /// with each method call, and with each name that lost its owner.
@@ -77,10 +87,9 @@ public:
     void roundTrip();
 
 private:
-    struct Inlet;
+    struct Handlers;
     static GDBusMessage* filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
                                 gpointer data);
-    Variant callBus(const char* method, const Variant& parameters);
 
     GDBusConnection* mConnection = nullptr;
     unsigned mFilter = 0;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "sim/bluez/BusLink.h"
+#include "sim/bluez/BusConnection.h"
 
-#include "sim/bluez/Loop.h"
+#include "sim/model/Scheduler.h"
 
 #include <mutex>
 #include <stdexcept>
@@ -18,6 +18,7 @@ constexpr const char* kGoneNames =
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
 constexpr uint32_t kDoNotQueue = 4;
 constexpr uint32_t kPrimaryOwner = 1;
+} // namespace
 
 std::string takeMessage(GError* error)
 {
@@ -25,10 +26,35 @@ std::string takeMessage(GError* error)
     g_clear_error(&error);
     return text;
 }
-} // namespace
 
-Request::Request(Loop& loop, GDBusConnection* connection, GDBusMessage* message, Call call)
-    : mLoop(loop),
+GDBusConnection* connectToBus(const std::string& address)
+{
+    GError* error = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (connection == nullptr) {
+        throw std::runtime_error("no connection to the bus at " + address + ": " + takeMessage(error));
+    }
+    return connection;
+}
+
+Variant callBus(GDBusConnection* connection, const char* method, const Variant& parameters)
+{
+    GError* error = nullptr;
+    GVariant* reply =
+        g_dbus_connection_call_sync(connection, kBusName, kBusPath, kBusName, method, parameters.get(),
+                                    nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    if (reply == nullptr) {
+        throw std::runtime_error(std::string(method) + " failed: " + takeMessage(error));
+    }
+    return reply;
+}
+
+Request::Request(Scheduler& scheduler, GDBusConnection* connection, GDBusMessage* message, Call call)
+    : mScheduler(scheduler),
       mConnection(G_DBUS_CONNECTION(g_object_ref(connection))),
       mMessage(G_DBUS_MESSAGE(g_object_ref(message))),
       mCall(std::move(call))
@@ -73,54 +99,47 @@ void Request::send(GDBusMessage* answer)
                                        nullptr);
     };
     if (mDelay.count() > 0)
-        mLoop.after(mDelay, deliver);
+        mScheduler.after(mDelay, deliver);
     else
         deliver();
 }
 
-/// What GDBus's thread sees. The lock is there for more than the handlers: by
-/// it the two threads order their accesses in a way that a sanitizer can follow.
-struct BusLink::Inlet {
+/// What GDBus's thread calls. By its lock the thread sanitizer, which doesn't see GDBus's own, follows the
+/// order of the two threads.
+struct BusConnection::Handlers {
     std::mutex mutex;
     MessageHandler onCall;
     NameHandler onNameGone;
 
     static void destroy(gpointer data)
     {
-        auto* inlet = static_cast<Inlet*>(data);
+        auto* handlers = static_cast<Handlers*>(data);
         {
-            std::lock_guard lock(inlet->mutex);
+            std::lock_guard lock(handlers->mutex);
         }
-        delete inlet;
+        delete handlers;
     }
 };
 
-BusLink::~BusLink()
+BusConnection::~BusConnection()
 {
     close();
 }
 
-void BusLink::open(const std::string& address, MessageHandler onCall, NameHandler onNameGone)
+void BusConnection::open(const std::string& address, MessageHandler onCall, NameHandler onNameGone)
 {
-    GError* error = nullptr;
-    mConnection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (mConnection == nullptr)
-        throw std::runtime_error("no connection to the bus at " + address + ": " + takeMessage(error));
-    auto* inlet = new Inlet;
+    mConnection = connectToBus(address);
+    auto* handlers = new Handlers;
     {
-        std::lock_guard lock(inlet->mutex);
-        inlet->onCall = std::move(onCall);
-        inlet->onNameGone = std::move(onNameGone);
+        std::lock_guard lock(handlers->mutex);
+        handlers->onCall = std::move(onCall);
+        handlers->onNameGone = std::move(onNameGone);
     }
-    mFilter = g_dbus_connection_add_filter(mConnection, &BusLink::filter, inlet, &Inlet::destroy);
-    callBus("AddMatch", g_variant_new("(s)", kGoneNames));
+    mFilter = g_dbus_connection_add_filter(mConnection, &BusConnection::filter, handlers, &Handlers::destroy);
+    callBus(mConnection, "AddMatch", g_variant_new("(s)", kGoneNames));
 }
 
-void BusLink::close()
+void BusConnection::close()
 {
     if (mConnection == nullptr)
         return;
@@ -129,39 +148,29 @@ void BusLink::close()
     g_clear_object(&mConnection);
 }
 
-GDBusMessage* BusLink::filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
-                              gpointer data)
+GDBusMessage* BusConnection::filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
+                                    gpointer data)
 {
     if (incoming == FALSE)
         return message;
-    auto* inlet = static_cast<Inlet*>(data);
-    std::lock_guard lock(inlet->mutex);
+    auto* handlers = static_cast<Handlers*>(data);
+    std::lock_guard lock(handlers->mutex);
     const GDBusMessageType type = g_dbus_message_get_message_type(message);
     if (type == G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
-        inlet->onCall(connection, message);
+        handlers->onCall(connection, message);
         g_object_unref(message);
         return nullptr;
     }
     const char* member = g_dbus_message_get_member(message);
     if (type == G_DBUS_MESSAGE_TYPE_SIGNAL && g_strcmp0(member, "NameOwnerChanged") == 0)
-        inlet->onNameGone(g_dbus_message_get_arg0(message));
+        handlers->onNameGone(g_dbus_message_get_arg0(message));
     return message;
 }
 
-Variant BusLink::callBus(const char* method, const Variant& parameters)
+void BusConnection::requestName(const std::string& name)
 {
-    GError* error = nullptr;
-    GVariant* reply =
-        g_dbus_connection_call_sync(mConnection, kBusName, kBusPath, kBusName, method, parameters.get(),
-                                    nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-    if (reply == nullptr)
-        throw std::runtime_error(std::string(method) + " failed: " + takeMessage(error));
-    return {reply};
-}
-
-void BusLink::requestName(const std::string& name)
-{
-    const Variant reply = callBus("RequestName", g_variant_new("(su)", name.c_str(), kDoNotQueue));
+    const Variant reply =
+        callBus(mConnection, "RequestName", g_variant_new("(su)", name.c_str(), kDoNotQueue));
     uint32_t result = 0;
     g_variant_get(reply.get(), "(u)", &result);
     if (result != kPrimaryOwner)
@@ -169,13 +178,13 @@ void BusLink::requestName(const std::string& name)
                                         "simulator running?");
 }
 
-void BusLink::releaseName(const std::string& name)
+void BusConnection::releaseName(const std::string& name)
 {
-    callBus("ReleaseName", g_variant_new("(s)", name.c_str()));
+    callBus(mConnection, "ReleaseName", g_variant_new("(s)", name.c_str()));
 }
 
-void BusLink::emit(const std::string& path, const std::string& interface, const std::string& member,
-                   const Variant& parameters)
+void BusConnection::emit(const std::string& path, const std::string& interface, const std::string& member,
+                         const Variant& parameters)
 {
     if (mConnection == nullptr)
         return;
@@ -187,12 +196,12 @@ void BusLink::emit(const std::string& path, const std::string& interface, const 
                                    nullptr);
 }
 
-void BusLink::roundTrip()
+void BusConnection::roundTrip()
 {
     if (mConnection == nullptr)
         return;
     try {
-        callBus("GetId", {});
+        callBus(mConnection, "GetId");
     } catch (const std::runtime_error&) {
         // A bus that went away has nothing left to route.
         if (g_dbus_connection_is_closed(mConnection) == FALSE)

@@ -3,7 +3,7 @@
 
 #include "sim/bluez/Simulator.h"
 #include "sim/program/ControlObject.h"
-#include "sim/program/RemoteControl.h"
+#include "sim/program/RemoteMethods.h"
 
 #include <functional>
 #include <map>
@@ -13,26 +13,23 @@
 namespace vexasim
 {
 
-/// The object /sim that plays with a Simulator by D-Bus. Lives on the thread of
+/// The object /sim that controls a Simulator by D-Bus. Lives on the thread of
 /// the default main context, which must be iterated.
-class Control
+class BlueZControl
 {
 public:
     /// `quit` ends the program. Throws std::runtime_error.
-    Control(Simulator& simulator, BoxFiles files, std::function<void()> quit);
-
-    ControlObject& object() { return mObject; }
+    BlueZControl(Simulator& simulator, Narrator& narrator, BoxFiles files, std::function<void()> quit);
 
 private:
     void addAirMethods();
-    void addBlueZMethods();
+    void addServiceMethods();
     void addObjectMethods();
-    Variant calls();
 
     Simulator& mSimulator;
     std::map<std::string, std::shared_ptr<Peripheral>> mOthers; ///< by address
     ControlObject mObject;
-    RemoteControl mRemote;
+    RemoteMethods mRemote;
 };
 
 } // namespace vexasim
