@@ -29,7 +29,7 @@ void Air::listen(bool on)
 
 void Air::add(RadioDevice& device)
 {
-    auto& station = mStations.emplace_back(mClock, device);
+    auto& station = mStations.emplace_back(mScheduler, device);
     if (mListening)
         scheduleNext(station);
 }

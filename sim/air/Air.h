@@ -3,8 +3,8 @@
 
 #include "sim/air/Address.h"
 #include "sim/air/Bytes.h"
-#include "sim/air/Clock.h"
 #include "sim/air/LinkCipher.h"
+#include "sim/model/Scheduler.h"
 
 #include <list>
 #include <memory>
@@ -78,7 +78,7 @@ public:
         virtual void removed(RadioDevice& device) = 0;
     };
 
-    explicit Air(Clock& clock) : mClock(clock) {}
+    explicit Air(Scheduler& scheduler) : mScheduler(scheduler) {}
 
     void setListener(Listener* listener) { mListener = listener; }
 
@@ -90,7 +90,7 @@ public:
 
 private:
     struct Station {
-        Station(Clock& clock, RadioDevice& radio) : device(&radio), timer(clock) {}
+        Station(Scheduler& scheduler, RadioDevice& radio) : device(&radio), timer(scheduler) {}
         RadioDevice* device;
         Timer timer;
     };
@@ -98,7 +98,7 @@ private:
     void scheduleNext(Station& station);
     void advertise(Station& station);
 
-    Clock& mClock;
+    Scheduler& mScheduler;
     Listener* mListener = nullptr;
     bool mListening = false;
     uint32_t mJitter = 1;

@@ -73,7 +73,7 @@ private:
 
     const AirBoxOptions mOptions;
     const Address mAddress;
-    MainLoopClock mClock;
+    MainLoopScheduler mScheduler;
     Air mAir;
     std::vector<RemoteOnAir> mRemotes;
     std::unique_ptr<VhciTransport> mTransport;

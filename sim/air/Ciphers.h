@@ -30,15 +30,14 @@ Bytes aesCcmSeal(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t
 std::optional<Bytes> aesCcmOpen(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t associated,
                                 const Bytes& sealed);
 
-/// `size` bytes that nobody can foretell.
-Bytes randomBytes(size_t size);
+/// Bytes that nobody can foretell.
+void fillRandomly(std::uint8_t* bytes, std::size_t size);
 
-template <size_t size>
-std::array<uint8_t, size> randomArray()
+template <std::size_t size>
+std::array<std::uint8_t, size> randomArray()
 {
-    std::array<uint8_t, size> array{};
-    const Bytes bytes = randomBytes(size);
-    std::copy(bytes.begin(), bytes.end(), array.begin());
+    std::array<std::uint8_t, size> array{};
+    fillRandomly(array.data(), size);
     return array;
 }
 
@@ -58,8 +57,8 @@ public:
     /// A new random pair.
     KeyPair();
 
-    /// The pair of a known private key; throws std::invalid_argument if the
-    /// number is no private key of the curve.
+    /// The pair of a known private key; throws std::runtime_error if the number is no private key of the
+    /// curve.
     explicit KeyPair(const Scalar& privateKey);
 
     ~KeyPair();
@@ -71,8 +70,10 @@ public:
     std::optional<Scalar> agree(const Point& peer) const;
 
 private:
-    struct Key;
-    std::unique_ptr<Key> mKey;
+    struct Private;
+    explicit KeyPair(std::unique_ptr<Private> key);
+
+    std::unique_ptr<Private> mPrivate;
     Point mPublic;
 };
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Clock.h"
+#include "sim/model/Scheduler.h"
 
 #include <list>
 
@@ -12,19 +12,19 @@ namespace vexasim::air
 class DelayedCalls
 {
 public:
-    explicit DelayedCalls(Clock& clock) : mClock(clock) {}
+    explicit DelayedCalls(Scheduler& scheduler) : mScheduler(scheduler) {}
 
     /// Calls at once without a delay, else later.
-    void after(std::chrono::milliseconds delay, Clock::Call call)
+    void after(std::chrono::milliseconds delay, Scheduler::Task task)
     {
         mTimers.remove_if([](const Timer& timer) { return !timer.running(); });
         if (delay.count() == 0)
-            return call();
-        mTimers.emplace_back(mClock).start(delay, std::move(call));
+            return task();
+        mTimers.emplace_back(mScheduler).start(delay, std::move(task));
     }
 
 private:
-    Clock& mClock;
+    Scheduler& mScheduler;
     std::list<Timer> mTimers;
 };
 

@@ -71,7 +71,7 @@ public:
     {
         const Point own = mPair.publicKey();
         mOwnX = swapped(own.x);
-        exchange(join(0x0c, mOwnX, swapped(own.y)));
+        exchange(encode(std::uint8_t{0x0c}, mOwnX, swapped(own.y)));
         if (mLast.size() != 65 || mLast.front() != 0x0c)
             return false;
         Point theirs;
@@ -109,13 +109,16 @@ public:
     }
 
     // ---- the end, and what comes of it
+    void startEncryption()
+    {
+        EXPECT_EQ(mHost.status(hci::Opcode::LeStartEncryption, mHost.handle(), random, diversifier, key),
+                  hci::Status::Success);
+    }
     /// The status of the attempt to encrypt.
     hci::Status encrypt()
     {
-        EXPECT_EQ(mHost.start(hci::Opcode::LeStartEncryption,
-                              hci::StartEncryption{mHost.handle(), random, diversifier, key}),
-                  hci::Status::Success);
-        const auto change = mHost.await<hci::EncryptionChange>(hci::EventCode::EncryptionChange);
+        startEncryption();
+        const auto change = mHost.await<hci::EncryptionChange>();
         return change ? change->status : hci::Status{0xff};
     }
 
@@ -140,9 +143,7 @@ public:
         }
         if ((mResponse[5] & kIdentityKey) != 0) {
             mHost.sendOn(Channel::Security, packet(0x08, randomArray<16>()));
-            Encoder encoder;
-            encoder(uint8_t{0x09}, mHost.self());
-            mHost.sendOn(Channel::Security, encoder.take());
+            mHost.sendOn(Channel::Security, encode(std::uint8_t{0x09}, mHost.self()));
         }
         mHost.pass(std::chrono::seconds(1));
     }
@@ -166,7 +167,7 @@ public:
         exchangeBondingKeys();
     }
 
-    static Bytes packet(uint8_t code, const Key128& value) { return join(code, value); }
+    static Bytes packet(uint8_t code, const Key128& value) { return encode(code, value); }
 
     /// What encrypts the next link.
     Key128 key{};
@@ -177,13 +178,6 @@ public:
     Address identity;
 
 private:
-    template <class... Field>
-    static Bytes join(uint8_t code, const Field&... fields)
-    {
-        Encoder encoder;
-        encoder(code, fields...);
-        return encoder.take();
-    }
     static Scalar swapped(Scalar scalar)
     {
         std::reverse(scalar.begin(), scalar.end());

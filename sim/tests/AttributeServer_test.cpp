@@ -20,7 +20,7 @@ class AnAttributeServer : public testing::Test
 protected:
     AnAttributeServer() : remote(Remote::create())
     {
-        radio = PeripheralRadio::create(host.clock(), host.air(), remote->normal());
+        radio = PeripheralRadio::create(host.scheduler(), host.air(), remote->normal());
         host.setUp();
         host.connect(kRemote);
     }
@@ -38,8 +38,8 @@ protected:
 
     void reconnect()
     {
-        host.start(hci::Opcode::Disconnect, hci::Disconnect{host.handle(), hci::Status::RemoteUserEnded});
-        host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+        host.disconnect();
+        host.linkEnd();
         host.connect(kRemote);
     }
 
@@ -125,9 +125,9 @@ TEST_F(AnAttributeServer, RefusesRangesThatRunBackwardsOrFromZero)
 
 TEST_F(AnAttributeServer, KeepsLongAndShortUuidsApart)
 {
-    radio = PeripheralRadio::create(host.clock(), host.air(), remote->update());
+    radio = PeripheralRadio::create(host.scheduler(), host.air(), remote->update());
     remote->enterUpdateMode();
-    host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+    host.linkEnd();
     host.connect(Address::parse("C0:FF:EE:00:00:02").value());
     EXPECT_EQ(host.ask("10 0100 ffff 0028"), "1106"
                                              "010005000018");
@@ -232,7 +232,7 @@ TEST_F(AnAttributeServer, TakesACommandWithoutAWord)
         written = value;
         return AttReply::ok();
     });
-    const auto second = PeripheralRadio::create(host.clock(), host.air(), other->update());
+    const auto second = PeripheralRadio::create(host.scheduler(), host.air(), other->update());
     host.connect(Address::parse("C0:FF:EE:00:00:03").value());
     EXPECT_EQ(host.ask("52 1500 0102"), "silence");
     EXPECT_EQ(toHex(written), "0102");
@@ -295,9 +295,9 @@ TEST_F(AnAttributeServer, AnswersNothingWhenItIsMute)
 TEST_F(AnAttributeServer, AnswersLateWhenItIsSlow)
 {
     remote->normal()->setAnswerDelay(std::chrono::seconds(2));
-    const auto before = host.clock().now();
+    const auto before = host.scheduler().now();
     EXPECT_EQ(host.ask("0a 1200"), "0b50");
-    EXPECT_GE(host.clock().now() - before, std::chrono::seconds(2));
+    EXPECT_GE(host.scheduler().now() - before, std::chrono::seconds(2));
 }
 
 TEST_F(AnAttributeServer, ConfirmsWhatTheBoxIndicates)
