@@ -108,20 +108,15 @@ TEST_F(APairing, EndsAtOnceWhenNoKeysAreExchanged)
 
 // ---- the bond
 
-TEST_F(APairing, LeavesALegacyKeyForTheNextLink)
+TEST_F(APairing, LeavesAKeyForTheNextLink)
 {
-    host.connect(kRemote);
-    initiator.pairLegacy();
-    reconnect();
-    EXPECT_EQ(initiator.encrypt(), Status::Success);
-}
-
-TEST_F(APairing, LeavesASecureKeyForTheNextLink)
-{
-    host.connect(kRemote);
-    initiator.pairSecurely();
-    reconnect();
-    EXPECT_EQ(initiator.encrypt(), Status::Success);
+    for (const auto pair : {&Initiator::pairLegacy, &Initiator::pairSecurely}) {
+        reconnect();
+        Initiator fresh(host);
+        (fresh.*pair)();
+        reconnect();
+        EXPECT_EQ(fresh.encrypt(), Status::Success);
+    }
 }
 
 TEST_F(APairing, RefreshesTheKeyOfALinkThatIsEncryptedAlready)
@@ -174,7 +169,7 @@ TEST_F(APairing, IsUnknownUnderOtherNumbers)
     EXPECT_EQ(initiator.encrypt(), Status::KeyMissing);
 }
 
-// ---- the peripheral's moods
+// ---- how the peripheral behaves
 
 TEST_F(APairing, IsRefused)
 {
