@@ -89,20 +89,20 @@ public:
     void remove(RadioDevice& device);
 
 private:
-    struct Station {
-        Station(Scheduler& scheduler, RadioDevice& radio) : device(&radio), timer(scheduler) {}
+    struct Advertiser {
+        Advertiser(Scheduler& scheduler, RadioDevice& radio) : device(&radio), timer(scheduler) {}
         RadioDevice* device;
         Timer timer;
     };
 
-    void scheduleNext(Station& station);
-    void advertise(Station& station);
+    void scheduleNext(Advertiser& advertiser);
+    void advertise(Advertiser& advertiser);
 
     Scheduler& mScheduler;
     Listener* mListener = nullptr;
     bool mListening = false;
     uint32_t mJitter = 1;
-    std::list<Station> mStations;
+    std::list<Advertiser> mAdvertisers;
 };
 
 } // namespace vexasim::air

@@ -74,25 +74,19 @@ AttributeServer::AttributeServer(Scheduler& scheduler, Context context)
 {
 }
 
-template <auto method>
-bool AttributeServer::handle(AttributeServer& server, const Bytes& parameters)
-{
-    return callDecoded(server, method, parameters);
-}
-
 void AttributeServer::received(const Bytes& packet)
 {
     static const std::map<Op, bool (*)(AttributeServer&, const Bytes&)> handlers = {
-        {Op::ExchangeMtuRequest, handle<&AttributeServer::exchangeMtu>},
-        {Op::FindInformationRequest, handle<&AttributeServer::findInformation>},
-        {Op::FindByTypeValueRequest, handle<&AttributeServer::findByTypeValue>},
-        {Op::ReadByGroupTypeRequest, handle<&AttributeServer::readByGroupType>},
-        {Op::ReadByTypeRequest, handle<&AttributeServer::readByType>},
-        {Op::ReadRequest, handle<&AttributeServer::read>},
-        {Op::ReadBlobRequest, handle<&AttributeServer::readBlob>},
-        {Op::WriteRequest, handle<&AttributeServer::write>},
-        {Op::WriteCommand, handle<&AttributeServer::writeCommand>},
-        {Op::Indication, handle<&AttributeServer::confirm>},
+        {Op::ExchangeMtuRequest, callDecoded<&AttributeServer::exchangeMtu>},
+        {Op::FindInformationRequest, callDecoded<&AttributeServer::findInformation>},
+        {Op::FindByTypeValueRequest, callDecoded<&AttributeServer::findByTypeValue>},
+        {Op::ReadByGroupTypeRequest, callDecoded<&AttributeServer::readByGroupType>},
+        {Op::ReadByTypeRequest, callDecoded<&AttributeServer::readByType>},
+        {Op::ReadRequest, callDecoded<&AttributeServer::read>},
+        {Op::ReadBlobRequest, callDecoded<&AttributeServer::readBlob>},
+        {Op::WriteRequest, callDecoded<&AttributeServer::write>},
+        {Op::WriteCommand, callDecoded<&AttributeServer::writeCommand>},
+        {Op::Indication, callDecoded<&AttributeServer::confirm>},
     };
     if (packet.empty() || mContext.peripheral->mute()) {
         return;

@@ -37,8 +37,6 @@ private:
     enum class Op : std::uint8_t;
 
     // The handlers name what their packets carry behind the code.
-    template <auto method>
-    static bool handle(AttributeServer& server, const Bytes& parameters);
     void confirm(const Bytes& indication);
     void exchangeMtu(std::uint16_t mtu);
     void findInformation(std::uint16_t first, std::uint16_t last);

@@ -164,6 +164,13 @@ bool callDecoded(Object& object, void (Object::*method)(Parameter...), const Byt
     return fields.has_value();
 }
 
+/// The same for tables of handlers.
+template <auto method, class Object>
+bool callDecoded(Object& object, const Bytes& bytes)
+{
+    return callDecoded(object, method, bytes);
+}
+
 /// One byte string behind the other.
 inline Bytes operator+(Bytes left, const Bytes& right)
 {

@@ -27,7 +27,7 @@ constexpr std::uint8_t kNone = 0;
 template <auto method>
 void Controller::handle(Controller& controller, const Bytes& parameters)
 {
-    if (!callDecoded(controller, method, parameters)) {
+    if (!callDecoded<method>(controller, parameters)) {
         controller.done(hci::Status::InvalidParameters);
     }
 }

@@ -164,10 +164,10 @@ bool PeripheralRadio::linkOpened(Link& link)
     const auto toCentral = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
     mSession = std::make_unique<Session>(mScheduler, toCentral, securityContext(link), attributeContext());
     mSession->signaling.onAnswer([this](bool accepted) {
-        say(accepted ? "its wish for connection parameters is granted"
-                     : "its wish for connection parameters is refused");
+        reportEvent(accepted ? "its wish for connection parameters is granted"
+                             : "its wish for connection parameters is refused");
     });
-    say("connected by " + link.centralAddress().text());
+    reportEvent("connected by " + link.centralAddress().text());
     if (mOptions.asksForSecurity)
         mSession->security.requestSecurity();
     if (mOptions.preferredParameters)
@@ -190,7 +190,7 @@ SecurityManager::Context PeripheralRadio::securityContext(Link& link)
     };
     context.paired = [this](bool secure) {
         mPeripheral->pair();
-        say(secure ? "paired with secure connections" : "paired in the legacy way");
+        reportEvent(secure ? "paired with secure connections" : "paired in the legacy way");
     };
     return context;
 }
@@ -252,21 +252,21 @@ std::optional<Key128> PeripheralRadio::longTermKey(uint64_t random, uint16_t div
         forgetBonds();
     const auto key = mSession->security.longTermKey(random, diversifier);
     if (!key)
-        say("asked to encrypt with a key that it doesn't know");
+        reportEvent("asked to encrypt with a key that it doesn't know");
     return key;
 }
 
 void PeripheralRadio::linkEncrypted()
 {
-    say("encrypted");
+    reportEvent("encrypted");
     mSession->security.encrypted();
 }
 
 void PeripheralRadio::linkParametersChanged()
 {
     const LinkParameters& parameters = mLink->parameters();
-    say("interval now " + milliseconds(parameters.interval, 1.25) + ", timeout " +
-        milliseconds(parameters.timeout, 10));
+    reportEvent("interval now " + milliseconds(parameters.interval, 1.25) + ", timeout " +
+                milliseconds(parameters.timeout, 10));
 }
 
 void PeripheralRadio::linkClosed()
@@ -274,7 +274,7 @@ void PeripheralRadio::linkClosed()
     mLink = nullptr;
     mSession.reset();
     renewAddress();
-    say("disconnected");
+    reportEvent("disconnected");
     mPeripheral->disconnect();
 }
 
@@ -284,7 +284,7 @@ void PeripheralRadio::onLinkLost(Peripheral&)
 {
     if (mLink == nullptr)
         return;
-    say("off the air with its link");
+    reportEvent("off the air with its link");
     mLink->abandon();
     mLink = nullptr;
     renewAddress();
@@ -325,7 +325,7 @@ void PeripheralRadio::written(uint16_t valueHandle, const Bytes& value)
     }
 }
 
-void PeripheralRadio::say(const std::string& what) const
+void PeripheralRadio::reportEvent(const std::string& what) const
 {
     if (!mOnEvent)
         return;

@@ -38,7 +38,7 @@ struct RadioOptions {
     std::optional<PreferredParameters> preferredParameters;
 };
 
-/// The air's face of one peripheral of the model: its advertisements, its end
+/// The radio of one peripheral of the model: its advertisements, its end
 /// of a link, pairing and attributes. Everything on the air's one thread, on
 /// which the model must be used too.
 class PeripheralRadio : public RadioDevice,
@@ -95,7 +95,7 @@ private:
     void request(const PreferredParameters& parameters);
     void send(Channel channel, const Bytes& packet);
     void written(uint16_t valueHandle, const Bytes& value);
-    void say(const std::string& what) const;
+    void reportEvent(const std::string& what) const;
 
     Scheduler& mScheduler;
     Air& mAir;

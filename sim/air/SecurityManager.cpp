@@ -101,21 +101,15 @@ SecurityManager::SecurityManager(Scheduler& scheduler, Context context)
 {
 }
 
-template <auto method>
-bool SecurityManager::handle(SecurityManager& manager, const Bytes& parameters)
-{
-    return callDecoded(manager, method, parameters);
-}
-
 void SecurityManager::received(const Bytes& packet)
 {
     using Handler = bool (*)(SecurityManager&, const Bytes&);
     static const std::map<std::pair<Awaiting, std::uint8_t>, Handler> handlers = {
-        {{Awaiting::LegacyConfirm, code::kConfirm}, handle<&SecurityManager::onLegacyConfirm>},
-        {{Awaiting::LegacyRandom, code::kRandom}, handle<&SecurityManager::onLegacyRandom>},
-        {{Awaiting::PublicKey, code::kPublicKey}, handle<&SecurityManager::onPublicKey>},
-        {{Awaiting::SecureRandom, code::kRandom}, handle<&SecurityManager::onSecureRandom>},
-        {{Awaiting::SecureCheck, code::kCheck}, handle<&SecurityManager::onSecureCheck>},
+        {{Awaiting::LegacyConfirm, code::kConfirm}, callDecoded<&SecurityManager::onLegacyConfirm>},
+        {{Awaiting::LegacyRandom, code::kRandom}, callDecoded<&SecurityManager::onLegacyRandom>},
+        {{Awaiting::PublicKey, code::kPublicKey}, callDecoded<&SecurityManager::onPublicKey>},
+        {{Awaiting::SecureRandom, code::kRandom}, callDecoded<&SecurityManager::onSecureRandom>},
+        {{Awaiting::SecureCheck, code::kCheck}, callDecoded<&SecurityManager::onSecureCheck>},
     };
     if (packet.empty()) {
         return;

@@ -86,8 +86,6 @@ private:
     };
 
     // The handlers name what their packets carry behind the code.
-    template <auto method>
-    static bool handle(SecurityManager& manager, const Bytes& parameters);
     void onRequest(const Bytes& packet);
     void onLegacyConfirm(const Value& confirm);
     void onLegacyRandom(const Value& random);

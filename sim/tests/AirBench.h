@@ -4,18 +4,14 @@
 #include "sim/air/Controller.h"
 #include "sim/air/L2cap.h"
 #include "sim/air/PeripheralRadio.h"
-#include "sim/air/VhciTransport.h"
 #include "sim/model/Remote.h"
 
 #include <algorithm>
 #include <deque>
-#include <glib.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/kit/Hex.h"
@@ -49,9 +45,7 @@ private:
     Time mNow{1'000'000};
 };
 
-/// The host's end of the virtual controller, played by the test: it sends HCI
-/// packets through a socket, as the kernel through its device, and keeps what
-/// comes back.
+/// The host of a controller, played by the test: it sends HCI packets and keeps what comes back.
 class ScriptedHost
 {
 public:
@@ -59,20 +53,11 @@ public:
     using Status = hci::Status;
     static constexpr std::chrono::seconds kPatience{10};
 
-    explicit ScriptedHost(const ControllerOptions& options = defaults()) : mAir(mScheduler)
+    explicit ScriptedHost(const ControllerOptions& options = defaults())
+        : mAir(mScheduler),
+          mController(mScheduler, mAir, options, [this](const Bytes& packet) { keep(packet); })
     {
-        int ends[2];
-        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends) != 0)
-            throw std::runtime_error("socketpair");
-        mFile = ends[0];
-        mTransport = std::make_unique<VhciTransport>(
-            ends[1], [this](const Bytes& packet) { mController->receive(packet); },
-            [](const std::string& why) { ADD_FAILURE() << why; });
-        mController = std::make_unique<Controller>(mScheduler, mAir, options,
-                                                   [this](const Bytes& packet) { mTransport->send(packet); });
     }
-
-    ~ScriptedHost() { ::close(mFile); }
 
     static ControllerOptions defaults()
     {
@@ -84,37 +69,13 @@ public:
     ManualScheduler& scheduler() { return mScheduler; }
     Air& air() { return mAir; }
 
-    // ---- raw packets
-    void send(const Bytes& packet)
-    {
-        ASSERT_EQ(::send(mFile, packet.data(), packet.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(packet.size()));
-        pump();
-    }
-
-    /// Everything that can be handed over at this moment is handed over.
-    void pump()
-    {
-        bool busy = true;
-        while (busy) {
-            busy = g_main_context_iteration(nullptr, FALSE) != FALSE;
-            Bytes buffer(2048);
-            const ssize_t size = ::recv(mFile, buffer.data(), buffer.size(), 0);
-            if (size > 0) {
-                buffer.resize(static_cast<size_t>(size));
-                keep(buffer);
-                busy = true;
-            }
-        }
-    }
+    /// Sends a packet as it stands, with its type byte in front.
+    void send(const Bytes& packet) { mController.receive(packet); }
 
     /// Lets time pass.
     void pass(Scheduler::Duration duration)
     {
-        const auto until = mScheduler.now() + duration;
-        while (mScheduler.step(until))
-            pump();
-        pump();
+        until([] { return false; }, duration);
     }
 
     /// Lets time pass until `happened` says so; false when the limit comes first.
@@ -122,11 +83,10 @@ public:
     bool until(Condition happened, Scheduler::Duration limit = kPatience)
     {
         const auto end = mScheduler.now() + limit;
-        pump();
         while (!happened()) {
-            if (!mScheduler.step(end))
+            if (!mScheduler.step(end)) {
                 return happened();
-            pump();
+            }
         }
         return true;
     }
@@ -316,9 +276,6 @@ private:
 
     ManualScheduler mScheduler;
     Air mAir;
-    int mFile = -1;
-    std::unique_ptr<VhciTransport> mTransport;
-    std::unique_ptr<Controller> mController;
     std::optional<hci::CommandComplete> mComplete;
     std::optional<hci::CommandStatus> mStatus;
     std::deque<Bytes> mEvents;
@@ -327,6 +284,7 @@ private:
     unsigned mCompletedPackets = 0;
     uint16_t mHandle = 0;
     Address mPeer;
+    Controller mController;
 };
 
 } // namespace vexasim::air

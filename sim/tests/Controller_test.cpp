@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
-// The box's controller, driven by a scripted host over a socket as the kernel
-// drives it over its device.
+// The box's controller, driven by a scripted host, and its transport to the kernel.
+#include "sim/air/VhciTransport.h"
+
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -477,6 +480,14 @@ protected:
         return toHex(packet);
     }
 
+    void kernelSends(const std::string& packet)
+    {
+        const Bytes bytes = fromHex(packet);
+        ASSERT_EQ(::send(mKernel, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+        while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+        }
+    }
+
     void sendRefused(unsigned error)
     {
         // The filter lasts as long as its thread.
@@ -499,13 +510,17 @@ TEST_F(AVirtualController, IsAskedForAndLearnsItsNumber)
 {
     mTransport->createController();
     EXPECT_EQ(kernelReceives(), "ff00");
-    const Bytes announcement = fromHex("ff000300");
-    ASSERT_EQ(::send(mKernel, announcement.data(), announcement.size(), 0), 4);
-    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
-    }
+    kernelSends("ff000300");
     EXPECT_EQ(mTransport->index(), 3U);
     EXPECT_TRUE(mReceived.empty()) << "the announcement is for the transport alone";
     EXPECT_EQ(mClosed, "");
+}
+
+TEST_F(AVirtualController, HandsOnWhatTheKernelSends)
+{
+    kernelSends("01030c00");
+    kernelSends("0240000100aa");
+    EXPECT_EQ(mReceived, (std::vector<Bytes>{fromHex("01030c00"), fromHex("0240000100aa")}));
 }
 
 TEST_F(AVirtualController, SaysWhenTheKernelIsGone)
