@@ -2,7 +2,7 @@
 #pragma once
 
 #include "sim/air/AttributeTable.h"
-#include "sim/air/DelayedCalls.h"
+#include "sim/air/DelayedTasks.h"
 #include "sim/air/L2cap.h"
 #include "sim/model/Peripheral.h"
 
@@ -60,7 +60,7 @@ private:
 
     const Context mContext;
     const AttributeTable mTable;
-    DelayedCalls mDelayed;
+    DelayedTasks mDelayed;
     uint8_t mRequest = 0;
 };
 

@@ -24,21 +24,6 @@ constexpr const char* kCurve = "P-256";
 const Bytes kDerBeforeKey = {0x30, 0x31, 0x02, 0x01, 0x01, 0x04, 0x20};
 const Bytes kDerAfterKey = {0xa0, 0x0a, 0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07};
 
-template <auto function>
-struct Release {
-    template <class T>
-    void operator()(T* object) const
-    {
-        function(object);
-    }
-};
-template <class T, auto function>
-using Owner = std::unique_ptr<T, Release<function>>;
-
-using CipherContext = Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
-using KeyContext = Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
-using Key = Owner<EVP_PKEY, EVP_PKEY_free>;
-
 // libcrypto fails here only when it is broken or out of memory.
 void require(bool ok, const char* what)
 {
@@ -73,7 +58,7 @@ bool ccm(EVP_CIPHER_CTX* context, const Block& key, const std::array<std::uint8_
 
 Block aes128(const Block& key, const Block& block)
 {
-    const CipherContext context(EVP_CIPHER_CTX_new());
+    const std::shared_ptr<EVP_CIPHER_CTX> context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     Block result{};
     int written = 0;
     require(context &&
@@ -98,7 +83,7 @@ Block aesCmac(const Block& key, const Bytes& message)
 Bytes aesCcmSeal(const Block& key, const std::array<std::uint8_t, 13>& nonce, std::uint8_t associated,
                  const Bytes& plain)
 {
-    const CipherContext context(EVP_CIPHER_CTX_new());
+    const std::shared_ptr<EVP_CIPHER_CTX> context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     Bytes sealed(plain.size() + kTagSize);
     require(ccm(context.get(), key, nonce, associated, plain.data(), length(plain.size()), sealed.data(),
                 nullptr) &&
@@ -114,7 +99,7 @@ std::optional<Bytes> aesCcmOpen(const Block& key, const std::array<std::uint8_t,
     if (sealed.size() <= kTagSize) {
         return std::nullopt;
     }
-    const CipherContext context(EVP_CIPHER_CTX_new());
+    const std::shared_ptr<EVP_CIPHER_CTX> context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     Bytes plain(sealed.size() - kTagSize);
     const std::uint8_t* tag = sealed.data() + plain.size();
     if (!ccm(context.get(), key, nonce, associated, sealed.data(), length(plain.size()), plain.data(), tag)) {
@@ -128,44 +113,37 @@ void fillRandomly(std::uint8_t* bytes, std::size_t size)
     require(RAND_bytes(bytes, length(size)) == 1, "random numbers");
 }
 
-struct KeyPair::Private {
-    Key key;
-};
-
-KeyPair::KeyPair() : KeyPair(std::make_unique<Private>(Private{Key(EVP_EC_gen(kCurve))})) {}
+KeyPair::KeyPair() : KeyPair(EVP_EC_gen(kCurve)) {}
 
 KeyPair::KeyPair(const Scalar& privateKey)
     : KeyPair([&] {
           const Bytes der = encode(kDerBeforeKey, privateKey, kDerAfterKey);
           const std::uint8_t* at = der.data();
-          return std::make_unique<Private>(
-              Private{Key(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &at, static_cast<long>(der.size())))});
+          return d2i_PrivateKey(EVP_PKEY_EC, nullptr, &at, static_cast<long>(der.size()));
       }())
 {
 }
 
-KeyPair::KeyPair(std::unique_ptr<Private> key) : mPrivate(std::move(key))
+KeyPair::KeyPair(EVP_PKEY* key) : mKey(key, EVP_PKEY_free)
 {
     Bytes encoded(1 + 2 * sizeof(Scalar));
-    require(mPrivate->key && EVP_PKEY_get_octet_string_param(mPrivate->key.get(), OSSL_PKEY_PARAM_PUB_KEY,
-                                                             encoded.data(), encoded.size(), nullptr) == 1,
+    require(mKey && EVP_PKEY_get_octet_string_param(mKey.get(), OSSL_PKEY_PARAM_PUB_KEY, encoded.data(),
+                                                    encoded.size(), nullptr) == 1,
             "P-256");
     std::uint8_t form = 0;
     Decoder decoder(encoded);
     decoder(form, mPublic.x, mPublic.y);
 }
 
-KeyPair::~KeyPair() = default;
-
 std::optional<Scalar> KeyPair::agree(const Point& peer) const
 {
-    const Key peerKey(EVP_PKEY_new());
+    const std::shared_ptr<EVP_PKEY> peerKey(EVP_PKEY_new(), EVP_PKEY_free);
     const Bytes encoded = encode(kUncompressedPoint, peer.x, peer.y);
-    require(EVP_PKEY_copy_parameters(peerKey.get(), mPrivate->key.get()) == 1, "P-256");
+    require(EVP_PKEY_copy_parameters(peerKey.get(), mKey.get()) == 1, "P-256");
     if (EVP_PKEY_set1_encoded_public_key(peerKey.get(), encoded.data(), encoded.size()) != 1) {
         return std::nullopt;
     }
-    const KeyContext context(EVP_PKEY_CTX_new(mPrivate->key.get(), nullptr));
+    const std::shared_ptr<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new(mKey.get(), nullptr), EVP_PKEY_CTX_free);
     require(context && EVP_PKEY_derive_init(context.get()) == 1, "ECDH");
     if (EVP_PKEY_derive_set_peer(context.get(), peerKey.get()) != 1) {
         return std::nullopt;

@@ -5,6 +5,8 @@
 
 #include <memory>
 
+struct evp_pkey_st; // libcrypto's EVP_PKEY
+
 // The ciphers of the air, by libcrypto. Here, and only here, byte strings
 // stand with the most significant octet first, as FIPS-197, RFC 4493 and
 // FIPS 186-4 write them.
@@ -61,8 +63,6 @@ public:
     /// curve.
     explicit KeyPair(const Scalar& privateKey);
 
-    ~KeyPair();
-
     Point publicKey() const { return mPublic; }
 
     /// The shared secret with the owner of `peer`; empty if `peer` is no point
@@ -70,10 +70,10 @@ public:
     std::optional<Scalar> agree(const Point& peer) const;
 
 private:
-    struct Private;
-    explicit KeyPair(std::unique_ptr<Private> key);
+    /// Owns the key.
+    explicit KeyPair(evp_pkey_st* key);
 
-    std::unique_ptr<Private> mPrivate;
+    std::shared_ptr<evp_pkey_st> mKey;
     Point mPublic;
 };
 

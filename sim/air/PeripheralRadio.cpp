@@ -72,7 +72,7 @@ struct PeripheralRadio::Session {
     {
     }
 
-    DelayedCalls delayed;
+    DelayedTasks delayed;
     Reassembler reassembler;
     Signaling signaling;
     SecurityManager security;
@@ -317,7 +317,7 @@ void PeripheralRadio::send(Channel channel, const Bytes& packet)
 void PeripheralRadio::written(uint16_t valueHandle, const Bytes& value)
 {
     // The update personality's firmware turns this command into a request to
-    // the central; the model, which knows no links, leaves it to its faces.
+    // the central; the model knows no links.
     const auto command = decodeFields<std::uint8_t, PreferredParameters>(value);
     const bool toControlPoint = mPeripheral->handleOf(uuid::kControlPoint) == valueHandle;
     if (command && std::get<0>(*command) == kConnectionParametersCommand && toControlPoint) {

@@ -24,7 +24,7 @@ struct PreferredParameters {
     auto fields() { return std::tie(minimumInterval, maximumInterval, latency, timeout); }
 };
 
-/// What only the air shows of a peripheral. May be changed while it runs.
+/// How a peripheral behaves on the air. May be changed while it runs.
 struct RadioOptions {
     bool nameInScanResponse = false; ///< else in the advertisement itself
     std::chrono::milliseconds advertisingInterval{100};
@@ -60,10 +60,10 @@ public:
     /// The next advertisement, link or pairing goes by them.
     void setOptions(const RadioOptions& options) { mOptions = options; }
 
-    /// Forgets all keys. The model's own way is Peripheral::setForgotBond.
+    /// Forgets all keys at once; Peripheral::setForgotBond does so at the next use.
     void forgetBonds() { mBonds.clear(); }
 
-    /// Ends the link as a device does that has had enough of it.
+    /// Ends the link from the peripheral's side.
     void hangUp();
 
     // ---- RadioDevice

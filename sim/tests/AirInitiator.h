@@ -75,9 +75,7 @@ public:
         if (mLast.size() != 65 || mLast.front() != 0x0c)
             return false;
         Point theirs;
-        uint8_t code = 0;
-        Decoder decoder(mLast);
-        decoder(code, theirs.x, theirs.y);
+        std::tie(std::ignore, theirs.x, theirs.y) = decodeFields<std::uint8_t, Scalar, Scalar>(mLast).value();
         mTheirX = theirs.x;
         const auto secret = mPair.agree({swapped(theirs.x), swapped(theirs.y)});
         mSecret = swapped(secret.value_or(Scalar{}));
@@ -129,17 +127,14 @@ public:
             next();
             takeValue(0x06, key);
             next();
-            uint8_t code = 0;
-            Decoder decoder(mLast);
-            decoder(code, diversifier, random);
+            std::tie(std::ignore, diversifier, random) =
+                decodeFields<std::uint8_t, std::uint16_t, std::uint64_t>(mLast).value();
         }
         if ((mResponse[6] & kIdentityKey) != 0) {
             next();
             takeValue(0x08, identityKey);
             next();
-            uint8_t code = 0;
-            Decoder decoder(mLast);
-            decoder(code, identity);
+            std::tie(std::ignore, identity) = decodeFields<std::uint8_t, Address>(mLast).value();
         }
         if ((mResponse[5] & kIdentityKey) != 0) {
             mHost.sendOn(Channel::Security, packet(0x08, randomArray<16>()));

@@ -123,6 +123,8 @@ TEST_F(AController, RefusesParametersOfAWrongLength)
 {
     EXPECT_EQ(host.rawCommand(Opcode::LeSetScanEnable, {1}), Bytes{0x12});
     EXPECT_EQ(host.rawCommand(Opcode::LeSetScanEnable, {1, 0, 0}), Bytes{0x12});
+    EXPECT_EQ(host.rawCommand(Opcode::LeSetAdvertisingData, Bytes(31)), Bytes{0x12});
+    EXPECT_EQ(host.rawCommand(Opcode::ReadLocalVersion, {1}), Bytes{0x12});
     host.send({0x01, 0x0c, 0x20, 0x02, 0x00});
     EXPECT_EQ(host.rawCommand(Opcode::Reset, {}), Bytes{0x00});
 }

@@ -8,13 +8,13 @@
 namespace vexasim::air
 {
 
-/// Calls to come that end with their owner. One thread.
-class DelayedCalls
+/// Delayed tasks that are cancelled when their owner goes. One thread.
+class DelayedTasks
 {
 public:
-    explicit DelayedCalls(Scheduler& scheduler) : mScheduler(scheduler) {}
+    explicit DelayedTasks(Scheduler& scheduler) : mScheduler(scheduler) {}
 
-    /// Calls at once without a delay, else later.
+    /// Runs the task at once without a delay, else later.
     void after(std::chrono::milliseconds delay, Scheduler::Task task)
     {
         mTimers.remove_if([](const Timer& timer) { return !timer.running(); });
