@@ -128,9 +128,9 @@ void Link::abandon()
     const bool established = mEvents > 0;
     if (!established)
         mLossReason = hci::Status::FailedToEstablish;
-    const Scheduler::Duration patience =
+    const Scheduler::Duration timeout =
         established ? Scheduler::Duration(mParameters.timeout * kTimeoutUnit) : interval() * kEstablishEvents;
-    mEndTimer.start(patience, [this] { mCentral.linkClosed(*this, mLossReason); });
+    mEndTimer.start(timeout, [this] { mCentral.linkClosed(*this, mLossReason); });
 }
 
 Scheduler::Duration Link::interval() const

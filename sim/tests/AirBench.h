@@ -51,7 +51,7 @@ class ScriptedHost
 public:
     using Opcode = hci::Opcode;
     using Status = hci::Status;
-    static constexpr std::chrono::seconds kPatience{10};
+    static constexpr std::chrono::seconds kDefaultLimit{10};
 
     explicit ScriptedHost(const ControllerOptions& options = defaults())
         : mAir(mScheduler),
@@ -80,7 +80,7 @@ public:
 
     /// Lets time pass until `happened` says so; false when the limit comes first.
     template <class Condition>
-    bool until(Condition happened, Scheduler::Duration limit = kPatience)
+    bool until(Condition happened, Scheduler::Duration limit = kDefaultLimit)
     {
         const auto end = mScheduler.now() + limit;
         while (!happened()) {
@@ -164,7 +164,7 @@ public:
     Status disconnect() { return status(Opcode::Disconnect, mHandle, Status::RemoteUserEnded); }
 
     /// The reason why the link ended; empty if it hasn't in time.
-    std::optional<Status> linkEnd(Scheduler::Duration limit = kPatience)
+    std::optional<Status> linkEnd(Scheduler::Duration limit = kDefaultLimit)
     {
         const auto end = await<hci::DisconnectionComplete>(limit);
         return end ? std::optional(end->reason) : std::nullopt;
@@ -187,7 +187,7 @@ public:
         return packet;
     }
     template <class Packet>
-    std::optional<Packet> await(Scheduler::Duration limit = kPatience)
+    std::optional<Packet> await(Scheduler::Duration limit = kDefaultLimit)
     {
         std::optional<Packet> packet;
         until([&] { return (packet = take<Packet>()).has_value(); }, limit);
@@ -201,7 +201,7 @@ public:
         send(encode(hci::PacketType::AclData, mHandle, static_cast<std::uint16_t>(frame.size()), frame));
     }
 
-    std::optional<Bytes> awaitOn(Channel channel, Scheduler::Duration limit = kPatience)
+    std::optional<Bytes> awaitOn(Channel channel, Scheduler::Duration limit = kDefaultLimit)
     {
         const auto of = [channel](const auto& packet) { return packet.channel == channel; };
         auto found = mPackets.end();
