@@ -15,17 +15,15 @@ enum class AddressKind : uint8_t {
     Random = 1,
 };
 
-/// A Bluetooth device address as it travels: its kind, and six octets with the
-/// least significant first. Bluetooth Core 5.3, Vol 6, B 1.3.
+/// The least significant octet first.
+using AddressOctets = std::array<std::uint8_t, 6>;
+
+/// A Bluetooth device address as it travels: its kind, and six octets. Bluetooth Core 5.3, Vol 6, B 1.3.
 struct Address {
     AddressKind kind = AddressKind::Public;
-    std::array<uint8_t, 6> octets{};
+    AddressOctets octets{};
 
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(kind, octets);
-    }
+    auto fields() { return std::tie(kind, octets); }
 
     /// Reads "AA:BB:CC:DD:EE:FF"; empty if the text is anything else.
     static std::optional<Address> parse(const std::string& text, AddressKind kind = AddressKind::Public);

@@ -20,47 +20,48 @@ void Air::listen(bool on)
     if (on == mListening)
         return;
     mListening = on;
-    for (auto& station : mStations) {
-        station.timer.stop();
+    for (auto& advertiser : mAdvertisers) {
+        advertiser.timer.stop();
         if (on)
-            scheduleNext(station);
+            scheduleNext(advertiser);
     }
 }
 
 void Air::add(RadioDevice& device)
 {
-    auto& station = mStations.emplace_back(mClock, device);
+    auto& advertiser = mAdvertisers.emplace_back(mScheduler, device);
     if (mListening)
-        scheduleNext(station);
+        scheduleNext(advertiser);
 }
 
 void Air::remove(RadioDevice& device)
 {
-    const auto found = std::find_if(mStations.begin(), mStations.end(),
-                                    [&](const Station& station) { return station.device == &device; });
-    if (found == mStations.end())
+    const auto found =
+        std::find_if(mAdvertisers.begin(), mAdvertisers.end(),
+                     [&](const Advertiser& advertiser) { return advertiser.device == &device; });
+    if (found == mAdvertisers.end())
         return;
     if (mListener != nullptr)
         mListener->removed(device);
-    mStations.erase(found);
+    mAdvertisers.erase(found);
 }
 
-void Air::scheduleNext(Station& station)
+void Air::scheduleNext(Advertiser& advertiser)
 {
     // The classic linear congruential step: the spread need not be unforeseeable,
     // and a test sees the same one each time.
     mJitter = mJitter * 1664525U + 1013904223U;
     const std::chrono::microseconds jitter{(mJitter >> 8) % kMaximumJitterUs};
-    station.timer.start(station.device->advertisingInterval() + jitter,
-                        [this, &station] { advertise(station); });
+    advertiser.timer.start(advertiser.device->advertisingInterval() + jitter,
+                           [this, &advertiser] { advertise(advertiser); });
 }
 
-void Air::advertise(Station& station)
+void Air::advertise(Advertiser& advertiser)
 {
-    scheduleNext(station);
-    const auto advertisement = station.device->advertisement();
+    scheduleNext(advertiser);
+    const auto advertisement = advertiser.device->advertisement();
     if (advertisement && mListener != nullptr)
-        mListener->advertised(*station.device, *advertisement);
+        mListener->advertised(*advertiser.device, *advertisement);
 }
 
 } // namespace vexasim::air

@@ -3,8 +3,8 @@
 
 #include "sim/air/Address.h"
 #include "sim/air/Bytes.h"
-#include "sim/air/Clock.h"
 #include "sim/air/LinkCipher.h"
+#include "sim/model/Scheduler.h"
 
 #include <list>
 #include <memory>
@@ -78,7 +78,7 @@ public:
         virtual void removed(RadioDevice& device) = 0;
     };
 
-    explicit Air(Clock& clock) : mClock(clock) {}
+    explicit Air(Scheduler& scheduler) : mScheduler(scheduler) {}
 
     void setListener(Listener* listener) { mListener = listener; }
 
@@ -89,20 +89,20 @@ public:
     void remove(RadioDevice& device);
 
 private:
-    struct Station {
-        Station(Clock& clock, RadioDevice& radio) : device(&radio), timer(clock) {}
+    struct Advertiser {
+        Advertiser(Scheduler& scheduler, RadioDevice& radio) : device(&radio), timer(scheduler) {}
         RadioDevice* device;
         Timer timer;
     };
 
-    void scheduleNext(Station& station);
-    void advertise(Station& station);
+    void scheduleNext(Advertiser& advertiser);
+    void advertise(Advertiser& advertiser);
 
-    Clock& mClock;
+    Scheduler& mScheduler;
     Listener* mListener = nullptr;
     bool mListening = false;
     uint32_t mJitter = 1;
-    std::list<Station> mStations;
+    std::list<Advertiser> mAdvertisers;
 };
 
 } // namespace vexasim::air

@@ -22,7 +22,7 @@ Address parseAddress(const std::string& text)
 } // namespace
 
 AirBox::AirBox(AirBoxOptions options)
-    : mOptions(std::move(options)), mAddress(parseAddress(mOptions.address)), mAir(mClock)
+    : mOptions(std::move(options)), mAddress(parseAddress(mOptions.address)), mAir(mScheduler)
 {
     addRemote(mOptions.remote);
 }
@@ -41,11 +41,11 @@ const AirBox::RemoteOnAir& AirBox::addRemote(const RemoteOptions& options)
     RemoteOnAir entry;
     entry.remote = Remote::create(options);
     entry.remote->setSchedule([this](std::chrono::milliseconds delay, std::function<void()> action) {
-        mClock.callAt(mClock.now() + delay, std::move(action));
+        mScheduler.after(delay, std::move(action));
     });
-    const auto hear = [this](const std::string& line) { say(line); };
-    entry.normal = PeripheralRadio::create(mClock, mAir, entry.remote->normal(), mOptions.radio, hear);
-    entry.update = PeripheralRadio::create(mClock, mAir, entry.remote->update(), mOptions.radio, hear);
+    const auto report = [this](const std::string& line) { reportEvent(line); };
+    entry.normal = PeripheralRadio::create(mScheduler, mAir, entry.remote->normal(), mOptions.radio, report);
+    entry.update = PeripheralRadio::create(mScheduler, mAir, entry.remote->update(), mOptions.radio, report);
     mRemotes.push_back(std::move(entry));
     return mRemotes.back();
 }
@@ -78,10 +78,10 @@ void AirBox::plug()
     ControllerOptions controller;
     controller.address = mAddress;
     controller.pace = mOptions.pace;
-    mController = std::make_unique<Controller>(mClock, mAir, controller,
+    mController = std::make_unique<Controller>(mScheduler, mAir, controller,
                                                [this](const Bytes& packet) { mTransport->send(packet); });
     mTransport->createController();
-    say("the adapter " + mOptions.address + " is plugged in");
+    reportEvent("the adapter " + mOptions.address + " is plugged in");
 }
 
 void AirBox::unplug()
@@ -90,7 +90,7 @@ void AirBox::unplug()
         return;
     mController.reset();
     mTransport.reset();
-    say("the adapter is unplugged");
+    reportEvent("the adapter is unplugged");
 }
 
 std::optional<unsigned> AirBox::index() const
@@ -98,7 +98,7 @@ std::optional<unsigned> AirBox::index() const
     return plugged() ? mTransport->index() : std::nullopt;
 }
 
-void AirBox::say(const std::string& text) const
+void AirBox::reportEvent(const std::string& text) const
 {
     if (mOptions.onEvent)
         mOptions.onEvent(text);

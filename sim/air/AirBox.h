@@ -22,7 +22,7 @@ struct AirBoxOptions {
     Pace pace = Pace::RealTime;
     RemoteOptions remote;
     RadioOptions radio; ///< of every remote at its beginning
-    /// Hears one line of text for each thing that happens.
+    /// Called with one line of text for each thing that happens.
     std::function<void(const std::string&)> onEvent;
     /// The kernel gave up the controller without being asked to.
     std::function<void(const std::string&)> onLost;
@@ -69,11 +69,11 @@ public:
 
 private:
     std::vector<RemoteOnAir>::iterator find(const std::string& address);
-    void say(const std::string& text) const;
+    void reportEvent(const std::string& text) const;
 
     const AirBoxOptions mOptions;
     const Address mAddress;
-    MainLoopClock mClock;
+    MainLoopScheduler mScheduler;
     Air mAir;
     std::vector<RemoteOnAir> mRemotes;
     std::unique_ptr<VhciTransport> mTransport;

@@ -2,6 +2,7 @@
 #include "sim/air/AttributeServer.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 namespace vexasim::air
@@ -10,18 +11,44 @@ namespace vexasim::air
 namespace
 {
 
-// What every device takes at least, and this one at most: an exchange of sizes
-// is answered and changes nothing.
-constexpr uint16_t kPacketSize = 23;
+// What every device takes at least, and this one at most: an exchange of MTUs is answered and changes
+// nothing.
+constexpr uint16_t kMtu = 23;
 
 constexpr uint16_t kPrimaryService = 0x2800;
 constexpr uint16_t kSecondaryService = 0x2801;
 constexpr uint16_t kNotifyBit = 0x0001;
 
-enum class Op : uint8_t {
+// Set in the codes of packets that are never answered.
+constexpr uint8_t kCommandFlag = 0x40;
+
+namespace error
+{
+constexpr uint8_t kInvalidPdu = 0x04;
+constexpr uint8_t kInvalidOffset = 0x07;
+constexpr uint8_t kNotFound = 0x0a;
+constexpr uint8_t kInvalidLength = 0x0d;
+constexpr uint8_t kUnsupportedGroup = 0x10;
+} // namespace error
+
+Bytes cut(Bytes bytes, size_t size)
+{
+    bytes.resize(std::min(bytes.size(), size));
+    return bytes;
+}
+
+bool isGroup(const Bytes& type)
+{
+    const Bytes longType = longUuid(type);
+    return longType == longUuid(encode(kPrimaryService)) || longType == longUuid(encode(kSecondaryService));
+}
+
+} // namespace
+
+enum class AttributeServer::Op : std::uint8_t {
     Error = 0x01,
-    ExchangeSizesRequest = 0x02,
-    ExchangeSizesResponse = 0x03,
+    ExchangeMtuRequest = 0x02,
+    ExchangeMtuResponse = 0x03,
     FindInformationRequest = 0x04,
     FindInformationResponse = 0x05,
     FindByTypeValueRequest = 0x06,
@@ -42,278 +69,136 @@ enum class Op : uint8_t {
     WriteCommand = 0x52,
 };
 
-// Set in the codes of packets that are never answered.
-constexpr uint8_t kCommandFlag = 0x40;
-
-namespace error
-{
-constexpr uint8_t kInvalidPacket = 0x04;
-constexpr uint8_t kInvalidOffset = 0x07;
-constexpr uint8_t kNotFound = 0x0a;
-constexpr uint8_t kInvalidLength = 0x0d;
-constexpr uint8_t kUnsupportedGroup = 0x10;
-} // namespace error
-
-struct ErrorResponse {
-    Op op = Op::Error;
-    uint8_t request = 0;
-    uint16_t handle = 0;
-    uint8_t error = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, request, handle, error);
-    }
-};
-
-struct SizeExchange {
-    Op op{};
-    uint16_t size = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, size);
-    }
-};
-
-struct RangeRequest {
-    Op op{};
-    uint16_t first = 0;
-    uint16_t last = 0;
-    Bytes type; ///< a UUID; absent in a request for information
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, first, last, type);
-    }
-};
-
-struct TypeValueRequest {
-    Op op{};
-    uint16_t first = 0;
-    uint16_t last = 0;
-    uint16_t type = 0;
-    Bytes value;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, first, last, type, value);
-    }
-};
-
-struct HandleRequest {
-    Op op{};
-    uint16_t handle = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, handle);
-    }
-};
-
-struct BlobRequest {
-    Op op{};
-    uint16_t handle = 0;
-    uint16_t offset = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, handle, offset);
-    }
-};
-
-/// A write in either direction: request, command or notification.
-struct HandleValue {
-    Op op{};
-    uint16_t handle = 0;
-    Bytes value;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, handle, value);
-    }
-};
-
-/// A response that is nothing but its code and a value.
-struct ValueResponse {
-    Op op{};
-    Bytes value;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(op, value);
-    }
-};
-
-template <class... Field>
-Bytes join(const Field&... fields)
-{
-    Encoder encoder;
-    encoder(fields...);
-    return encoder.take();
-}
-
-Bytes cut(Bytes bytes, size_t size)
-{
-    bytes.resize(std::min(bytes.size(), size));
-    return bytes;
-}
-
-bool isGroup(const Bytes& type)
-{
-    const Bytes longType = longUuid(type);
-    return longType == longUuid(join(kPrimaryService)) || longType == longUuid(join(kSecondaryService));
-}
-
-} // namespace
-
-AttributeServer::AttributeServer(Clock& clock, Surroundings surroundings)
-    : mSurroundings(std::move(surroundings)), mTable(mSurroundings.peripheral->services()), mDelayed(clock)
+AttributeServer::AttributeServer(Scheduler& scheduler, Context context)
+    : mContext(std::move(context)), mTable(mContext.peripheral->services()), mDelayed(scheduler)
 {
 }
 
 void AttributeServer::received(const Bytes& packet)
 {
-    using Handler = void (AttributeServer::*)(const Bytes&);
-    static const std::vector<std::pair<Op, Handler>> handlers = {
-        {Op::ExchangeSizesRequest, &AttributeServer::exchangeSizes},
-        {Op::FindInformationRequest, &AttributeServer::findInformation},
-        {Op::FindByTypeValueRequest, &AttributeServer::findByTypeValue},
-        {Op::ReadByGroupTypeRequest, &AttributeServer::readByGroupType},
-        {Op::ReadByTypeRequest, &AttributeServer::readByType},
-        {Op::ReadRequest, &AttributeServer::read},
-        {Op::ReadBlobRequest, &AttributeServer::readBlob},
-        {Op::WriteRequest, &AttributeServer::write},
-        {Op::WriteCommand, &AttributeServer::writeCommand},
-        {Op::Indication, &AttributeServer::confirm},
+    static const std::map<Op, bool (*)(AttributeServer&, const Bytes&)> handlers = {
+        {Op::ExchangeMtuRequest, callDecoded<&AttributeServer::exchangeMtu>},
+        {Op::FindInformationRequest, callDecoded<&AttributeServer::findInformation>},
+        {Op::FindByTypeValueRequest, callDecoded<&AttributeServer::findByTypeValue>},
+        {Op::ReadByGroupTypeRequest, callDecoded<&AttributeServer::readByGroupType>},
+        {Op::ReadByTypeRequest, callDecoded<&AttributeServer::readByType>},
+        {Op::ReadRequest, callDecoded<&AttributeServer::read>},
+        {Op::ReadBlobRequest, callDecoded<&AttributeServer::readBlob>},
+        {Op::WriteRequest, callDecoded<&AttributeServer::write>},
+        {Op::WriteCommand, callDecoded<&AttributeServer::writeCommand>},
+        {Op::Indication, callDecoded<&AttributeServer::confirm>},
     };
-    if (packet.empty() || mSurroundings.peripheral->mute())
+    if (packet.empty() || mContext.peripheral->mute()) {
         return;
+    }
     mRequest = packet.front();
-    const auto found = std::find_if(handlers.begin(), handlers.end(), [&](const auto& entry) {
-        return static_cast<uint8_t>(entry.first) == mRequest;
-    });
-    if (found != handlers.end())
-        return (this->*found->second)(packet);
-    const bool answered = (mRequest & kCommandFlag) == 0 &&
-                          mRequest != static_cast<uint8_t>(Op::Confirmation) &&
-                          mRequest != static_cast<uint8_t>(Op::Notification);
-    if (answered)
-        refuse(0, att::kRequestNotSupported);
+    const auto op = static_cast<Op>(mRequest);
+    const bool answered = (mRequest & kCommandFlag) == 0 && op != Op::Confirmation && op != Op::Notification;
+    const auto found = handlers.find(op);
+    const bool known = found != handlers.end();
+    const bool fits = known && found->second(*this, Bytes(packet.begin() + 1, packet.end()));
+    if (answered && !fits) {
+        refuse(0, known ? error::kInvalidPdu : att::kRequestNotSupported);
+    }
 }
 
 // The box is a server, too, and may indicate unasked. It takes an error for the answer to its own request.
-void AttributeServer::confirm(const Bytes& /*packet*/)
+void AttributeServer::confirm(const Bytes& /*indication*/)
 {
-    respond({static_cast<uint8_t>(Op::Confirmation)});
+    respond(encode(Op::Confirmation));
 }
 
-void AttributeServer::notify(uint16_t valueHandle, const Bytes& value)
+void AttributeServer::notify(std::uint16_t valueHandle, const Bytes& value)
 {
-    respond(encode(HandleValue{Op::Notification, valueHandle, cut(value, kPacketSize - 3)}));
+    respond(encode(Op::Notification, valueHandle, cut(value, kMtu - 3)));
 }
 
 // ---- discovery
 
-void AttributeServer::exchangeSizes(const Bytes& packet)
+void AttributeServer::exchangeMtu(std::uint16_t /*mtu*/)
 {
-    const auto request = decode<SizeExchange>(packet);
-    if (!request)
-        return refuse(0, error::kInvalidPacket);
-    respond(encode(SizeExchange{Op::ExchangeSizesResponse, kPacketSize}));
+    respond(encode(Op::ExchangeMtuResponse, kMtu));
 }
 
-void AttributeServer::findInformation(const Bytes& packet)
+void AttributeServer::findInformation(std::uint16_t first, std::uint16_t last)
 {
     constexpr uint8_t kShort = 1;
     constexpr uint8_t kLong = 2;
-    const auto request = decode<RangeRequest>(packet);
-    if (!request || !request->type.empty())
-        return refuse(0, error::kInvalidPacket);
-    if (!wellFormed(request->first, request->last))
+    if (!wellFormed(first, last))
         return;
     std::vector<Bytes> entries;
-    for (const Attribute* row : mTable.between(request->first, request->last))
-        entries.push_back(join(row->handle, row->type));
+    for (const Attribute* row : mTable.between(first, last))
+        entries.push_back(encode(row->handle, row->type));
     if (entries.empty())
-        return refuse(request->first, error::kNotFound);
-    // Entries of one response have one size; the rest is for the next request.
-    Bytes response = join(Op::FindInformationResponse, entries.front().size() == 4 ? kShort : kLong);
-    for (const auto& entry : entries) {
-        if (entry.size() != entries.front().size() || response.size() + entry.size() > kPacketSize)
-            break;
-        response = response + entry;
-    }
-    respond(response);
+        return refuse(first, error::kNotFound);
+    const bool shortUuids = entries.front().size() == sizeof(std::uint16_t) * 2;
+    respondWith(encode(Op::FindInformationResponse, shortUuids ? kShort : kLong), entries);
 }
 
-void AttributeServer::findByTypeValue(const Bytes& packet)
+void AttributeServer::findByTypeValue(std::uint16_t first, std::uint16_t last, std::uint16_t type,
+                                      const Bytes& value)
 {
-    const auto request = decode<TypeValueRequest>(packet);
-    if (!request)
-        return refuse(0, error::kInvalidPacket);
-    if (!wellFormed(request->first, request->last))
+    if (!wellFormed(first, last))
         return;
-    Bytes response = join(Op::FindByTypeValueResponse);
-    for (const Attribute* row : mTable.ofType(request->first, request->last, join(request->type))) {
-        const bool wanted = longUuid(row->value) == longUuid(request->value);
-        if (wanted && response.size() + 4 <= kPacketSize)
-            response = response + join(row->handle, row->groupEnd);
+    Bytes response = encode(Op::FindByTypeValueResponse);
+    for (const Attribute* row : mTable.ofType(first, last, encode(type))) {
+        const bool wanted = longUuid(row->value) == longUuid(value);
+        if (wanted && response.size() + 4 <= kMtu)
+            response = response + encode(row->handle, row->groupEnd);
     }
     if (response.size() == 1)
-        return refuse(request->first, error::kNotFound);
+        return refuse(first, error::kNotFound);
     respond(response);
 }
 
-void AttributeServer::readByGroupType(const Bytes& packet)
+void AttributeServer::readByGroupType(std::uint16_t first, std::uint16_t last, const Bytes& type)
 {
-    const auto request = decode<RangeRequest>(packet);
-    if (!request)
-        return refuse(0, error::kInvalidPacket);
-    if (!wellFormed(request->first, request->last))
+    if (!wellFormed(first, last))
         return;
-    if (!isGroup(request->type))
-        return refuse(request->first, error::kUnsupportedGroup);
+    if (!isGroup(type))
+        return refuse(first, error::kUnsupportedGroup);
     std::vector<Bytes> entries;
-    for (const Attribute* row : mTable.ofType(request->first, request->last, request->type))
-        entries.push_back(join(row->handle, row->groupEnd, row->value));
-    sendLists(static_cast<uint8_t>(Op::ReadByGroupTypeResponse), entries, request->first);
+    for (const Attribute* row : mTable.ofType(first, last, type))
+        entries.push_back(encode(row->handle, row->groupEnd, row->value));
+    sendEntries(Op::ReadByGroupTypeResponse, entries, first);
 }
 
-void AttributeServer::readByType(const Bytes& packet)
+void AttributeServer::readByType(std::uint16_t first, std::uint16_t last, const Bytes& type)
 {
-    const auto request = decode<RangeRequest>(packet);
-    if (!request)
-        return refuse(0, error::kInvalidPacket);
-    if (!wellFormed(request->first, request->last))
+    if (!wellFormed(first, last))
         return;
-    const auto rows = mTable.ofType(request->first, request->last, request->type);
+    const auto rows = mTable.ofType(first, last, type);
     if (rows.empty())
-        return refuse(request->first, error::kNotFound);
+        return refuse(first, error::kNotFound);
     if (rows.front()->kind == Attribute::Kind::Characteristic) {
         std::vector<Bytes> entries;
         entries.reserve(rows.size());
         for (const Attribute* row : rows)
-            entries.push_back(join(row->handle, row->value));
-        return sendLists(static_cast<uint8_t>(Op::ReadByTypeResponse), entries, request->first);
+            entries.push_back(encode(row->handle, row->value));
+        return sendEntries(Op::ReadByTypeResponse, entries, first);
     }
     // Values one at a time: whoever wants more asks on.
     const Attribute& row = *rows.front();
-    fetch(row, [this, handle = row.handle](const Bytes& value) {
-        sendLists(static_cast<uint8_t>(Op::ReadByTypeResponse), {join(handle, cut(value, kPacketSize - 4))},
-                  handle);
+    fetch(row.handle, [this, handle = row.handle](const Bytes& value) {
+        sendEntries(Op::ReadByTypeResponse, {encode(handle, cut(value, kMtu - 4))}, handle);
     });
 }
 
-void AttributeServer::sendLists(uint8_t response, const std::vector<Bytes>& entries, uint16_t asked)
+void AttributeServer::sendEntries(Op response, const std::vector<Bytes>& entries, std::uint16_t asked)
 {
-    if (entries.empty())
+    if (entries.empty()) {
         return refuse(asked, error::kNotFound);
-    const size_t size = entries.front().size();
-    Bytes packet = join(response, static_cast<uint8_t>(size));
+    }
+    respondWith(encode(response, static_cast<std::uint8_t>(entries.front().size())), entries);
+}
+
+// Entries of one response have one size; the rest is for the next request.
+void AttributeServer::respondWith(Bytes packet, const std::vector<Bytes>& entries)
+{
     for (const auto& entry : entries) {
-        if (entry.size() != size || packet.size() + size > kPacketSize)
+        if (entry.size() != entries.front().size() || packet.size() + entry.size() > kMtu) {
             break;
+        }
         packet = packet + entry;
     }
     respond(packet);
@@ -321,43 +206,38 @@ void AttributeServer::sendLists(uint8_t response, const std::vector<Bytes>& entr
 
 // ---- values
 
-void AttributeServer::read(const Bytes& packet)
+void AttributeServer::read(std::uint16_t handle)
 {
-    const auto request = decode<HandleRequest>(packet);
-    const Attribute* row = request ? mTable.find(request->handle) : nullptr;
-    if (row == nullptr)
-        return request ? refuse(request->handle, att::kInvalidHandle) : refuse(0, error::kInvalidPacket);
-    fetch(*row, [this](const Bytes& value) {
-        respond(encode(ValueResponse{Op::ReadResponse, cut(value, kPacketSize - 1)}));
+    fetch(handle, [this](const Bytes& value) { respond(encode(Op::ReadResponse, cut(value, kMtu - 1))); });
+}
+
+void AttributeServer::readBlob(std::uint16_t handle, std::uint16_t offset)
+{
+    fetch(handle, [this, handle, offset](const Bytes& value) {
+        if (offset > value.size()) {
+            return refuse(handle, error::kInvalidOffset);
+        }
+        const Bytes rest(value.begin() + offset, value.end());
+        respond(encode(Op::ReadBlobResponse, cut(rest, kMtu - 1)));
     });
 }
 
-void AttributeServer::readBlob(const Bytes& packet)
+void AttributeServer::fetch(std::uint16_t handle, const Finish& finish)
 {
-    const auto request = decode<BlobRequest>(packet);
-    const Attribute* row = request ? mTable.find(request->handle) : nullptr;
-    if (row == nullptr)
-        return request ? refuse(request->handle, att::kInvalidHandle) : refuse(0, error::kInvalidPacket);
-    fetch(*row, [this, blob = *request](const Bytes& value) {
-        if (blob.offset > value.size())
-            return refuse(blob.handle, error::kInvalidOffset);
-        const Bytes rest(value.begin() + blob.offset, value.end());
-        respond(encode(ValueResponse{Op::ReadBlobResponse, cut(rest, kPacketSize - 1)}));
-    });
-}
-
-void AttributeServer::fetch(const Attribute& row, const Finish& finish)
-{
-    const uint16_t handle = row.handle;
-    if (row.kind == Attribute::Kind::Service || row.kind == Attribute::Kind::Characteristic)
-        return finish(row.value);
-    if (row.kind == Attribute::Kind::Configuration) {
-        const bool on = mSurroundings.peripheral->subscribed(row.valueHandle);
-        return finish(join(on ? kNotifyBit : uint16_t{0}));
+    const Attribute* row = mTable.find(handle);
+    if (row == nullptr) {
+        return refuse(handle, att::kInvalidHandle);
     }
-    if (row.readEncrypted && !mSurroundings.encrypted())
+    if (row->declaration()) {
+        return finish(row->value);
+    }
+    if (row->kind == Attribute::Kind::Configuration) {
+        const bool on = mContext.peripheral->subscribed(row->valueHandle);
+        return finish(encode(on ? kNotifyBit : std::uint16_t{0}));
+    }
+    if (row->readEncrypted && !mContext.encrypted())
         return refuse(handle, att::kInsufficientAuthentication);
-    const AttReply reply = mSurroundings.peripheral->read(handle);
+    const AttReply reply = mContext.peripheral->read(handle);
     if (reply.kind != AttReply::Kind::Answer)
         return;
     mDelayed.after(reply.delay, [this, handle, reply, finish, request = mRequest] {
@@ -366,40 +246,41 @@ void AttributeServer::fetch(const Attribute& row, const Finish& finish)
     });
 }
 
-void AttributeServer::write(const Bytes& packet)
+void AttributeServer::write(std::uint16_t handle, const Bytes& value)
 {
-    const auto request = decode<HandleValue>(packet);
-    const Attribute* row = request ? mTable.find(request->handle) : nullptr;
-    if (row == nullptr)
-        return request ? refuse(request->handle, att::kInvalidHandle) : refuse(0, error::kInvalidPacket);
-    const AttReply reply = store(*row, request->value, Peripheral::WriteKind::Request);
+    const AttReply reply = store(handle, value, Peripheral::WriteKind::Request);
     if (reply.kind != AttReply::Kind::Answer)
         return;
-    mDelayed.after(reply.delay, [this, handle = request->handle, error = reply.error, code = mRequest] {
+    mDelayed.after(reply.delay, [this, handle, error = reply.error, code = mRequest] {
         mRequest = code;
-        return error == att::kOk ? respond(join(Op::WriteResponse)) : refuse(handle, error);
+        return error == att::kOk ? respond(encode(Op::WriteResponse)) : refuse(handle, error);
     });
 }
 
-void AttributeServer::writeCommand(const Bytes& packet)
+void AttributeServer::writeCommand(std::uint16_t handle, const Bytes& value)
 {
-    const auto request = decode<HandleValue>(packet);
-    const Attribute* row = request ? mTable.find(request->handle) : nullptr;
-    if (row != nullptr)
-        store(*row, request->value, Peripheral::WriteKind::Command);
+    store(handle, value, Peripheral::WriteKind::Command);
 }
 
-AttReply AttributeServer::store(const Attribute& row, const Bytes& value, Peripheral::WriteKind kind)
+AttReply AttributeServer::store(std::uint16_t handle, const Bytes& value, Peripheral::WriteKind kind)
 {
-    if (row.kind == Attribute::Kind::Service || row.kind == Attribute::Kind::Characteristic)
+    const Attribute* row = mTable.find(handle);
+    if (row == nullptr) {
+        return AttReply::refused(att::kInvalidHandle);
+    }
+    if (row->declaration()) {
         return AttReply::refused(att::kWriteNotPermitted);
-    if (row.writeEncrypted && !mSurroundings.encrypted())
+    }
+    if (row->writeEncrypted && !mContext.encrypted()) {
         return AttReply::refused(att::kInsufficientAuthentication);
-    if (row.kind == Attribute::Kind::Configuration)
-        return configure(row, value);
-    const AttReply reply = mSurroundings.peripheral->write(row.handle, value, kind);
-    if (reply.kind == AttReply::Kind::Answer && reply.error == att::kOk)
-        mSurroundings.written(row.handle, value);
+    }
+    if (row->kind == Attribute::Kind::Configuration) {
+        return configure(*row, value);
+    }
+    const AttReply reply = mContext.peripheral->write(handle, value, kind);
+    if (reply.kind == AttReply::Kind::Answer && reply.error == att::kOk) {
+        mContext.written(handle, value);
+    }
     return reply;
 }
 
@@ -407,7 +288,7 @@ AttReply AttributeServer::configure(const Attribute& row, const Bytes& value) co
 {
     if (value.size() != sizeof(uint16_t))
         return AttReply::refused(error::kInvalidLength);
-    return mSurroundings.peripheral->subscribe(row.valueHandle, (value.front() & kNotifyBit) != 0);
+    return mContext.peripheral->subscribe(row.valueHandle, (value.front() & kNotifyBit) != 0);
 }
 
 // A range of handles that runs backwards, or from zero, is the asker's mistake.
@@ -421,7 +302,7 @@ bool AttributeServer::wellFormed(uint16_t first, uint16_t last)
 
 void AttributeServer::refuse(uint16_t about, uint8_t error)
 {
-    respond(encode(ErrorResponse{Op::Error, mRequest, about, error}));
+    respond(encode(Op::Error, mRequest, about, error));
 }
 
 } // namespace vexasim::air

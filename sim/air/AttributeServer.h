@@ -2,7 +2,7 @@
 #pragma once
 
 #include "sim/air/AttributeTable.h"
-#include "sim/air/DelayedCalls.h"
+#include "sim/air/DelayedTasks.h"
 #include "sim/air/L2cap.h"
 #include "sim/model/Peripheral.h"
 
@@ -17,15 +17,16 @@ namespace vexasim::air
 class AttributeServer
 {
 public:
-    struct Surroundings {
+    /// What it needs of the link and the device on which it runs.
+    struct Context {
         Peripheral* peripheral = nullptr; ///< outlives this object
         std::function<void(Channel, const Bytes&)> send;
         std::function<bool()> encrypted;
-        /// Hears of each write that the peripheral has accepted, by value handle.
+        /// Called with each write that the peripheral has accepted, by value handle.
         std::function<void(uint16_t, const Bytes&)> written;
     };
 
-    AttributeServer(Clock& clock, Surroundings surroundings);
+    AttributeServer(Scheduler& scheduler, Context context);
 
     void received(const Bytes& packet);
 
@@ -33,29 +34,33 @@ public:
     void notify(uint16_t valueHandle, const Bytes& value);
 
 private:
-    void confirm(const Bytes& packet);
-    void exchangeSizes(const Bytes& packet);
-    void findInformation(const Bytes& packet);
-    void findByTypeValue(const Bytes& packet);
-    void readByGroupType(const Bytes& packet);
-    void readByType(const Bytes& packet);
-    void read(const Bytes& packet);
-    void readBlob(const Bytes& packet);
-    void write(const Bytes& packet);
-    void writeCommand(const Bytes& packet);
+    enum class Op : std::uint8_t;
+
+    // The handlers name what their packets carry behind the code.
+    void confirm(const Bytes& indication);
+    void exchangeMtu(std::uint16_t mtu);
+    void findInformation(std::uint16_t first, std::uint16_t last);
+    void findByTypeValue(std::uint16_t first, std::uint16_t last, std::uint16_t type, const Bytes& value);
+    void readByGroupType(std::uint16_t first, std::uint16_t last, const Bytes& type);
+    void readByType(std::uint16_t first, std::uint16_t last, const Bytes& type);
+    void read(std::uint16_t handle);
+    void readBlob(std::uint16_t handle, std::uint16_t offset);
+    void write(std::uint16_t handle, const Bytes& value);
+    void writeCommand(std::uint16_t handle, const Bytes& value);
 
     using Finish = std::function<void(const Bytes&)>;
-    void fetch(const Attribute& row, const Finish& finish);
-    AttReply store(const Attribute& row, const Bytes& value, Peripheral::WriteKind kind);
+    void fetch(std::uint16_t handle, const Finish& finish);
+    AttReply store(std::uint16_t handle, const Bytes& value, Peripheral::WriteKind kind);
     AttReply configure(const Attribute& row, const Bytes& value) const;
     bool wellFormed(uint16_t first, uint16_t last);
-    void sendLists(uint8_t response, const std::vector<Bytes>& entries, uint16_t asked);
-    void respond(const Bytes& packet) { mSurroundings.send(Channel::Attributes, packet); }
+    void sendEntries(Op response, const std::vector<Bytes>& entries, std::uint16_t asked);
+    void respondWith(Bytes packet, const std::vector<Bytes>& entries);
+    void respond(const Bytes& packet) { mContext.send(Channel::Attributes, packet); }
     void refuse(uint16_t about, uint8_t error);
 
-    const Surroundings mSurroundings;
+    const Context mContext;
     const AttributeTable mTable;
-    DelayedCalls mDelayed;
+    DelayedTasks mDelayed;
     uint8_t mRequest = 0;
 };
 

@@ -30,21 +30,13 @@ const Bytes kBaseUuid = {0xfb, 0x34, 0x9b, 0x5f, 0x80, 0x00, 0x00, 0x80,
 const std::vector<std::pair<std::string, uint8_t>> kProperties = {
     {"read", 0x02}, {"write-without-response", 0x04}, {"write", 0x08}, {"notify", 0x10}, {"indicate", 0x20}};
 
-Bytes shortUuid(uint16_t number)
-{
-    Encoder encoder;
-    encoder(number);
-    return encoder.take();
-}
-
 Bytes declaration(const GattCharacteristic& characteristic)
 {
     unsigned properties = 0;
     for (const auto& [word, bit] : kProperties)
         properties |= characteristic.has(word) ? bit : 0U;
-    Encoder encoder;
-    encoder(static_cast<uint8_t>(properties), characteristic.valueHandle, uuidBytes(characteristic.uuid));
-    return encoder.take();
+    return encode(static_cast<std::uint8_t>(properties), characteristic.valueHandle,
+                  uuidBytes(characteristic.uuid));
 }
 
 } // namespace
@@ -78,7 +70,7 @@ AttributeTable::AttributeTable(const GattTable& services)
         Attribute row;
         row.handle = service.handle;
         row.kind = Attribute::Kind::Service;
-        row.type = shortUuid(service.primary ? kPrimaryService : kSecondaryService);
+        row.type = encode(service.primary ? kPrimaryService : kSecondaryService);
         row.value = uuidBytes(service.uuid);
         row.groupEnd = service.endHandle;
         mRows.push_back(row);
@@ -96,7 +88,7 @@ void AttributeTable::addCharacteristic(const GattCharacteristic& characteristic)
 
     row.handle = characteristic.handle;
     row.kind = Attribute::Kind::Characteristic;
-    row.type = shortUuid(kCharacteristic);
+    row.type = encode(kCharacteristic);
     row.value = declaration(characteristic);
     mRows.push_back(row);
 
@@ -111,8 +103,8 @@ void AttributeTable::addCharacteristic(const GattCharacteristic& characteristic)
     for (const auto& descriptor : characteristic.descriptors) {
         row.handle = descriptor.handle;
         row.type = uuidBytes(descriptor.uuid);
-        row.kind = row.type == shortUuid(kClientConfiguration) ? Attribute::Kind::Configuration
-                                                               : Attribute::Kind::Descriptor;
+        row.kind = row.type == encode(kClientConfiguration) ? Attribute::Kind::Configuration
+                                                            : Attribute::Kind::Descriptor;
         mRows.push_back(row);
     }
 }

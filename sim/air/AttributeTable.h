@@ -37,6 +37,8 @@ struct Attribute {
     uint16_t valueHandle = 0;    ///< of the characteristic to which it belongs
     bool readEncrypted = false;  ///< only over an encrypted link
     bool writeEncrypted = false; ///< only over an encrypted link
+
+    bool declaration() const { return kind == Kind::Service || kind == Kind::Characteristic; }
 };
 
 /// A peripheral's services as the attribute protocol sees them: rows in the

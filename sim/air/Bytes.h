@@ -5,62 +5,54 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
-// How packets become bytes and bytes packets. A packet is a plain structure
-// with one member function template, `fields`, that names its fields in the
-// order in which they travel; Encoder and Decoder are the two things it is
-// given. Everything on the air is little-endian.
+// How packets become bytes and bytes packets. A field is an integer, an enumerator, an array of octets, a
+// byte string, or a structure whose member function `fields` ties its members in the order in which they
+// travel. Everything on the air is little-endian.
 
 namespace vexasim::air
 {
 
-using Bytes = std::vector<uint8_t>;
+using Bytes = std::vector<std::uint8_t>;
 
 /// Appends fields to a byte string. Any thread.
 class Encoder
 {
 public:
-    /// Writes the fields in order. A Bytes field is written without a length.
-    template <class... Field>
-    void operator()(const Field&... field)
+    /// Writes a field. A Bytes field is written without a length.
+    template <class Value>
+    void put(const Value& value)
     {
-        (put(field), ...);
+        if constexpr (std::is_enum_v<Value>) {
+            put(static_cast<std::underlying_type_t<Value>>(value));
+        } else if constexpr (std::is_integral_v<Value>) {
+            for (std::size_t i = 0; i < sizeof value; ++i) {
+                mBytes.push_back(static_cast<std::uint8_t>(static_cast<std::uint64_t>(value) >> (8 * i)));
+            }
+        } else {
+            std::apply([this](const auto&... field) { (put(field), ...); }, Value(value).fields());
+        }
+    }
+    void put(const Bytes& bytes) { mBytes.insert(mBytes.end(), bytes.begin(), bytes.end()); }
+    template <std::size_t size>
+    void put(const std::array<std::uint8_t, size>& bytes)
+    {
+        mBytes.insert(mBytes.end(), bytes.begin(), bytes.end());
     }
 
     /// Gives away what was written.
     Bytes take() { return std::move(mBytes); }
 
 private:
-    template <class Value>
-    void put(const Value& value)
-    {
-        if constexpr (std::is_enum_v<Value>)
-            put(static_cast<std::underlying_type_t<Value>>(value));
-        else if constexpr (std::is_integral_v<Value>)
-            putInteger(static_cast<std::make_unsigned_t<Value>>(value));
-        else
-            Value(value).fields(*this);
-    }
-    void put(const Bytes& bytes) { mBytes.insert(mBytes.end(), bytes.begin(), bytes.end()); }
-    template <size_t size>
-    void put(const std::array<uint8_t, size>& bytes)
-    {
-        mBytes.insert(mBytes.end(), bytes.begin(), bytes.end());
-    }
-    template <class Unsigned>
-    void putInteger(Unsigned value)
-    {
-        for (size_t i = 0; i < sizeof value; ++i)
-            mBytes.push_back(static_cast<uint8_t>(uint64_t{value} >> (8 * i)));
-    }
-
     Bytes mBytes;
 };
 
-/// Takes fields off the front of a byte string; past the end it yields zeroes
-/// and remembers the failure. Any thread; the bytes must outlive it.
+/// Takes fields off the front of a byte string; past the end it yields zeroes and remembers the failure. Any
+/// thread; the bytes must outlive it.
 class Decoder
 {
 public:
@@ -74,7 +66,7 @@ public:
     }
 
     /// Takes `size` bytes, or fails.
-    Bytes bytes(size_t size)
+    Bytes bytes(std::size_t size)
     {
         if (size > left()) {
             mOk = false;
@@ -85,7 +77,7 @@ public:
         return Bytes(from, from + static_cast<std::ptrdiff_t>(size));
     }
 
-    size_t left() const { return mBytes.size() - mAt; }
+    std::size_t left() const { return mBytes.size() - mAt; }
 
     /// True while no field has reached past the end.
     bool ok() const { return mOk; }
@@ -99,53 +91,84 @@ private:
             get(number);
             value = static_cast<Value>(number);
         } else if constexpr (std::is_integral_v<Value>) {
-            uint64_t number = 0;
-            for (size_t i = 0; i < sizeof value; ++i)
-                number |= uint64_t{next()} << (8 * i);
+            std::uint64_t number = 0;
+            for (std::size_t i = 0; i < sizeof value; ++i) {
+                number |= std::uint64_t{next()} << (8 * i);
+            }
             value = static_cast<Value>(number);
         } else {
-            value.fields(*this);
+            std::apply(*this, value.fields());
         }
     }
     void get(Bytes& rest) { rest = bytes(left()); }
-    template <size_t size>
-    void get(std::array<uint8_t, size>& octets)
+    template <std::size_t size>
+    void get(std::array<std::uint8_t, size>& octets)
     {
-        for (auto& octet : octets)
+        for (auto& octet : octets) {
             octet = next();
+        }
     }
-    uint8_t next()
+    std::uint8_t next()
     {
-        if (mAt < mBytes.size())
+        if (mAt < mBytes.size()) {
             return mBytes[mAt++];
+        }
         mOk = false;
         return 0;
     }
 
     const Bytes& mBytes;
-    size_t mAt = 0;
+    std::size_t mAt = 0;
     bool mOk = true;
 };
 
-/// The bytes of a packet as they travel.
-template <class Packet>
-Bytes encode(Packet packet)
+/// The fields as they travel, one behind the other.
+template <class... Field>
+Bytes encode(const Field&... fields)
 {
     Encoder encoder;
-    packet.fields(encoder);
+    (encoder.put(fields), ...);
     return encoder.take();
 }
 
-/// The packet in the bytes; empty if they are too few or too many for it.
-template <class Packet>
-std::optional<Packet> decode(const Bytes& bytes)
+/// The fields in the bytes; empty if they are too few or too many for them.
+template <class... Field>
+std::optional<std::tuple<Field...>> decodeFields(const Bytes& bytes)
 {
-    Packet packet{};
+    std::tuple<Field...> fields{};
     Decoder decoder(bytes);
-    packet.fields(decoder);
-    if (!decoder.ok() || decoder.left() != 0)
+    std::apply(decoder, fields);
+    if (!decoder.ok() || decoder.left() != 0) {
         return std::nullopt;
-    return packet;
+    }
+    return fields;
+}
+
+/// The one field, usually a packet's structure, in the bytes; empty if they are too few or too many for it.
+template <class Field>
+std::optional<Field> decode(const Bytes& bytes)
+{
+    const auto fields = decodeFields<Field>(bytes);
+    return fields ? std::optional(std::get<0>(*fields)) : std::nullopt;
+}
+
+/// Calls a member function with the fields that its parameters name; false, without a call, if the bytes
+/// are too few or too many for them.
+template <class Object, class... Parameter>
+bool callDecoded(Object& object, void (Object::*method)(Parameter...), const Bytes& bytes)
+{
+    const auto fields = decodeFields<std::decay_t<Parameter>...>(bytes);
+    if (fields) {
+        std::apply([&](const auto&... field) { (object.*method)(field...); }, *fields);
+    }
+    return fields.has_value();
+}
+
+/// The same for tables of handlers.
+template <auto method, class Object>
+bool callDecoded(Object& object, const Bytes& bytes)
+{
+    return callDecoded(object, method, bytes);
 }
 
 /// One byte string behind the other.

@@ -5,6 +5,8 @@
 
 #include <memory>
 
+struct evp_pkey_st; // libcrypto's EVP_PKEY
+
 // The ciphers of the air, by libcrypto. Here, and only here, byte strings
 // stand with the most significant octet first, as FIPS-197, RFC 4493 and
 // FIPS 186-4 write them.
@@ -30,15 +32,14 @@ Bytes aesCcmSeal(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t
 std::optional<Bytes> aesCcmOpen(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t associated,
                                 const Bytes& sealed);
 
-/// `size` bytes that nobody can foretell.
-Bytes randomBytes(size_t size);
+/// Bytes that nobody can foretell.
+void fillRandomly(std::uint8_t* bytes, std::size_t size);
 
-template <size_t size>
-std::array<uint8_t, size> randomArray()
+template <std::size_t size>
+std::array<std::uint8_t, size> randomArray()
 {
-    std::array<uint8_t, size> array{};
-    const Bytes bytes = randomBytes(size);
-    std::copy(bytes.begin(), bytes.end(), array.begin());
+    std::array<std::uint8_t, size> array{};
+    fillRandomly(array.data(), size);
     return array;
 }
 
@@ -58,11 +59,9 @@ public:
     /// A new random pair.
     KeyPair();
 
-    /// The pair of a known private key; throws std::invalid_argument if the
-    /// number is no private key of the curve.
+    /// The pair of a known private key; throws std::runtime_error if the number is no private key of the
+    /// curve.
     explicit KeyPair(const Scalar& privateKey);
-
-    ~KeyPair();
 
     Point publicKey() const { return mPublic; }
 
@@ -71,8 +70,10 @@ public:
     std::optional<Scalar> agree(const Point& peer) const;
 
 private:
-    struct Key;
-    std::unique_ptr<Key> mKey;
+    /// Owns the key.
+    explicit KeyPair(evp_pkey_st* key);
+
+    std::shared_ptr<evp_pkey_st> mKey;
     Point mPublic;
 };
 

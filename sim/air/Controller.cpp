@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "sim/air/Controller.h"
 
-#include "sim/air/ControllerTraits.h"
-
 #include <algorithm>
 
 namespace vexasim::air
@@ -11,99 +9,96 @@ namespace vexasim::air
 namespace
 {
 
-constexpr uint64_t kDefaultEventMask = 0x00001fffffffffff;
-constexpr uint64_t kDefaultLeEventMask = 0x1f;
-
 // LMP features: no BR/EDR, LE.
-constexpr uint64_t kLocalFeatures = 0x0000006000000000;
-// Every combination of scanning, initiating and being central that legacy
-// controllers list.
-constexpr uint64_t kSupportedStates = 0x000003ffffffffff;
+constexpr std::uint64_t kLocalFeatures = 0x0000006000000000;
+// Every combination of scanning, initiating and being central that legacy controllers list.
+constexpr std::uint64_t kSupportedStates = 0x000003ffffffffff;
 
-constexpr uint16_t kBufferLength = 251;
-constexpr uint8_t kBufferCount = 8;
-constexpr uint8_t kAcceptListSize = 16;
-constexpr uint16_t kMinimumPayloadTimeUs = 328;
-constexpr uint8_t kTransmitPower = 4;
-constexpr int8_t kNoRssi = 127;
+constexpr std::uint16_t kBufferLength = 251;
+constexpr std::uint8_t kBufferCount = 8;
+constexpr std::uint8_t kAcceptListSize = 16;
+constexpr std::uint16_t kMaximumPayloadTimeUs = 2120;
+constexpr std::uint8_t kTransmitPower = 4;
+constexpr std::int8_t kNoRssi = 127;
+constexpr std::uint8_t kNone = 0;
 
 } // namespace
 
-// Turns a handler of decoded parameters into one of bytes.
-template <class Parameters, void (Controller::*method)(const Parameters&)>
-struct Controller::Run<method> {
-    static void run(Controller& controller, const Bytes& bytes)
-    {
-        const auto parameters = decode<Parameters>(bytes);
-        if (!parameters)
-            return controller.done(hci::Status::InvalidParameters);
-        (controller.*method)(*parameters);
-    }
-};
-
-const std::vector<Controller::Command>& Controller::commands()
+template <auto method>
+void Controller::handle(Controller& controller, const Bytes& parameters)
 {
-    using hci::Opcode;
-    static const std::vector<Command> table = {
-        {Opcode::Disconnect, 0, 5, Run<&Controller::disconnect>::run},
-        {Opcode::ReadRemoteVersion, 2, 7, Run<&Controller::readRemoteVersion>::run},
-        {Opcode::SetEventMask, 5, 6, Run<&Controller::setEventMask>::run},
-        {Opcode::Reset, 5, 7, Run<&Controller::reset>::run},
-        {Opcode::ReadTransmitPowerLevel, 10, 2, Run<&Controller::readTransmitPower>::run},
-        {Opcode::ReadLocalVersion, 14, 3, Run<&Controller::readLocalVersion>::run},
-        {Opcode::ReadLocalCommands, 14, 4, Run<&Controller::readLocalCommands>::run},
-        {Opcode::ReadLocalFeatures, 14, 5, Run<&Controller::readLocalFeatures>::run},
-        {Opcode::ReadBufferSize, 14, 7, Run<&Controller::readBufferSize>::run},
-        {Opcode::ReadAddress, 15, 1, Run<&Controller::readAddress>::run},
-        {Opcode::ReadRssi, 15, 5, Run<&Controller::readRssi>::run},
-        {Opcode::SetEventMaskPage2, 22, 2, Run<&Controller::setEventMaskPage2>::run},
-        {Opcode::ReadLeHostSupport, 24, 5, Run<&Controller::readLeHostSupport>::run},
-        {Opcode::WriteLeHostSupport, 24, 6, Run<&Controller::writeLeHostSupport>::run},
-        {Opcode::LeSetEventMask, 25, 0, Run<&Controller::setLeEventMask>::run},
-        {Opcode::LeReadBufferSize, 25, 1, Run<&Controller::leReadBufferSize>::run},
-        {Opcode::LeReadLocalFeatures, 25, 2, Run<&Controller::leReadLocalFeatures>::run},
-        {Opcode::LeSetRandomAddress, 25, 4, Run<&Controller::setRandomAddress>::run},
-        {Opcode::LeSetAdvertisingParameters, 25, 5, Run<&Controller::setAdvertisingParameters>::run},
-        {Opcode::LeReadAdvertisingPower, 25, 6, Run<&Controller::readAdvertisingPower>::run},
-        {Opcode::LeSetAdvertisingData, 25, 7, Run<&Controller::setAdvertisingData>::run},
-        {Opcode::LeSetScanResponseData, 26, 0, Run<&Controller::setAdvertisingData>::run},
-        {Opcode::LeSetAdvertisingEnable, 26, 1, Run<&Controller::setAdvertisingEnable>::run},
-        {Opcode::LeSetScanParameters, 26, 2, Run<&Controller::setScanParameters>::run},
-        {Opcode::LeSetScanEnable, 26, 3, Run<&Controller::setScanEnable>::run},
-        {Opcode::LeCreateConnection, 26, 4, Run<&Controller::createConnection>::run},
-        {Opcode::LeCreateConnectionCancel, 26, 5, Run<&Controller::cancelConnection>::run},
-        {Opcode::LeReadAcceptListSize, 26, 6, Run<&Controller::readAcceptListSize>::run},
-        {Opcode::LeClearAcceptList, 26, 7, Run<&Controller::clearAcceptList>::run},
-        {Opcode::LeAddToAcceptList, 27, 0, Run<&Controller::addToAcceptList>::run},
-        {Opcode::LeRemoveFromAcceptList, 27, 1, Run<&Controller::removeFromAcceptList>::run},
-        {Opcode::LeConnectionUpdate, 27, 2, Run<&Controller::updateConnection>::run},
-        {Opcode::LeSetHostChannels, 27, 3, Run<&Controller::setHostChannels>::run},
-        {Opcode::LeReadChannelMap, 27, 4, Run<&Controller::readChannelMap>::run},
-        {Opcode::LeReadRemoteFeatures, 27, 5, Run<&Controller::readRemoteFeatures>::run},
-        {Opcode::LeEncrypt, 27, 6, Run<&Controller::encrypt>::run},
-        {Opcode::LeRand, 27, 7, Run<&Controller::random>::run},
-        {Opcode::LeStartEncryption, 28, 0, Run<&Controller::startEncryption>::run},
-        {Opcode::LeLongTermKeyReply, 28, 1, Run<&Controller::replyWithKey>::run},
-        {Opcode::LeLongTermKeyNegativeReply, 28, 2, Run<&Controller::replyWithoutKey>::run},
-        {Opcode::LeReadSupportedStates, 28, 3, Run<&Controller::leReadSupportedStates>::run},
-        {Opcode::LeSetDataLength, 33, 6, Run<&Controller::setDataLength>::run},
-        {Opcode::LeReadDefaultDataLength, 33, 7, Run<&Controller::readDefaultDataLength>::run},
-        {Opcode::LeWriteDefaultDataLength, 34, 0, Run<&Controller::writeDefaultDataLength>::run},
-        {Opcode::LeReadMaximumDataLength, 35, 3, Run<&Controller::readMaximumDataLength>::run},
-    };
-    return table;
+    if (!callDecoded<method>(controller, parameters)) {
+        controller.done(hci::Status::InvalidParameters);
+    }
 }
 
-Controller::Controller(Clock& clock, Air& air, const ControllerOptions& options, ToHost toHost)
-    : mClock(clock),
-      mAir(air),
-      mOptions(options),
-      mToHost(std::move(toHost)),
-      mEventMask(kDefaultEventMask),
-      mLeEventMask(kDefaultLeEventMask),
-      mScanner(clock),
-      mDefaultDataLength{traits::kMinimumPayload, kMinimumPayloadTimeUs},
-      mNextHandle(traits::kFirstHandle)
+template <class... Field>
+Controller::Run Controller::answering(const Field&... fields)
+{
+    return [answer = encode(hci::Status::Success, fields...)](Controller& controller, const Bytes& none) {
+        return none.empty() ? controller.complete(answer) : controller.done(hci::Status::InvalidParameters);
+    };
+}
+
+template <std::size_t size>
+void Controller::accept(Controller& controller, const Bytes& parameters)
+{
+    controller.done(parameters.size() == size ? hci::Status::Success : hci::Status::InvalidParameters);
+}
+
+const std::vector<Controller::Command> Controller::kCommands = {
+    {hci::Opcode::Disconnect, 0, 5, handle<&Controller::disconnect>},
+    {hci::Opcode::ReadRemoteVersion, 2, 7, handle<&Controller::readRemoteVersion>},
+    {hci::Opcode::SetEventMask, 5, 6, handle<&Controller::setEventMask>},
+    {hci::Opcode::Reset, 5, 7, handle<&Controller::reset>},
+    {hci::Opcode::ReadTransmitPowerLevel, 10, 2, handle<&Controller::readTransmitPower>},
+    {hci::Opcode::ReadLocalVersion, 14, 3,
+     answering(kBluetooth50, std::uint16_t{kNone}, kBluetooth50, kNoManufacturer, std::uint16_t{kNone})},
+    {hci::Opcode::ReadLocalCommands, 14, 4, handle<&Controller::readLocalCommands>},
+    {hci::Opcode::ReadLocalFeatures, 14, 5, answering(kLocalFeatures)},
+    {hci::Opcode::ReadBufferSize, 14, 7,
+     answering(kBufferLength, kNone, std::uint16_t{kBufferCount}, std::uint16_t{kNone})},
+    {hci::Opcode::ReadAddress, 15, 1, handle<&Controller::readAddress>},
+    {hci::Opcode::ReadRssi, 15, 5, handle<&Controller::readRssi>},
+    {hci::Opcode::SetEventMaskPage2, 22, 2, accept<8>},
+    {hci::Opcode::ReadLeHostSupport, 24, 5, answering(std::uint8_t{1}, kNone)},
+    {hci::Opcode::WriteLeHostSupport, 24, 6, accept<2>},
+    {hci::Opcode::LeSetEventMask, 25, 0, handle<&Controller::setLeEventMask>},
+    {hci::Opcode::LeReadBufferSize, 25, 1, answering(kBufferLength, kBufferCount)},
+    {hci::Opcode::LeReadLocalFeatures, 25, 2, answering(kLeEncryption | kLeDataLength)},
+    {hci::Opcode::LeSetRandomAddress, 25, 4, handle<&Controller::setRandomAddress>},
+    {hci::Opcode::LeSetAdvertisingParameters, 25, 5, accept<15>},
+    {hci::Opcode::LeReadAdvertisingPower, 25, 6, answering(kTransmitPower)},
+    {hci::Opcode::LeSetAdvertisingData, 25, 7, accept<32>},
+    {hci::Opcode::LeSetScanResponseData, 26, 0, accept<32>},
+    {hci::Opcode::LeSetAdvertisingEnable, 26, 1, accept<1>},
+    {hci::Opcode::LeSetScanParameters, 26, 2, handle<&Controller::setScanParameters>},
+    {hci::Opcode::LeSetScanEnable, 26, 3, handle<&Controller::setScanEnable>},
+    {hci::Opcode::LeCreateConnection, 26, 4, handle<&Controller::createConnection>},
+    {hci::Opcode::LeCreateConnectionCancel, 26, 5, handle<&Controller::cancelConnection>},
+    {hci::Opcode::LeReadAcceptListSize, 26, 6, answering(kAcceptListSize)},
+    {hci::Opcode::LeClearAcceptList, 26, 7, handle<&Controller::clearAcceptList>},
+    {hci::Opcode::LeAddToAcceptList, 27, 0, handle<&Controller::addToAcceptList>},
+    {hci::Opcode::LeRemoveFromAcceptList, 27, 1, handle<&Controller::removeFromAcceptList>},
+    {hci::Opcode::LeConnectionUpdate, 27, 2, handle<&Controller::updateConnection>},
+    {hci::Opcode::LeSetHostChannels, 27, 3, accept<5>},
+    {hci::Opcode::LeReadChannelMap, 27, 4, handle<&Controller::readChannelMap>},
+    {hci::Opcode::LeReadRemoteFeatures, 27, 5, handle<&Controller::readRemoteFeatures>},
+    {hci::Opcode::LeEncrypt, 27, 6, handle<&Controller::encrypt>},
+    {hci::Opcode::LeRand, 27, 7, handle<&Controller::random>},
+    {hci::Opcode::LeStartEncryption, 28, 0, handle<&Controller::startEncryption>},
+    {hci::Opcode::LeLongTermKeyReply, 28, 1, handle<&Controller::replyWithKey>},
+    {hci::Opcode::LeLongTermKeyNegativeReply, 28, 2, handle<&Controller::replyWithoutKey>},
+    {hci::Opcode::LeReadSupportedStates, 28, 3, answering(kSupportedStates)},
+    {hci::Opcode::LeSetDataLength, 33, 6, handle<&Controller::setDataLength>},
+    {hci::Opcode::LeReadDefaultDataLength, 33, 7, handle<&Controller::readDefaultDataLength>},
+    {hci::Opcode::LeWriteDefaultDataLength, 34, 0, handle<&Controller::writeDefaultDataLength>},
+    {hci::Opcode::LeReadMaximumDataLength, 35, 3,
+     answering(kMaximumPayload, kMaximumPayloadTimeUs, kMaximumPayload, kMaximumPayloadTimeUs)},
+};
+
+Controller::Controller(Scheduler& scheduler, Air& air, const ControllerOptions& options, ToHost toHost)
+    : mScheduler(scheduler), mAir(air), mOptions(options), mToHost(std::move(toHost)), mScanner(scheduler)
 {
     mAir.setListener(this);
 }
@@ -138,10 +133,9 @@ void Controller::receiveCommand(const Bytes& packet)
     if (!command)
         return;
     mCurrent = command->opcode;
-    const auto& table = commands();
-    const auto found = std::find_if(table.begin(), table.end(),
+    const auto found = std::find_if(kCommands.begin(), kCommands.end(),
                                     [&](const Command& entry) { return entry.opcode == command->opcode; });
-    if (found == table.end())
+    if (found == kCommands.end())
         return commandStatus(hci::Status::UnknownCommand);
     if (command->length != command->parameters.size())
         return done(hci::Status::InvalidParameters);
@@ -161,181 +155,133 @@ void Controller::receiveData(const Bytes& packet)
     link->sendFromCentral({continues ? LinkPacket::Continuation : LinkPacket::Start, acl->data});
 }
 
-void Controller::reset(const hci::NoParameters&)
+void Controller::reset()
 {
     dropLinks();
-    mScanner.setParameters({});
-    mScanner.enable(false, false);
+    mScanner = Scanner(mScheduler);
     mInitiating.reset();
     mAcceptList.clear();
     mRandomAddress = {};
     mEventMask = kDefaultEventMask;
     mLeEventMask = kDefaultLeEventMask;
-    mDefaultDataLength = {traits::kMinimumPayload, kMinimumPayloadTimeUs};
+    mDefaultOctets = kMinimumPayload;
+    mDefaultTimeUs = kMinimumPayloadTimeUs;
     updateListening();
     done();
 }
 
-void Controller::readLocalVersion(const hci::NoParameters&)
+void Controller::readLocalCommands()
 {
-    answer(hci::LocalVersion{traits::kBluetooth50, 0, traits::kBluetooth50, traits::kNoManufacturer, 0});
-}
-
-void Controller::readLocalCommands(const hci::NoParameters&)
-{
-    hci::LocalCommands supported;
-    for (const auto& command : commands())
-        supported.map[command.octet] |= static_cast<uint8_t>(1U << command.bit);
+    std::array<std::uint8_t, 64> supported{};
+    for (const auto& command : kCommands) {
+        supported[command.octet] |= static_cast<std::uint8_t>(1U << command.bit);
+    }
     answer(supported);
 }
 
-void Controller::readLocalFeatures(const hci::NoParameters&)
+void Controller::readRssi(std::uint16_t handle)
 {
-    answer(hci::FeatureMap{kLocalFeatures});
-}
-
-void Controller::readBufferSize(const hci::NoParameters&)
-{
-    answer(hci::BufferSize{kBufferLength, 0, kBufferCount, 0});
-}
-
-void Controller::readAddress(const hci::NoParameters&)
-{
-    answer(hci::RandomAddress{mOptions.address.octets});
-}
-
-void Controller::readRssi(const hci::HandleOnly& command)
-{
-    const Link* link = find(command.handle);
-    if (link == nullptr)
+    const Link* link = find(handle);
+    if (link == nullptr) {
         return done(hci::Status::UnknownConnection);
-    const int8_t rssi = link->device() != nullptr ? link->device()->rssi() : kNoRssi;
-    answer(hci::HandleAndOctet{command.handle, static_cast<uint8_t>(rssi)});
+    }
+    answer(handle, link->device() != nullptr ? link->device()->rssi() : kNoRssi);
 }
 
-void Controller::readTransmitPower(const hci::ReadTransmitPowerLevel& command)
+void Controller::readTransmitPower(std::uint16_t handle, std::uint8_t /*type*/)
 {
-    if (find(command.handle) == nullptr)
+    if (find(handle) == nullptr) {
         return done(hci::Status::UnknownConnection);
-    answer(hci::HandleAndOctet{command.handle, kTransmitPower});
+    }
+    answer(handle, kTransmitPower);
 }
 
-void Controller::readLeHostSupport(const hci::NoParameters&)
+void Controller::setRandomAddress(const AddressOctets& octets)
 {
-    answer(hci::LeHostSupport{1, 0});
-}
-
-void Controller::leReadBufferSize(const hci::NoParameters&)
-{
-    answer(hci::LeBufferSize{kBufferLength, kBufferCount});
-}
-
-void Controller::leReadLocalFeatures(const hci::NoParameters&)
-{
-    answer(hci::FeatureMap{traits::kLeEncryption | traits::kLeDataLength});
-}
-
-void Controller::leReadSupportedStates(const hci::NoParameters&)
-{
-    answer(hci::FeatureMap{kSupportedStates});
-}
-
-void Controller::setRandomAddress(const hci::RandomAddress& command)
-{
-    if (mScanner.enabled())
+    if (mScanner.enabled()) {
         return done(hci::Status::CommandDisallowed);
-    mRandomAddress = command.octets;
+    }
+    mRandomAddress = octets;
     done();
-}
-
-void Controller::readAdvertisingPower(const hci::NoParameters&)
-{
-    answer(hci::Octet{kTransmitPower});
-}
-
-void Controller::encrypt(const hci::Encrypt& command)
-{
-    answer(hci::BlockResult{encryptBlock(command.key, command.block)});
-}
-
-void Controller::random(const hci::NoParameters&)
-{
-    answer(hci::RandomNumber{randomArray<8>()});
 }
 
 // ---- scanning
 
-void Controller::setScanParameters(const hci::ScanParameters& command)
+void Controller::setScanParameters(std::uint8_t active, std::uint16_t /*interval*/, std::uint16_t /*window*/,
+                                   std::uint8_t /*ownAddressKind*/, std::uint8_t filterPolicy)
 {
-    if (mScanner.enabled())
+    constexpr std::uint8_t kAcceptListOnly = 1;
+    if (mScanner.enabled()) {
         return done(hci::Status::CommandDisallowed);
-    mScanner.setParameters(command);
+    }
+    mScanner.setParameters(active != 0, (filterPolicy & kAcceptListOnly) != 0);
     done();
 }
 
-void Controller::setScanEnable(const hci::ScanEnable& command)
+void Controller::setScanEnable(std::uint8_t enable, std::uint8_t filterDuplicates)
 {
-    mScanner.enable(command.enable != 0, command.filterDuplicates != 0);
+    mScanner.enable(enable != 0, filterDuplicates != 0);
     updateListening();
     done();
 }
 
-void Controller::readAcceptListSize(const hci::NoParameters&)
+void Controller::clearAcceptList()
 {
-    answer(hci::Octet{kAcceptListSize});
-}
-
-void Controller::clearAcceptList(const hci::NoParameters&)
-{
-    if (acceptListInUse())
+    if (acceptListInUse()) {
         return done(hci::Status::CommandDisallowed);
+    }
     mAcceptList.clear();
     done();
 }
 
-void Controller::addToAcceptList(const hci::AcceptListEntry& command)
+void Controller::addToAcceptList(const Address& address)
 {
-    if (acceptListInUse())
+    if (acceptListInUse()) {
         return done(hci::Status::CommandDisallowed);
-    if (accepts(command.address))
-        return done();
-    if (mAcceptList.size() == kAcceptListSize)
+    }
+    if (mAcceptList.count(address) == 0 && mAcceptList.size() == kAcceptListSize) {
         return done(hci::Status::MemoryExceeded);
-    mAcceptList.push_back(command.address);
+    }
+    mAcceptList.insert(address);
     done();
 }
 
-void Controller::removeFromAcceptList(const hci::AcceptListEntry& command)
+void Controller::removeFromAcceptList(const Address& address)
 {
-    if (acceptListInUse())
+    if (acceptListInUse()) {
         return done(hci::Status::CommandDisallowed);
-    mAcceptList.erase(std::remove(mAcceptList.begin(), mAcceptList.end(), command.address),
-                      mAcceptList.end());
+    }
+    mAcceptList.erase(address);
     done();
 }
 
 // ---- to the host
 
-void Controller::done(hci::Status status)
+Link* Controller::startOn(std::uint16_t handle)
 {
-    complete(encode(hci::StatusOnly{status}));
+    Link* link = find(handle);
+    commandStatus(link != nullptr ? hci::Status::Success : hci::Status::UnknownConnection);
+    return link;
 }
 
-void Controller::complete(const Bytes& returned)
+void Controller::send(hci::EventCode code, const Bytes& parameters)
 {
-    event(hci::EventCode::CommandComplete, hci::CommandComplete{1, mCurrent, returned});
+    // The answers to commands and the flow control can't be masked.
+    const bool always = code == hci::EventCode::CommandComplete || code == hci::EventCode::CommandStatus ||
+                        code == hci::EventCode::NumberOfCompletedPackets;
+    const std::uint64_t bit = std::uint64_t{1} << (static_cast<unsigned>(code) - 1);
+    if (always || (mEventMask & bit) != 0) {
+        mToHost(
+            encode(hci::PacketType::Event, code, static_cast<std::uint8_t>(parameters.size()), parameters));
+    }
 }
 
-void Controller::commandStatus(hci::Status status)
+void Controller::send(hci::LeEvent code, const Bytes& parameters)
 {
-    event(hci::EventCode::CommandStatus, hci::CommandStatus{status, 1, mCurrent});
-}
-
-void Controller::sendEvent(hci::EventCode code, const Bytes& parameters)
-{
-    Encoder encoder;
-    encoder(hci::PacketType::Event, code, static_cast<uint8_t>(parameters.size()), parameters);
-    mToHost(encoder.take());
+    const std::uint64_t bit = std::uint64_t{1} << (static_cast<unsigned>(code) - 1);
+    if ((mLeEventMask & bit) != 0) {
+        send(hci::EventCode::LeMeta, encode(code, parameters));
+    }
 }
 
 } // namespace vexasim::air

@@ -2,8 +2,7 @@
 #pragma once
 
 #include "sim/air/Air.h"
-#include "sim/air/HciCommands.h"
-#include "sim/air/HciEvents.h"
+#include "sim/air/Hci.h"
 #include "sim/air/Link.h"
 #include "sim/air/Scanner.h"
 
@@ -11,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <vector>
 
 namespace vexasim::air
@@ -31,7 +31,7 @@ public:
     /// Takes a packet for the host, with its type byte in front.
     using ToHost = std::function<void(const Bytes&)>;
 
-    Controller(Clock& clock, Air& air, const ControllerOptions& options, ToHost toHost);
+    Controller(Scheduler& scheduler, Air& air, const ControllerOptions& options, ToHost toHost);
     ~Controller() override;
 
     /// A packet from the host, with its type byte in front. What can't be
@@ -39,78 +39,81 @@ public:
     void receive(const Bytes& packet);
 
 private:
+    using Run = std::function<void(Controller&, const Bytes& parameters)>;
     struct Command {
         hci::Opcode opcode;
-        uint8_t octet; ///< its place in the map of supported commands
-        uint8_t bit;
-        void (*run)(Controller&, const Bytes&);
+        std::uint8_t octet; ///< its place in the map of supported commands
+        std::uint8_t bit;
+        Run run;
     };
+    static const std::vector<Command> kCommands;
+
+    /// Runs a command by a member function that names its parameters.
     template <auto method>
-    struct Run;
-    static const std::vector<Command>& commands();
+    static void handle(Controller& controller, const Bytes& parameters);
+    /// Answers a command without parameters with what is always the same.
+    template <class... Field>
+    static Run answering(const Field&... fields);
+    /// Accepts a command that changes nothing here.
+    template <std::size_t size>
+    static void accept(Controller& controller, const Bytes& parameters);
 
     // ---- from the host
     void receiveCommand(const Bytes& packet);
     void receiveData(const Bytes& packet);
 
-    void reset(const hci::NoParameters&);
-    void setEventMask(const hci::EventMask& mask) { mEventMask = mask.mask, done(); }
-    void setEventMaskPage2(const hci::EventMask&) { done(); }
-    void setLeEventMask(const hci::EventMask& mask) { mLeEventMask = mask.mask, done(); }
-    void readLocalVersion(const hci::NoParameters&);
-    void readLocalCommands(const hci::NoParameters&);
-    void readLocalFeatures(const hci::NoParameters&);
-    void readBufferSize(const hci::NoParameters&);
-    void readAddress(const hci::NoParameters&);
-    void readRssi(const hci::HandleOnly& command);
-    void readTransmitPower(const hci::ReadTransmitPowerLevel& command);
-    void readLeHostSupport(const hci::NoParameters&);
-    void writeLeHostSupport(const hci::LeHostSupport&) { done(); }
-    void leReadBufferSize(const hci::NoParameters&);
-    void leReadLocalFeatures(const hci::NoParameters&);
-    void leReadSupportedStates(const hci::NoParameters&);
-    void setRandomAddress(const hci::RandomAddress& command);
-    void setAdvertisingParameters(const hci::AdvertisingParameters&) { done(); }
-    void readAdvertisingPower(const hci::NoParameters&);
-    void setAdvertisingData(const hci::AdvertisingData&) { done(); }
-    void setAdvertisingEnable(const hci::Enable&) { done(); }
-    void encrypt(const hci::Encrypt& command);
-    void random(const hci::NoParameters&);
-    void setHostChannels(const hci::Channels&) { done(); }
+    void reset();
+    void setEventMask(std::uint64_t mask) { mEventMask = mask, done(); }
+    void setLeEventMask(std::uint64_t mask) { mLeEventMask = mask, done(); }
+    void readLocalCommands();
+    void readAddress() { answer(mOptions.address.octets); }
+    void readRssi(std::uint16_t handle);
+    void readTransmitPower(std::uint16_t handle, std::uint8_t type);
+    void setRandomAddress(const AddressOctets& octets);
+    void encrypt(const Key128& key, const Key128& block) { answer(encryptBlock(key, block)); }
+    void random() { answer(randomArray<8>()); }
 
-    void setScanParameters(const hci::ScanParameters& command);
-    void setScanEnable(const hci::ScanEnable& command);
-    void readAcceptListSize(const hci::NoParameters&);
-    void clearAcceptList(const hci::NoParameters&);
-    void addToAcceptList(const hci::AcceptListEntry& command);
-    void removeFromAcceptList(const hci::AcceptListEntry& command);
+    void setScanParameters(std::uint8_t active, std::uint16_t interval, std::uint16_t window,
+                           std::uint8_t ownAddressKind, std::uint8_t filterPolicy);
+    void setScanEnable(std::uint8_t enable, std::uint8_t filterDuplicates);
+    void clearAcceptList();
+    void addToAcceptList(const Address& address);
+    void removeFromAcceptList(const Address& address);
 
     void createConnection(const hci::CreateConnection& command);
-    void cancelConnection(const hci::NoParameters&);
-    void disconnect(const hci::Disconnect& command);
-    void updateConnection(const hci::ConnectionUpdate& command);
-    void readRemoteVersion(const hci::HandleOnly& command);
-    void readRemoteFeatures(const hci::HandleOnly& command);
-    void readChannelMap(const hci::HandleOnly& command);
-    void startEncryption(const hci::StartEncryption& command);
-    void replyWithKey(const hci::LongTermKeyReply& command);
-    void replyWithoutKey(const hci::HandleOnly& command);
-    void setDataLength(const hci::SetDataLength& command);
-    void readDefaultDataLength(const hci::NoParameters&);
-    void writeDefaultDataLength(const hci::DefaultDataLength& command);
-    void readMaximumDataLength(const hci::NoParameters&);
+    void cancelConnection();
+    void disconnect(std::uint16_t handle, hci::Status reason);
+    void updateConnection(std::uint16_t handle, const hci::ConnectionParameters& parameters);
+    void readRemoteVersion(std::uint16_t handle);
+    void readRemoteFeatures(std::uint16_t handle);
+    void readChannelMap(std::uint16_t handle);
+    void startEncryption(std::uint16_t handle, std::uint64_t random, std::uint16_t diversifier,
+                         const Key128& key);
+    void replyWithKey(std::uint16_t handle, const Key128& key);
+    void replyWithoutKey(std::uint16_t handle);
+    void setDataLength(std::uint16_t handle, std::uint16_t octets, std::uint16_t timeUs);
+    void readDefaultDataLength() { answer(mDefaultOctets, mDefaultTimeUs); }
+    void writeDefaultDataLength(std::uint16_t octets, std::uint16_t timeUs);
 
     // ---- to the host
-    void done(hci::Status status = hci::Status::Success);
-    template <class Result>
-    void answer(const Result& result);
-    void complete(const Bytes& returned);
-    void commandStatus(hci::Status status);
-    void sendEvent(hci::EventCode code, const Bytes& parameters);
+    void done(hci::Status status = hci::Status::Success) { complete(encode(status)); }
+    template <class... Field>
+    void answer(const Field&... fields)
+    {
+        complete(encode(hci::Status::Success, fields...));
+    }
+    void complete(const Bytes& returned) { event(hci::CommandComplete{1, mCurrent, returned}); }
+    void commandStatus(hci::Status status) { event(hci::CommandStatus{status, 1, mCurrent}); }
+    /// The link, if there is one of that handle; the command's status either way.
+    Link* startOn(std::uint16_t handle);
+    /// Sends an event unless the host masks it.
     template <class Packet>
-    void event(hci::EventCode code, const Packet& packet);
-    template <class Packet>
-    void leEvent(hci::LeEvent code, const Packet& packet);
+    void event(const Packet& packet)
+    {
+        send(Packet::kCode, encode(packet));
+    }
+    void send(hci::EventCode code, const Bytes& parameters);
+    void send(hci::LeEvent code, const Bytes& parameters);
 
     // ---- from the air
     void advertised(RadioDevice& device, const Advertisement& advertisement) override;
@@ -125,53 +128,43 @@ private:
     void linkLengthChanged(Link& link) override;
     void linkClosed(Link& link, hci::Status reason) override;
 
+    static constexpr std::uint64_t kDefaultEventMask = 0x00001fffffffffff;
+    static constexpr std::uint64_t kDefaultLeEventMask = 0x1f;
+    /// Bytes in a packet of the link, and how long the shortest takes.
+    static constexpr std::uint16_t kMinimumPayload = 27;
+    static constexpr std::uint16_t kMaximumPayload = 251;
+    static constexpr std::uint16_t kMinimumPayloadTimeUs = 328;
+    static constexpr std::uint16_t kFirstHandle = 0x0040;
+    static constexpr std::uint16_t kLastHandle = 0x0eff;
+    /// What this controller says of itself, and of the devices on the air.
+    static constexpr std::uint8_t kBluetooth50 = 0x09;
+    static constexpr std::uint16_t kNoManufacturer = 0xffff; ///< set aside for what isn't on sale
+    /// Features of the link layer, Vol 6, B 4.6.
+    static constexpr std::uint64_t kLeEncryption = 0x01;
+    static constexpr std::uint64_t kLeDataLength = 0x20;
+
     /// Null if there is no such link.
     Link* find(uint16_t handle) const;
     bool connectedTo(const Address& address) const;
     bool acceptListInUse() const;
-    bool accepts(const Address& address) const;
     void updateListening();
     void dropLinks();
 
-    Clock& mClock;
+    Scheduler& mScheduler;
     Air& mAir;
     const ControllerOptions mOptions;
     const ToHost mToHost;
     hci::Opcode mCurrent{};
-    uint64_t mEventMask;
-    uint64_t mLeEventMask;
+    std::uint64_t mEventMask = kDefaultEventMask;
+    std::uint64_t mLeEventMask = kDefaultLeEventMask;
     Scanner mScanner;
-    std::vector<Address> mAcceptList;
-    std::array<uint8_t, 6> mRandomAddress{};
+    std::set<Address> mAcceptList;
+    AddressOctets mRandomAddress{};
     std::optional<hci::CreateConnection> mInitiating;
-    hci::DefaultDataLength mDefaultDataLength;
+    std::uint16_t mDefaultOctets = kMinimumPayload;
+    std::uint16_t mDefaultTimeUs = kMinimumPayloadTimeUs;
     std::map<uint16_t, std::unique_ptr<Link>> mLinks;
-    uint16_t mNextHandle;
+    std::uint16_t mNextHandle = kFirstHandle;
 };
-
-template <class Result>
-void Controller::answer(const Result& result)
-{
-    complete(encode(hci::Returned<Result>{hci::Status::Success, result}));
-}
-
-template <class Packet>
-void Controller::event(hci::EventCode code, const Packet& packet)
-{
-    // The answers to commands and the flow control can't be masked.
-    const bool always = code == hci::EventCode::CommandComplete || code == hci::EventCode::CommandStatus ||
-                        code == hci::EventCode::NumberOfCompletedPackets;
-    const uint64_t bit = uint64_t{1} << (static_cast<unsigned>(code) - 1);
-    if (always || (mEventMask & bit) != 0)
-        sendEvent(code, encode(packet));
-}
-
-template <class Packet>
-void Controller::leEvent(hci::LeEvent code, const Packet& packet)
-{
-    const uint64_t bit = uint64_t{1} << (static_cast<unsigned>(code) - 1);
-    if ((mLeEventMask & bit) != 0)
-        event(hci::EventCode::LeMeta, hci::LeMeta{code, encode(packet)});
-}
 
 } // namespace vexasim::air

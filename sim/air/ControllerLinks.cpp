@@ -2,8 +2,6 @@
 // The controller's second half: links, and what comes from the air.
 #include "sim/air/Controller.h"
 
-#include "sim/air/ControllerTraits.h"
-
 #include <algorithm>
 
 namespace vexasim::air
@@ -20,17 +18,19 @@ constexpr uint16_t timeFor(uint16_t octets)
     return static_cast<uint16_t>((octets + 14) * 8);
 }
 
-bool intervalsAreValid(uint16_t minimum, uint16_t maximum, uint16_t latency, uint16_t timeout)
+bool valid(const hci::ConnectionParameters& wanted)
 {
-    const bool inRange = minimum >= 6 && minimum <= maximum && maximum <= 3200 && latency <= 499 &&
-                         timeout >= 10 && timeout <= 3200;
+    const bool inRange = wanted.minimumInterval >= 6 && wanted.minimumInterval <= wanted.maximumInterval &&
+                         wanted.maximumInterval <= 3200 && wanted.latency <= 499 && wanted.timeout >= 10 &&
+                         wanted.timeout <= 3200;
     // In units of 1.25 ms: the timeout outlasts two rounds of silence.
-    return inRange && uint32_t{timeout} * 8 > uint32_t{maximum} * (latency + 1U) * 2;
+    return inRange && std::uint32_t{wanted.timeout} * 8 >
+                          std::uint32_t{wanted.maximumInterval} * (wanted.latency + 1U) * 2;
 }
 
-hci::MaximumDataLength lengths(uint16_t octets)
+LinkParameters agreed(const hci::ConnectionParameters& wanted)
 {
-    return {octets, timeFor(octets), octets, timeFor(octets)};
+    return {wanted.minimumInterval, wanted.latency, wanted.timeout};
 }
 
 } // namespace
@@ -39,133 +39,119 @@ hci::MaximumDataLength lengths(uint16_t octets)
 
 void Controller::createConnection(const hci::CreateConnection& command)
 {
-    if (mInitiating)
+    if (mInitiating) {
         return commandStatus(hci::Status::CommandDisallowed);
-    if (!intervalsAreValid(command.minimumInterval, command.maximumInterval, command.latency,
-                           command.timeout))
+    }
+    if (!valid(command.parameters)) {
         return commandStatus(hci::Status::InvalidParameters);
-    if (command.useAcceptList == 0 && connectedTo(command.peer))
+    }
+    if (command.useAcceptList == 0 && connectedTo(command.peer)) {
         return commandStatus(hci::Status::ConnectionExists);
+    }
     mInitiating = command;
     updateListening();
     commandStatus(hci::Status::Success);
 }
 
-void Controller::cancelConnection(const hci::NoParameters&)
+void Controller::cancelConnection()
 {
-    if (!mInitiating)
+    if (!mInitiating) {
         return done(hci::Status::CommandDisallowed);
+    }
     hci::ConnectionComplete canceled;
     canceled.status = hci::Status::UnknownConnection;
     canceled.peer = mInitiating->peer;
     mInitiating.reset();
     updateListening();
     done();
-    leEvent(hci::LeEvent::ConnectionComplete, canceled);
+    event(canceled);
 }
 
-void Controller::disconnect(const hci::Disconnect& command)
+void Controller::disconnect(std::uint16_t handle, hci::Status /*reason*/)
 {
-    Link* link = find(command.handle);
-    if (link == nullptr)
-        return commandStatus(hci::Status::UnknownConnection);
-    commandStatus(hci::Status::Success);
-    link->endFromCentral();
+    if (Link* link = startOn(handle)) {
+        link->endFromCentral();
+    }
 }
 
-void Controller::updateConnection(const hci::ConnectionUpdate& command)
+void Controller::updateConnection(std::uint16_t handle, const hci::ConnectionParameters& parameters)
 {
-    Link* link = find(command.handle);
-    if (link == nullptr)
-        return commandStatus(hci::Status::UnknownConnection);
-    if (!intervalsAreValid(command.minimumInterval, command.maximumInterval, command.latency,
-                           command.timeout))
+    if (find(handle) != nullptr && !valid(parameters)) {
         return commandStatus(hci::Status::InvalidParameters);
-    commandStatus(hci::Status::Success);
-    link->update({command.minimumInterval, command.latency, command.timeout});
+    }
+    if (Link* link = startOn(handle)) {
+        link->update(agreed(parameters));
+    }
 }
 
-void Controller::readRemoteVersion(const hci::HandleOnly& command)
+void Controller::readRemoteVersion(std::uint16_t handle)
 {
-    Link* link = find(command.handle);
-    if (link == nullptr)
-        return commandStatus(hci::Status::UnknownConnection);
-    commandStatus(hci::Status::Success);
-    link->exchange([this, handle = command.handle] {
-        event(hci::EventCode::ReadRemoteVersionComplete,
-              hci::RemoteVersion{hci::Status::Success, handle, traits::kBluetooth50, traits::kNoManufacturer,
-                                 0});
-    });
+    if (Link* link = startOn(handle)) {
+        link->exchange([this, handle] {
+            event(hci::RemoteVersion{hci::Status::Success, handle, kBluetooth50, kNoManufacturer, 0});
+        });
+    }
 }
 
-void Controller::readRemoteFeatures(const hci::HandleOnly& command)
+void Controller::readRemoteFeatures(std::uint16_t handle)
 {
-    Link* link = find(command.handle);
-    if (link == nullptr)
-        return commandStatus(hci::Status::UnknownConnection);
-    commandStatus(hci::Status::Success);
-    link->exchange([this, link, handle = command.handle] {
-        const bool longPackets = link->device()->maximumPayload() > traits::kMinimumPayload;
-        const uint64_t features = traits::kLeEncryption | (longPackets ? traits::kLeDataLength : 0);
-        leEvent(hci::LeEvent::ReadRemoteFeaturesComplete,
-                hci::RemoteFeatures{hci::Status::Success, handle, features});
-    });
+    if (Link* link = startOn(handle)) {
+        link->exchange([this, link, handle] {
+            const bool longPackets = link->device()->maximumPayload() > kMinimumPayload;
+            const std::uint64_t features = kLeEncryption | (longPackets ? kLeDataLength : 0);
+            event(hci::RemoteFeatures{hci::Status::Success, handle, features});
+        });
+    }
 }
 
-void Controller::readChannelMap(const hci::HandleOnly& command)
+void Controller::readChannelMap(std::uint16_t handle)
 {
-    if (find(command.handle) == nullptr)
+    if (find(handle) == nullptr) {
         return done(hci::Status::UnknownConnection);
-    answer(hci::ChannelMap{command.handle, kAllChannels});
+    }
+    answer(handle, kAllChannels);
 }
 
-void Controller::startEncryption(const hci::StartEncryption& command)
+void Controller::startEncryption(std::uint16_t handle, std::uint64_t random, std::uint16_t diversifier,
+                                 const Key128& key)
 {
-    Link* link = find(command.handle);
-    if (link == nullptr)
-        return commandStatus(hci::Status::UnknownConnection);
-    commandStatus(hci::Status::Success);
-    link->startEncryption(command.random, command.diversifier, command.key);
+    if (Link* link = startOn(handle)) {
+        link->startEncryption(random, diversifier, key);
+    }
 }
 
-void Controller::replyWithKey(const hci::LongTermKeyReply&)
-{
-    // The box is central on all its links, so no key is ever asked of its host.
-    done(hci::Status::CommandDisallowed);
-}
-
-void Controller::replyWithoutKey(const hci::HandleOnly&)
+// The box is central on all its links, so no key is ever asked of its host.
+void Controller::replyWithKey(std::uint16_t /*handle*/, const Key128& /*key*/)
 {
     done(hci::Status::CommandDisallowed);
 }
 
-void Controller::setDataLength(const hci::SetDataLength& command)
+void Controller::replyWithoutKey(std::uint16_t /*handle*/)
 {
-    Link* link = find(command.handle);
-    if (link == nullptr)
+    done(hci::Status::CommandDisallowed);
+}
+
+void Controller::setDataLength(std::uint16_t handle, std::uint16_t octets, std::uint16_t /*timeUs*/)
+{
+    Link* link = find(handle);
+    if (link == nullptr) {
         return done(hci::Status::UnknownConnection);
-    if (command.octets < traits::kMinimumPayload || command.octets > traits::kMaximumPayload)
+    }
+    if (octets < kMinimumPayload || octets > kMaximumPayload) {
         return done(hci::Status::InvalidParameters);
-    answer(hci::HandleOnly{command.handle});
-    link->setMaximumPayload(command.octets);
+    }
+    answer(handle);
+    link->setMaximumPayload(octets);
 }
 
-void Controller::readDefaultDataLength(const hci::NoParameters&)
+void Controller::writeDefaultDataLength(std::uint16_t octets, std::uint16_t timeUs)
 {
-    answer(mDefaultDataLength);
-}
-
-void Controller::writeDefaultDataLength(const hci::DefaultDataLength& command)
-{
-    if (command.octets < traits::kMinimumPayload || command.octets > traits::kMaximumPayload)
+    if (octets < kMinimumPayload || octets > kMaximumPayload) {
         return done(hci::Status::InvalidParameters);
-    mDefaultDataLength = command;
+    }
+    mDefaultOctets = octets;
+    mDefaultTimeUs = timeUs;
     done();
-}
-
-void Controller::readMaximumDataLength(const hci::NoParameters&)
-{
-    answer(lengths(traits::kMaximumPayload));
 }
 
 // ---- from the air
@@ -173,7 +159,7 @@ void Controller::readMaximumDataLength(const hci::NoParameters&)
 void Controller::advertised(RadioDevice& device, const Advertisement& advertisement)
 {
     using Type = hci::AdvertisingReport::Type;
-    if (mScanner.enabled() && (!mScanner.acceptListOnly() || accepts(device.address()))) {
+    if (mScanner.enabled() && (!mScanner.acceptListOnly() || mAcceptList.count(device.address()) != 0)) {
         report(device, Type::Connectable, advertisement.data);
         if (mScanner.active())
             report(device, Type::ScanResponse, advertisement.scanResponse);
@@ -197,85 +183,78 @@ void Controller::report(RadioDevice& device, hci::AdvertisingReport::Type type, 
     report.length = static_cast<uint8_t>(data.size());
     report.dataAndRssi = data + Bytes{static_cast<uint8_t>(device.rssi())};
     if (mScanner.wants(report))
-        leEvent(hci::LeEvent::AdvertisingReport, report);
+        event(report);
 }
 
 bool Controller::wanted(const Address& address) const
 {
     if (connectedTo(address))
         return false;
-    return mInitiating->useAcceptList != 0 ? accepts(address) : mInitiating->peer == address;
+    return mInitiating->useAcceptList != 0 ? mAcceptList.count(address) != 0 : mInitiating->peer == address;
 }
 
 void Controller::connect(RadioDevice& device)
 {
-    const hci::CreateConnection& wish = *mInitiating;
-    const LinkParameters parameters{wish.minimumInterval, wish.latency, wish.timeout};
+    const LinkParameters parameters = agreed(mInitiating->parameters);
     Address own = mOptions.address;
-    if ((wish.ownAddressKind & 1) != 0)
+    if ((mInitiating->ownAddressKind & 1) != 0)
         own = {AddressKind::Random, mRandomAddress};
     const uint16_t handle = mNextHandle;
-    auto link = std::make_unique<Link>(mClock, static_cast<Link::Central&>(*this), device, own, handle,
+    auto link = std::make_unique<Link>(mScheduler, static_cast<Link::Central&>(*this), device, own, handle,
                                        parameters, mOptions.pace);
     if (!device.linkOpened(*link))
         return;
 
-    mNextHandle =
-        mNextHandle == traits::kLastHandle ? traits::kFirstHandle : static_cast<uint16_t>(mNextHandle + 1);
+    mNextHandle = mNextHandle == kLastHandle ? kFirstHandle : static_cast<uint16_t>(mNextHandle + 1);
     mInitiating.reset();
     updateListening();
     Link& opened = *link;
     mLinks[handle] = std::move(link);
-    leEvent(hci::LeEvent::ConnectionComplete,
-            hci::ConnectionComplete{hci::Status::Success, handle, 0, device.address(), parameters.interval,
-                                    parameters.latency, parameters.timeout, 0});
-    opened.setMaximumPayload(mDefaultDataLength.octets);
+    event(hci::ConnectionComplete{hci::Status::Success, handle, 0, device.address(), parameters.interval,
+                                  parameters.latency, parameters.timeout, 0});
+    opened.setMaximumPayload(mDefaultOctets);
 }
 
 void Controller::linkReceived(Link& link, const LinkPacket& packet)
 {
     const auto flags =
         packet.kind == LinkPacket::Start ? hci::AclPacket::kStart : hci::AclPacket::kContinuation;
-    Encoder encoder;
-    encoder(hci::PacketType::AclData, static_cast<uint16_t>(link.handle() | flags),
-            static_cast<uint16_t>(packet.payload.size()), packet.payload);
-    mToHost(encoder.take());
+    mToHost(encode(hci::PacketType::AclData, static_cast<std::uint16_t>(link.handle() | flags),
+                   static_cast<std::uint16_t>(packet.payload.size()), packet.payload));
 }
 
 void Controller::linkDelivered(Link& link)
 {
-    event(hci::EventCode::NumberOfCompletedPackets, hci::CompletedPackets{1, link.handle(), 1});
+    event(hci::CompletedPackets{1, link.handle(), 1});
 }
 
 void Controller::linkEncrypted(Link& link, hci::Status status, bool refreshed)
 {
-    if (refreshed)
-        return event(hci::EventCode::EncryptionKeyRefreshComplete,
-                     hci::KeyRefreshComplete{status, link.handle()});
-    const uint8_t enabled = status == hci::Status::Success ? 1 : 0;
-    event(hci::EventCode::EncryptionChange, hci::EncryptionChange{status, link.handle(), enabled});
+    if (refreshed) {
+        return event(hci::KeyRefreshComplete{status, link.handle()});
+    }
+    const std::uint8_t enabled = status == hci::Status::Success ? 1 : 0;
+    event(hci::EncryptionChange{status, link.handle(), enabled});
 }
 
 void Controller::linkUpdated(Link& link)
 {
     const LinkParameters& parameters = link.parameters();
-    leEvent(hci::LeEvent::ConnectionUpdateComplete,
-            hci::ConnectionUpdateComplete{hci::Status::Success, link.handle(), parameters.interval,
-                                          parameters.latency, parameters.timeout});
+    event(hci::ConnectionUpdateComplete{hci::Status::Success, link.handle(), parameters.interval,
+                                        parameters.latency, parameters.timeout});
 }
 
 void Controller::linkLengthChanged(Link& link)
 {
-    leEvent(hci::LeEvent::DataLengthChange,
-            hci::DataLengthChange{link.handle(), lengths(link.maximumPayload())});
+    const std::uint16_t octets = link.maximumPayload();
+    event(hci::DataLengthChange{link.handle(), octets, timeFor(octets), octets, timeFor(octets)});
 }
 
 void Controller::linkClosed(Link& link, hci::Status reason)
 {
-    const uint16_t handle = link.handle();
+    const std::uint16_t handle = link.handle();
     mLinks.erase(handle);
-    event(hci::EventCode::DisconnectionComplete,
-          hci::DisconnectionComplete{hci::Status::Success, handle, reason});
+    event(hci::DisconnectionComplete{hci::Status::Success, handle, reason});
 }
 
 // ---- state
@@ -296,11 +275,6 @@ bool Controller::acceptListInUse() const
 {
     return (mScanner.enabled() && mScanner.acceptListOnly()) ||
            (mInitiating && mInitiating->useAcceptList != 0);
-}
-
-bool Controller::accepts(const Address& address) const
-{
-    return std::find(mAcceptList.begin(), mAcceptList.end(), address) != mAcceptList.end();
 }
 
 void Controller::updateListening()

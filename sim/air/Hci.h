@@ -11,14 +11,14 @@ namespace vexasim::air::hci
 {
 
 /// The byte before every packet on the host's transport.
-enum class PacketType : uint8_t {
+enum class PacketType : std::uint8_t {
     Command = 0x01,
     AclData = 0x02,
     Event = 0x04,
     Vendor = 0xff,
 };
 
-enum class Opcode : uint16_t {
+enum class Opcode : std::uint16_t {
     Disconnect = 0x0406,
     ReadRemoteVersion = 0x041d,
     SetEventMask = 0x0c01,
@@ -66,7 +66,7 @@ enum class Opcode : uint16_t {
     LeReadMaximumDataLength = 0x202f,
 };
 
-enum class EventCode : uint8_t {
+enum class EventCode : std::uint8_t {
     DisconnectionComplete = 0x05,
     EncryptionChange = 0x08,
     ReadRemoteVersionComplete = 0x0c,
@@ -77,7 +77,7 @@ enum class EventCode : uint8_t {
     LeMeta = 0x3e,
 };
 
-enum class LeEvent : uint8_t {
+enum class LeEvent : std::uint8_t {
     ConnectionComplete = 0x01,
     AdvertisingReport = 0x02,
     ConnectionUpdateComplete = 0x03,
@@ -86,7 +86,7 @@ enum class LeEvent : uint8_t {
 };
 
 /// Error codes, Vol 2, D.
-enum class Status : uint8_t {
+enum class Status : std::uint8_t {
     Success = 0x00,
     UnknownCommand = 0x01,
     UnknownConnection = 0x02,
@@ -108,42 +108,172 @@ enum class Status : uint8_t {
 
 struct CommandPacket {
     Opcode opcode{};
-    uint8_t length = 0;
+    std::uint8_t length = 0;
     Bytes parameters;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(opcode, length, parameters);
-    }
+    auto fields() { return std::tie(opcode, length, parameters); }
 };
 
 struct EventPacket {
     EventCode code{};
-    uint8_t length = 0;
+    std::uint8_t length = 0;
     Bytes parameters;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, length, parameters);
-    }
+    auto fields() { return std::tie(code, length, parameters); }
 };
 
 struct AclPacket {
-    static constexpr uint16_t kHandleMask = 0x0fff;
+    static constexpr std::uint16_t kHandleMask = 0x0fff;
     /// The packet boundary flags, in place above the handle.
-    static constexpr uint16_t kBoundaryMask = 0x3000;
-    static constexpr uint16_t kStartFromHost = 0x0000;
-    static constexpr uint16_t kContinuation = 0x1000;
-    static constexpr uint16_t kStart = 0x2000;
+    static constexpr std::uint16_t kBoundaryMask = 0x3000;
+    static constexpr std::uint16_t kContinuation = 0x1000;
+    static constexpr std::uint16_t kStart = 0x2000;
 
-    uint16_t handleAndFlags = 0;
-    uint16_t length = 0;
+    std::uint16_t handleAndFlags = 0;
+    std::uint16_t length = 0;
     Bytes data;
-    template <class Fields>
-    void fields(Fields& f)
+    auto fields() { return std::tie(handleAndFlags, length, data); }
+};
+
+// ---- parameters of commands, where they are more than a few
+
+struct ConnectionParameters {
+    std::uint16_t minimumInterval = 0; ///< units of 1.25 ms
+    std::uint16_t maximumInterval = 0;
+    std::uint16_t latency = 0; ///< connection events that the peripheral may sleep through
+    std::uint16_t timeout = 0; ///< units of 10 ms
+    std::uint16_t minimumEventLength = 0;
+    std::uint16_t maximumEventLength = 0;
+    auto fields()
     {
-        f(handleAndFlags, length, data);
+        return std::tie(minimumInterval, maximumInterval, latency, timeout, minimumEventLength,
+                        maximumEventLength);
     }
+};
+
+struct CreateConnection {
+    std::uint16_t scanInterval = 0; ///< units of 0.625 ms
+    std::uint16_t scanWindow = 0;
+    std::uint8_t useAcceptList = 0;
+    Address peer;
+    std::uint8_t ownAddressKind = 0;
+    ConnectionParameters parameters;
+    auto fields()
+    {
+        return std::tie(scanInterval, scanWindow, useAcceptList, peer, ownAddressKind, parameters);
+    }
+};
+
+// ---- events, each with its code
+
+struct CommandComplete {
+    static constexpr auto kCode = EventCode::CommandComplete;
+    std::uint8_t commandsAllowed = 1;
+    Opcode opcode{};
+    Bytes returned; ///< the status, and behind it what the command asked for
+    auto fields() { return std::tie(commandsAllowed, opcode, returned); }
+};
+
+struct CommandStatus {
+    static constexpr auto kCode = EventCode::CommandStatus;
+    Status status = Status::Success;
+    std::uint8_t commandsAllowed = 1;
+    Opcode opcode{};
+    auto fields() { return std::tie(status, commandsAllowed, opcode); }
+};
+
+struct DisconnectionComplete {
+    static constexpr auto kCode = EventCode::DisconnectionComplete;
+    Status status = Status::Success;
+    std::uint16_t handle = 0;
+    Status reason{};
+    auto fields() { return std::tie(status, handle, reason); }
+};
+
+struct EncryptionChange {
+    static constexpr auto kCode = EventCode::EncryptionChange;
+    Status status = Status::Success;
+    std::uint16_t handle = 0;
+    std::uint8_t enabled = 0;
+    auto fields() { return std::tie(status, handle, enabled); }
+};
+
+struct KeyRefreshComplete {
+    static constexpr auto kCode = EventCode::EncryptionKeyRefreshComplete;
+    Status status = Status::Success;
+    std::uint16_t handle = 0;
+    auto fields() { return std::tie(status, handle); }
+};
+
+struct RemoteVersion {
+    static constexpr auto kCode = EventCode::ReadRemoteVersionComplete;
+    Status status = Status::Success;
+    std::uint16_t handle = 0;
+    std::uint8_t version = 0;
+    std::uint16_t manufacturer = 0;
+    std::uint16_t revision = 0;
+    auto fields() { return std::tie(status, handle, version, manufacturer, revision); }
+};
+
+/// For one link; the event could name several.
+struct CompletedPackets {
+    static constexpr auto kCode = EventCode::NumberOfCompletedPackets;
+    std::uint8_t handles = 1;
+    std::uint16_t handle = 0;
+    std::uint16_t count = 0;
+    auto fields() { return std::tie(handles, handle, count); }
+};
+
+struct ConnectionComplete {
+    static constexpr auto kCode = LeEvent::ConnectionComplete;
+    Status status = Status::Success;
+    std::uint16_t handle = 0;
+    std::uint8_t role = 0; ///< 0: central
+    Address peer;
+    std::uint16_t interval = 0; ///< units of 1.25 ms
+    std::uint16_t latency = 0;
+    std::uint16_t timeout = 0; ///< units of 10 ms
+    std::uint8_t clockAccuracy = 0;
+    auto fields() { return std::tie(status, handle, role, peer, interval, latency, timeout, clockAccuracy); }
+};
+
+struct AdvertisingReport {
+    static constexpr auto kCode = LeEvent::AdvertisingReport;
+    enum class Type : std::uint8_t { Connectable = 0x00, NonConnectable = 0x03, ScanResponse = 0x04 };
+
+    std::uint8_t count = 1; ///< of reports in the event; here always one
+    Type type{};
+    Address address;
+    std::uint8_t length = 0;
+    /// The data, and behind it the signal strength in dBm.
+    Bytes dataAndRssi;
+    auto fields() { return std::tie(count, type, address, length, dataAndRssi); }
+};
+
+struct ConnectionUpdateComplete {
+    static constexpr auto kCode = LeEvent::ConnectionUpdateComplete;
+    Status status = Status::Success;
+    std::uint16_t handle = 0;
+    std::uint16_t interval = 0; ///< units of 1.25 ms
+    std::uint16_t latency = 0;
+    std::uint16_t timeout = 0; ///< units of 10 ms
+    auto fields() { return std::tie(status, handle, interval, latency, timeout); }
+};
+
+struct RemoteFeatures {
+    static constexpr auto kCode = LeEvent::ReadRemoteFeaturesComplete;
+    Status status = Status::Success;
+    std::uint16_t handle = 0;
+    std::uint64_t features = 0;
+    auto fields() { return std::tie(status, handle, features); }
+};
+
+struct DataLengthChange {
+    static constexpr auto kCode = LeEvent::DataLengthChange;
+    std::uint16_t handle = 0;
+    std::uint16_t sendOctets = 0;
+    std::uint16_t sendTimeUs = 0;
+    std::uint16_t receiveOctets = 0;
+    std::uint16_t receiveTimeUs = 0;
+    auto fields() { return std::tie(handle, sendOctets, sendTimeUs, receiveOctets, receiveTimeUs); }
 };
 
 } // namespace vexasim::air::hci

@@ -20,43 +20,9 @@ enum class Code : uint8_t {
 constexpr uint16_t kNotUnderstood = 0;
 constexpr uint16_t kAccepted = 0;
 
-struct Command {
-    Code code{};
-    uint8_t identifier = 0;
-    uint16_t length = 0;
-    Bytes data;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, identifier, length, data);
-    }
-};
-
-struct ParameterUpdateRequest {
-    uint16_t minimum = 0;
-    uint16_t maximum = 0;
-    uint16_t latency = 0;
-    uint16_t timeout = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(minimum, maximum, latency, timeout);
-    }
-};
-
-/// The result of a request, or the reason of a rejection.
-struct Word {
-    uint16_t value = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(value);
-    }
-};
-
 Bytes command(Code code, uint8_t identifier, const Bytes& data)
 {
-    return encode(Command{code, identifier, static_cast<uint16_t>(data.size()), data});
+    return encode(code, identifier, static_cast<std::uint16_t>(data.size()), data);
 }
 
 } // namespace
@@ -101,27 +67,26 @@ void Signaling::requestParameters(uint16_t minimum, uint16_t maximum, uint16_t l
 {
     // Zero is no identifier.
     mIdentifier = mIdentifier == 0xff ? uint8_t{1} : static_cast<uint8_t>(mIdentifier + 1);
-    mSend(Channel::Signaling, command(Code::ParameterUpdateRequest, mIdentifier,
-                                      encode(ParameterUpdateRequest{minimum, maximum, latency, timeout})));
+    mSend(Channel::Signaling,
+          command(Code::ParameterUpdateRequest, mIdentifier, encode(minimum, maximum, latency, timeout)));
 }
 
 void Signaling::received(const Bytes& packet)
 {
-    const auto received = decode<Command>(packet);
-    if (!received || received->length != received->data.size())
-        return;
-    switch (received->code) {
-    case Code::CommandReject:
-        return;
-    case Code::ParameterUpdateResponse: {
-        const auto result = decode<Word>(received->data);
-        if (result && received->identifier == mIdentifier && mAnswer)
-            mAnswer(result->value == kAccepted);
+    const auto received = decodeFields<Code, std::uint8_t, std::uint16_t, Bytes>(packet);
+    if (!received) {
         return;
     }
-    default:
-        mSend(Channel::Signaling,
-              command(Code::CommandReject, received->identifier, encode(Word{kNotUnderstood})));
+    const auto& [code, identifier, length, data] = *received;
+    if (length != data.size() || code == Code::CommandReject) {
+        return;
+    }
+    if (code != Code::ParameterUpdateResponse) {
+        return mSend(Channel::Signaling, command(Code::CommandReject, identifier, encode(kNotUnderstood)));
+    }
+    const auto result = decode<std::uint16_t>(data);
+    if (result && identifier == mIdentifier && mAnswer) {
+        mAnswer(*result == kAccepted);
     }
 }
 

@@ -20,11 +20,7 @@ enum class Channel : uint16_t {
 struct L2capHeader {
     uint16_t length = 0;
     Channel channel{};
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(length, channel);
-    }
+    auto fields() { return std::tie(length, channel); }
 };
 
 /// Puts packets together that come over a link in pieces.
@@ -63,7 +59,7 @@ public:
 
     void received(const Bytes& packet);
 
-    /// Hears what the central said to the last request.
+    /// Called with what the central said to the last request.
     void onAnswer(Answer answer) { mAnswer = std::move(answer); }
 
 private:

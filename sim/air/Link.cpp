@@ -28,9 +28,9 @@ const LinkPacket kStartEncryptionResponse{LinkPacket::Control, {0x06}};
 
 } // namespace
 
-Link::Link(Clock& clock, Central& central, RadioDevice& device, const Address& centralAddress,
+Link::Link(Scheduler& scheduler, Central& central, RadioDevice& device, const Address& centralAddress,
            uint16_t handle, const LinkParameters& parameters, Pace pace)
-    : mClock(clock),
+    : mScheduler(scheduler),
       mCentral(central),
       mDevice(&device),
       mCentralAddress(centralAddress),
@@ -40,9 +40,9 @@ Link::Link(Clock& clock, Central& central, RadioDevice& device, const Address& c
       mPace(pace),
       mMaximumPayload(kDefaultPayload),
       mDeviceMaximumPayload(device.maximumPayload()),
-      mAnchor(clock.now()),
-      mEventTimer(clock),
-      mEndTimer(clock)
+      mAnchor(scheduler.now()),
+      mEventTimer(scheduler),
+      mEndTimer(scheduler)
 {
     scheduleEvent();
 }
@@ -72,7 +72,7 @@ void Link::update(const LinkParameters& parameters)
 {
     after(kUpdateEvents, [this, parameters] {
         mParameters = parameters;
-        mAnchor = mClock.now();
+        mAnchor = mScheduler.now();
         mDevice->linkParametersChanged();
         mCentral.linkUpdated(*this);
     });
@@ -128,15 +128,15 @@ void Link::abandon()
     const bool established = mEvents > 0;
     if (!established)
         mLossReason = hci::Status::FailedToEstablish;
-    const Clock::Duration patience =
-        established ? Clock::Duration(mParameters.timeout * kTimeoutUnit) : interval() * kEstablishEvents;
-    mEndTimer.start(patience, [this] { mCentral.linkClosed(*this, mLossReason); });
+    const Scheduler::Duration timeout =
+        established ? Scheduler::Duration(mParameters.timeout * kTimeoutUnit) : interval() * kEstablishEvents;
+    mEndTimer.start(timeout, [this] { mCentral.linkClosed(*this, mLossReason); });
 }
 
-Clock::Duration Link::interval() const
+Scheduler::Duration Link::interval() const
 {
-    const Clock::Duration agreed = mParameters.interval * kIntervalUnit;
-    return mPace == Pace::Hurried ? std::min<Clock::Duration>(agreed, kHurriedInterval) : agreed;
+    const Scheduler::Duration agreed = mParameters.interval * kIntervalUnit;
+    return mPace == Pace::Hurried ? std::min<Scheduler::Duration>(agreed, kHurriedInterval) : agreed;
 }
 
 void Link::scheduleEvent()
@@ -145,7 +145,7 @@ void Link::scheduleEvent()
         return;
     // The next anchor point strictly behind now: events stay on the grid of the
     // interval however long the link had nothing to say.
-    const auto passed = (mClock.now() - mAnchor) / interval();
+    const auto passed = (mScheduler.now() - mAnchor) / interval();
     mEventTimer.startAt(mAnchor + interval() * (passed + 1), [this] { connectionEvent(); });
 }
 
@@ -250,7 +250,7 @@ void Link::close(hci::Status reason)
     mClosing = true;
     mEventTimer.stop();
     // Not at once: the callers above are still at work on this object.
-    mEndTimer.start(Clock::Duration{0}, [this, reason] {
+    mEndTimer.start(Scheduler::Duration{0}, [this, reason] {
         if (mDevice != nullptr)
             mDevice->linkClosed();
         mCentral.linkClosed(*this, reason);

@@ -51,8 +51,8 @@ public:
         virtual void linkClosed(Link& link, hci::Status reason) = 0;
     };
 
-    Link(Clock& clock, Central& central, RadioDevice& device, const Address& centralAddress, uint16_t handle,
-         const LinkParameters& parameters, Pace pace);
+    Link(Scheduler& scheduler, Central& central, RadioDevice& device, const Address& centralAddress,
+         uint16_t handle, const LinkParameters& parameters, Pace pace);
 
     uint16_t handle() const { return mHandle; }
     /// Null once the device is lost.
@@ -96,7 +96,7 @@ private:
         std::function<void()> finish;
     };
 
-    Clock::Duration interval() const;
+    Scheduler::Duration interval() const;
     void scheduleEvent();
     void connectionEvent();
     void deliverToDevice(Outgoing outgoing);
@@ -106,7 +106,7 @@ private:
     void encryptNow(uint64_t random, uint16_t diversifier, const Key128& key);
     void close(hci::Status reason);
 
-    Clock& mClock;
+    Scheduler& mScheduler;
     Central& mCentral;
     RadioDevice* mDevice; ///< null after abandon
     const Address mCentralAddress;
@@ -116,7 +116,7 @@ private:
     const Pace mPace;
     uint16_t mMaximumPayload;
     const uint16_t mDeviceMaximumPayload;
-    Clock::Time mAnchor;
+    Scheduler::Time mAnchor;
     unsigned mEvents = 0;
     bool mClosing = false;
     hci::Status mLossReason = hci::Status::ConnectionTimeout;

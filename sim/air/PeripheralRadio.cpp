@@ -14,7 +14,7 @@ namespace vexasim::air
 namespace
 {
 
-constexpr std::chrono::seconds kWishDelay{1};
+constexpr std::chrono::seconds kParametersDelay{1};
 
 // The parts of an advertisement, the Bluetooth core documents' supplement, A 1.
 constexpr uint8_t kFlagsPart = 0x01;
@@ -26,16 +26,6 @@ constexpr size_t kAdvertisementSize = 31;
 
 // The remote's own command for other connection parameters.
 constexpr uint8_t kConnectionParametersCommand = 0x07;
-
-struct ConnectionParametersCommand {
-    uint8_t code = kConnectionParametersCommand;
-    WishedParameters wishes;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, wishes.minimumInterval, wishes.maximumInterval, wishes.latency, wishes.timeout);
-    }
-};
 
 Bytes part(uint8_t kind, const Bytes& content)
 {
@@ -73,43 +63,43 @@ std::string milliseconds(unsigned units, double unit)
 
 // What lives as long as one link.
 struct PeripheralRadio::Session {
-    Session(Clock& clock, Signaling::Send send, SecurityManager::Surroundings forSecurity,
-            AttributeServer::Surroundings forAttributes)
-        : delayed(clock),
+    Session(Scheduler& scheduler, Signaling::Send send, SecurityManager::Context forSecurity,
+            AttributeServer::Context forAttributes)
+        : delayed(scheduler),
           signaling(std::move(send)),
-          security(clock, std::move(forSecurity)),
-          attributes(clock, std::move(forAttributes))
+          security(scheduler, std::move(forSecurity)),
+          attributes(scheduler, std::move(forAttributes))
     {
     }
 
-    DelayedCalls delayed;
+    DelayedTasks delayed;
     Reassembler reassembler;
     Signaling signaling;
     SecurityManager security;
     AttributeServer attributes;
 };
 
-std::shared_ptr<PeripheralRadio> PeripheralRadio::create(Clock& clock, Air& air,
+std::shared_ptr<PeripheralRadio> PeripheralRadio::create(Scheduler& scheduler, Air& air,
                                                          const std::shared_ptr<Peripheral>& peripheral,
                                                          const RadioOptions& options, OnEvent onEvent)
 {
     std::shared_ptr<PeripheralRadio> radio(
-        new PeripheralRadio(clock, air, peripheral, options, std::move(onEvent)));
+        new PeripheralRadio(scheduler, air, peripheral, options, std::move(onEvent)));
     peripheral->addListener(radio);
     air.add(*radio);
     return radio;
 }
 
-PeripheralRadio::PeripheralRadio(Clock& clock, Air& air, std::shared_ptr<Peripheral> peripheral,
+PeripheralRadio::PeripheralRadio(Scheduler& scheduler, Air& air, std::shared_ptr<Peripheral> peripheral,
                                  const RadioOptions& options, OnEvent onEvent)
-    : mClock(clock),
+    : mScheduler(scheduler),
       mAir(air),
       mPeripheral(std::move(peripheral)),
       mOptions(options),
       mOnEvent(std::move(onEvent)),
       mIdentityAddress(identityAddress(*mPeripheral)),
       mIdentityKey(randomArray<16>()),
-      mSessionEnd(clock)
+      mSessionEnd(scheduler)
 {
     // A malformed UUID is found here and not by the first central.
     static_cast<void>(AttributeTable(mPeripheral->services()));
@@ -148,10 +138,8 @@ std::optional<Advertisement> PeripheralRadio::advertisement() const
     if (!mPeripheral->advertising())
         return std::nullopt;
     Advertisement advertisement;
-    Encoder appearance;
-    appearance(mPeripheral->appearance());
-    advertisement.data =
-        part(kFlagsPart, {kDiscoverableWithoutClassic}) + part(kAppearancePart, appearance.take());
+    advertisement.data = part(kFlagsPart, {kDiscoverableWithoutClassic}) +
+                         part(kAppearancePart, encode(mPeripheral->appearance()));
     const auto name = mPeripheral->advertisedName();
     if (name) {
         Bytes& place = mOptions.nameInScanResponse ? advertisement.scanResponse : advertisement.data;
@@ -174,74 +162,73 @@ bool PeripheralRadio::linkOpened(Link& link)
     if (mPeripheral->forgotBond())
         forgetBonds();
     const auto toCentral = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
-    mSession =
-        std::make_unique<Session>(mClock, toCentral, securitySurroundings(link), attributeSurroundings());
+    mSession = std::make_unique<Session>(mScheduler, toCentral, securityContext(link), attributeContext());
     mSession->signaling.onAnswer([this](bool accepted) {
-        say(accepted ? "its wish for connection parameters is granted"
-                     : "its wish for connection parameters is refused");
+        reportEvent(accepted ? "its wish for connection parameters is granted"
+                             : "its wish for connection parameters is refused");
     });
-    say("connected by " + link.centralAddress().text());
+    reportEvent("connected by " + link.centralAddress().text());
     if (mOptions.asksForSecurity)
         mSession->security.requestSecurity();
-    if (mOptions.wishes)
-        mSession->delayed.after(kWishDelay, [this] { wishForParameters(); });
+    if (mOptions.preferredParameters)
+        mSession->delayed.after(kParametersDelay, [this] { request(*mOptions.preferredParameters); });
     return true;
 }
 
-SecurityManager::Surroundings PeripheralRadio::securitySurroundings(Link& link)
+SecurityManager::Context PeripheralRadio::securityContext(Link& link)
 {
-    SecurityManager::Surroundings surroundings;
-    surroundings.central = link.centralAddress();
-    surroundings.self = link.deviceAddress();
-    surroundings.bonds = &mBonds;
+    SecurityManager::Context context;
+    context.central = link.centralAddress();
+    context.self = link.deviceAddress();
+    context.bonds = &mBonds;
     if (mOptions.privateAddress)
-        surroundings.identity = Identity{mIdentityKey, mIdentityAddress};
-    surroundings.manner = [this] { return manner(); };
-    surroundings.send = [this](Channel channel, const Bytes& packet) {
+        context.identity = Identity{mIdentityKey, mIdentityAddress};
+    context.policy = [this] { return pairingPolicy(); };
+    context.send = [this](Channel channel, const Bytes& packet) {
         mSession->delayed.after(mPeripheral->answerDelay(),
                                 [this, channel, packet] { send(channel, packet); });
     };
-    surroundings.paired = [this](bool secure) {
+    context.paired = [this](bool secure) {
         mPeripheral->pair();
-        say(secure ? "paired with secure connections" : "paired in the legacy way");
+        reportEvent(secure ? "paired with secure connections" : "paired in the legacy way");
     };
-    return surroundings;
+    return context;
 }
 
-AttributeServer::Surroundings PeripheralRadio::attributeSurroundings()
+AttributeServer::Context PeripheralRadio::attributeContext()
 {
-    AttributeServer::Surroundings surroundings;
-    surroundings.peripheral = mPeripheral.get();
-    surroundings.send = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
-    surroundings.encrypted = [this] { return mLink != nullptr && mLink->encrypted(); };
-    surroundings.written = [this](uint16_t handle, const Bytes& value) { written(handle, value); };
-    return surroundings;
+    AttributeServer::Context context;
+    context.peripheral = mPeripheral.get();
+    context.send = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
+    context.encrypted = [this] { return mLink != nullptr && mLink->encrypted(); };
+    context.written = [this](uint16_t handle, const Bytes& value) { written(handle, value); };
+    return context;
 }
 
-PairingManner PeripheralRadio::manner()
+PairingPolicy PeripheralRadio::pairingPolicy()
 {
-    using Temper = PairingManner::Temper;
-    PairingManner manner;
-    manner.secureConnections = mOptions.secureConnections;
+    using Behavior = PairingPolicy::Behavior;
+    PairingPolicy policy;
+    policy.secureConnections = mOptions.secureConnections;
     if (mOptions.failsConfirm)
-        manner.temper = Temper::FailsConfirm;
+        policy.behavior = Behavior::FailsConfirm;
     if (mOptions.refusesRepeated)
-        manner.temper = Temper::RefusesRepeated;
+        policy.behavior = Behavior::RefusesRepeated;
     switch (mPeripheral->pairing()) {
     case Peripheral::Pairing::Willing:
         break;
     case Peripheral::Pairing::Refuses:
-        manner.temper = Temper::Refuses;
+        policy.behavior = Behavior::Refuses;
         break;
     case Peripheral::Pairing::Silent:
-        manner.temper = Temper::Silent;
+        policy.behavior = Behavior::Silent;
         break;
     case Peripheral::Pairing::DropsLink:
         mPeripheral->pair();
-        manner.temper = Temper::Silent;
+        policy.behavior = Behavior::Silent;
         break;
     }
-    return manner;
+    return policy;
 }
 
 void PeripheralRadio::linkReceived(const LinkPacket& packet)
@@ -265,21 +252,21 @@ std::optional<Key128> PeripheralRadio::longTermKey(uint64_t random, uint16_t div
         forgetBonds();
     const auto key = mSession->security.longTermKey(random, diversifier);
     if (!key)
-        say("asked to encrypt with a key that it doesn't know");
+        reportEvent("asked to encrypt with a key that it doesn't know");
     return key;
 }
 
 void PeripheralRadio::linkEncrypted()
 {
-    say("encrypted");
+    reportEvent("encrypted");
     mSession->security.encrypted();
 }
 
 void PeripheralRadio::linkParametersChanged()
 {
     const LinkParameters& parameters = mLink->parameters();
-    say("interval now " + milliseconds(parameters.interval, 1.25) + ", timeout " +
-        milliseconds(parameters.timeout, 10));
+    reportEvent("interval now " + milliseconds(parameters.interval, 1.25) + ", timeout " +
+                milliseconds(parameters.timeout, 10));
 }
 
 void PeripheralRadio::linkClosed()
@@ -287,7 +274,7 @@ void PeripheralRadio::linkClosed()
     mLink = nullptr;
     mSession.reset();
     renewAddress();
-    say("disconnected");
+    reportEvent("disconnected");
     mPeripheral->disconnect();
 }
 
@@ -297,12 +284,12 @@ void PeripheralRadio::onLinkLost(Peripheral&)
 {
     if (mLink == nullptr)
         return;
-    say("off the air with its link");
+    reportEvent("off the air with its link");
     mLink->abandon();
     mLink = nullptr;
     renewAddress();
     // The session may be the one that led here.
-    mSessionEnd.start(Clock::Duration{0}, [this] { mSession.reset(); });
+    mSessionEnd.start(Scheduler::Duration{0}, [this] { mSession.reset(); });
 }
 
 void PeripheralRadio::onNotification(Peripheral&, uint16_t valueHandle, const Bytes& value)
@@ -313,11 +300,10 @@ void PeripheralRadio::onNotification(Peripheral&, uint16_t valueHandle, const By
 
 // ---- inside
 
-void PeripheralRadio::wishForParameters()
+void PeripheralRadio::request(const PreferredParameters& parameters)
 {
-    const WishedParameters& wishes = *mOptions.wishes;
-    mSession->signaling.requestParameters(wishes.minimumInterval, wishes.maximumInterval, wishes.latency,
-                                          wishes.timeout);
+    mSession->signaling.requestParameters(parameters.minimumInterval, parameters.maximumInterval,
+                                          parameters.latency, parameters.timeout);
 }
 
 void PeripheralRadio::send(Channel channel, const Bytes& packet)
@@ -331,16 +317,15 @@ void PeripheralRadio::send(Channel channel, const Bytes& packet)
 void PeripheralRadio::written(uint16_t valueHandle, const Bytes& value)
 {
     // The update personality's firmware turns this command into a request to
-    // the central; the model, which knows no links, leaves it to its faces.
-    const auto command = decode<ConnectionParametersCommand>(value);
+    // the central; the model knows no links.
+    const auto command = decodeFields<std::uint8_t, PreferredParameters>(value);
     const bool toControlPoint = mPeripheral->handleOf(uuid::kControlPoint) == valueHandle;
-    if (!command || command->code != kConnectionParametersCommand || !toControlPoint)
-        return;
-    mSession->signaling.requestParameters(command->wishes.minimumInterval, command->wishes.maximumInterval,
-                                          command->wishes.latency, command->wishes.timeout);
+    if (command && std::get<0>(*command) == kConnectionParametersCommand && toControlPoint) {
+        request(std::get<1>(*command));
+    }
 }
 
-void PeripheralRadio::say(const std::string& what) const
+void PeripheralRadio::reportEvent(const std::string& what) const
 {
     if (!mOnEvent)
         return;

@@ -16,14 +16,15 @@ namespace vexasim::air
 {
 
 /// What a peripheral asks its central to change about the link.
-struct WishedParameters {
+struct PreferredParameters {
     uint16_t minimumInterval = 0; ///< units of 1.25 ms
     uint16_t maximumInterval = 0;
     uint16_t latency = 0;
     uint16_t timeout = 0; ///< units of 10 ms
+    auto fields() { return std::tie(minimumInterval, maximumInterval, latency, timeout); }
 };
 
-/// What only the air shows of a peripheral. May be changed while it runs.
+/// How a peripheral behaves on the air. May be changed while it runs.
 struct RadioOptions {
     bool nameInScanResponse = false; ///< else in the advertisement itself
     std::chrono::milliseconds advertisingInterval{100};
@@ -34,10 +35,10 @@ struct RadioOptions {
     bool asksForSecurity = false;  ///< has the central pair or encrypt after each connection
     bool privateAddress = false;   ///< a resolvable private one, new for each link
     /// Asked for a second after each connection.
-    std::optional<WishedParameters> wishes;
+    std::optional<PreferredParameters> preferredParameters;
 };
 
-/// The air's face of one peripheral of the model: its advertisements, its end
+/// The radio of one peripheral of the model: its advertisements, its end
 /// of a link, pairing and attributes. Everything on the air's one thread, on
 /// which the model must be used too.
 class PeripheralRadio : public RadioDevice,
@@ -45,12 +46,12 @@ class PeripheralRadio : public RadioDevice,
                         public std::enable_shared_from_this<PeripheralRadio>
 {
 public:
-    /// Hears one line of text for each thing that happens.
+    /// Called with one line of text for each thing that happens.
     using OnEvent = std::function<void(const std::string&)>;
 
     /// On the air from here to the destructor. Throws std::invalid_argument if
     /// the peripheral's address or one of its UUIDs is malformed.
-    static std::shared_ptr<PeripheralRadio> create(Clock& clock, Air& air,
+    static std::shared_ptr<PeripheralRadio> create(Scheduler& scheduler, Air& air,
                                                    const std::shared_ptr<Peripheral>& peripheral,
                                                    const RadioOptions& options = {}, OnEvent onEvent = {});
     ~PeripheralRadio() override;
@@ -59,10 +60,10 @@ public:
     /// The next advertisement, link or pairing goes by them.
     void setOptions(const RadioOptions& options) { mOptions = options; }
 
-    /// Forgets all keys. The model's own way is Peripheral::setForgotBond.
+    /// Forgets all keys at once; Peripheral::setForgotBond does so at the next use.
     void forgetBonds() { mBonds.clear(); }
 
-    /// Ends the link as a device does that has had enough of it.
+    /// Ends the link from the peripheral's side.
     void hangUp();
 
     // ---- RadioDevice
@@ -85,18 +86,18 @@ public:
 private:
     struct Session;
 
-    PeripheralRadio(Clock& clock, Air& air, std::shared_ptr<Peripheral> peripheral,
+    PeripheralRadio(Scheduler& scheduler, Air& air, std::shared_ptr<Peripheral> peripheral,
                     const RadioOptions& options, OnEvent onEvent);
     void renewAddress();
-    SecurityManager::Surroundings securitySurroundings(Link& link);
-    AttributeServer::Surroundings attributeSurroundings();
-    PairingManner manner();
-    void wishForParameters();
+    SecurityManager::Context securityContext(Link& link);
+    AttributeServer::Context attributeContext();
+    PairingPolicy pairingPolicy();
+    void request(const PreferredParameters& parameters);
     void send(Channel channel, const Bytes& packet);
     void written(uint16_t valueHandle, const Bytes& value);
-    void say(const std::string& what) const;
+    void reportEvent(const std::string& what) const;
 
-    Clock& mClock;
+    Scheduler& mScheduler;
     Air& mAir;
     const std::shared_ptr<Peripheral> mPeripheral;
     RadioOptions mOptions;

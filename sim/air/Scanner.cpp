@@ -25,7 +25,7 @@ bool Scanner::wants(const hci::AdvertisingReport& report)
     Bytes data = report.dataAndRssi;
     // The same data at another signal strength is a duplicate.
     data.pop_back();
-    const auto now = mClock.now();
+    const auto now = mScheduler->now();
     const auto [entry, fresh] = mReported.try_emplace({report.address, report.type, data}, now);
     if (!fresh && now - entry->second < kDuplicateMemory)
         return false;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Clock.h"
-#include "sim/air/HciCommands.h"
-#include "sim/air/HciEvents.h"
+#include "sim/air/Hci.h"
+#include "sim/model/Scheduler.h"
 
 #include <map>
 #include <tuple>
@@ -16,15 +15,19 @@ namespace vexasim::air
 class Scanner
 {
 public:
-    explicit Scanner(Clock& clock) : mClock(clock) {}
+    explicit Scanner(Scheduler& scheduler) : mScheduler(&scheduler) {}
 
-    void setParameters(const hci::ScanParameters& parameters) { mParameters = parameters; }
+    void setParameters(bool active, bool acceptListOnly)
+    {
+        mActive = active;
+        mAcceptListOnly = acceptListOnly;
+    }
     void enable(bool on, bool filterDuplicates);
 
     bool enabled() const { return mEnabled; }
-    bool active() const { return mParameters.active != 0; }
+    bool active() const { return mActive; }
     /// Only devices of the accept list are reported.
-    bool acceptListOnly() const { return (mParameters.filterPolicy & 1) != 0; }
+    bool acceptListOnly() const { return mAcceptListOnly; }
 
     /// Whether a report goes to the host; one that does is a duplicate for the
     /// next second. Real controllers forget duplicates too, having little
@@ -35,11 +38,12 @@ public:
 private:
     using Key = std::tuple<Address, hci::AdvertisingReport::Type, Bytes>;
 
-    Clock& mClock;
-    hci::ScanParameters mParameters;
+    Scheduler* mScheduler;
+    bool mActive = false;
+    bool mAcceptListOnly = false;
     bool mEnabled = false;
     bool mFilterDuplicates = false;
-    std::map<Key, Clock::Time> mReported;
+    std::map<Key, Scheduler::Time> mReported;
 };
 
 } // namespace vexasim::air

@@ -2,6 +2,8 @@
 #include "sim/air/SecurityManager.h"
 
 #include <algorithm>
+#include <map>
+#include <utility>
 
 namespace vexasim::air
 {
@@ -59,63 +61,9 @@ struct PairingParameters {
     uint8_t keySize = 0;
     uint8_t centralKeys = 0;
     uint8_t peripheralKeys = 0;
-    template <class Fields>
-    void fields(Fields& f)
+    auto fields()
     {
-        f(code, capability, outOfBand, requirements, keySize, centralKeys, peripheralKeys);
-    }
-};
-
-struct ValuePacket {
-    uint8_t code = 0;
-    Key128 value{};
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, value);
-    }
-};
-
-struct PublicKeyPacket {
-    uint8_t code = code::kPublicKey;
-    Scalar x{};
-    Scalar y{};
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, x, y);
-    }
-};
-
-struct CentralIdentification {
-    uint8_t code = code::kCentralIdentification;
-    uint16_t diversifier = 0;
-    uint64_t random = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, diversifier, random);
-    }
-};
-
-struct IdentityAddress {
-    uint8_t code = code::kIdentityAddress;
-    Address address;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, address);
-    }
-};
-
-/// A packet with one octet: a reason, or requirements.
-struct OctetPacket {
-    uint8_t code = 0;
-    uint8_t octet = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(code, octet);
+        return std::tie(code, capability, outOfBand, requirements, keySize, centralKeys, peripheralKeys);
     }
 };
 
@@ -139,73 +87,71 @@ std::array<uint8_t, 3> capabilities(const std::array<uint8_t, 7>& parameters)
     return {parameters[1], parameters[2], parameters[3]};
 }
 
-uint64_t randomNumber()
+template <class Number>
+Number randomNumber()
 {
-    uint64_t number = 0;
-    const Bytes bytes = randomBytes(sizeof number);
-    Decoder decoder(bytes);
-    decoder(number);
-    return number;
+    const auto octets = randomArray<sizeof(Number)>();
+    return decode<Number>(Bytes(octets.begin(), octets.end())).value();
 }
 
 } // namespace
 
-SecurityManager::SecurityManager(Clock& clock, Surroundings surroundings)
-    : mSurroundings(std::move(surroundings)), mTimeout(clock)
+SecurityManager::SecurityManager(Scheduler& scheduler, Context context)
+    : mContext(std::move(context)), mTimeout(scheduler)
 {
 }
 
 void SecurityManager::received(const Bytes& packet)
 {
-    if (packet.empty())
-        return;
-    const uint8_t code = packet.front();
-    if (code == code::kPairingRequest)
-        return onRequest(packet);
-    if (code == code::kFailed)
-        return await(Awaiting::Request);
-
-    const auto value = decode<ValuePacket>(packet);
-    const auto is = [&](Awaiting what, uint8_t wanted) {
-        return mAwaiting == what && code == wanted && value;
+    using Handler = bool (*)(SecurityManager&, const Bytes&);
+    static const std::map<std::pair<Awaiting, std::uint8_t>, Handler> handlers = {
+        {{Awaiting::LegacyConfirm, code::kConfirm}, callDecoded<&SecurityManager::onLegacyConfirm>},
+        {{Awaiting::LegacyRandom, code::kRandom}, callDecoded<&SecurityManager::onLegacyRandom>},
+        {{Awaiting::PublicKey, code::kPublicKey}, callDecoded<&SecurityManager::onPublicKey>},
+        {{Awaiting::SecureRandom, code::kRandom}, callDecoded<&SecurityManager::onSecureRandom>},
+        {{Awaiting::SecureCheck, code::kCheck}, callDecoded<&SecurityManager::onSecureCheck>},
     };
-    if (is(Awaiting::LegacyConfirm, code::kConfirm))
-        return onLegacyConfirm(value->value);
-    if (is(Awaiting::LegacyRandom, code::kRandom))
-        return onLegacyRandom(value->value);
-    if (is(Awaiting::SecureRandom, code::kRandom))
-        return onSecureRandom(value->value);
-    if (is(Awaiting::SecureCheck, code::kCheck))
-        return onSecureCheck(value->value);
-    if (mAwaiting == Awaiting::PublicKey && code == code::kPublicKey)
-        if (const auto key = decode<PublicKeyPacket>(packet))
-            return onPublicKey({key->x, key->y});
-    if (mAwaiting == Awaiting::CentralKeys)
+    if (packet.empty()) {
+        return;
+    }
+    const std::uint8_t code = packet.front();
+    if (code == code::kPairingRequest) {
+        return onRequest(packet);
+    }
+    if (code == code::kFailed) {
+        return await(Awaiting::Request);
+    }
+    if (mAwaiting == Awaiting::CentralKeys) {
         return onCentralKey(code);
-    if (mAwaiting != Awaiting::Request)
+    }
+    const auto found = handlers.find({mAwaiting, code});
+    const bool handled =
+        found != handlers.end() && found->second(*this, Bytes(packet.begin() + 1, packet.end()));
+    if (!handled && mAwaiting != Awaiting::Request) {
         fail(reason::kUnspecified);
+    }
 }
 
 // The request and what the peripheral makes of it.
 
 void SecurityManager::onRequest(const Bytes& packet)
 {
-    using Temper = PairingManner::Temper;
-    mManner = mSurroundings.manner();
-    const bool bonded = mSurroundings.bonds->count(mSurroundings.central) != 0;
+    using Behavior = PairingPolicy::Behavior;
+    mPolicy = mContext.policy();
+    const bool bonded = mContext.bonds->count(mContext.central) != 0;
     const auto request = decode<PairingParameters>(packet);
-    if (mManner.temper == Temper::Silent)
+    if (mPolicy.behavior == Behavior::Silent)
         return;
     if (!request)
         return fail(reason::kInvalidParameters);
-    if (mManner.temper == Temper::Refuses)
+    if (mPolicy.behavior == Behavior::Refuses)
         return fail(reason::kNotSupported);
-    if (mManner.temper == Temper::RefusesRepeated && bonded)
+    if (mPolicy.behavior == Behavior::RefusesRepeated && bonded)
         return fail(reason::kRepeatedAttempts);
     if (request->keySize != kKeySize)
         return fail(reason::kKeySize);
 
-    mSecure = mManner.secureConnections && (request->requirements & kSecureConnections) != 0;
+    mSecure = mPolicy.secureConnections && (request->requirements & kSecureConnections) != 0;
     mBonding = (request->requirements & kBondingMask) == kBonding;
     PairingParameters response;
     response.code = code::kPairingResponse;
@@ -215,15 +161,15 @@ void SecurityManager::onRequest(const Bytes& packet)
     response.keySize = kKeySize;
     if (mBonding) {
         // With secure connections both ends have computed the key already.
-        const uint8_t offered = static_cast<uint8_t>((mSecure ? 0 : kEncryptionKey) |
-                                                     (mSurroundings.identity ? kIdentityKey : 0));
+        const uint8_t offered =
+            static_cast<uint8_t>((mSecure ? 0 : kEncryptionKey) | (mContext.identity ? kIdentityKey : 0));
         response.centralKeys = request->centralKeys & kIdentityKey;
         response.peripheralKeys = request->peripheralKeys & offered;
     }
     mRequest = sevenOctets(*request);
     mResponse = sevenOctets(response);
     await(mSecure ? Awaiting::PublicKey : Awaiting::LegacyConfirm);
-    mSurroundings.send(Channel::Security, encode(response));
+    send(response);
 }
 
 // Legacy pairing: commitments first, then what was committed to.
@@ -233,62 +179,57 @@ void SecurityManager::onLegacyConfirm(const Value& confirm)
     mCentralConfirm = confirm;
     mOwnRandom = randomArray<16>();
     await(Awaiting::LegacyRandom);
-    sendValue(code::kConfirm,
-              c1(kTemporaryKey, mOwnRandom, mRequest, mResponse, mSurroundings.central, mSurroundings.self));
+    send(code::kConfirm, c1(kTemporaryKey, mOwnRandom, mRequest, mResponse, mContext.central, mContext.self));
 }
 
 void SecurityManager::onLegacyRandom(const Value& random)
 {
-    const Value expected =
-        c1(kTemporaryKey, random, mRequest, mResponse, mSurroundings.central, mSurroundings.self);
-    if (expected != mCentralConfirm || mManner.temper == PairingManner::Temper::FailsConfirm)
+    const Value expected = c1(kTemporaryKey, random, mRequest, mResponse, mContext.central, mContext.self);
+    if (expected != mCentralConfirm || mPolicy.behavior == PairingPolicy::Behavior::FailsConfirm)
         return fail(reason::kConfirmFailed);
     mKey = s1(kTemporaryKey, mOwnRandom, random);
     await(Awaiting::Encryption);
-    sendValue(code::kRandom, mOwnRandom);
+    send(code::kRandom, mOwnRandom);
 }
 
 // Secure connections: public keys, the peripheral's commitment, random numbers,
 // and the proof that both have the same key.
 
-void SecurityManager::onPublicKey(const Point& onAir)
+void SecurityManager::onPublicKey(const Scalar& x, const Scalar& y)
 {
-    mKeyPair = std::make_unique<KeyPair>();
-    const auto secret = mKeyPair->agree({swapped(onAir.x), swapped(onAir.y)});
+    const KeyPair keyPair;
+    const auto secret = keyPair.agree({swapped(x), swapped(y)});
     if (!secret)
         return fail(reason::kInvalidParameters);
     mSharedSecret = swapped(*secret);
     mOwnRandom = randomArray<16>();
-    PublicKeyPacket own;
-    own.x = swapped(mKeyPair->publicKey().x);
-    own.y = swapped(mKeyPair->publicKey().y);
+    const Scalar ownX = swapped(keyPair.publicKey().x);
     await(Awaiting::SecureRandom);
-    mSurroundings.send(Channel::Security, encode(own));
-    sendValue(code::kConfirm, f4(own.x, onAir.x, mOwnRandom, 0));
+    send(code::kPublicKey, ownX, swapped(keyPair.publicKey().y));
+    send(code::kConfirm, f4(ownX, x, mOwnRandom, 0));
 }
 
 void SecurityManager::onSecureRandom(const Value& random)
 {
     mCentralRandom = random;
-    const SecureKeys keys =
-        f5(mSharedSecret, mCentralRandom, mOwnRandom, mSurroundings.central, mSurroundings.self);
+    const SecureKeys keys = f5(mSharedSecret, mCentralRandom, mOwnRandom, mContext.central, mContext.self);
     mMacKey = keys.macKey;
     mKey = keys.longTermKey;
     await(Awaiting::SecureCheck);
-    sendValue(code::kRandom, mOwnRandom);
+    send(code::kRandom, mOwnRandom);
 }
 
 void SecurityManager::onSecureCheck(const Value& check)
 {
-    const Address& central = mSurroundings.central;
-    const Address& self = mSurroundings.self;
+    const Address& central = mContext.central;
+    const Address& self = mContext.self;
     const Value expected =
         f6(mMacKey, mCentralRandom, mOwnRandom, kNoPasskey, capabilities(mRequest), central, self);
-    if (expected != check || mManner.temper == PairingManner::Temper::FailsConfirm)
+    if (expected != check || mPolicy.behavior == PairingPolicy::Behavior::FailsConfirm)
         return fail(reason::kCheckFailed);
     await(Awaiting::Encryption);
-    sendValue(code::kCheck,
-              f6(mMacKey, mOwnRandom, mCentralRandom, kNoPasskey, capabilities(mResponse), self, central));
+    send(code::kCheck,
+         f6(mMacKey, mOwnRandom, mCentralRandom, kNoPasskey, capabilities(mResponse), self, central));
 }
 
 // Encryption, and the keys for the next time.
@@ -297,8 +238,8 @@ std::optional<Key128> SecurityManager::longTermKey(uint64_t random, uint16_t div
 {
     if (mAwaiting == Awaiting::Encryption && random == 0 && diversifier == 0)
         return mKey;
-    const auto bond = mSurroundings.bonds->find(mSurroundings.central);
-    if (bond == mSurroundings.bonds->end() || bond->second.random != random ||
+    const auto bond = mContext.bonds->find(mContext.central);
+    if (bond == mContext.bonds->end() || bond->second.random != random ||
         bond->second.diversifier != diversifier)
         return std::nullopt;
     return bond->second.key;
@@ -316,23 +257,18 @@ void SecurityManager::distributeKeys()
     mKeysToCome = mResponse[5];
     Bond bond{mKey, 0, 0};
     if ((ours & kEncryptionKey) != 0) {
-        CentralIdentification identification;
-        identification.diversifier = static_cast<uint16_t>(randomNumber());
-        identification.random = randomNumber();
-        bond = {randomArray<16>(), identification.random, identification.diversifier};
-        sendValue(code::kEncryptionInformation, bond.key);
-        mSurroundings.send(Channel::Security, encode(identification));
+        bond = {randomArray<16>(), randomNumber<std::uint64_t>(), randomNumber<std::uint16_t>()};
+        send(code::kEncryptionInformation, bond.key);
+        send(code::kCentralIdentification, bond.diversifier, bond.random);
     }
     if ((ours & kIdentityKey) != 0) {
-        sendValue(code::kIdentityInformation, mSurroundings.identity->key);
-        IdentityAddress identity;
-        identity.address = mSurroundings.identity->address;
-        mSurroundings.send(Channel::Security, encode(identity));
+        send(code::kIdentityInformation, mContext.identity->key);
+        send(code::kIdentityAddress, mContext.identity->address);
     }
     // A short-term key is worth nothing to the next link.
     const bool lasting = mSecure || (ours & kEncryptionKey) != 0;
     if (mBonding && lasting)
-        (*mSurroundings.bonds)[mSurroundings.central] = bond;
+        (*mContext.bonds)[mContext.central] = bond;
     await(Awaiting::CentralKeys);
     if (mKeysToCome == 0)
         finish();
@@ -351,25 +287,19 @@ void SecurityManager::onCentralKey(uint8_t code)
 void SecurityManager::finish()
 {
     await(Awaiting::Request);
-    mSurroundings.paired(mSecure);
+    mContext.paired(mSecure);
 }
 
 void SecurityManager::requestSecurity()
 {
-    const uint8_t secure = mSurroundings.manner().secureConnections ? kSecureConnections : uint8_t{0};
-    mSurroundings.send(Channel::Security,
-                       encode(OctetPacket{code::kSecurityRequest, static_cast<uint8_t>(kBonding | secure)}));
+    const uint8_t secure = mContext.policy().secureConnections ? kSecureConnections : uint8_t{0};
+    send(code::kSecurityRequest, static_cast<std::uint8_t>(kBonding | secure));
 }
 
 void SecurityManager::fail(uint8_t reason)
 {
     await(Awaiting::Request);
-    mSurroundings.send(Channel::Security, encode(OctetPacket{code::kFailed, reason}));
-}
-
-void SecurityManager::sendValue(uint8_t code, const Value& value)
-{
-    mSurroundings.send(Channel::Security, encode(ValuePacket{code, value}));
+    send(code::kFailed, reason);
 }
 
 void SecurityManager::await(Awaiting what)

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Clock.h"
 #include "sim/air/L2cap.h"
 #include "sim/air/PairingToolbox.h"
+#include "sim/model/Scheduler.h"
 
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 
 namespace vexasim::air
@@ -24,15 +23,15 @@ struct Bond {
 using BondStore = std::map<Address, Bond>;
 
 /// How the peripheral pairs.
-struct PairingManner {
-    enum class Temper {
+struct PairingPolicy {
+    enum class Behavior {
         Willing,
         Refuses,         ///< answers the request with a failure
         RefusesRepeated, ///< does so to centrals to which it is bonded
         Silent,          ///< never answers the request
         FailsConfirm,    ///< agrees, and then finds the central's proof wrong
     };
-    Temper temper = Temper::Willing;
+    Behavior behavior = Behavior::Willing;
     bool secureConnections = true; ///< else legacy pairing alone
 };
 
@@ -49,17 +48,18 @@ struct Identity {
 class SecurityManager
 {
 public:
-    struct Surroundings {
+    /// What it needs of the link and the device on which it runs.
+    struct Context {
         Address central;                       ///< as the link knows it
         Address self;                          ///< as the link knows it
         BondStore* bonds = nullptr;            ///< outlives this object
         std::optional<Identity> identity;      ///< only with a private address
-        std::function<PairingManner()> manner; ///< asked at every pairing request
+        std::function<PairingPolicy()> policy; ///< asked at every pairing request
         std::function<void(Channel, const Bytes&)> send;
         std::function<void(bool secure)> paired; ///< after the last key is exchanged
     };
 
-    SecurityManager(Clock& clock, Surroundings surroundings);
+    SecurityManager(Scheduler& scheduler, Context context);
 
     void received(const Bytes& packet);
 
@@ -85,23 +85,28 @@ private:
         CentralKeys,
     };
 
+    // The handlers name what their packets carry behind the code.
     void onRequest(const Bytes& packet);
     void onLegacyConfirm(const Value& confirm);
     void onLegacyRandom(const Value& random);
-    void onPublicKey(const Point& onAir);
+    void onPublicKey(const Scalar& x, const Scalar& y);
     void onSecureRandom(const Value& random);
     void onSecureCheck(const Value& check);
     void onCentralKey(uint8_t code);
     void distributeKeys();
     void finish();
     void fail(uint8_t reason);
-    void sendValue(uint8_t code, const Value& value);
+    template <class... Field>
+    void send(const Field&... fields)
+    {
+        mContext.send(Channel::Security, encode(fields...));
+    }
     void await(Awaiting what);
 
-    const Surroundings mSurroundings;
+    const Context mContext;
     Awaiting mAwaiting = Awaiting::Request;
     Timer mTimeout;
-    PairingManner mManner;
+    PairingPolicy mPolicy;
     bool mSecure = false;
     bool mBonding = false;
     std::array<uint8_t, 7> mRequest{};
@@ -109,7 +114,6 @@ private:
     Value mCentralConfirm{};
     Value mCentralRandom{};
     Value mOwnRandom{};
-    std::unique_ptr<KeyPair> mKeyPair;
     Scalar mSharedSecret{};
     Key128 mMacKey{};
     Key128 mKey{};

@@ -23,17 +23,6 @@ constexpr size_t kLargestPacket = 2048;
 // The vendor packet by which a controller is asked for and announced.
 constexpr uint8_t kPrimaryController = 0x00;
 
-struct Announcement {
-    hci::PacketType type{};
-    uint8_t kind = 0;
-    uint16_t index = 0;
-    template <class Fields>
-    void fields(Fields& f)
-    {
-        f(type, kind, index);
-    }
-};
-
 std::string advice(int error)
 {
     switch (error) {
@@ -86,7 +75,7 @@ VhciTransport::~VhciTransport()
 
 void VhciTransport::createController()
 {
-    send({static_cast<uint8_t>(hci::PacketType::Vendor), kPrimaryController});
+    send(encode(hci::PacketType::Vendor, kPrimaryController));
 }
 
 void VhciTransport::send(const Bytes& packet)
@@ -116,11 +105,12 @@ void VhciTransport::readPackets()
             return close(std::string("the kernel closed the controller: ") +
                          (size < 0 ? std::strerror(errno) : "end of file"));
         const Bytes packet(buffer.begin(), buffer.begin() + size);
-        if (const auto announcement = decode<Announcement>(packet);
-            announcement && announcement->type == hci::PacketType::Vendor)
-            mIndex = announcement->index;
-        else
+        const auto announcement = decodeFields<hci::PacketType, std::uint8_t, std::uint16_t>(packet);
+        if (announcement && std::get<0>(*announcement) == hci::PacketType::Vendor) {
+            mIndex = std::get<2>(*announcement);
+        } else {
             mReceive(packet);
+        }
     }
 }
 

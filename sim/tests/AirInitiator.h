@@ -71,13 +71,11 @@ public:
     {
         const Point own = mPair.publicKey();
         mOwnX = swapped(own.x);
-        exchange(join(0x0c, mOwnX, swapped(own.y)));
+        exchange(encode(std::uint8_t{0x0c}, mOwnX, swapped(own.y)));
         if (mLast.size() != 65 || mLast.front() != 0x0c)
             return false;
         Point theirs;
-        uint8_t code = 0;
-        Decoder decoder(mLast);
-        decoder(code, theirs.x, theirs.y);
+        std::tie(std::ignore, theirs.x, theirs.y) = decodeFields<std::uint8_t, Scalar, Scalar>(mLast).value();
         mTheirX = theirs.x;
         const auto secret = mPair.agree({swapped(theirs.x), swapped(theirs.y)});
         mSecret = swapped(secret.value_or(Scalar{}));
@@ -109,13 +107,16 @@ public:
     }
 
     // ---- the end, and what comes of it
+    void startEncryption()
+    {
+        EXPECT_EQ(mHost.status(hci::Opcode::LeStartEncryption, mHost.handle(), random, diversifier, key),
+                  hci::Status::Success);
+    }
     /// The status of the attempt to encrypt.
     hci::Status encrypt()
     {
-        EXPECT_EQ(mHost.start(hci::Opcode::LeStartEncryption,
-                              hci::StartEncryption{mHost.handle(), random, diversifier, key}),
-                  hci::Status::Success);
-        const auto change = mHost.await<hci::EncryptionChange>(hci::EventCode::EncryptionChange);
+        startEncryption();
+        const auto change = mHost.await<hci::EncryptionChange>();
         return change ? change->status : hci::Status{0xff};
     }
 
@@ -126,23 +127,18 @@ public:
             next();
             takeValue(0x06, key);
             next();
-            uint8_t code = 0;
-            Decoder decoder(mLast);
-            decoder(code, diversifier, random);
+            std::tie(std::ignore, diversifier, random) =
+                decodeFields<std::uint8_t, std::uint16_t, std::uint64_t>(mLast).value();
         }
         if ((mResponse[6] & kIdentityKey) != 0) {
             next();
             takeValue(0x08, identityKey);
             next();
-            uint8_t code = 0;
-            Decoder decoder(mLast);
-            decoder(code, identity);
+            std::tie(std::ignore, identity) = decodeFields<std::uint8_t, Address>(mLast).value();
         }
         if ((mResponse[5] & kIdentityKey) != 0) {
             mHost.sendOn(Channel::Security, packet(0x08, randomArray<16>()));
-            Encoder encoder;
-            encoder(uint8_t{0x09}, mHost.self());
-            mHost.sendOn(Channel::Security, encoder.take());
+            mHost.sendOn(Channel::Security, encode(std::uint8_t{0x09}, mHost.self()));
         }
         mHost.pass(std::chrono::seconds(1));
     }
@@ -166,7 +162,7 @@ public:
         exchangeBondingKeys();
     }
 
-    static Bytes packet(uint8_t code, const Key128& value) { return join(code, value); }
+    static Bytes packet(uint8_t code, const Key128& value) { return encode(code, value); }
 
     /// What encrypts the next link.
     Key128 key{};
@@ -177,13 +173,6 @@ public:
     Address identity;
 
 private:
-    template <class... Field>
-    static Bytes join(uint8_t code, const Field&... fields)
-    {
-        Encoder encoder;
-        encoder(code, fields...);
-        return encoder.take();
-    }
     static Scalar swapped(Scalar scalar)
     {
         std::reverse(scalar.begin(), scalar.end());

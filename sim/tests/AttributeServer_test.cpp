@@ -5,6 +5,7 @@
 
 #include "sim/tests/AirBench.h"
 #include "sim/tests/AirInitiator.h"
+#include "tests/kit/NamedCase.h"
 
 namespace
 {
@@ -20,7 +21,7 @@ class AnAttributeServer : public testing::Test
 protected:
     AnAttributeServer() : remote(Remote::create())
     {
-        radio = PeripheralRadio::create(host.clock(), host.air(), remote->normal());
+        radio = PeripheralRadio::create(host.scheduler(), host.air(), remote->normal());
         host.setUp();
         host.connect(kRemote);
     }
@@ -38,8 +39,8 @@ protected:
 
     void reconnect()
     {
-        host.start(hci::Opcode::Disconnect, hci::Disconnect{host.handle(), hci::Status::RemoteUserEnded});
-        host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+        host.disconnect();
+        host.linkEnd();
         host.connect(kRemote);
     }
 
@@ -50,101 +51,87 @@ protected:
 
 } // namespace
 
+// ---- what it answers as it stands, without a bond or a subscription
+
+namespace
+{
+
+struct Exchange : NamedCase {
+    std::vector<std::pair<std::string, std::string>> requestsAndAnswers;
+};
+
+class AFreshAttributeServer : public AnAttributeServer, public testing::WithParamInterface<Exchange>
+{
+};
+
+} // namespace
+
+TEST_P(AFreshAttributeServer, Answers)
+{
+    for (const auto& [request, answer] : GetParam().requestsAndAnswers) {
+        const bool silence = answer == "silence";
+        EXPECT_EQ(host.ask(request), silence ? answer : toHex(fromHex(answer))) << "of " << request;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Exchanges, AFreshAttributeServer,
+    testing::Values(
+        Exchange{{"AgreesOnPacketsOf23Bytes"}, {{"02 0502", "03 1700"}, {"02 05", "01 02 0000 04"}}},
+        Exchange{{"ListsThePrimaryServices"},
+                 {{"10 0100 ffff 0028", "11 06 010005000018 100013000f18 20002400d0ff"},
+                  {"10 2500 ffff 0028", "01 10 2500 0a"},
+                  {"10 1100 ffff 0028", "11 06 20002400d0ff"}}},
+        Exchange{{"ListsNoSecondaryServices"}, {{"10 0100 ffff 0128", "01 10 0100 0a"}}},
+        Exchange{{"RefusesToGroupByWhatIsNoGroup"}, {{"10 0100 ffff 0328", "01 10 0100 10"}}},
+        Exchange{{"FindsAServiceByItsUuid"},
+                 {{"06 0100 ffff 0028 0f18", "07 10001300"},
+                  {"06 0100 ffff 0028 fb349b5f80000080001000000f180000", "07 10001300"},
+                  {"06 0100 ffff 0028 1218", "01 06 0100 0a"}}},
+        Exchange{{"ListsTheCharacteristics"},
+                 {{"08 1000 1300 0328", "09 07 1100 12 1200 192a"},
+                  {"08 2000 2400 0328", "09 07 2100 02 2200 d3ff 2300 08 2400 d1ff"},
+                  {"08 2500 ffff 0328", "01 08 2500 0a"}}},
+        Exchange{{"ListsDescriptors"},
+                 {{"04 1300 1300", "05 01 1300 0229"}, {"04 1400 1f00", "01 04 1400 0a"}}},
+        Exchange{{"RefusesRangesThatRunBackwardsOrFromZero"},
+                 {{"04 0000 ffff", "01 04 0000 01"},
+                  {"10 0500 0400 0028", "01 10 0500 01"},
+                  {"08 0500 0400 0328", "01 08 0500 01"},
+                  {"06 0000 0400 0028 0f18", "01 06 0000 01"}}},
+        Exchange{{"GivesAValueByItsType"}, {{"08 0100 ffff 002a", "09 09 0300 56455841205243"}}},
+        Exchange{{"GivesDeclarationsAndConfigurations"},
+                 {{"0a 1000", "0b 0f18"}, {"0a 1100", "0b 12 1200 192a"}, {"0a 1300", "0b 0000"}}},
+        Exchange{{"RefusesToReadWhatIsNotThereOrNotReadable"},
+                 {{"0a 1f00", "01 0a 1f00 01"},
+                  {"0a 2400", "01 0a 2400 02"},
+                  {"0a 12", "01 0a 0000 04"},
+                  {"0c 1f00 0000", "01 0c 1f00 01"}}},
+        Exchange{{"RefusesToWriteWhatIsNotThereOrNotWritable"},
+                 {{"12 1f00 01", "01 12 1f00 01"},
+                  {"12 2200 01", "01 12 2200 03"},
+                  {"12 1000 01", "01 12 1000 03"}}},
+        Exchange{{"RefusesAConfigurationOfAWrongSize"}, {{"12 1300 01", "01 12 1300 0d"}}},
+        Exchange{{"ConfirmsWhatTheBoxIndicates"}, {{"1d 0a00 ffff", "1e"}, {"1b 0a00 ffff", "silence"}}},
+        Exchange{{"KnowsNoOtherRequests"},
+                 {{"16 1200 0000 01", "01 16 0000 06"},
+                  {"0e 1200 2200", "01 0e 0000 06"},
+                  {"1e", "silence"},
+                  {"d2 1200 00", "silence"}}}),
+    named);
+
 // ---- discovery
-
-TEST_F(AnAttributeServer, AgreesOnPacketsOf23Bytes)
-{
-    EXPECT_EQ(host.ask("02 0502"), "031700");
-    EXPECT_EQ(host.ask("02 05"), "0102000004");
-}
-
-TEST_F(AnAttributeServer, ListsThePrimaryServices)
-{
-    EXPECT_EQ(host.ask("10 0100 ffff 0028"), "1106"
-                                             "010005000018"
-                                             "100013000f18"
-                                             "20002400d0ff");
-    EXPECT_EQ(host.ask("10 2500 ffff 0028"), "011025000a");
-    EXPECT_EQ(host.ask("10 1100 ffff 0028"), "1106"
-                                             "20002400d0ff");
-}
-
-TEST_F(AnAttributeServer, ListsNoSecondaryServices)
-{
-    EXPECT_EQ(host.ask("10 0100 ffff 0128"), "011001000a");
-}
-
-TEST_F(AnAttributeServer, RefusesToGroupByWhatIsNoGroup)
-{
-    EXPECT_EQ(host.ask("10 0100 ffff 0328"), "0110010010");
-}
-
-TEST_F(AnAttributeServer, FindsAServiceByItsUuid)
-{
-    EXPECT_EQ(host.ask("06 0100 ffff 0028 0f18"), "07"
-                                                  "10001300");
-    EXPECT_EQ(host.ask("06 0100 ffff 0028 fb349b5f80000080001000000f180000"), "07"
-                                                                              "10001300");
-    EXPECT_EQ(host.ask("06 0100 ffff 0028 1218"), "010601000a");
-}
-
-TEST_F(AnAttributeServer, ListsTheCharacteristics)
-{
-    EXPECT_EQ(host.ask("08 1000 1300 0328"), "0907"
-                                             "1100"
-                                             "12"
-                                             "1200"
-                                             "192a");
-    EXPECT_EQ(host.ask("08 2000 2400 0328"), "0907"
-                                             "2100"
-                                             "02"
-                                             "2200"
-                                             "d3ff"
-                                             "2300"
-                                             "08"
-                                             "2400"
-                                             "d1ff");
-    EXPECT_EQ(host.ask("08 2500 ffff 0328"), "010825000a");
-}
-
-TEST_F(AnAttributeServer, ListsDescriptors)
-{
-    EXPECT_EQ(host.ask("04 1300 1300"), "0501"
-                                        "1300"
-                                        "0229");
-    EXPECT_EQ(host.ask("04 1400 1f00"), "010414000a");
-}
-
-TEST_F(AnAttributeServer, RefusesRangesThatRunBackwardsOrFromZero)
-{
-    EXPECT_EQ(host.ask("04 0000 ffff"), "0104000001");
-    EXPECT_EQ(host.ask("10 0500 0400 0028"), "0110050001");
-    EXPECT_EQ(host.ask("08 0500 0400 0328"), "0108050001");
-    EXPECT_EQ(host.ask("06 0000 0400 0028 0f18"), "0106000001");
-}
 
 TEST_F(AnAttributeServer, KeepsLongAndShortUuidsApart)
 {
-    radio = PeripheralRadio::create(host.clock(), host.air(), remote->update());
+    radio = PeripheralRadio::create(host.scheduler(), host.air(), remote->update());
     remote->enterUpdateMode();
-    host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
+    host.linkEnd();
     host.connect(Address::parse("C0:FF:EE:00:00:02").value());
-    EXPECT_EQ(host.ask("10 0100 ffff 0028"), "1106"
-                                             "010005000018");
-    EXPECT_EQ(host.ask("10 0600 ffff 0028"), "1114"
-                                             "10001500"
-                                             "12a24d2efe14488e93d2173c"
-                                             "ffd00000");
-    EXPECT_EQ(host.ask("08 1000 1500 0328"), "0915"
-                                             "1100"
-                                             "18"
-                                             "1200"
-                                             "12a24d2efe14488e93d2173c"
-                                             "87640000");
-    EXPECT_EQ(host.ask("04 1200 1300"), "0502"
-                                        "1200"
-                                        "12a24d2efe14488e93d2173c"
-                                        "87640000");
+    EXPECT_EQ(host.ask("10 0100 ffff 0028"), "1106010005000018");
+    EXPECT_EQ(host.ask("10 0600 ffff 0028"), "11141000150012a24d2efe14488e93d2173cffd00000");
+    EXPECT_EQ(host.ask("08 1000 1500 0328"), "0915110018120012a24d2efe14488e93d2173c87640000");
+    EXPECT_EQ(host.ask("04 1200 1300"), "0502120012a24d2efe14488e93d2173c87640000");
 }
 
 // ---- reading
@@ -154,23 +141,6 @@ TEST_F(AnAttributeServer, GivesTheBatteryLevel)
     EXPECT_EQ(host.ask("0a 1200"), "0b50");
     remote->setBattery(17);
     EXPECT_EQ(host.ask("0a 1200"), "0b11");
-}
-
-TEST_F(AnAttributeServer, GivesAValueByItsType)
-{
-    EXPECT_EQ(host.ask("08 0100 ffff 002a"), "0909"
-                                             "0300" +
-                                                 toHex(std::string("VEXA RC")));
-}
-
-TEST_F(AnAttributeServer, GivesDeclarationsAndConfigurations)
-{
-    EXPECT_EQ(host.ask("0a 1000"), "0b0f18");
-    EXPECT_EQ(host.ask("0a 1100"), "0b"
-                                   "12"
-                                   "1200"
-                                   "192a");
-    EXPECT_EQ(host.ask("0a 1300"), "0b0000");
 }
 
 TEST_F(AnAttributeServer, CutsALongValueAndGivesTheRestInPieces)
@@ -190,14 +160,6 @@ TEST_F(AnAttributeServer, CutsALongValueAndGivesTheRestInPieces)
     EXPECT_EQ(host.ask("0c 2200 3300"), "010c220007");
 }
 
-TEST_F(AnAttributeServer, RefusesToReadWhatIsNotThereOrNotReadable)
-{
-    EXPECT_EQ(host.ask("0a 1f00"), "010a1f0001");
-    EXPECT_EQ(host.ask("0a 2400"), "010a240002");
-    EXPECT_EQ(host.ask("0a 12"), "010a000004");
-    EXPECT_EQ(host.ask("0c 1f00 0000"), "010c1f0001");
-}
-
 // ---- writing and notifying
 
 TEST_F(AnAttributeServer, TakesAWriteAndAnswersIt)
@@ -211,11 +173,8 @@ TEST_F(AnAttributeServer, TakesAWriteAndAnswersIt)
     EXPECT_EQ(toHex(written), "02");
 }
 
-TEST_F(AnAttributeServer, RefusesWritesWithTheReasonGiven)
+TEST_F(AnAttributeServer, RefusesAWriteWithTheReasonGiven)
 {
-    EXPECT_EQ(host.ask("12 1f00 01"), "01121f0001");
-    EXPECT_EQ(host.ask("12 2200 01"), "0112220003");
-    EXPECT_EQ(host.ask("12 1000 01"), "0112100003");
     remote->normal()->onWrite(0x24, [](const Bytes&) { return AttReply::refused(0x80); });
     EXPECT_EQ(host.ask("12 2400 01"), "0112240080");
 }
@@ -232,7 +191,7 @@ TEST_F(AnAttributeServer, TakesACommandWithoutAWord)
         written = value;
         return AttReply::ok();
     });
-    const auto second = PeripheralRadio::create(host.clock(), host.air(), other->update());
+    const auto second = PeripheralRadio::create(host.scheduler(), host.air(), other->update());
     host.connect(Address::parse("C0:FF:EE:00:00:03").value());
     EXPECT_EQ(host.ask("52 1500 0102"), "silence");
     EXPECT_EQ(toHex(written), "0102");
@@ -259,11 +218,6 @@ TEST_F(AnAttributeServer, CutsALongNotification)
     EXPECT_EQ(host.awaitOn(Channel::Attributes).value().size(), 23U);
 }
 
-TEST_F(AnAttributeServer, RefusesAConfigurationOfAWrongSize)
-{
-    EXPECT_EQ(host.ask("12 1300 01"), "011213000d");
-}
-
 TEST_F(AnAttributeServer, ForgetsSubscriptionsWithTheLink)
 {
     EXPECT_EQ(host.ask("12 1300 0100"), "13");
@@ -271,7 +225,7 @@ TEST_F(AnAttributeServer, ForgetsSubscriptionsWithTheLink)
     EXPECT_EQ(host.ask("0a 1300"), "0b0000");
 }
 
-// ---- moods
+// ---- how it behaves
 
 TEST_F(AnAttributeServer, DemandsEncryptionWhereItIsNeeded)
 {
@@ -295,23 +249,9 @@ TEST_F(AnAttributeServer, AnswersNothingWhenItIsMute)
 TEST_F(AnAttributeServer, AnswersLateWhenItIsSlow)
 {
     remote->normal()->setAnswerDelay(std::chrono::seconds(2));
-    const auto before = host.clock().now();
+    const auto before = host.scheduler().now();
     EXPECT_EQ(host.ask("0a 1200"), "0b50");
-    EXPECT_GE(host.clock().now() - before, std::chrono::seconds(2));
-}
-
-TEST_F(AnAttributeServer, ConfirmsWhatTheBoxIndicates)
-{
-    EXPECT_EQ(host.ask("1d 0a00 ffff"), "1e");
-    EXPECT_EQ(host.ask("1b 0a00 ffff"), "silence");
-}
-
-TEST_F(AnAttributeServer, KnowsNoOtherRequests)
-{
-    EXPECT_EQ(host.ask("16 1200 0000 01"), "0116000006");
-    EXPECT_EQ(host.ask("0e 1200 2200"), "010e000006");
-    EXPECT_EQ(host.ask("1e"), "silence");
-    EXPECT_EQ(host.ask("d2 1200 00"), "silence");
+    EXPECT_GE(host.scheduler().now() - before, std::chrono::seconds(2));
 }
 
 // ---- the table's parts

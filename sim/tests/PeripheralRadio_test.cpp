@@ -12,7 +12,6 @@ namespace
 
 using namespace vexasim;
 using namespace vexasim::air;
-using hci::LeEvent;
 using hci::Opcode;
 using hci::Status;
 
@@ -22,13 +21,13 @@ const Address kUpdate = Address::parse("C0:FF:EE:00:00:02").value();
 class ARemoteOnTheAir : public testing::Test
 {
 protected:
-    explicit ARemoteOnTheAir(const RadioOptions& options = {}) : remote(Remote::create(patient()))
+    ARemoteOnTheAir() : remote(Remote::create(patient()))
     {
         remote->setSchedule([this](std::chrono::milliseconds delay, std::function<void()> action) {
-            host.clock().callAt(host.clock().now() + delay, std::move(action));
+            host.scheduler().after(delay, std::move(action));
         });
-        normal = PeripheralRadio::create(host.clock(), host.air(), remote->normal(), options);
-        update = PeripheralRadio::create(host.clock(), host.air(), remote->update(), options);
+        normal = PeripheralRadio::create(host.scheduler(), host.air(), remote->normal());
+        update = PeripheralRadio::create(host.scheduler(), host.air(), remote->update());
         host.setUp();
     }
 
@@ -40,12 +39,6 @@ protected:
         return options;
     }
 
-    std::optional<Status> linkEnd()
-    {
-        const auto end = host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
-        return end ? std::optional<Status>(end->reason) : std::nullopt;
-    }
-
     /// The addresses that advertise within a second.
     std::set<std::string> onAir()
     {
@@ -53,7 +46,7 @@ protected:
         host.scan(true, false);
         host.pass(std::chrono::seconds(1));
         host.scan(false);
-        while (const auto report = host.takeLe<hci::AdvertisingReport>(LeEvent::AdvertisingReport))
+        while (const auto report = host.take<hci::AdvertisingReport>())
             addresses.insert(report->address.text());
         return addresses;
     }
@@ -76,7 +69,7 @@ TEST_F(ARemoteOnTheAir, IsFoundPairedReadAndSwitchedToItsUpdate)
     EXPECT_TRUE(onAir().empty()) << "connected, and yet advertising";
 
     EXPECT_EQ(host.ask("12 2400 01"), "13");
-    EXPECT_EQ(linkEnd(), Status::ConnectionTimeout);
+    EXPECT_EQ(host.linkEnd(), Status::ConnectionTimeout);
     EXPECT_EQ(onAir(), std::set<std::string>{kUpdate.text()});
     host.connect(kUpdate);
     EXPECT_EQ(host.ask("12 1300 0100"), "13");
@@ -99,7 +92,7 @@ TEST_F(ARemoteOnTheAir, IsBackAfterItWasOutOfRange)
     Initiator initiator(host);
     initiator.pairSecurely();
     remote->leave();
-    EXPECT_EQ(linkEnd(), Status::ConnectionTimeout);
+    EXPECT_EQ(host.linkEnd(), Status::ConnectionTimeout);
     EXPECT_TRUE(onAir().empty());
     remote->comeBack();
     host.connect(kNormal);
@@ -111,9 +104,9 @@ TEST_F(ARemoteOnTheAir, AdvertisesAgainWhileTheBoxStillBelievesInTheOldLink)
     host.connect(kNormal);
     host.pass(std::chrono::seconds(1));
     remote->loseLink();
-    EXPECT_EQ(host.start(Opcode::LeCreateConnection, ScriptedHost::connectionTo(kNormal)),
+    EXPECT_EQ(host.status(Opcode::LeCreateConnection, ScriptedHost::connectionTo(kNormal)),
               Status::ConnectionExists);
-    EXPECT_EQ(linkEnd(), Status::ConnectionTimeout);
+    EXPECT_EQ(host.linkEnd(), Status::ConnectionTimeout);
     host.connect(kNormal);
 }
 
@@ -122,22 +115,20 @@ TEST_F(ARemoteOnTheAir, EndsItsLinkOnlyAtTheTimeoutIfTheBoxHangsUpMeanwhile)
     host.connect(kNormal);
     host.pass(std::chrono::seconds(1));
     remote->leave();
-    EXPECT_EQ(host.start(Opcode::Disconnect, hci::Disconnect{host.handle(), Status::RemoteUserEnded}),
-              Status::Success);
-    EXPECT_FALSE(host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete,
-                                                        std::chrono::milliseconds(400)));
-    EXPECT_EQ(linkEnd(), Status::LocalHostEnded);
+    EXPECT_EQ(host.disconnect(), Status::Success);
+    EXPECT_FALSE(host.linkEnd(std::chrono::milliseconds(400)));
+    EXPECT_EQ(host.linkEnd(), Status::LocalHostEnded);
 }
 
 TEST_F(ARemoteOnTheAir, KeepsTheIntervalOfItsLink)
 {
     host.connect(kNormal);
-    const auto begin = host.clock().now();
+    const auto begin = host.scheduler().now();
     for (int i = 0; i < 10; ++i)
         EXPECT_EQ(host.ask("0a 1200"), "0b50");
     // A request with one event, its answer with the next, 30 ms apart.
-    EXPECT_GE(host.clock().now() - begin, std::chrono::milliseconds(570));
-    EXPECT_LE(host.clock().now() - begin, std::chrono::milliseconds(630));
+    EXPECT_GE(host.scheduler().now() - begin, std::chrono::milliseconds(570));
+    EXPECT_LE(host.scheduler().now() - begin, std::chrono::milliseconds(630));
 }
 
 TEST_F(ARemoteOnTheAir, AsksForTheParametersThatItsUpdateIsToldToUse)
@@ -147,13 +138,7 @@ TEST_F(ARemoteOnTheAir, AsksForTheParametersThatItsUpdateIsToldToUse)
     EXPECT_EQ(host.ask("12 1200 07 0600 1100 0000 f401"), "13");
     const auto request = host.awaitOn(Channel::Signaling);
     ASSERT_TRUE(request);
-    EXPECT_EQ(toHex(*request), "12"
-                               "01"
-                               "0800"
-                               "0600"
-                               "1100"
-                               "0000"
-                               "f401");
+    EXPECT_EQ(toHex(*request), "12010800060011000000f401");
     host.sendOn(Channel::Signaling, fromHex("13 01 0200 0000"));
     EXPECT_EQ(host.ask("0a 0300"), "0b" + toHex(std::string("BeeTgt")));
 }
@@ -162,10 +147,7 @@ TEST_F(ARemoteOnTheAir, RejectsWhatItIsAskedOnTheSignalingChannel)
 {
     host.connect(kNormal);
     host.sendOn(Channel::Signaling, fromHex("14 07 0a00 25001700170040000100"));
-    EXPECT_EQ(toHex(host.awaitOn(Channel::Signaling).value()), "01"
-                                                               "07"
-                                                               "0200"
-                                                               "0000");
+    EXPECT_EQ(toHex(host.awaitOn(Channel::Signaling).value()), "010702000000");
 }
 
 TEST_F(ARemoteOnTheAir, VanishesInTheMiddleOfAnUpdate)
@@ -179,7 +161,7 @@ TEST_F(ARemoteOnTheAir, VanishesInTheMiddleOfAnUpdate)
     EXPECT_EQ(host.ask("12 1500 " + std::string(40, '0')), "13");
     EXPECT_EQ(host.ask("12 1500 " + std::string(40, '0')), "13");
     EXPECT_EQ(host.ask("12 1500 " + std::string(40, '0')), "silence");
-    EXPECT_EQ(linkEnd(), Status::ConnectionTimeout);
+    EXPECT_EQ(host.linkEnd(), Status::ConnectionTimeout);
     EXPECT_TRUE(onAir().empty());
 }
 
@@ -193,58 +175,28 @@ TEST_F(ARemoteOnTheAir, IgnoresDataOnChannelsThatItDoesNotHave)
     EXPECT_EQ(host.ask("0a 1200"), "0b50");
 }
 
-namespace
+TEST_F(ARemoteOnTheAir, AsksForItsPreferredParametersASecondAfterTheConnection)
 {
-
-class ARemoteWithWishes : public ARemoteOnTheAir
-{
-protected:
-    ARemoteWithWishes() : ARemoteOnTheAir(wishes()) {}
-
-    static RadioOptions wishes()
-    {
-        RadioOptions options;
-        options.wishes = WishedParameters{12, 24, 10, 300};
-        return options;
-    }
-};
-
-class AHurriedAir : public testing::Test
-{
-protected:
-    static ControllerOptions hurried()
-    {
-        auto options = ScriptedHost::defaults();
-        options.pace = Pace::Hurried;
-        return options;
-    }
-};
-
-} // namespace
-
-TEST_F(ARemoteWithWishes, AsksForThemASecondAfterTheConnection)
-{
+    RadioOptions options;
+    options.preferredParameters = PreferredParameters{12, 24, 10, 300};
+    normal->setOptions(options);
     host.connect(kNormal);
     EXPECT_FALSE(host.awaitOn(Channel::Signaling, std::chrono::milliseconds(990)));
-    EXPECT_EQ(toHex(host.awaitOn(Channel::Signaling).value()), "12"
-                                                               "01"
-                                                               "0800"
-                                                               "0c00"
-                                                               "1800"
-                                                               "0a00"
-                                                               "2c01");
+    EXPECT_EQ(toHex(host.awaitOn(Channel::Signaling).value()), "120108000c0018000a002c01");
 }
 
-TEST_F(AHurriedAir, AnswersWithinMilliseconds)
+TEST(AHurriedAir, AnswersWithinMilliseconds)
 {
-    ScriptedHost host(hurried());
+    auto options = ScriptedHost::defaults();
+    options.pace = Pace::Hurried;
+    ScriptedHost host(options);
     const auto remote = Remote::create();
-    const auto radio = PeripheralRadio::create(host.clock(), host.air(), remote->normal());
+    const auto radio = PeripheralRadio::create(host.scheduler(), host.air(), remote->normal());
     host.setUp();
     host.connect(kNormal);
-    const auto begin = host.clock().now();
+    const auto begin = host.scheduler().now();
     EXPECT_EQ(host.ask("0a 1200"), "0b50");
-    EXPECT_LE(host.clock().now() - begin, std::chrono::milliseconds(3));
+    EXPECT_LE(host.scheduler().now() - begin, std::chrono::milliseconds(3));
 }
 
 // ---- packets in pieces

@@ -29,29 +29,29 @@ protected:
         peripheral.address = kRemote.text();
         peripheral.name = "VEXA RC";
         remote = std::make_shared<Peripheral>(peripheral);
-        radio = PeripheralRadio::create(host.clock(), host.air(), remote, options,
+        radio = PeripheralRadio::create(host.scheduler(), host.air(), remote, options,
                                         [this](const std::string& line) { events.push_back(line); });
+    }
+
+    void putOnAir(bool RadioOptions::*option)
+    {
+        RadioOptions options;
+        options.*option = !(options.*option);
+        putOnAir(options);
     }
 
     /// A fresh link, with what is remembered of the last one.
     void reconnect()
     {
         if (remote->connected()) {
-            EXPECT_EQ(
-                host.start(hci::Opcode::Disconnect, hci::Disconnect{host.handle(), Status::RemoteUserEnded}),
-                Status::Success);
-            EXPECT_TRUE(host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete));
+            EXPECT_EQ(host.disconnect(), Status::Success);
+            EXPECT_TRUE(host.linkEnd());
         }
         host.connect(radio->address());
     }
 
-    std::optional<Status> linkEnd()
-    {
-        const auto end = host.await<hci::DisconnectionComplete>(hci::EventCode::DisconnectionComplete);
-        return end ? std::optional<Status>(end->reason) : std::nullopt;
-    }
-
     ScriptedHost host;
+    Initiator initiator{host};
     std::shared_ptr<Peripheral> remote;
     std::shared_ptr<PeripheralRadio> radio;
     std::vector<std::string> events;
@@ -64,7 +64,6 @@ protected:
 TEST_F(APairing, WorksTheLegacyWay)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     EXPECT_EQ(initiator.request(false), "02030001100201");
     EXPECT_TRUE(initiator.commit());
     EXPECT_TRUE(initiator.open());
@@ -79,7 +78,6 @@ TEST_F(APairing, WorksTheLegacyWay)
 TEST_F(APairing, WorksWithSecureConnections)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     EXPECT_EQ(initiator.request(true), "02030009100200");
     EXPECT_TRUE(initiator.exchangeKeys());
     EXPECT_TRUE(initiator.exchangeRandoms());
@@ -92,11 +90,8 @@ TEST_F(APairing, WorksWithSecureConnections)
 
 TEST_F(APairing, FallsBackToLegacyWithARemoteThatKnowsNothingElse)
 {
-    RadioOptions options;
-    options.secureConnections = false;
-    putOnAir(options);
+    putOnAir(&RadioOptions::secureConnections);
     host.connect(kRemote);
-    Initiator initiator(host);
     EXPECT_EQ(initiator.request(true), "02030001100201");
     EXPECT_TRUE(initiator.commit());
     EXPECT_TRUE(initiator.open());
@@ -105,7 +100,6 @@ TEST_F(APairing, FallsBackToLegacyWithARemoteThatKnowsNothingElse)
 TEST_F(APairing, EndsAtOnceWhenNoKeysAreExchanged)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     EXPECT_EQ(initiator.request(true, 0, 0), "02030009100000");
     EXPECT_TRUE(initiator.exchangeKeys() && initiator.exchangeRandoms() && initiator.prove());
     EXPECT_EQ(initiator.encrypt(), Status::Success);
@@ -114,34 +108,23 @@ TEST_F(APairing, EndsAtOnceWhenNoKeysAreExchanged)
 
 // ---- the bond
 
-TEST_F(APairing, LeavesALegacyKeyForTheNextLink)
+TEST_F(APairing, LeavesAKeyForTheNextLink)
 {
-    host.connect(kRemote);
-    Initiator initiator(host);
-    initiator.pairLegacy();
-    reconnect();
-    EXPECT_EQ(initiator.encrypt(), Status::Success);
-}
-
-TEST_F(APairing, LeavesASecureKeyForTheNextLink)
-{
-    host.connect(kRemote);
-    Initiator initiator(host);
-    initiator.pairSecurely();
-    reconnect();
-    EXPECT_EQ(initiator.encrypt(), Status::Success);
+    for (const auto pair : {&Initiator::pairLegacy, &Initiator::pairSecurely}) {
+        reconnect();
+        Initiator fresh(host);
+        (fresh.*pair)();
+        reconnect();
+        EXPECT_EQ(fresh.encrypt(), Status::Success);
+    }
 }
 
 TEST_F(APairing, RefreshesTheKeyOfALinkThatIsEncryptedAlready)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.pairLegacy();
-    EXPECT_EQ(host.start(hci::Opcode::LeStartEncryption,
-                         hci::StartEncryption{host.handle(), initiator.random, initiator.diversifier,
-                                              initiator.key}),
-              Status::Success);
-    const auto refresh = host.await<hci::KeyRefreshComplete>(hci::EventCode::EncryptionKeyRefreshComplete);
+    initiator.startEncryption();
+    const auto refresh = host.await<hci::KeyRefreshComplete>();
     ASSERT_TRUE(refresh);
     EXPECT_EQ(refresh->status, Status::Success);
 }
@@ -149,7 +132,6 @@ TEST_F(APairing, RefreshesTheKeyOfALinkThatIsEncryptedAlready)
 TEST_F(APairing, KnowsNoKeyBeforehand)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     EXPECT_EQ(initiator.encrypt(), Status::KeyMissing);
     EXPECT_EQ(events.back(), "C0:FF:EE:00:00:01: asked to encrypt with a key that it doesn't know");
 }
@@ -157,7 +139,6 @@ TEST_F(APairing, KnowsNoKeyBeforehand)
 TEST_F(APairing, IsForgottenByARemoteThatLosesItsBond)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.pairSecurely();
     remote->setForgotBond(true);
     reconnect();
@@ -172,34 +153,29 @@ TEST_F(APairing, IsForgottenByARemoteThatLosesItsBond)
 TEST_F(APairing, EndsTheLinkWhenTheKeysDiffer)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.pairLegacy();
     reconnect();
     initiator.key[0] ^= 1;
-    EXPECT_EQ(host.start(hci::Opcode::LeStartEncryption,
-                         hci::StartEncryption{host.handle(), initiator.random, initiator.diversifier,
-                                              initiator.key}),
-              Status::Success);
-    EXPECT_EQ(linkEnd(), Status::MicFailure);
+    initiator.startEncryption();
+    EXPECT_EQ(host.linkEnd(), Status::MicFailure);
 }
 
 TEST_F(APairing, IsUnknownUnderOtherNumbers)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.pairLegacy();
     reconnect();
     initiator.diversifier ^= 1;
     EXPECT_EQ(initiator.encrypt(), Status::KeyMissing);
 }
 
-// ---- the peripheral's moods
+// ---- how the peripheral behaves
 
 TEST_F(APairing, IsRefused)
 {
     remote->setPairing(Peripheral::Pairing::Refuses);
     host.connect(kRemote);
-    EXPECT_EQ(Initiator(host).request(true), "0505");
+    EXPECT_EQ(initiator.request(true), "0505");
     EXPECT_FALSE(remote->paired());
 }
 
@@ -207,7 +183,7 @@ TEST_F(APairing, IsMetWithSilence)
 {
     remote->setPairing(Peripheral::Pairing::Silent);
     host.connect(kRemote);
-    EXPECT_EQ(Initiator(host).request(true), "silence");
+    EXPECT_EQ(initiator.request(true), "silence");
     EXPECT_TRUE(remote->connected());
 }
 
@@ -215,25 +191,23 @@ TEST_F(APairing, CostsTheLink)
 {
     remote->setPairing(Peripheral::Pairing::DropsLink);
     host.connect(kRemote);
-    EXPECT_EQ(Initiator(host).request(true), "silence");
-    EXPECT_EQ(linkEnd(), Status::ConnectionTimeout);
+    EXPECT_EQ(initiator.request(true), "silence");
+    EXPECT_EQ(host.linkEnd(), Status::ConnectionTimeout);
 }
 
 TEST_F(APairing, IsRefusedTheSecondTimeIfTheRemoteIsToldSo)
 {
-    RadioOptions options;
-    options.refusesRepeated = true;
-    putOnAir(options);
+    putOnAir(&RadioOptions::refusesRepeated);
     host.connect(kRemote);
-    Initiator(host).pairSecurely();
+    initiator.pairSecurely();
     reconnect();
-    EXPECT_EQ(Initiator(host).request(true), "0509");
+    EXPECT_EQ(initiator.request(true), "0509");
 }
 
 TEST_F(APairing, MayBeRepeated)
 {
     host.connect(kRemote);
-    Initiator(host).pairSecurely();
+    initiator.pairSecurely();
     reconnect();
     Initiator again(host);
     again.pairLegacy();
@@ -243,9 +217,7 @@ TEST_F(APairing, MayBeRepeated)
 
 TEST_F(APairing, FailsAtTheProofIfTheRemoteIsToldSo)
 {
-    RadioOptions options;
-    options.failsConfirm = true;
-    putOnAir(options);
+    putOnAir(&RadioOptions::failsConfirm);
     host.connect(kRemote);
     Initiator secure(host);
     secure.request(true);
@@ -261,18 +233,16 @@ TEST_F(APairing, TakesAsLongAsTheRemotesAnswers)
 {
     remote->setAnswerDelay(std::chrono::milliseconds(700));
     host.connect(kRemote);
-    const auto before = host.clock().now();
-    EXPECT_EQ(Initiator(host).request(false), "02030001100201");
-    EXPECT_GE(host.clock().now() - before, std::chrono::milliseconds(700));
+    const auto before = host.scheduler().now();
+    EXPECT_EQ(initiator.request(false), "02030001100201");
+    EXPECT_GE(host.scheduler().now() - before, std::chrono::milliseconds(700));
 }
 
 TEST_F(APairing, IsAskedForByARemoteThatWantsIt)
 {
-    RadioOptions options;
-    options.asksForSecurity = true;
-    putOnAir(options);
+    putOnAir(&RadioOptions::asksForSecurity);
     host.connect(kRemote);
-    EXPECT_EQ(Initiator(host).next(), "0b09");
+    EXPECT_EQ(initiator.next(), "0b09");
 }
 
 // ---- the initiator's mistakes
@@ -280,7 +250,6 @@ TEST_F(APairing, IsAskedForByARemoteThatWantsIt)
 TEST_F(APairing, FailsWhenTheInitiatorsCommitmentDoesNotOpen)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.request(false);
     EXPECT_TRUE(initiator.commit());
     EXPECT_EQ(initiator.exchange(Initiator::packet(0x04, {})), "0504");
@@ -289,7 +258,6 @@ TEST_F(APairing, FailsWhenTheInitiatorsCommitmentDoesNotOpen)
 TEST_F(APairing, FailsWhenTheInitiatorsProofIsWrong)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.request(true);
     EXPECT_TRUE(initiator.exchangeKeys() && initiator.exchangeRandoms());
     EXPECT_EQ(initiator.exchange(Initiator::packet(0x0d, {})), "050b");
@@ -299,7 +267,6 @@ TEST_F(APairing, FailsWhenTheInitiatorsProofIsWrong)
 TEST_F(APairing, FailsWhenThePublicKeyIsOffTheCurve)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.request(true);
     EXPECT_EQ(initiator.exchange(Bytes{0x0c} + Bytes(64, 1)), "050a");
 }
@@ -307,7 +274,6 @@ TEST_F(APairing, FailsWhenThePublicKeyIsOffTheCurve)
 TEST_F(APairing, FailsOnAShortKeyAMalformedRequestAndAStepOutOfOrder)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     EXPECT_EQ(initiator.exchange(fromHex("01030001070000")), "0506");
     EXPECT_EQ(initiator.exchange(fromHex("0103000110")), "050a");
     initiator.request(false);
@@ -317,7 +283,6 @@ TEST_F(APairing, FailsOnAShortKeyAMalformedRequestAndAStepOutOfOrder)
 TEST_F(APairing, IsGivenUpAfterHalfAMinute)
 {
     host.connect(kRemote);
-    Initiator initiator(host);
     initiator.request(false);
     host.pass(std::chrono::seconds(31));
     initiator.exchange(Initiator::packet(0x03, {}));
@@ -328,14 +293,11 @@ TEST_F(APairing, IsGivenUpAfterHalfAMinute)
 
 TEST_F(APairing, RevealsWhoIsBehindAPrivateAddress)
 {
-    RadioOptions options;
-    options.privateAddress = true;
-    putOnAir(options);
+    putOnAir(&RadioOptions::privateAddress);
     const Address first = radio->address();
     EXPECT_EQ(first.kind, AddressKind::Random);
     EXPECT_EQ(first.octets[5] & 0xc0, 0x40);
     host.connect(first);
-    Initiator initiator(host);
     initiator.pairSecurely();
     EXPECT_EQ(initiator.identity, kRemote);
 

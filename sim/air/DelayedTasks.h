@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sim/model/Scheduler.h"
+
+#include <list>
+
+namespace vexasim::air
+{
+
+/// Delayed tasks that are cancelled when their owner goes. One thread.
+class DelayedTasks
+{
+public:
+    explicit DelayedTasks(Scheduler& scheduler) : mScheduler(scheduler) {}
+
+    /// Runs the task at once without a delay, else later.
+    void after(std::chrono::milliseconds delay, Scheduler::Task task)
+    {
+        mTimers.remove_if([](const Timer& timer) { return !timer.running(); });
+        if (delay.count() == 0)
+            return task();
+        mTimers.emplace_back(mScheduler).start(delay, std::move(task));
+    }
+
+private:
+    Scheduler& mScheduler;
+    std::list<Timer> mTimers;
+};
+
+} // namespace vexasim::air
