@@ -250,16 +250,6 @@ Arrangement both(const Arrangement& first, const Arrangement& second)
     };
 }
 
-void loseAdapterAlone(Box& box)
-{
-    const std::string path = box.sim().adapterPath();
-    // The object stays for as long as it has an interface.
-    for (const char* interface :
-         {"org.bluez.Adapter1", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"}) {
-        box.sim().removeInterface(path, interface);
-    }
-}
-
 Arrangement with(UpdateStep step, const std::function<void(UpdateFault&)>& edit)
 {
     UpdateFault fault;

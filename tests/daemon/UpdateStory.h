@@ -96,8 +96,6 @@ Lines sentIn(const Lines& exchange);
 using Arrangement = std::function<void(Box&)>;
 Arrangement both(const Arrangement& first, const Arrangement& second);
 Arrangement with(vexasim::UpdateStep step, const std::function<void(vexasim::UpdateFault&)>& edit);
-/// BlueZ tells that the adapter has gone, and nothing of the remote yet.
-void loseAdapterAlone(Box& box);
 /// The write itself is refused.
 Arrangement refused(vexasim::UpdateStep step);
 /// The command is carried out and not answered.

@@ -245,7 +245,7 @@ void removeAddress(Box& box)
 INSTANTIATE_TEST_SUITE_P(Its, ABoxThatLacks,
                          ::testing::Values(Lack{{"UpdateSwitch"}, removeSwitch},
                                            Lack{{"RemotesAddress"}, removeAddress},
-                                           Lack{{"Adapter"}, loseAdapterAlone}),
+                                           Lack{{"Adapter"}, [](Box& box) { box.loseAdapterAlone(); }}),
                          named);
 
 TEST_F(AnOfferedImage, IsRefusedWithoutARemote)

@@ -273,7 +273,7 @@ TEST_F(AFailingUpdate, LosesTheAdapterBeforeTheScan)
     offer(image);
     ASSERT_TRUE(box.sim().awaitCall("WriteValue", path, 1, kPatience));
 
-    loseAdapterAlone(box);
+    box.loseAdapterAlone();
 
     expectFailure(image, {"E Setting scan to ON failed"}, {});
 }
@@ -284,7 +284,7 @@ TEST_F(AFailingUpdate, LosesTheAdapterWhileItConnects)
     offer(image);
     ASSERT_TRUE(box.sim().awaitCall("Connect", box.sim().updateDevicePath(), 1, kPatience));
 
-    loseAdapterAlone(box);
+    box.loseAdapterAlone();
 
     expectFailure(image, {"E Setting scan to OFF failed"}, {});
     EXPECT_THAT(exchange(), ElementsAreArray({"> switch 01"}));

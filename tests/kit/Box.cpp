@@ -227,6 +227,16 @@ std::string Box::pathOf(const std::string& uuid)
     return mSimulator->pathOf(*remote().normal(), uuid);
 }
 
+void Box::loseAdapterAlone()
+{
+    const std::string path = mSimulator->adapterPath();
+    // The object stays for as long as it has an interface.
+    for (const char* interface :
+         {"org.bluez.Adapter1", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"}) {
+        mSimulator->removeInterface(path, interface);
+    }
+}
+
 bool Box::callAsAnother(const std::string& path, const std::string& interface, const std::string& member)
 {
     return mAnother->call(path, interface + "." + member).error.empty();

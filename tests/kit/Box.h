@@ -89,6 +89,8 @@ public:
     /// Another program of the box connects it; returns when its services are known.
     void connectRemote();
     void disconnectRemote();
+    /// BlueZ tells that the adapter has gone, and nothing of its devices yet.
+    void loseAdapterAlone();
     /// A call of another program of the box. Returns whether it was answered well.
     bool callAsAnother(const std::string& path, const std::string& interface, const std::string& member);
 
