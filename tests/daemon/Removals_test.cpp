@@ -23,10 +23,11 @@ namespace
 {
 
 constexpr auto kCallTakes = 300ms;
+constexpr auto kLongCall = 2s * kSlowness;
 constexpr int kRounds = 2;
 
 const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
-const std::string kVersionUuid = "0000ffd3-0000-1000-8000-00805f9b34fb";
+const std::string kOther = "/org/bluez/hci0/dev_C0_FF_EE_00_00_02";
 
 class ARemovalDuringACall : public InABox
 {
@@ -47,6 +48,13 @@ protected:
         box.clock().advance(600ms);
     }
 };
+
+void startDisconnected(Box& box)
+{
+    box.remote().leave();
+    ASSERT_TRUE(box.startAndSkipWait());
+    ASSERT_TRUE(box.awaitStatus("disconnected"));
+}
 
 // ---- the remote
 
@@ -94,9 +102,7 @@ protected:
 
     void keepConnecting(int rounds)
     {
-        box.remote().leave();
-        ASSERT_TRUE(box.startAndSkipWait());
-        ASSERT_TRUE(box.awaitStatus("disconnected"));
+        startDisconnected(box);
         for (int round = 0; round < rounds && !HasFailure(); ++round) {
             SCOPED_TRACE(round);
             slowDown("Connect");
@@ -145,16 +151,17 @@ TEST_P(ARemoteThatGoesForLong, IsKeptEachTime)
 INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesForLong, ::testing::ValuesIn(kWays),
                          [](const auto& test) { return std::string(test.param.name); });
 
-// ---- its characteristics
+// ---- what goes within a step isn't asked any more, nor asked about
 
 TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoes)
 {
     ASSERT_TRUE(box.startConnected());
-    const std::string version = box.pathOf(kVersionUuid);
-    slowDown("ReadValue");
+    const std::string version = box.pathOf(vexasim::uuid::kVersion);
+    slowDown("ReadValue", kLongCall);
     box.clock().advance(16s);
     awaitCallOf("ReadValue");
     box.sim().removeObject(version);
+    ASSERT_TRUE(box.clock().awaitHandlerWaiting());
     ASSERT_TRUE(box.awaitPasses(2));
 
     EXPECT_TRUE(box.files().await("bluetooth_rc_battery", "80"));
@@ -162,27 +169,71 @@ TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoe
     EXPECT_NO_LOG(box, ERROR, "Bluez", "No proxy found for characteristic " + version);
 }
 
+TEST_F(ARemovalDuringACall, KeepsTheBatteryFromBeingReadOnceItsCharacteristicGoes)
+{
+    constexpr unsigned kLastReading = 3; // the pass was due, its beginning is noted, then this
+    ASSERT_TRUE(box.startConnected());
+    ASSERT_TRUE(box.stopClock());
+    const std::string level = box.pathOf(vexasim::uuid::kBatteryLevel);
+    box.sim().removeObject(box.pathOf(vexasim::uuid::kClientConfiguration)); // it would go first
+    ASSERT_TRUE(box.awaitEvents());
+    box.clock().advanceAndHold(16s, kLastReading);
+    ASSERT_TRUE(box.clock().awaitHeld());
+    box.sim().removeObject(level);
+    ASSERT_TRUE(box.clock().awaitHandlerWaiting());
+    box.clock().letGo();
+
+    EXPECT_TRUE(box.sim().awaitCall("ReadValue", box.pathOf(vexasim::uuid::kVersion), 1, kPatience));
+    EXPECT_THAT(box.sim().calls("ReadValue", level), IsEmpty());
+}
+
+TEST_F(ARemovalDuringACall, KeepsAnAdapterThatGoesFromBeingAskedForTheNextDevice)
+{
+    startDisconnected(box);
+    box.sim().addObject(kOther, deviceObject("TV", "C0:FF:EE:00:00:02", false, false));
+    ASSERT_TRUE(box.awaitEvents());
+    slowDown("RemoveDevice", kLongCall);
+    box.setFlag("reset");
+    ASSERT_TRUE(box.sim().awaitCall("RemoveDevice", "", 1, kPatience));
+    box.loseAdapterAlone();
+    ASSERT_TRUE(box.clock().awaitHandlerWaiting());
+
+    EXPECT_LOG(box, INFO, "main", "Removing device " + kOther);
+    EXPECT_LOG(box, ERROR, "main", "Switching scan on failed");
+    EXPECT_EQ(box.sim().calls("RemoveDevice").size(), 1U);
+}
+
+TEST_F(ARemovalDuringACall, KeepsARemoteThatGoesAtTheScansEndFromBeingPaired)
+{
+    ASSERT_TRUE(box.startConnected());
+    slowDown("StopDiscovery", kLongCall);
+    box.setFlag("reset");
+    ASSERT_TRUE(box.sim().awaitCall("StopDiscovery", "", 1, kPatience));
+    box.sim().removeObject(kRemote);
+    ASSERT_TRUE(box.clock().awaitHandlerWaiting());
+
+    EXPECT_LOG(box, WARN, "main", "VEXA RC not found");
+    EXPECT_THAT(box.sim().calls("Pair"), IsEmpty());
+}
+
 // ---- a handler that waits for the lock
 
 TEST_F(ARemovalDuringACall, LetsAHandlerThatWaitsGoBeforeTheNextPass)
 {
-    const std::string other = "/org/bluez/hci0/dev_C0_FF_EE_00_00_02";
-    box.remote().leave();
-    ASSERT_TRUE(box.startAndSkipWait());
-    ASSERT_TRUE(box.awaitStatus("disconnected"));
-    slowDown("Connect", 2s * kSlowness);
+    startDisconnected(box);
+    slowDown("Connect", kLongCall);
     box.setFlag("pair");
     awaitCallOf("Connect");
-    box.sim().addObject(other, deviceObject("VEXA Two", "C0:FF:EE:00:00:02", false, false));
-    ASSERT_LOG(box, DEBUG, "main", "Device: + " + other);
+    box.sim().addObject(kOther, deviceObject("VEXA Two", "C0:FF:EE:00:00:02", false, false));
+    ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
     ASSERT_LOG(box, WARN, "main", "Removing failed to pair device");
 
     // The pass behind the call already saw the remote that was announced during it.
     const std::vector<std::string> log = box.logOf("main", TRACE);
-    const auto found = std::find(log.begin(), log.end(), "D RC found VEXA Two : " + other);
+    const auto found = std::find(log.begin(), log.end(), "D RC found VEXA Two : " + kOther);
     ASSERT_NE(found, log.end());
     EXPECT_THAT(std::vector<std::string>(found, log.end()), Not(Contains("T Do Action_eDoNothing")));
-    const auto announced = std::find(log.begin(), log.end(), "D Device: + " + other);
+    const auto announced = std::find(log.begin(), log.end(), "D Device: + " + kOther);
     EXPECT_THAT(std::vector<std::string>(announced, found), Not(Contains("T Do Action_eDoNothing")));
 }
 

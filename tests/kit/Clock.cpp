@@ -82,14 +82,39 @@ void Clock::advanceAndHold(Duration duration, unsigned look)
     mPage->stoppedAtNs.fetch_add(duration.count());
 }
 
+bool Clock::awaitSet(const std::atomic<int64_t>& field)
+{
+    return eventually([&field] { return field.load() != 0; });
+}
+
 bool Clock::awaitHeld() const
 {
-    return eventually([this] { return mPage->held.load() != 0; });
+    return awaitSet(mPage->held);
 }
 
 void Clock::letGo()
 {
     mPage->holdAtNs.store(0);
+}
+
+bool Clock::awaitHandlerWaiting() const
+{
+    return awaitSet(mPage->handlerWaits);
+}
+
+void Clock::holdRemovals()
+{
+    mPage->holdRemovals.store(1);
+}
+
+bool Clock::awaitRemovalHeld() const
+{
+    return awaitSet(mPage->removalHeld);
+}
+
+void Clock::letRemovalsGo()
+{
+    mPage->holdRemovals.store(0);
 }
 
 void Clock::stepWallClock(std::chrono::microseconds step)

@@ -9,8 +9,8 @@
 namespace kit
 {
 
-/// The clocks of the program in the box. Only what the program's own code reads
-/// is moved; GLib's timers, sleeps and waits on conditions keep the true time.
+/// The clocks of the program in the box, and the places where a test holds its threads. Only what the
+/// program's own code reads is moved; GLib's timers, sleeps and waits on conditions keep the true time.
 class Clock
 {
 public:
@@ -37,10 +37,22 @@ public:
     /// Until the main thread stands there.
     bool awaitHeld() const;
     void letGo();
+
+    // With Room::slowHandlers().
+    /// Until a handler waits for a lock that the main thread holds.
+    bool awaitHandlerWaiting() const;
+    /// From now on a removal is held when it has erased its object, before anybody hears of it.
+    void holdRemovals();
+    /// Until one stands there.
+    bool awaitRemovalHeld() const;
+    void letRemovalsGo();
+
     /// Steps the wall clock alone, as a correction of the time of day does.
     void stepWallClock(std::chrono::microseconds step);
 
 private:
+    static bool awaitSet(const std::atomic<int64_t>& field);
+
     ClockPage* mPage = nullptr;
 };
 
