@@ -151,6 +151,161 @@ TEST_P(ARemoteThatGoesForLong, IsKeptEachTime)
 INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesForLong, ::testing::ValuesIn(kWays),
                          [](const auto& test) { return std::string(test.param.name); });
 
+// ---- a removal that has erased its object, and of which the daemon hears only behind one of its steps
+
+struct Step {
+    const char* name;
+    void (*reach)(Box& box); ///< up to the step
+    void (*lose)(Box& box) = nullptr;
+    void (*seeThrough)(Box& box) = nullptr;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Step& step)
+{
+    return stream << step.name;
+}
+
+class ALateRemoval : public ARemovalDuringACall, public ::testing::WithParamInterface<Step>
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_NO_FATAL_FAILURE(GetParam().reach(box));
+        box.clock().holdRemovals();
+        GetParam().lose(box);
+        ASSERT_TRUE(box.clock().awaitRemovalHeld());
+        ASSERT_NO_FATAL_FAILURE(GetParam().seeThrough(box));
+        box.clock().letRemovalsGo();
+        ASSERT_TRUE(box.awaitEvents());
+        box.sim().clearCalls();
+    }
+};
+
+void unpair(Box& box)
+{
+    box.sim().setProperty(kRemote, "org.bluez.Device1", "Paired", g_variant_new_boolean(FALSE));
+}
+
+void loseRemote(Box& box)
+{
+    box.sim().removeObject(kRemote);
+}
+
+void loseAdapter(Box& box)
+{
+    box.loseAdapterAlone();
+}
+
+void seePassThrough(Box& box)
+{
+    ASSERT_TRUE(box.awaitPasses(1));
+}
+
+// Up to the look at the back-off, behind which the remote is connected.
+void reachReconnection(Box& box)
+{
+    constexpr unsigned kBackOff = 3; // the pass was due, its beginning is noted, then this
+    startDisconnected(box);
+    ASSERT_TRUE(box.stopClock());
+    box.clock().advanceAndHold(1h, kBackOff);
+    ASSERT_TRUE(box.clock().awaitHeld());
+}
+
+void loseRemoteBeforeItIsConnected(Box& box)
+{
+    loseRemote(box);
+    ASSERT_TRUE(box.clock().awaitHandlerWaiting());
+    box.clock().letGo();
+}
+
+void seeReconnectionThrough(Box& box)
+{
+    ASSERT_LOG(box, INFO, "main", "Trying to connect to C0:FF:EE:00:00:01");
+    ASSERT_TRUE(box.program().awaitMainThreadInUsleep());
+    box.clock().run();
+}
+
+using ARemoteWithALateRemoval = ALateRemoval;
+
+TEST_P(ARemoteWithALateRemoval, IsKeptWhenItComesBack)
+{
+    addBonded(box.sim());
+
+    ASSERT_TRUE(box.awaitPasses(2));
+    EXPECT_THAT(box.busCalls({"RemoveDevice"}), IsEmpty());
+    EXPECT_TRUE(box.awaitStatus("disconnected"));
+}
+
+const Step kStepsWithTheRemote[] = {
+    {"TheStartsConnection",
+     [](Box& box) {
+         box.remote().leave();
+         box.startDaemon();
+         ASSERT_TRUE(box.sim().awaitCall("Connect", "", 1, kPatience));
+     },
+     loseRemote, [](Box& box) { ASSERT_LOG(box, DEBUG, "main", "process loop start"); }},
+    {"AnIdlePass", startDisconnected, loseRemote, seePassThrough},
+    {"AReconnection", reachReconnection, loseRemoteBeforeItIsConnected, seeReconnectionThrough},
+};
+
+INSTANTIATE_TEST_SUITE_P(Behind, ARemoteWithALateRemoval, ::testing::ValuesIn(kStepsWithTheRemote),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+using AnAdapterWithALateRemoval = ALateRemoval;
+
+TEST_P(AnAdapterWithALateRemoval, ScansWhenItComesBack)
+{
+    const std::string path = box.sim().adapterPath();
+    box.sim().addInterface(path, "org.bluez.Adapter1", {{"Powered", g_variant_new_boolean(TRUE)}});
+    ASSERT_LOG(box, DEBUG, "main", "Adapter: + " + path);
+
+    box.setFlag("reset");
+
+    EXPECT_TRUE(box.sim().awaitCall("StartDiscovery", path, 1, kPatience));
+}
+
+const Step kStepsWithTheAdapter[] = {
+    {"ItsPowering",
+     [](Box& box) {
+         box.sim().bend(Bend::error("Set", "org.bluez.Error.Failed")); // so it is looked for again at once
+         box.startDaemon();
+         ASSERT_TRUE(box.sim().awaitCall("Set", "", 1, kPatience));
+     },
+     loseAdapter,
+     [](Box& box) {
+         const auto asked = static_cast<unsigned>(box.sim().calls("Set").size());
+         ASSERT_TRUE(box.sim().awaitCall("Set", "", asked + 2, kPatience));
+         box.sim().clearBends();
+     }},
+    {"TheRemovalOfAnUnpairedRemote",
+     [](Box& box) {
+         startDisconnected(box);
+         box.sim().bend(Bend::error("RemoveDevice", "org.bluez.Error.Failed"));
+         unpair(box);
+         ASSERT_TRUE(box.sim().awaitCall("RemoveDevice", "", 1, kPatience));
+     },
+     loseAdapter, seePassThrough},
+    {"ThePairingsBeginning", startDisconnected, loseAdapter,
+     [](Box& box) {
+         box.setFlag("reset");
+         ASSERT_LOG(box, ERROR, "main", "Switching scan on failed");
+     }},
+    {"TheScansEnd",
+     [](Box& box) {
+         startDisconnected(box);
+         box.setFlag("reset");
+         ASSERT_TRUE(box.awaitWaitAt("scanning"));
+     },
+     loseAdapter,
+     [](Box& box) {
+         box.clock().advance(60s);
+         ASSERT_LOG(box, ERROR, "main", "Switching scan off failed");
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Behind, AnAdapterWithALateRemoval, ::testing::ValuesIn(kStepsWithTheAdapter),
+                         [](const auto& test) { return std::string(test.param.name); });
+
 // ---- what goes within a step isn't asked any more, nor asked about
 
 TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoes)
