@@ -306,6 +306,80 @@ const Step kStepsWithTheAdapter[] = {
 INSTANTIATE_TEST_SUITE_P(Behind, AnAdapterWithALateRemoval, ::testing::ValuesIn(kStepsWithTheAdapter),
                          [](const auto& test) { return std::string(test.param.name); });
 
+// ---- an object that goes while the daemon looks paths up, or stands in a call
+
+class AStepWithPaths : public ARemovalDuringACall, public ::testing::WithParamInterface<Step>
+{
+};
+
+TEST_P(AStepWithPaths, KeepsObjectsFromBeingErased)
+{
+    const std::string any = "/org/bluez/hci9";
+    box.sim().addObject(any, {{"org.bluez.Adapter1", {}}});
+    ASSERT_NO_FATAL_FAILURE(GetParam().reach(box));
+    box.clock().holdRemovals();
+
+    box.sim().removeObject(any);
+
+    EXPECT_TRUE(box.clock().awaitHandlerWaiting()) << "it has been erased";
+}
+
+// In a call that isn't answered, for which `ask` has the daemon.
+void askInVain(Box& box, const std::string& member, const std::function<void()>& ask)
+{
+    box.sim().bend(Bend::silence(member));
+    box.sim().clearCalls();
+    ask();
+    ASSERT_TRUE(box.sim().awaitCall(member, "", 1, kPatience));
+}
+
+void pairInVain(Box& box, const std::string& member)
+{
+    askInVain(box, member, [&box] { box.setFlag("reset"); });
+}
+
+const Step kStepsWithPaths[] = {
+    {"TheStartsConnection",
+     [](Box& box) {
+         box.remote().leave();
+         askInVain(box, "Connect", [&box] { box.startDaemon(); });
+     }},
+    {"TheBackOff", reachReconnection},
+    {"AReconnection",
+     [](Box& box) {
+         startDisconnected(box);
+         askInVain(box, "Connect", [&box] { box.setFlag("pair"); });
+     }},
+    {"TheRemovalOfAnUnpairedRemote",
+     [](Box& box) {
+         startDisconnected(box);
+         askInVain(box, "RemoveDevice", [&box] { unpair(box); });
+     }},
+    {"TheRemovalOfAllDevices",
+     [](Box& box) {
+         startDisconnected(box);
+         pairInVain(box, "RemoveDevice");
+     }},
+    {"TheScansBeginning",
+     [](Box& box) {
+         startDisconnected(box);
+         pairInVain(box, "StartDiscovery");
+     }},
+    {"TheScansEnd",
+     [](Box& box) {
+         ASSERT_TRUE(box.startConnected());
+         pairInVain(box, "StopDiscovery");
+     }},
+    {"TheReadings",
+     [](Box& box) {
+         ASSERT_TRUE(box.startConnected());
+         askInVain(box, "ReadValue", [&box] { box.clock().advance(16s); });
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Steps, AStepWithPaths, ::testing::ValuesIn(kStepsWithPaths),
+                         [](const auto& test) { return std::string(test.param.name); });
+
 // ---- what goes within a step isn't asked any more, nor asked about
 
 TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoes)
