@@ -227,6 +227,19 @@ INSTANTIATE_TEST_SUITE_P(
                       PairingWait{{"IsForAnAnswer"}, leavePollUnanswered, "scanning", "'Paired'"}),
     named);
 
+// Unlike the calls below, this one is made without the lock.
+TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItPowersItsAdapter)
+{
+    box.sim().bend(Bend::silence("Set"));
+    box.startDaemon();
+    ASSERT_TRUE(box.sim().awaitCall("Set", "", 1, kPatience));
+    box.interrupt();
+    ASSERT_LOG(box, WARN, "main", "Interrupt!");
+    box.interrupt();
+
+    EXPECT_EQ(box.awaitExit(), Exit::with(1));
+}
+
 TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForItsClientsEnd)
 {
     ASSERT_TRUE(box.startToIdle());
