@@ -14,8 +14,10 @@
 #include <functional>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -391,16 +393,20 @@ class ASecondUpdate : public AnUpdate
 protected:
     // The remote shows up in its update mode at once and stays in normal mode too.
     ASecondUpdate() { mOptions.remote.switchTime = 1h; }
+
+    void SetUp() override
+    {
+        AnUpdate::SetUp();
+        vexasim::UpdateAppearance early;
+        early.beforeScan = true;
+        remote().setUpdateAppearance(early);
+        mSimulator->bend(Bend::error("Connect", "org.bluez.Error.Failed"));
+        ASSERT_FALSE(update(FirmwareImage::ofWords(5)));
+    }
 };
 
 TEST_F(ASecondUpdate, OnOneUpdaterEndsInAFutureError)
 {
-    vexasim::UpdateAppearance early;
-    early.beforeScan = true;
-    remote().setUpdateAppearance(early);
-    mSimulator->bend(Bend::error("Connect", "org.bluez.Error.Failed"));
-    EXPECT_FALSE(update(FirmwareImage::ofWords(5)));
-
     EXPECT_FALSE(mUpdater->update());
 
     EXPECT_THAT(
@@ -410,6 +416,17 @@ TEST_F(ASecondUpdate, OnOneUpdaterEndsInAFutureError)
                         std::string{std::future_error{std::future_errc::future_already_retrieved}.what()}));
     EXPECT_EQ(2U, mSimulator->calls("StartDiscovery").size()) << "the steps before are repeated";
     EXPECT_EQ(1U, mSimulator->calls("Connect").size());
+}
+
+TEST_F(ASecondUpdate, TellsAFailureThatComesBeforeTheFutures)
+{
+    UpdateFault refusal;
+    refusal.refuse = vexasim::att::kUnlikelyError;
+    receiver().setFault(UpdateStep::Switch, refusal);
+
+    EXPECT_FALSE(mUpdater->update());
+
+    EXPECT_THAT(failures(), ElementsAre("E Failed to send connect request", "E Write RESET failed"));
 }
 
 // ---------------------------------------------------------------------- Signals at the update's thread
@@ -491,6 +508,52 @@ TEST_F(AnUpdateThatIsOver, EndsInSilenceAndLeavesTheLinkIfItFailed)
     const auto connected =
         mSimulator->property(mSimulator->updateDevicePath(), "org.bluez.Device1", "Connected");
     EXPECT_EQ("true", connected.text());
+}
+
+// --- no thread at all ---
+
+/// No thread can be started as long as this lives: its stack wouldn't fit into the address space.
+class ThreadsRefused
+{
+public:
+    ThreadsRefused()
+    {
+        constexpr std::size_t kTooLarge = std::size_t{1} << 60U;
+        pthread_getattr_default_np(&mBefore);
+        pthread_attr_t large;
+        pthread_getattr_default_np(&large);
+        pthread_attr_setstacksize(&large, kTooLarge);
+        pthread_setattr_default_np(&large);
+        pthread_attr_destroy(&large);
+    }
+    ~ThreadsRefused()
+    {
+        pthread_setattr_default_np(&mBefore);
+        pthread_attr_destroy(&mBefore);
+    }
+    ThreadsRefused(const ThreadsRefused&) = delete;
+    ThreadsRefused& operator=(const ThreadsRefused&) = delete;
+
+private:
+    pthread_attr_t mBefore{};
+};
+
+TEST_F(AnUpdate, LeavesItsCallerTheErrorOfAThreadThatCantBeStarted)
+{
+    ASSERT_TRUE(create(FirmwareImage::ofWords(5)));
+    std::error_code error;
+    {
+        const ThreadsRefused refused;
+        try {
+            mUpdater->update();
+        } catch (const std::system_error& caught) {
+            error = caught.code();
+        }
+    }
+
+    EXPECT_EQ(std::errc::resource_unavailable_try_again, error);
+    EXPECT_THAT(receiver().packets(), IsEmpty());
+    EXPECT_THAT(failures(), IsEmpty());
 }
 
 } // namespace
