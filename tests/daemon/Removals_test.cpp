@@ -4,6 +4,7 @@
 // the remote would be removed with its bond.
 
 #include "tests/kit/Box.h"
+#include "tests/kit/NamedCase.h"
 #include "tests/kit/Objects.h"
 
 #include <gmock/gmock.h>
@@ -58,16 +59,10 @@ void startDisconnected(Box& box)
 
 // ---- the remote
 
-struct Way {
-    const char* name;
+struct Way : NamedCase {
     std::function<void(Simulator&)> go;
     std::function<void(Simulator&)> comeBack;
 };
-
-std::ostream& operator<<(std::ostream& stream, const Way& way)
-{
-    return stream << way.name;
-}
 
 void start(Simulator& sim)
 {
@@ -81,10 +76,11 @@ void addBonded(Simulator& sim)
 }
 
 const Way kWays[] = {
-    {"Restart", [](Simulator& sim) { sim.stopService(Simulator::Stop::Terminate); }, start},
-    {"Kill", [](Simulator& sim) { sim.stopService(Simulator::Stop::Kill); }, start},
-    {"Removal", [](Simulator& sim) { sim.removeObject(kRemote); }, addBonded},
-    {"Pull", [](Simulator& sim) { sim.removeAdapter(); },
+    {{"Restart"}, [](Simulator& sim) { sim.stopService(Simulator::Stop::Terminate); }, start},
+    {{"Kill"}, [](Simulator& sim) { sim.stopService(Simulator::Stop::Kill); }, start},
+    {{"Removal"}, [](Simulator& sim) { sim.removeObject(kRemote); }, addBonded},
+    {{"Pull"},
+     [](Simulator& sim) { sim.removeAdapter(); },
      [](Simulator& sim) { sim.addAdapter(vexasim::AdapterOptions{}); }},
 };
 
@@ -138,8 +134,7 @@ TEST_P(ARemoteThatGoesDuringACall, IsKeptByTheIdlePassThatConnectsIt)
     keepConnecting(kRounds);
 }
 
-INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesDuringACall, ::testing::ValuesIn(kWays),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesDuringACall, ::testing::ValuesIn(kWays), named);
 
 using ARemoteThatGoesForLong = ARemoteThatGoesDuringACall;
 
@@ -148,22 +143,15 @@ TEST_P(ARemoteThatGoesForLong, IsKeptEachTime)
     keepConnecting(75);
 }
 
-INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesForLong, ::testing::ValuesIn(kWays),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesForLong, ::testing::ValuesIn(kWays), named);
 
 // ---- a removal that has erased its object, and of which the daemon hears only behind one of its steps
 
-struct Step {
-    const char* name;
+struct Step : NamedCase {
     void (*reach)(Box& box); ///< up to the step
     void (*lose)(Box& box) = nullptr;
     void (*seeThrough)(Box& box) = nullptr;
 };
-
-std::ostream& operator<<(std::ostream& stream, const Step& step)
-{
-    return stream << step.name;
-}
 
 class ALateRemoval : public ARemovalDuringACall, public ::testing::WithParamInterface<Step>
 {
@@ -237,19 +225,19 @@ TEST_P(ARemoteWithALateRemoval, IsKeptWhenItComesBack)
 }
 
 const Step kStepsWithTheRemote[] = {
-    {"TheStartsConnection",
+    {{"TheStartsConnection"},
      [](Box& box) {
          box.remote().leave();
          box.startDaemon();
          ASSERT_TRUE(box.sim().awaitCall("Connect", "", 1, kPatience));
      },
-     loseRemote, [](Box& box) { ASSERT_LOG(box, DEBUG, "main", "process loop start"); }},
-    {"AnIdlePass", startDisconnected, loseRemote, seePassThrough},
-    {"AReconnection", reachReconnection, loseRemoteBeforeItIsConnected, seeReconnectionThrough},
+     loseRemote,
+     [](Box& box) { ASSERT_LOG(box, DEBUG, "main", "process loop start"); }},
+    {{"AnIdlePass"}, startDisconnected, loseRemote, seePassThrough},
+    {{"AReconnection"}, reachReconnection, loseRemoteBeforeItIsConnected, seeReconnectionThrough},
 };
 
-INSTANTIATE_TEST_SUITE_P(Behind, ARemoteWithALateRemoval, ::testing::ValuesIn(kStepsWithTheRemote),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(Behind, ARemoteWithALateRemoval, ::testing::ValuesIn(kStepsWithTheRemote), named);
 
 using AnAdapterWithALateRemoval = ALateRemoval;
 
@@ -265,7 +253,7 @@ TEST_P(AnAdapterWithALateRemoval, ScansWhenItComesBack)
 }
 
 const Step kStepsWithTheAdapter[] = {
-    {"ItsPowering",
+    {{"ItsPowering"},
      [](Box& box) {
          box.sim().bend(Bend::error("Set", "org.bluez.Error.Failed")); // so it is looked for again at once
          box.startDaemon();
@@ -277,20 +265,23 @@ const Step kStepsWithTheAdapter[] = {
          ASSERT_TRUE(box.sim().awaitCall("Set", "", asked + 2, kPatience));
          box.sim().clearBends();
      }},
-    {"TheRemovalOfAnUnpairedRemote",
+    {{"TheRemovalOfAnUnpairedRemote"},
      [](Box& box) {
          startDisconnected(box);
          box.sim().bend(Bend::error("RemoveDevice", "org.bluez.Error.Failed"));
          unpair(box);
          ASSERT_TRUE(box.sim().awaitCall("RemoveDevice", "", 1, kPatience));
      },
-     loseAdapter, seePassThrough},
-    {"ThePairingsBeginning", startDisconnected, loseAdapter,
+     loseAdapter,
+     seePassThrough},
+    {{"ThePairingsBeginning"},
+     startDisconnected,
+     loseAdapter,
      [](Box& box) {
          box.setFlag("reset");
          ASSERT_LOG(box, ERROR, "main", "Switching scan on failed");
      }},
-    {"TheScansEnd",
+    {{"TheScansEnd"},
      [](Box& box) {
          startDisconnected(box);
          box.setFlag("reset");
@@ -303,8 +294,7 @@ const Step kStepsWithTheAdapter[] = {
      }},
 };
 
-INSTANTIATE_TEST_SUITE_P(Behind, AnAdapterWithALateRemoval, ::testing::ValuesIn(kStepsWithTheAdapter),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(Behind, AnAdapterWithALateRemoval, ::testing::ValuesIn(kStepsWithTheAdapter), named);
 
 // ---- an object that goes while the daemon looks paths up, or stands in a call
 
@@ -339,46 +329,45 @@ void pairInVain(Box& box, const std::string& member)
 }
 
 const Step kStepsWithPaths[] = {
-    {"TheStartsConnection",
+    {{"TheStartsConnection"},
      [](Box& box) {
          box.remote().leave();
          askInVain(box, "Connect", [&box] { box.startDaemon(); });
      }},
-    {"TheBackOff", reachReconnection},
-    {"AReconnection",
+    {{"TheBackOff"}, reachReconnection},
+    {{"AReconnection"},
      [](Box& box) {
          startDisconnected(box);
          askInVain(box, "Connect", [&box] { box.setFlag("pair"); });
      }},
-    {"TheRemovalOfAnUnpairedRemote",
+    {{"TheRemovalOfAnUnpairedRemote"},
      [](Box& box) {
          startDisconnected(box);
          askInVain(box, "RemoveDevice", [&box] { unpair(box); });
      }},
-    {"TheRemovalOfAllDevices",
+    {{"TheRemovalOfAllDevices"},
      [](Box& box) {
          startDisconnected(box);
          pairInVain(box, "RemoveDevice");
      }},
-    {"TheScansBeginning",
+    {{"TheScansBeginning"},
      [](Box& box) {
          startDisconnected(box);
          pairInVain(box, "StartDiscovery");
      }},
-    {"TheScansEnd",
+    {{"TheScansEnd"},
      [](Box& box) {
          ASSERT_TRUE(box.startConnected());
          pairInVain(box, "StopDiscovery");
      }},
-    {"TheReadings",
+    {{"TheReadings"},
      [](Box& box) {
          ASSERT_TRUE(box.startConnected());
          askInVain(box, "ReadValue", [&box] { box.clock().advance(16s); });
      }},
 };
 
-INSTANTIATE_TEST_SUITE_P(Steps, AStepWithPaths, ::testing::ValuesIn(kStepsWithPaths),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(Steps, AStepWithPaths, ::testing::ValuesIn(kStepsWithPaths), named);
 
 // ---- what goes within a step isn't asked any more, nor asked about
 
