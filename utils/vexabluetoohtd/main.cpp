@@ -228,16 +228,13 @@ void App::process()
     NSTime lastPass;
     NSTime pressStart;
     while (mRunning) {
-        if ((NSTime::nowRelative() - lastPass).toInt64() <= kPassIntervalUs) {
+        const bool due = (NSTime::nowRelative() - lastPass).toInt64() > kPassIntervalUs;
+        mMayUpdate = due && state == State_eIdle; // before the look at mRunning, or one could be deaf
+        if (!due || !mRunning) {
             usleep(kPassPollUs);
             continue;
         }
         lastPass = NSTime::nowRelative();
-        // Before the last look at mRunning, so that no interrupt makes an update deaf that this pass begins.
-        mMayUpdate = state == State_eIdle;
-        if (!mRunning) {
-            break;
-        }
         // What isn't a number gives 0, which reads as pressed; an empty file changes nothing.
         const int buttonLevel = box_files::readNumber(kButtonFile, kButtonStartLevel);
         switch (state) {
@@ -311,12 +308,10 @@ State App::serveRequests()
 Action App::whatToDo()
 {
     const bool pairFlag = takeFlag(kPairFlag);
-    const bool resetFlag = takeFlag(kResetFlag);
-    mMayUpdate = !resetFlag && takeFirmwareLink();
-    if (resetFlag) {
+    if (takeFlag(kResetFlag)) {
         return Action_ePair;
     }
-    if (mMayUpdate) {
+    if (takeFirmwareLink()) {
         return Action_eUpdate; // Kept: a pair flag that was taken in this pass is lost
     }
     return whatToDoWithRc(pairFlag);
@@ -328,6 +323,7 @@ bool App::takeFirmwareLink()
     std::array<char, kLinkBufferSize> target{};
     // Kept: a target that fills the buffer leaves no end mark; targets are to be shorter.
     const ssize_t length = readlink(kFirmwareLink, target.data(), target.size());
+    mMayUpdate = length > 0;
     if (length <= 0) {
         return false;
     }
