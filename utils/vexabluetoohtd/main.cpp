@@ -309,6 +309,7 @@ Action App::whatToDo()
 {
     const bool pairFlag = takeFlag(kPairFlag);
     if (takeFlag(kResetFlag)) {
+        mMayUpdate = false;
         return Action_ePair;
     }
     if (takeFirmwareLink()) {
