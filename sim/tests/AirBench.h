@@ -99,7 +99,7 @@ public:
         const Bytes returned = rawCommand(opcode, encode(parameters...)).value_or(Bytes{});
         if (returned.empty() || returned.front() != static_cast<std::uint8_t>(Status::Success)) {
             ADD_FAILURE() << "command " << std::hex << static_cast<unsigned>(opcode) << ": "
-                          << (returned.empty() ? "no command complete" : toHex(returned));
+                          << (returned.empty() ? "no command complete" : kit::toHex(returned));
             return {};
         }
         return Bytes(returned.begin() + 1, returned.end());
@@ -222,9 +222,9 @@ public:
     /// The answer to an attribute request, in hexadecimal; "silence" if none came.
     std::string ask(const std::string& request)
     {
-        sendOn(Channel::Attributes, fromHex(request));
+        sendOn(Channel::Attributes, kit::fromHex(request));
         const auto answer = awaitOn(Channel::Attributes);
-        return answer ? toHex(*answer) : "silence";
+        return answer ? kit::toHex(*answer) : "silence";
     }
 
     uint16_t handle() const { return mHandle; }

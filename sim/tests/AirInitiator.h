@@ -32,7 +32,7 @@ public:
     {
         const auto answer = mHost.awaitOn(Channel::Security);
         mLast = answer.value_or(Bytes{});
-        return answer ? toHex(*answer) : "silence";
+        return answer ? kit::toHex(*answer) : "silence";
     }
 
     // ---- both ways of pairing begin alike

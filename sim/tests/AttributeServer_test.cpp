@@ -56,7 +56,7 @@ protected:
 namespace
 {
 
-struct Exchange : NamedCase {
+struct Exchange : kit::NamedCase {
     std::vector<std::pair<std::string, std::string>> requestsAndAnswers;
 };
 
@@ -70,7 +70,7 @@ TEST_P(AFreshAttributeServer, Answers)
 {
     for (const auto& [request, answer] : GetParam().requestsAndAnswers) {
         const bool silence = answer == "silence";
-        EXPECT_EQ(host.ask(request), silence ? answer : toHex(fromHex(answer))) << "of " << request;
+        EXPECT_EQ(host.ask(request), silence ? answer : kit::toHex(kit::fromHex(answer))) << "of " << request;
     }
 }
 
@@ -118,7 +118,7 @@ INSTANTIATE_TEST_SUITE_P(
                   {"0e 1200 2200", "01 0e 0000 06"},
                   {"1e", "silence"},
                   {"d2 1200 00", "silence"}}}),
-    named);
+    kit::named);
 
 // ---- discovery
 
@@ -150,7 +150,7 @@ TEST_F(AnAttributeServer, CutsALongValueAndGivesTheRestInPieces)
         value[i] = static_cast<uint8_t>(i);
     remote->setVersionBytes(value);
     const auto from = [&](size_t begin, size_t end) {
-        return toHex(Bytes(value.begin() + static_cast<std::ptrdiff_t>(begin),
+        return kit::toHex(Bytes(value.begin() + static_cast<std::ptrdiff_t>(begin),
                            value.begin() + static_cast<std::ptrdiff_t>(end)));
     };
     EXPECT_EQ(host.ask("0a 2200"), "0b" + from(0, 22));
@@ -170,7 +170,7 @@ TEST_F(AnAttributeServer, TakesAWriteAndAnswersIt)
         return AttReply::ok();
     });
     EXPECT_EQ(host.ask("12 2400 02"), "13");
-    EXPECT_EQ(toHex(written), "02");
+    EXPECT_EQ(kit::toHex(written), "02");
 }
 
 TEST_F(AnAttributeServer, RefusesAWriteWithTheReasonGiven)
@@ -194,7 +194,7 @@ TEST_F(AnAttributeServer, TakesACommandWithoutAWord)
     const auto second = PeripheralRadio::create(host.scheduler(), host.air(), other->update());
     host.connect(Address::parse("C0:FF:EE:00:00:03").value());
     EXPECT_EQ(host.ask("52 1500 0102"), "silence");
-    EXPECT_EQ(toHex(written), "0102");
+    EXPECT_EQ(kit::toHex(written), "0102");
     EXPECT_EQ(host.ask("52 1f00 0102"), "silence");
 }
 
@@ -205,7 +205,7 @@ TEST_F(AnAttributeServer, NotifiesWhoAskedForIt)
     EXPECT_EQ(host.ask("12 1300 0100"), "13");
     EXPECT_EQ(host.ask("0a 1300"), "0b0100");
     remote->setBattery(69);
-    EXPECT_EQ(toHex(host.awaitOn(Channel::Attributes).value()), "1b120045");
+    EXPECT_EQ(kit::toHex(host.awaitOn(Channel::Attributes).value()), "1b120045");
     EXPECT_EQ(host.ask("12 1300 0000"), "13");
     remote->setBattery(68);
     EXPECT_FALSE(host.awaitOn(Channel::Attributes));
@@ -258,8 +258,8 @@ TEST_F(AnAttributeServer, AnswersLateWhenItIsSlow)
 
 TEST(AUuid, IsShortIfItIsOfTheBluetoothBase)
 {
-    EXPECT_EQ(toHex(uuidBytes("0000180f-0000-1000-8000-00805f9b34fb")), "0f18");
-    EXPECT_EQ(toHex(uuidBytes("00006487-3C17-d293-8e48-14fe2e4da212")), "12a24d2efe14488e93d2173c87640000");
+    EXPECT_EQ(kit::toHex(uuidBytes("0000180f-0000-1000-8000-00805f9b34fb")), "0f18");
+    EXPECT_EQ(kit::toHex(uuidBytes("00006487-3C17-d293-8e48-14fe2e4da212")), "12a24d2efe14488e93d2173c87640000");
     EXPECT_EQ(uuidBytes("0001180f-0000-1000-8000-00805f9b34fb").size(), 16U);
 }
 

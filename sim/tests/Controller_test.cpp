@@ -56,7 +56,7 @@ protected:
         host.pass(duration);
         while (const auto report = host.take<hci::AdvertisingReport>())
             reports.push_back(report->address.text() + " " + std::to_string(static_cast<int>(report->type)) +
-                              " " + toHex(report->dataAndRssi));
+                              " " + kit::toHex(report->dataAndRssi));
         return reports;
     }
 
@@ -71,23 +71,23 @@ protected:
 TEST_F(AController, AnswersEverythingThatTheKernelAsksAtItsStart)
 {
     host.command(Opcode::Reset);
-    EXPECT_EQ(toHex(host.command(Opcode::ReadLocalFeatures)), "0000000060000000");
-    EXPECT_EQ(toHex(host.command(Opcode::ReadLocalVersion)), "09000009ffff0000");
-    EXPECT_EQ(toHex(host.command(Opcode::ReadAddress)), "1371da7d1a00");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::ReadLocalFeatures)), "0000000060000000");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::ReadLocalVersion)), "09000009ffff0000");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::ReadAddress)), "1371da7d1a00");
     EXPECT_EQ(host.command(Opcode::ReadLocalCommands).size(), 64U);
-    EXPECT_EQ(toHex(host.command(Opcode::LeReadLocalFeatures)), "2100000000000000");
-    EXPECT_EQ(toHex(host.command(Opcode::LeReadBufferSize)), "fb0008");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeReadLocalFeatures)), "2100000000000000");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeReadBufferSize)), "fb0008");
     EXPECT_EQ(host.command(Opcode::LeReadSupportedStates).size(), 8U);
     host.command(Opcode::SetEventMask, std::uint64_t{0x2000800002008890});
     host.command(Opcode::SetEventMaskPage2, std::uint64_t{0});
     host.command(Opcode::LeSetEventMask, std::uint64_t{0x4f});
     host.command(Opcode::LeReadAdvertisingPower);
-    EXPECT_EQ(toHex(host.command(Opcode::LeReadAcceptListSize)), "10");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeReadAcceptListSize)), "10");
     host.command(Opcode::LeClearAcceptList);
-    EXPECT_EQ(toHex(host.command(Opcode::LeReadMaximumDataLength)), "fb004808fb004808");
-    EXPECT_EQ(toHex(host.command(Opcode::LeReadDefaultDataLength)), "1b004801");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeReadMaximumDataLength)), "fb004808fb004808");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeReadDefaultDataLength)), "1b004801");
     host.command(Opcode::LeWriteDefaultDataLength, std::uint16_t{251}, std::uint16_t{2120});
-    EXPECT_EQ(toHex(host.command(Opcode::LeReadDefaultDataLength)), "fb004808");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeReadDefaultDataLength)), "fb004808");
     host.command(Opcode::LeSetAdvertisingData, Bytes(32));
     host.command(Opcode::LeSetScanResponseData, Bytes(32));
     host.command(Opcode::LeSetAdvertisingEnable, std::uint8_t{0});
@@ -140,8 +140,8 @@ TEST_F(AController, DropsWhatIsNoPacket)
 
 TEST_F(AController, EnciphersWithTheKeyGiven)
 {
-    EXPECT_EQ(toHex(host.command(Opcode::LeEncrypt, fromHex("0f0e0d0c0b0a09080706050403020100"),
-                                 fromHex("ffeeddccbbaa99887766554433221100"))),
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeEncrypt, kit::fromHex("0f0e0d0c0b0a09080706050403020100"),
+                                 kit::fromHex("ffeeddccbbaa99887766554433221100"))),
               "5ac5b47080b7cdd830047b6ad8e0c469");
 }
 
@@ -204,7 +204,7 @@ TEST_F(AController, CutsANameThatDoesNotFit)
     host.scan(true, false);
     const auto reports = reportsWithin(std::chrono::milliseconds(300));
     ASSERT_EQ(reports.size(), 1U);
-    const Bytes data = fromHex(reports.front().substr(20));
+    const Bytes data = kit::fromHex(reports.front().substr(20));
     EXPECT_EQ(data.size(), 32U);
     EXPECT_EQ(data[8], 0x08) << "a shortened name";
 }
@@ -374,7 +374,7 @@ TEST_F(AController, SurvivesAPeripheralThatIsTakenOffTheAir)
     const uint16_t handle = host.connect(kRemote);
     host.pass(std::chrono::seconds(1));
     radios.clear();
-    EXPECT_EQ(toHex(host.command(Opcode::ReadRssi, handle)), "40007f");
+    EXPECT_EQ(kit::toHex(host.command(Opcode::ReadRssi, handle)), "40007f");
     EXPECT_EQ(host.linkEnd(), Status::ConnectionTimeout);
 }
 
@@ -414,7 +414,7 @@ TEST_F(AController, UsesLongPacketsWithAPeripheralThatTakesThem)
     auto change = host.await<hci::DataLengthChange>();
     ASSERT_TRUE(change);
     EXPECT_EQ(change->sendOctets, 100);
-    EXPECT_EQ(toHex(host.command(Opcode::LeSetDataLength, handle, std::uint16_t{251}, std::uint16_t{2120})),
+    EXPECT_EQ(kit::toHex(host.command(Opcode::LeSetDataLength, handle, std::uint16_t{251}, std::uint16_t{2120})),
               "4000");
     change = host.await<hci::DataLengthChange>();
     ASSERT_TRUE(change);
@@ -479,12 +479,12 @@ protected:
         Bytes packet(8);
         const ssize_t size = ::recv(mKernel, packet.data(), packet.size(), 0);
         packet.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
-        return toHex(packet);
+        return kit::toHex(packet);
     }
 
     void kernelSends(const std::string& packet)
     {
-        const Bytes bytes = fromHex(packet);
+        const Bytes bytes = kit::fromHex(packet);
         ASSERT_EQ(::send(mKernel, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
         while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
         }
@@ -495,7 +495,7 @@ protected:
         // The filter lasts as long as its thread.
         std::thread([&] {
             refuseWrites(mController, error);
-            mTransport->send(fromHex("0400"));
+            mTransport->send(kit::fromHex("0400"));
         }).join();
     }
 
@@ -522,7 +522,7 @@ TEST_F(AVirtualController, HandsOnWhatTheKernelSends)
 {
     kernelSends("01030c00");
     kernelSends("0240000100aa");
-    EXPECT_EQ(mReceived, (std::vector<Bytes>{fromHex("01030c00"), fromHex("0240000100aa")}));
+    EXPECT_EQ(mReceived, (std::vector<Bytes>{kit::fromHex("01030c00"), kit::fromHex("0240000100aa")}));
 }
 
 TEST_F(AVirtualController, SaysWhenTheKernelIsGone)
@@ -537,7 +537,7 @@ TEST_F(AVirtualController, LosesAPacketThatTheKernelRefusesWhenItIsDown)
 {
     sendRefused(ENXIO);
     EXPECT_EQ(mClosed, "");
-    mTransport->send(fromHex("0401"));
+    mTransport->send(kit::fromHex("0401"));
     EXPECT_EQ(kernelReceives(), "0401");
 }
 

@@ -20,7 +20,7 @@ using namespace vexasim::air;
 template <class Array>
 Array printed(const std::string& hex)
 {
-    const auto bytes = fromHex(hex);
+    const auto bytes = kit::fromHex(hex);
     Array array{};
     if (bytes.size() != array.size())
         throw std::invalid_argument("wrong size: " + hex);
@@ -46,7 +46,7 @@ template <class Array>
 std::string print(Array array)
 {
     std::reverse(array.begin(), array.end());
-    return toHex(array);
+    return kit::toHex(array);
 }
 
 Address address(const std::string& text, AddressKind kind = AddressKind::Public)
@@ -84,7 +84,7 @@ TEST(Aes, EnciphersTheBlockOfTheStandard)
 {
     const auto result = aes128(printed<Block>("000102030405060708090a0b0c0d0e0f"),
                                printed<Block>("00112233445566778899aabbccddeeff"));
-    EXPECT_EQ(toHex(result), "69c4e0d86a7b0430d8cdb78070b4c55a");
+    EXPECT_EQ(kit::toHex(result), "69c4e0d86a7b0430d8cdb78070b4c55a");
 }
 
 TEST(AesCmac, AnswersAsRfc4493Prints)
@@ -93,10 +93,10 @@ TEST(AesCmac, AnswersAsRfc4493Prints)
     const std::string first = "6bc1bee22e409f96e93d7e117393172a";
     const std::string third = first + "ae2d8a571e03ac9c9eb76fac45af8e5130c81c46a35ce411";
     const std::string fourth = third + "e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710";
-    EXPECT_EQ(toHex(aesCmac(k, {})), "bb1d6929e95937287fa37d129b756746");
-    EXPECT_EQ(toHex(aesCmac(k, fromHex(first))), "070a16b46b4d4144f79bdd9dd04a287c");
-    EXPECT_EQ(toHex(aesCmac(k, fromHex(third))), "dfa66747de9ae63030ca32611497c827");
-    EXPECT_EQ(toHex(aesCmac(k, fromHex(fourth))), "51f0bebf7e3b9d92fc49741779363cfe");
+    EXPECT_EQ(kit::toHex(aesCmac(k, {})), "bb1d6929e95937287fa37d129b756746");
+    EXPECT_EQ(kit::toHex(aesCmac(k, kit::fromHex(first))), "070a16b46b4d4144f79bdd9dd04a287c");
+    EXPECT_EQ(kit::toHex(aesCmac(k, kit::fromHex(third))), "dfa66747de9ae63030ca32611497c827");
+    EXPECT_EQ(kit::toHex(aesCmac(k, kit::fromHex(fourth))), "51f0bebf7e3b9d92fc49741779363cfe");
 }
 
 // ---- key agreement, Bluetooth Core 5.3, Vol 2, G 7.1.2
@@ -105,12 +105,12 @@ TEST(KeyAgreement, GivesBothTheSecretOfTheSampleData)
 {
     const KeyPair a(printed<Scalar>(kPrivateA));
     const KeyPair b(printed<Scalar>(kPrivateB));
-    EXPECT_EQ(toHex(a.publicKey().x), kPublicAx);
-    EXPECT_EQ(toHex(a.publicKey().y), kPublicAy);
-    EXPECT_EQ(toHex(b.publicKey().x), kPublicBx);
-    EXPECT_EQ(toHex(b.publicKey().y), kPublicBy);
-    EXPECT_EQ(toHex(a.agree(b.publicKey()).value()), kSharedSecret);
-    EXPECT_EQ(toHex(b.agree(a.publicKey()).value()), kSharedSecret);
+    EXPECT_EQ(kit::toHex(a.publicKey().x), kPublicAx);
+    EXPECT_EQ(kit::toHex(a.publicKey().y), kPublicAy);
+    EXPECT_EQ(kit::toHex(b.publicKey().x), kPublicBx);
+    EXPECT_EQ(kit::toHex(b.publicKey().y), kPublicBy);
+    EXPECT_EQ(kit::toHex(a.agree(b.publicKey()).value()), kSharedSecret);
+    EXPECT_EQ(kit::toHex(b.agree(a.publicKey()).value()), kSharedSecret);
 }
 
 TEST(KeyAgreement, RefusesAPointOffTheCurve)
@@ -188,12 +188,12 @@ TEST(EncryptedLink, SealsThePacketsOfTheSampleData)
     LinkCipher central(LinkCipher::End::Central, kLinkKey, sampleHalves());
     LinkCipher peripheral(LinkCipher::End::Peripheral, kLinkKey, sampleHalves());
     const LinkPacket startResponse{LinkPacket::Control, {0x06}};
-    EXPECT_EQ(toHex(central.seal(startResponse)), "9fcda7f448");
-    EXPECT_EQ(toHex(peripheral.seal(startResponse)), "a34c13a415");
+    EXPECT_EQ(kit::toHex(central.seal(startResponse)), "9fcda7f448");
+    EXPECT_EQ(kit::toHex(peripheral.seal(startResponse)), "a34c13a415");
 
     const std::string message = "cdefghijklmnopq1234567890";
     const LinkPacket data{LinkPacket::Start, Bytes{0x17, 0x00} + Bytes(message.begin(), message.end())};
-    EXPECT_EQ(toHex(central.seal(data)), "7a70d66415226df26b17839a060405596bd6564f796b5b9ce6ff32f75a6d33");
+    EXPECT_EQ(kit::toHex(central.seal(data)), "7a70d66415226df26b17839a060405596bd6564f796b5b9ce6ff32f75a6d33");
 }
 
 TEST(EncryptedLink, OpensWhatTheOtherEndSealed)

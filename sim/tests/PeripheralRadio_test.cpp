@@ -83,7 +83,7 @@ TEST_F(ARemoteOnTheAir, ReadsAndNotifiesOverAnEncryptedLinkWithOtherBytesOnTheAi
         ASSERT_EQ(host.ask("0a 1200"), "0b50");
     EXPECT_EQ(host.ask("12 1300 0100"), "13");
     remote->setBattery(5);
-    EXPECT_EQ(toHex(host.awaitOn(Channel::Attributes).value()), "1b120005");
+    EXPECT_EQ(kit::toHex(host.awaitOn(Channel::Attributes).value()), "1b120005");
 }
 
 TEST_F(ARemoteOnTheAir, IsBackAfterItWasOutOfRange)
@@ -138,16 +138,16 @@ TEST_F(ARemoteOnTheAir, AsksForTheParametersThatItsUpdateIsToldToUse)
     EXPECT_EQ(host.ask("12 1200 07 0600 1100 0000 f401"), "13");
     const auto request = host.awaitOn(Channel::Signaling);
     ASSERT_TRUE(request);
-    EXPECT_EQ(toHex(*request), "12010800060011000000f401");
-    host.sendOn(Channel::Signaling, fromHex("13 01 0200 0000"));
-    EXPECT_EQ(host.ask("0a 0300"), "0b" + toHex(std::string("BeeTgt")));
+    EXPECT_EQ(kit::toHex(*request), "12010800060011000000f401");
+    host.sendOn(Channel::Signaling, kit::fromHex("13 01 0200 0000"));
+    EXPECT_EQ(host.ask("0a 0300"), "0b" + kit::toHex(std::string("BeeTgt")));
 }
 
 TEST_F(ARemoteOnTheAir, RejectsWhatItIsAskedOnTheSignalingChannel)
 {
     host.connect(kNormal);
-    host.sendOn(Channel::Signaling, fromHex("14 07 0a00 25001700170040000100"));
-    EXPECT_EQ(toHex(host.awaitOn(Channel::Signaling).value()), "010702000000");
+    host.sendOn(Channel::Signaling, kit::fromHex("14 07 0a00 25001700170040000100"));
+    EXPECT_EQ(kit::toHex(host.awaitOn(Channel::Signaling).value()), "010702000000");
 }
 
 TEST_F(ARemoteOnTheAir, VanishesInTheMiddleOfAnUpdate)
@@ -182,7 +182,7 @@ TEST_F(ARemoteOnTheAir, AsksForItsPreferredParametersASecondAfterTheConnection)
     normal->setOptions(options);
     host.connect(kNormal);
     EXPECT_FALSE(host.awaitOn(Channel::Signaling, std::chrono::milliseconds(990)));
-    EXPECT_EQ(toHex(host.awaitOn(Channel::Signaling).value()), "120108000c0018000a002c01");
+    EXPECT_EQ(kit::toHex(host.awaitOn(Channel::Signaling).value()), "120108000c0018000a002c01");
 }
 
 TEST(AHurriedAir, AnswersWithinMilliseconds)
@@ -203,10 +203,10 @@ TEST(AHurriedAir, AnswersWithinMilliseconds)
 
 TEST(APacketInPieces, IsPutTogether)
 {
-    const Bytes payload = fromHex("00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff");
+    const Bytes payload = kit::fromHex("00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff");
     const auto pieces = fragment(Channel::Attributes, payload, 27);
     ASSERT_EQ(pieces.size(), 2U);
-    EXPECT_EQ(toHex(pieces[0].payload).substr(0, 8), "20000400");
+    EXPECT_EQ(kit::toHex(pieces[0].payload).substr(0, 8), "20000400");
     EXPECT_EQ(pieces[1].kind, LinkPacket::Continuation);
     Reassembler reassembler;
     EXPECT_FALSE(reassembler.add(pieces[0]));
@@ -218,8 +218,8 @@ TEST(APacketInPieces, IsPutTogether)
 TEST(APacketInPieces, IsDroppedIfItIsTooLongOrItsBeginningIsMissing)
 {
     Reassembler reassembler;
-    EXPECT_FALSE(reassembler.add({LinkPacket::Continuation, fromHex("01000400aa")}));
-    EXPECT_FALSE(reassembler.add({LinkPacket::Start, fromHex("01000400aabb")}));
-    EXPECT_FALSE(reassembler.add({LinkPacket::Start, fromHex("0100")}));
-    EXPECT_TRUE(reassembler.add({LinkPacket::Start, fromHex("01000400aa")}));
+    EXPECT_FALSE(reassembler.add({LinkPacket::Continuation, kit::fromHex("01000400aa")}));
+    EXPECT_FALSE(reassembler.add({LinkPacket::Start, kit::fromHex("01000400aabb")}));
+    EXPECT_FALSE(reassembler.add({LinkPacket::Start, kit::fromHex("0100")}));
+    EXPECT_TRUE(reassembler.add({LinkPacket::Start, kit::fromHex("01000400aa")}));
 }

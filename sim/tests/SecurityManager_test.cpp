@@ -274,8 +274,8 @@ TEST_F(APairing, FailsWhenThePublicKeyIsOffTheCurve)
 TEST_F(APairing, FailsOnAShortKeyAMalformedRequestAndAStepOutOfOrder)
 {
     host.connect(kRemote);
-    EXPECT_EQ(initiator.exchange(fromHex("01030001070000")), "0506");
-    EXPECT_EQ(initiator.exchange(fromHex("0103000110")), "050a");
+    EXPECT_EQ(initiator.exchange(kit::fromHex("01030001070000")), "0506");
+    EXPECT_EQ(initiator.exchange(kit::fromHex("0103000110")), "050a");
     initiator.request(false);
     EXPECT_EQ(initiator.exchange(Initiator::packet(0x04, {})), "0508");
 }

@@ -18,7 +18,7 @@ using vexasim::SimulatorOptions;
 /// What was done before the call that is refused.
 enum class Before { Nothing, Discovery, Pairing, PowerOff, PairingAndPowerOff };
 
-struct Refusal : NamedCase {
+struct Refusal : kit::NamedCase {
     Before before;
     const char* path;
     const char* method;
@@ -82,7 +82,7 @@ TEST_P(ARefusedCall, IsAnsweredWithBlueZsError)
     EXPECT_THAT(answer.error + ": " + answer.message, testing::StartsWith(refusal.error));
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, ARefusedCall, testing::ValuesIn(kRefusals), named);
+INSTANTIATE_TEST_SUITE_P(Calls, ARefusedCall, testing::ValuesIn(kRefusals), kit::named);
 
 // ---- discovery
 
@@ -194,7 +194,7 @@ TEST_F(ABoxWithARemoteInRange, PairsInBlueZsOrder)
     EXPECT_TRUE(sim.remote().normal()->paired());
 }
 
-struct FailingPairing : NamedCase {
+struct FailingPairing : kit::NamedCase {
     Peripheral::Pairing behaviour;
     const char* error;
 };
@@ -219,7 +219,7 @@ TEST_P(ARemoteThatCannotBePaired, GivesBlueZsErrorAndLosesTheLink)
     EXPECT_EQ(device("Connected"), "(<false>,)");
 }
 
-INSTANTIATE_TEST_SUITE_P(Box, ARemoteThatCannotBePaired, testing::ValuesIn(kFailingPairings), named);
+INSTANTIATE_TEST_SUITE_P(Box, ARemoteThatCannotBePaired, testing::ValuesIn(kFailingPairings), kit::named);
 
 TEST_F(ABoxWithARemoteInRange, PairsWithoutServicesIfItsAttributeServerIsMute)
 {

@@ -319,7 +319,7 @@ protected:
 
 const Bytes kGoodAnswer = {6, 0, 1, 0xa3, 1, 0, 0, 0, 0};
 
-struct FaultCase : NamedCase {
+struct FaultCase : kit::NamedCase {
     void (*edit)(UpdateFault&);
     std::vector<Bytes> answers = {kGoodAnswer};
     int error = 0; ///< of the write
@@ -357,7 +357,7 @@ TEST_P(AFault, ChangesTheAnswersAndTheReply)
     EXPECT_EQ(air->answers, GetParam().answers);
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, AFault, testing::ValuesIn(kFaults), named);
+INSTANTIATE_TEST_SUITE_P(Faults, AFault, testing::ValuesIn(kFaults), kit::named);
 
 TEST_F(ARemoteWithAFault, IsLate)
 {
@@ -455,7 +455,7 @@ protected:
         return vexasim::readKeyFile(folder.write("key", text));
     }
 
-    ScratchFolder folder;
+    kit::ScratchFolder folder;
     const std::string digits = "000102030405060708090a0b0c0d0e0f101112131415161718191A1B1C1D1E1F";
 };
 

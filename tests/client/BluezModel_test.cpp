@@ -39,7 +39,7 @@ protected:
 
 std::unique_ptr<Bluez> AClientWithoutABus::client;
 
-struct Split : NamedCase {
+struct Split : kit::NamedCase {
     const char* path;
     const char* parent;
     const char* endpoint;
@@ -73,9 +73,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Split{{"OfOneComponentBetweenSlashes"}, "//org//", "/org", "/org"},
                     Split{{"WithATrailingSlash"}, "/org/bluez/hci0/", "/org/bluez", "hci0"},
                     Split{{"WithADoubledAndNoLeadingSlash"}, "org//bluez/hci0", "/org/bluez", "hci0"}),
-    named);
+    kit::named);
 
-struct Kind : NamedCase {
+struct Kind : kit::NamedCase {
     const char* path;
     /// A letter for each predicate that holds: Adapter, dEvice, Service, Characteristic, Descriptor.
     const char* kinds;
@@ -138,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(
         Kind{
             {"OnlyTheLastComponent"}, "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF/service0001/char0002/other", ""},
         Kind{{"AllKindsInOneWord"}, "/x/hci0dev_AA_BB_CC_DD_EE_FFservice0001char0002desc0003", "AESCD"}),
-    named);
+    kit::named);
 
 TEST_F(AClientWithoutABus, ClassifiesOnManyThreadsAtOnce)
 {
@@ -160,7 +160,7 @@ TEST_F(AClientWithoutABus, ClassifiesOnManyThreadsAtOnce)
 
 // --- Types of services ---
 
-struct Uuid : NamedCase {
+struct Uuid : kit::NamedCase {
     const char* text;
     Type type;
 };
@@ -204,7 +204,7 @@ INSTANTIATE_TEST_SUITE_P(
         Uuid{{"UnknownBeyondEveryNumber"},
              "ffffffffffffffffffff180f-0000-1000-8000-00805f9b34fb",
              Type::Unknown}),
-    named);
+    kit::named);
 
 TEST(TheTypeOfAService, IsValuedByItsOwnNumber)
 {

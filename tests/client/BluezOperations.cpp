@@ -281,7 +281,7 @@ std::vector<Operation> otherOperations()
         return outcome(client.getServices(path, Bluez::Service::Type::Battery).size() == 1);
     };
     const Call itemsFor = [](Bluez& client, const std::string& path) {
-        return outcome(client.itemsFor(path) == Lines{kService});
+        return outcome(client.itemsFor(path) == kit::Lines{kService});
     };
     return {
         {{"deviceSetTrusted"}, device, set<&Bluez::deviceSetTrusted, true>, Proxy::Borrowed},

@@ -34,11 +34,11 @@ struct Message {
     const char* outcomeOfError = "refused";
     const char* reply = "()"; ///< a good one
     const char* outcome = "done";
-    Lines errors = {};        ///< logged behind the error itself
+    kit::Lines errors = {};        ///< logged behind the error itself
     bool asksForError = true; ///< without, an error isn't logged
 };
 
-struct Operation : NamedCase {
+struct Operation : kit::NamedCase {
     const Kind* kind;
     /// "done" or the value as GVariant text, "refused", or what went wrong.
     std::string (*call)(Bluez&, const std::string& path);

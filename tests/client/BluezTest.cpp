@@ -10,7 +10,7 @@
 
 ABus::ABus()
 {
-    GlibMessages::instance().take();
+    kit::GlibMessages::instance().take();
     log.clear();
     bus = std::make_unique<vexasim::PrivateBus>();
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus->address().c_str(), 1);
@@ -24,7 +24,7 @@ ABus::~ABus()
         g_dbus_connection_set_exit_on_close(mConnection, FALSE);
         g_object_unref(mConnection);
     }
-    const Lines unexpected = GlibMessages::instance().take();
+    const kit::Lines unexpected = kit::GlibMessages::instance().take();
     EXPECT_TRUE(unexpected.empty()) << testing::PrintToString(unexpected);
 }
 
@@ -89,9 +89,9 @@ void ABus::settle()
     onEventThread([] {});
 }
 
-Lines ABus::known()
+kit::Lines ABus::known()
 {
-    Lines found;
+    kit::Lines found;
     onEventThread([&] {
         for (const Kind& kind : kKinds) {
             for (const auto& entry : (*client).*kind.proxies) {
@@ -102,9 +102,9 @@ Lines ABus::known()
     return found;
 }
 
-void ABus::expectFromGlib(const Lines& messages)
+void ABus::expectFromGlib(const kit::Lines& messages)
 {
-    EXPECT_EQ(GlibMessages::instance().take(), messages);
+    EXPECT_EQ(kit::GlibMessages::instance().take(), messages);
 }
 
 ABusWithBlueZ::ABusWithBlueZ(const vexasim::SimulatorOptions& options)
@@ -205,7 +205,7 @@ GDBusProxy* ABusWithBlueZ::proxyOf(const Kind& kind, const std::string& path)
 
 std::size_t ABusWithBlueZ::unrefs() const
 {
-    const Lines lines = log.lines("T");
+    const kit::Lines lines = log.lines("T");
     return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
         return line.rfind("T Unref object ", 0) == 0;
     }));
@@ -246,7 +246,7 @@ GDBusMessage* OutgoingMessages::note(GDBusConnection* /*connection*/, GDBusMessa
     return message;
 }
 
-Lines OutgoingMessages::members() const
+kit::Lines OutgoingMessages::members() const
 {
     const std::lock_guard lock(mRecord->mutex);
     return mRecord->members;

@@ -46,7 +46,7 @@ constexpr const char* kLevelUuid = "00002a19-0000-1000-8000-00805f9b34fb";
 constexpr const char* kConfigurationUuid = "00002902-0000-1000-8000-00805f9b34fb";
 
 /// A kind of object that the client tracks, with the plain object of that kind.
-struct Kind : NamedCase {
+struct Kind : kit::NamedCase {
     const char* path;
     const char* interface;
     inside::Members::ProxyMap Bluez::*proxies;
@@ -119,12 +119,12 @@ protected:
     GDBusConnection* connection();
 
     /// GLib's criticals and warnings that the case expects; any other fails it.
-    void expectFromGlib(const Lines& messages);
+    void expectFromGlib(const kit::Lines& messages);
 
     /// The client's entries for proxies, empty ones too, kind by kind: "Adapter /org/bluez/hci0".
-    Lines known();
+    kit::Lines known();
 
-    LogRecorder& log = LogRecorder::instance();
+    kit::LogRecorder& log = kit::LogRecorder::instance();
     std::unique_ptr<vexasim::PrivateBus> bus;
     RecordingListener listener;
     std::array<RecordingListener, 4> others; ///< for cases with more; their addresses ascend
@@ -190,12 +190,12 @@ public:
     OutgoingMessages(const OutgoingMessages&) = delete;
     OutgoingMessages& operator=(const OutgoingMessages&) = delete;
 
-    Lines members() const;
+    kit::Lines members() const;
 
 private:
     struct Record {
         std::mutex mutex;
-        Lines members;
+        kit::Lines members;
     };
     static GDBusMessage* note(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
                               gpointer record);

@@ -18,7 +18,7 @@ using ATrackedTree = ABusWithBlueZ;
 
 // --- Changes of properties ---
 
-struct Change : NamedCase {
+struct Change : kit::NamedCase {
     const char* property;
     const char* value;
     const char* event;     ///< empty for a change that is passed over
@@ -33,7 +33,7 @@ TEST_P(AChangeOfADevice, IsReportedIfItMatters)
 {
     const Change& given = GetParam();
     const std::string type = given.type;
-    Lines said = {std::string("D props changed: ") + kDevice};
+    kit::Lines said = {std::string("D props changed: ") + kDevice};
     if (!type.empty()) {
         said.push_back(std::string("W Ignoring ") + given.property + " of " + kDevice + ": unexpected type " +
                        type);
@@ -45,7 +45,7 @@ TEST_P(AChangeOfADevice, IsReportedIfItMatters)
     const std::string event = given.event;
     const std::size_t blank = event.find(' ');
     EXPECT_EQ(listener.events(),
-              event.empty() ? Lines{} : Lines{event.substr(0, blank) + " " + kDevice + event.substr(blank)});
+              event.empty() ? kit::Lines{} : kit::Lines{event.substr(0, blank) + " " + kDevice + event.substr(blank)});
     EXPECT_EQ(log.lines(), said);
 }
 
@@ -75,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Change{{"AsConnectedByANumber"}, "Connected", "1", "", "i"},
                     Change{{"AsStrengthByAWideNumber"}, "RSSI", "-71", "", "i"},
                     Change{{"AsResolvedByAList"}, "ServicesResolved", "[true]", "", "ab"}),
-    named);
+    kit::named);
 
 TEST_F(ATrackedTree, DeliversEveryChangeOfOneSignalInItsOrder)
 {
@@ -89,7 +89,7 @@ TEST_F(ATrackedTree, DeliversEveryChangeOfOneSignalInItsOrder)
 
     const std::string path = kDevice;
     EXPECT_EQ(listener.events(),
-              (Lines{"onDeviceServicesResolvedStatusChanged " + path + " true",
+              (kit::Lines{"onDeviceServicesResolvedStatusChanged " + path + " true",
                      "onDeviceRSSIChanged " + path + " -50", "onDevicePairedStatusChanged " + path + " true",
                      "onDeviceConnectionStatusChanged " + path + " true"}));
     EXPECT_EQ(log.count("D props changed: " + path), 1U);
@@ -97,7 +97,7 @@ TEST_F(ATrackedTree, DeliversEveryChangeOfOneSignalInItsOrder)
 
 TEST_F(ATrackedTree, FinishesTheFanOutOfOneChangeBeforeTheNext)
 {
-    Lines order;
+    kit::Lines order;
     RecordingListener& second = others[0];
     listener.onEvent = [&](const std::string& event) { order.push_back(event.substr(0, event.find(' '))); };
     second.onEvent = listener.onEvent;
@@ -110,7 +110,7 @@ TEST_F(ATrackedTree, FinishesTheFanOutOfOneChangeBeforeTheNext)
                     Variant::parse("('org.bluez.Device1', {'Paired': <true>, 'Connected': <true>}, @as [])"));
     settle();
 
-    EXPECT_EQ(order, (Lines{"onDevicePairedStatusChanged", "onDevicePairedStatusChanged",
+    EXPECT_EQ(order, (kit::Lines{"onDevicePairedStatusChanged", "onDevicePairedStatusChanged",
                             "onDeviceConnectionStatusChanged", "onDeviceConnectionStatusChanged"}));
 }
 
@@ -124,8 +124,8 @@ TEST_F(ATrackedTree, IgnoresTheInvalidatedNames)
     sim->emitPropertiesChanged(kDevice, kDeviceInterface, {}, {"RSSI", "Paired"});
     settle();
 
-    EXPECT_EQ(log.lines(), Lines{std::string("D props changed: ") + kDevice});
-    EXPECT_EQ(listener.events(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{std::string("D props changed: ") + kDevice});
+    EXPECT_EQ(listener.events(), kit::Lines{});
     std::int16_t dBm = 7;
     EXPECT_FALSE(client->deviceGetRSSI(kDevice, dBm)) << "but the proxy forgets them";
 }
@@ -140,8 +140,8 @@ TEST_F(ATrackedTree, DoesntSeeChangesOfOtherKindsAndInterfaces)
     sim->emitPropertiesChanged(kDevice, "org.bluez.Battery1", {{"Paired", boolean(true)}});
     settle();
 
-    EXPECT_EQ(log.lines(), Lines{});
-    EXPECT_EQ(listener.events(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
+    EXPECT_EQ(listener.events(), kit::Lines{});
 }
 
 // --- Values ---
@@ -153,13 +153,13 @@ TEST_F(ATrackedTree, ReportsAValueWithItsBytesAndAFreshRecord)
     change(kCharacteristicKind, {{"Value", Variant::bytes({0, 80, 255})}});
 
     EXPECT_EQ(listener.events(),
-              Lines{std::string("onGattCharacteristicChanged ") + kCharacteristic + " 0 80 255"});
+              kit::Lines{std::string("onGattCharacteristicChanged ") + kCharacteristic + " 0 80 255"});
     const Characteristic characteristic = listener.values().at(0).characteristic;
     EXPECT_EQ(characteristic.uuid, kLevelUuid);
     EXPECT_EQ(characteristic.parent, kService);
     EXPECT_EQ(characteristic.val, "");
     EXPECT_TRUE(characteristic.descriptors.empty()) << "whatever the tree holds";
-    EXPECT_EQ(log.lines(), Lines{std::string("D props changed: ") + kCharacteristic});
+    EXPECT_EQ(log.lines(), kit::Lines{std::string("D props changed: ") + kCharacteristic});
 }
 
 TEST_F(ATrackedTree, ReportsAnEmptyValueAndOneOfAWrongTypeWithoutBytes)
@@ -167,12 +167,12 @@ TEST_F(ATrackedTree, ReportsAnEmptyValueAndOneOfAWrongTypeWithoutBytes)
     startWithAll();
 
     change(kCharacteristicKind, {{"Value", Variant::bytes({})}});
-    EXPECT_EQ(log.lines("EW"), Lines{});
+    EXPECT_EQ(log.lines("EW"), kit::Lines{});
     change(kCharacteristicKind, {{"Value", text("80")}});
     change(kCharacteristicKind, {{"Value", Variant::strings({"80"})}});
 
-    EXPECT_EQ(listener.events(), Lines(3, std::string("onGattCharacteristicChanged ") + kCharacteristic));
-    EXPECT_EQ(log.lines("EW"), (Lines{"E Not an array", "E Not an array of bytes: as"}));
+    EXPECT_EQ(listener.events(), kit::Lines(3, std::string("onGattCharacteristicChanged ") + kCharacteristic));
+    EXPECT_EQ(log.lines("EW"), (kit::Lines{"E Not an array", "E Not an array of bytes: as"}));
     expectFromGlib({});
 }
 
@@ -182,8 +182,8 @@ TEST_F(ATrackedTree, PassesOverOtherChangesOfACharacteristic)
 
     change(kCharacteristicKind, {{"Notifying", boolean(true)}, {"Paired", boolean(true)}});
 
-    EXPECT_EQ(listener.events(), Lines{});
-    EXPECT_EQ(log.lines(), Lines{std::string("D props changed: ") + kCharacteristic});
+    EXPECT_EQ(listener.events(), kit::Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{std::string("D props changed: ") + kCharacteristic});
 }
 
 // A proxy that outlives its entry, since a call on it is under way, still sees the value change; the record
@@ -192,7 +192,7 @@ class AValueOfACharacteristicThatHasGone : public ATrackedTree
 {
 protected:
     // Changes the value while a call keeps the proxy alive; returns what stands in the map afterwards.
-    Lines entriesAfterTheChange()
+    kit::Lines entriesAfterTheChange()
     {
         addCharacteristic();
         start();
@@ -209,7 +209,7 @@ protected:
 
         change(kCharacteristicKind, {{"Value", Variant::bytes({7})}});
         EXPECT_EQ(log.count(std::string("D props changed: ") + kCharacteristic), 1U);
-        const Lines left = known();
+        const kit::Lines left = known();
 
         EXPECT_EQ(call.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "too slow to tell";
         EXPECT_FALSE(call.get());
@@ -224,7 +224,7 @@ private:
 
 TEST_F(AValueOfACharacteristicThatHasGone, BuildsARecordForASubscribedListener)
 {
-    EXPECT_EQ(entriesAfterTheChange(), Lines{kCharacteristicKind.entry()});
+    EXPECT_EQ(entriesAfterTheChange(), kit::Lines{kCharacteristicKind.entry()});
     EXPECT_EQ(listener.values().size(), 1U);
 }
 
@@ -235,7 +235,7 @@ class AValueThatNobodyHears : public AValueOfACharacteristicThatHasGone
 
 TEST_F(AValueThatNobodyHears, CostsNoRecord)
 {
-    EXPECT_EQ(entriesAfterTheChange(), Lines{});
+    EXPECT_EQ(entriesAfterTheChange(), kit::Lines{});
     EXPECT_EQ(listener.values().size(), 0U);
 }
 

@@ -25,12 +25,12 @@ TEST_F(AClient, LogsItsStartStepByStep)
 
     start();
 
-    const Lines lines = log.lines();
+    const kit::Lines lines = log.lines();
     ASSERT_GE(lines.size(), 4U);
-    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 3),
-              (Lines{"D Bluez constructor", "D Initing Bluez..", "D Init Bluez completed"}));
+    EXPECT_EQ(kit::Lines(lines.begin(), lines.begin() + 3),
+              (kit::Lines{"D Bluez constructor", "D Initing Bluez..", "D Init Bluez completed"}));
     EXPECT_EQ(log.count(std::string("T Object ") + kAdapter), 1U);
-    EXPECT_EQ(log.lines("EW"), Lines{});
+    EXPECT_EQ(log.lines("EW"), kit::Lines{});
 }
 
 TEST_F(AClient, AsksForBlueZToBeStartedAndForAllThatItHas)
@@ -39,7 +39,7 @@ TEST_F(AClient, AsksForBlueZToBeStartedAndForAllThatItHas)
 
     start();
 
-    const Lines sent = outgoing.members();
+    const kit::Lines sent = outgoing.members();
     EXPECT_EQ(std::count(sent.begin(), sent.end(), "StartServiceByName"), 1);
     const auto calls = sim->calls("GetManagedObjects");
     ASSERT_EQ(calls.size(), 1U);
@@ -108,7 +108,7 @@ TEST_F(AClient, ReportsWhatExistsInAscendingOrderOfThePaths)
 
     EXPECT_EQ(
         listener.events(),
-        (Lines{kAdapterKind.added(), kDeviceKind.added(), kServiceKind.added(service0), kServiceKind.added(),
+        (kit::Lines{kAdapterKind.added(), kDeviceKind.added(), kServiceKind.added(service0), kServiceKind.added(),
                kCharacteristicKind.added(), kDescriptorKind.added(), kDeviceKind.added(device2),
                kAdapterKind.added(second), kAdapterKind.added("/org/bluez/hci10"),
                kDeviceKind.added(second + "/dev_AA_BB_CC_DD_EE_03")}));
@@ -121,7 +121,7 @@ TEST_F(AClient, HearsOfABlueZThatComesLaterAndOfOneThatComesBack)
 {
     sim->stopService(vexasim::Simulator::Stop::Kill);
     start();
-    EXPECT_EQ(listener.events(), Lines{});
+    EXPECT_EQ(listener.events(), kit::Lines{});
 
     sim->startService();
     addAdapter();
@@ -129,15 +129,15 @@ TEST_F(AClient, HearsOfABlueZThatComesLaterAndOfOneThatComesBack)
 
     sim->stopService(vexasim::Simulator::Stop::Kill);
     ASSERT_TRUE(listener.await(kAdapterKind.removed()));
-    EXPECT_EQ(client->getAdapters(), Lines{});
+    EXPECT_EQ(client->getAdapters(), kit::Lines{});
 
     sim->startService();
     addAdapter();
     ASSERT_TRUE(listener.await(kAdapterKind.added(), 2));
-    EXPECT_EQ(client->getAdapters(), Lines{kAdapter});
+    EXPECT_EQ(client->getAdapters(), kit::Lines{kAdapter});
     sim->bend(Bend::answer("StartDiscovery", nothing()));
     EXPECT_TRUE(client->adapterScanOn(kAdapter));
-    EXPECT_EQ(log.lines("E"), Lines{});
+    EXPECT_EQ(log.lines("E"), kit::Lines{});
 }
 
 // --- No bus ---
@@ -156,26 +156,26 @@ protected:
 
 TEST_F(AClientWithoutABus, SaysSoAndRefusesEverything)
 {
-    EXPECT_EQ(log.lines(), (Lines{"D Bluez constructor", "D Initing Bluez..", "E Connection failed"}));
+    EXPECT_EQ(log.lines(), (kit::Lines{"D Bluez constructor", "D Initing Bluez..", "E Connection failed"}));
     for (const Operation& operation : operations()) {
         SCOPED_TRACE(operation.name);
         const std::string complaint = operation.complaints.unconnected;
         log.clear();
 
         EXPECT_EQ(operation.call(*client, operation.kind->path), operation.refused);
-        EXPECT_EQ(log.lines(), complaint.empty() ? Lines{} : Lines{complaint});
+        EXPECT_EQ(log.lines(), complaint.empty() ? kit::Lines{} : kit::Lines{complaint});
 
         if (*operation.complaints.emptyPath != '\0') {
             EXPECT_EQ(operation.call(*client, ""), operation.refused);
-            EXPECT_EQ(log.lines(), (Lines{complaint, complaint})) << "before the path";
+            EXPECT_EQ(log.lines(), (kit::Lines{complaint, complaint})) << "before the path";
         }
     }
     log.clear();
     EXPECT_FALSE(client->writeCharacteristic(kCharacteristic, {}));
-    EXPECT_EQ(log.lines(), Lines{"E Not connected"}) << "before the bytes";
-    EXPECT_EQ(client->getAdapters(), Lines{});
-    EXPECT_EQ(client->getDevices(), Lines{});
-    EXPECT_EQ(listener.events(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{"E Not connected"}) << "before the bytes";
+    EXPECT_EQ(client->getAdapters(), kit::Lines{});
+    EXPECT_EQ(client->getDevices(), kit::Lines{});
+    EXPECT_EQ(listener.events(), kit::Lines{});
 }
 
 TEST_F(AClientWithoutABus, DoesntTryAgain)
@@ -191,7 +191,7 @@ TEST_F(AClientWithoutABus, DoesntTryAgain)
                   .use_count(),
               0)
         << "on a connection of the caller's neither";
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 TEST_F(AClientWithoutABus, StillTellsOfARemovalButNotOfAnArrival)
@@ -202,8 +202,8 @@ TEST_F(AClientWithoutABus, StillTellsOfARemovalButNotOfAnArrival)
     ((*client).*inside::kMembers.onObjectAdded)(kDevice);
     ((*client).*inside::kMembers.onObjectRemoved)(kDevice);
 
-    EXPECT_EQ(log.lines(), Lines{"E Not connected"});
-    EXPECT_EQ(listener.events(), Lines{kDeviceKind.removed()});
+    EXPECT_EQ(log.lines(), kit::Lines{"E Not connected"});
+    EXPECT_EQ(listener.events(), kit::Lines{kDeviceKind.removed()});
 }
 
 // --- A bus, but no BlueZ ---
@@ -215,9 +215,9 @@ TEST_F(AClientWithoutBlueZ, StartsAndWaitsForOneInSilence)
     start();
     settle();
 
-    EXPECT_EQ(log.lines(), (Lines{"D Bluez constructor", "D Initing Bluez..", "D Init Bluez completed"}));
-    EXPECT_EQ(listener.events(), Lines{});
-    EXPECT_EQ(client->getAdapters(), Lines{});
+    EXPECT_EQ(log.lines(), (kit::Lines{"D Bluez constructor", "D Initing Bluez..", "D Init Bluez completed"}));
+    EXPECT_EQ(listener.events(), kit::Lines{});
+    EXPECT_EQ(client->getAdapters(), kit::Lines{});
 }
 
 // --- A bus and a BlueZ, but no object manager ---
@@ -237,10 +237,10 @@ protected:
 TEST_F(AClientWithoutAnObjectManager, SaysSoAndHearsOfNothing)
 {
     EXPECT_EQ(log.lines(),
-              (Lines{"D Bluez constructor", "D Initing Bluez..", "E Creating object manager failed"}));
-    EXPECT_EQ(listener.events(), Lines{});
-    EXPECT_EQ(client->getAdapters(), Lines{});
-    EXPECT_EQ(client->getDevices(), Lines{});
+              (kit::Lines{"D Bluez constructor", "D Initing Bluez..", "E Creating object manager failed"}));
+    EXPECT_EQ(listener.events(), kit::Lines{});
+    EXPECT_EQ(client->getAdapters(), kit::Lines{});
+    EXPECT_EQ(client->getDevices(), kit::Lines{});
 }
 
 TEST_F(AClientWithoutAnObjectManager, RefusesWhatNeedsAProxy)
@@ -252,9 +252,9 @@ TEST_F(AClientWithoutAnObjectManager, RefusesWhatNeedsAProxy)
 
         EXPECT_EQ(operation.call(*client, operation.kind->path), operation.refused);
 
-        EXPECT_EQ(log.lines(), complaint.empty() ? Lines{} : Lines{complaint + operation.kind->path});
+        EXPECT_EQ(log.lines(), complaint.empty() ? kit::Lines{} : kit::Lines{complaint + operation.kind->path});
     }
-    GlibMessages::instance().take(); // of the reads that don't look at their proxy
+    kit::GlibMessages::instance().take(); // of the reads that don't look at their proxy
 }
 
 TEST_F(AClientWithoutAnObjectManager, StillReachesTheBusWithWhatNeedsNone)

@@ -38,7 +38,7 @@ TEST_F(ADevice, HasNoNameIfTheAnswerIsOfAWrongType)
         EXPECT_FALSE(client->deviceGetName(kDevice, name)) << answer;
     }
     EXPECT_EQ(name, "before");
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
     expectFromGlib({});
 }
 
@@ -55,8 +55,8 @@ TEST_F(ADevice, KeepsTheTrustThatIsSetToItself)
         EXPECT_EQ(trusted, value);
     }
     settle();
-    EXPECT_EQ(outgoing.members(), Lines{}) << "BlueZ hears of it";
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(outgoing.members(), kit::Lines{}) << "BlueZ hears of it";
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 TEST_F(ADevice, IsNotRemovedByATextThatIsNoPath)
@@ -67,9 +67,9 @@ TEST_F(ADevice, IsNotRemovedByATextThatIsNoPath)
         EXPECT_FALSE(client->adapterRemoveDevice(kUnknownAdapter, path));
     }
 
-    EXPECT_EQ(known(), Lines{kDeviceKind.entry()}) << "the adapter is looked up";
+    EXPECT_EQ(known(), kit::Lines{kDeviceKind.entry()}) << "the adapter is looked up";
     EXPECT_TRUE(sim->calls().empty());
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
     expectFromGlib({});
 }
 
@@ -124,7 +124,7 @@ TEST_F(APairing, OfAPairedDeviceIsDoneAtTheFirstPollWhileThePairCallStillRuns)
     EXPECT_EQ(made[1].timeoutMs, -1);
     EXPECT_FALSE(made[1].cancellable);
     EXPECT_TRUE(made[1].error);
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 TEST_F(APairing, PollsTheLiveStateAndNotTheProxys)
@@ -136,7 +136,7 @@ TEST_F(APairing, PollsTheLiveStateAndNotTheProxys)
     EXPECT_TRUE(outcome.get());
     EXPECT_EQ(sim->calls("Pair").size(), 1U);
     EXPECT_LT(sim->calls("Get").size(), kPolls);
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 // This takes the 15 seconds that it says.
@@ -151,7 +151,7 @@ TEST_F(APairing, ThatIsRefusedIsPolledToTheEnd)
     EXPECT_GE(std::chrono::steady_clock::now() - before, 14s);
     EXPECT_EQ(sim->calls("Pair").size(), 1U);
     EXPECT_EQ(sim->calls("Get").size(), kPolls);
-    EXPECT_EQ(log.lines(), Lines{}) << "the answer to Pair is dropped unread";
+    EXPECT_EQ(log.lines(), kit::Lines{}) << "the answer to Pair is dropped unread";
 }
 
 TEST_F(APairing, EndsAtOnceWhenTheDeviceGoes)
@@ -162,7 +162,7 @@ TEST_F(APairing, EndsAtOnceWhenTheDeviceGoes)
 
     EXPECT_FALSE(outcome.get());
     EXPECT_LT(sim->calls("Get").size(), kPolls);
-    const Lines errors = log.lines("E");
+    const kit::Lines errors = log.lines("E");
     ASSERT_EQ(errors.size(), 1U);
     EXPECT_EQ(errors[0].rfind("E GDBus.Error:org.freedesktop.DBus.Error.Unknown", 0), 0U) << errors[0];
 }
@@ -172,7 +172,7 @@ TEST_F(APairing, EndsAtOnceWhenThePollFails)
     startWith(boolean(false));
     GioSpy spy;
     spy.setDefaultTimeout(50ms);
-    const std::vector<std::pair<Bend, Lines>> polls = {
+    const std::vector<std::pair<Bend, kit::Lines>> polls = {
         {Bend::error("Get", "org.bluez.Error.NotReady", "not now"),
          {"E GDBus.Error:org.bluez.Error.NotReady: not now"}},
         {Bend::silence("Get"), {"E Timeout was reached"}},

@@ -9,7 +9,7 @@
 namespace
 {
 
-struct Mixture : NamedCase {
+struct Mixture : kit::NamedCase {
     const char* component;
     const Kind& arrivesAs;
     const Kind& goesAs;
@@ -36,7 +36,7 @@ TEST_P(APathOfSeveralKinds, ArrivesAsTheFirstAndGoesAsTheLast)
     sim->removeObject(path);
     settle();
 
-    EXPECT_EQ(listener.events(), (Lines{arrivesAs.added(path), GetParam().goesAs.removed(path)}));
+    EXPECT_EQ(listener.events(), (kit::Lines{arrivesAs.added(path), GetParam().goesAs.removed(path)}));
 }
 
 TEST_P(APathOfSeveralKinds, IsLookedUpAsTheFirst)
@@ -45,7 +45,7 @@ TEST_P(APathOfSeveralKinds, IsLookedUpAsTheFirst)
 
     EXPECT_FALSE(client->getCachedProperty(path, "UUID", word));
 
-    EXPECT_EQ(known(), Lines{arrivesAs.entry(path)});
+    EXPECT_EQ(known(), kit::Lines{arrivesAs.entry(path)});
 }
 
 // The kind on arrival decides whether it is watched, too.
@@ -61,7 +61,7 @@ TEST_P(APathOfSeveralKinds, ChangesAsTheFirst)
     }
     settle();
 
-    Lines heard;
+    kit::Lines heard;
     if (arrivesAs.path == kDevice) {
         heard = {"onDevicePairedStatusChanged " + path + " true"};
     } else if (arrivesAs.path == kCharacteristic) {
@@ -78,17 +78,17 @@ TEST_P(APathOfSeveralKinds, HasTheItemsOfOne)
     settle();
     log.clear();
 
-    const Lines items = client->itemsFor(path);
+    const kit::Lines items = client->itemsFor(path);
 
     const Kind* const kind = GetParam().hasItemsAs;
     if (kind == nullptr) {
-        EXPECT_EQ(items, Lines{});
-        EXPECT_EQ(log.lines(), Lines{});
+        EXPECT_EQ(items, kit::Lines{});
+        EXPECT_EQ(log.lines(), kit::Lines{});
         return;
     }
     const bool isDevice = kind->path == kDevice;
-    EXPECT_EQ(items, Lines{path + (isDevice ? "/service0002" : "/char0003")});
-    EXPECT_EQ(log.lines(), (Lines{"T Fetching item for " + path,
+    EXPECT_EQ(items, kit::Lines{path + (isDevice ? "/service0002" : "/char0003")});
+    EXPECT_EQ(log.lines(), (kit::Lines{"T Fetching item for " + path,
                                   "T " + path + (isDevice ? " is device" : " is service")}));
 }
 
@@ -127,6 +127,6 @@ INSTANTIATE_TEST_SUITE_P(
                 kAdapterKind,
                 kDescriptorKind,
                 nullptr}),
-    named);
+    kit::named);
 
 } // namespace

@@ -16,7 +16,7 @@ TEST_F(AClient, WithoutAListenerStartsAndCanGetOneLater)
     addAdapter();
     start(nullptr);
     EXPECT_TRUE(client->getListeners().empty());
-    EXPECT_EQ(client->getAdapters(), Lines{kAdapter});
+    EXPECT_EQ(client->getAdapters(), kit::Lines{kAdapter});
 
     client->subscribe(&listener);
     addDevice();
@@ -40,8 +40,8 @@ TEST_F(AClient, KeepsAnEntryForWhoeverSubscribedOrUnsubscribed)
 
     EXPECT_EQ(client->getListeners(),
               (Bluez::ListenerMap{{nullptr, false}, {&listener, true}, {&stranger, false}}));
-    EXPECT_EQ(stranger.events(), Lines{});
-    EXPECT_EQ(listener.events(), Lines{kAdapterKind.added()});
+    EXPECT_EQ(stranger.events(), kit::Lines{});
+    EXPECT_EQ(listener.events(), kit::Lines{kAdapterKind.added()});
 }
 
 TEST_F(AClient, CallsAListenerOnceHoweverOftenItSubscribed)
@@ -52,14 +52,14 @@ TEST_F(AClient, CallsAListenerOnceHoweverOftenItSubscribed)
     addAdapter();
     settle();
     EXPECT_EQ(client->getListeners(), (Bluez::ListenerMap{{&listener, false}}));
-    EXPECT_EQ(listener.events(), Lines{});
+    EXPECT_EQ(listener.events(), kit::Lines{});
     client->subscribe(&listener);
     client->subscribe(&listener);
     addDevice();
     settle();
 
     EXPECT_EQ(client->getListeners(), (Bluez::ListenerMap{{&listener, true}}));
-    EXPECT_EQ(listener.events(), Lines{kDeviceKind.added()});
+    EXPECT_EQ(listener.events(), kit::Lines{kDeviceKind.added()});
 }
 
 TEST_F(AClient, CallsItsListenersInAscendingOrderOfTheirAddresses)
@@ -97,8 +97,8 @@ TEST_F(AClient, CallsThoseThatWereSubscribedWhenTheEventCame)
     settle();
 
     EXPECT_EQ(first.events().size(), 2U);
-    EXPECT_EQ(leaving.events(), Lines{kAdapterKind.added()});
-    EXPECT_EQ(coming.events(), Lines{kDeviceKind.added()});
+    EXPECT_EQ(leaving.events(), kit::Lines{kAdapterKind.added()});
+    EXPECT_EQ(coming.events(), kit::Lines{kDeviceKind.added()});
 }
 
 TEST_F(AClient, TakesListenersFromManyThreadsWhileEventsCome)

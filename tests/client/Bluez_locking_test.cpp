@@ -167,9 +167,9 @@ TEST_P(AnOperation, RunsWhileAProxyIsMade)
     settle();
 }
 
-INSTANTIATE_TEST_SUITE_P(OnAPath, AnOperation, testing::ValuesIn(operations()), named);
+INSTANTIATE_TEST_SUITE_P(OnAPath, AnOperation, testing::ValuesIn(operations()), kit::named);
 
-struct Lister : NamedCase {
+struct Lister : kit::NamedCase {
     void (*call)(Bluez&, Bluez::Listener&);
 };
 
@@ -189,7 +189,7 @@ TEST_P(AnOperationOnTheTables, WaitsUntilTheProxyIsMade)
     making.goOn();
     EXPECT_TRUE(making.awaitTask());
     settle();
-    EXPECT_EQ(client->getDevices(), Lines{kOtherDevice});
+    EXPECT_EQ(client->getDevices(), kit::Lines{kOtherDevice});
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
         Lister{{"AsGetAdapters"}, [](Bluez& client, Bluez::Listener&) { client.getAdapters(); }},
         Lister{{"AsGetDevices"}, [](Bluez& client, Bluez::Listener&) { client.getDevices(); }},
         Lister{{"AsDebugPrintProxies"}, [](Bluez& client, Bluez::Listener&) { client.debugPrintProxies(); }}),
-    named);
+    kit::named);
 
 // --- When an object goes in the middle of an operation ---
 
@@ -245,7 +245,7 @@ TEST_P(AnOperationThroughAProxy, KeepsItAloneIfItSharesIt)
 }
 
 INSTANTIATE_TEST_SUITE_P(OnAPath, AnOperationThroughAProxy, testing::ValuesIn(operationsThroughAProxy()),
-                         named);
+                         kit::named);
 
 // --- Callbacks ---
 
@@ -301,6 +301,6 @@ TEST_P(AnObject, ReleasesTheLockASecondTimeOnlyAfterAGattArrival)
     EXPECT_EQ(refusedAtCallback, (std::vector<int>{0, refusals}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Such, AnObject, testing::ValuesIn(kKinds), named);
+INSTANTIATE_TEST_SUITE_P(Such, AnObject, testing::ValuesIn(kKinds), kit::named);
 
 } // namespace

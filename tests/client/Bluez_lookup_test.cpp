@@ -24,8 +24,8 @@ TEST_F(ATrackedTree, ListsAdaptersAndDevicesInAscendingOrder)
     addDevice();
     settle();
 
-    EXPECT_EQ(client->getAdapters(), (Lines{kAdapter, second}));
-    EXPECT_EQ(client->getDevices(), (Lines{kDevice, second + "/dev_AA_BB_CC_DD_EE_02"}));
+    EXPECT_EQ(client->getAdapters(), (kit::Lines{kAdapter, second}));
+    EXPECT_EQ(client->getDevices(), (kit::Lines{kDevice, second + "/dev_AA_BB_CC_DD_EE_02"}));
 }
 
 TEST_F(ATrackedTree, ListsTheServicesOfADeviceByType)
@@ -43,17 +43,17 @@ TEST_F(ATrackedTree, ListsTheServicesOfADeviceByType)
     settle();
 
     const auto paths = [&](Type type) {
-        Lines found;
+        kit::Lines found;
         for (const Bluez::Service& service : client->getServices(kDevice, type)) {
             found.push_back(service.path);
         }
         return found;
     };
 
-    EXPECT_EQ(paths(Type::Battery), (Lines{second, kService}));
-    EXPECT_EQ(paths(Type::OtaNormal), Lines{std::string(kDevice) + "/service0020"});
-    EXPECT_EQ(paths(Type::Unknown), Lines{std::string(kDevice) + "/service0030"});
-    EXPECT_EQ(paths(Type::Dfu), Lines{});
+    EXPECT_EQ(paths(Type::Battery), (kit::Lines{second, kService}));
+    EXPECT_EQ(paths(Type::OtaNormal), kit::Lines{std::string(kDevice) + "/service0020"});
+    EXPECT_EQ(paths(Type::Unknown), kit::Lines{std::string(kDevice) + "/service0030"});
+    EXPECT_EQ(paths(Type::Dfu), kit::Lines{});
 }
 
 TEST_F(ATrackedTree, ListsNoServicesForAPathThatIsNoDevice)
@@ -75,12 +75,12 @@ TEST_F(ATrackedTree, ListsTheItemsOfEachKind)
     addCharacteristic(second);
     startWithAll();
 
-    EXPECT_EQ(client->itemsFor(kDevice), Lines{kService});
-    EXPECT_EQ(client->itemsFor(kService), (Lines{second, kCharacteristic}));
-    EXPECT_EQ(client->itemsFor(kCharacteristic), Lines{kDescriptor});
+    EXPECT_EQ(client->itemsFor(kDevice), kit::Lines{kService});
+    EXPECT_EQ(client->itemsFor(kService), (kit::Lines{second, kCharacteristic}));
+    EXPECT_EQ(client->itemsFor(kCharacteristic), kit::Lines{kDescriptor});
     EXPECT_EQ(
         log.lines(),
-        (Lines{std::string("T Fetching item for ") + kDevice, std::string("T ") + kDevice + " is device",
+        (kit::Lines{std::string("T Fetching item for ") + kDevice, std::string("T ") + kDevice + " is device",
                std::string("T Fetching item for ") + kService, std::string("T ") + kService + " is service",
                std::string("T Fetching item for ") + kCharacteristic,
                std::string("T ") + kCharacteristic + " is characteristic"}));
@@ -90,13 +90,13 @@ TEST_F(ATrackedTree, ListsNoItemsOfOtherPaths)
 {
     startWithAll();
 
-    EXPECT_EQ(client->itemsFor(""), Lines{});
-    EXPECT_EQ(client->itemsFor(kDescriptor), Lines{});
-    EXPECT_EQ(log.lines(), Lines{});
-    EXPECT_EQ(client->itemsFor(kAdapter), Lines{});
-    EXPECT_EQ(client->itemsFor("/org/bluez"), Lines{});
+    EXPECT_EQ(client->itemsFor(""), kit::Lines{});
+    EXPECT_EQ(client->itemsFor(kDescriptor), kit::Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
+    EXPECT_EQ(client->itemsFor(kAdapter), kit::Lines{});
+    EXPECT_EQ(client->itemsFor("/org/bluez"), kit::Lines{});
     EXPECT_EQ(log.lines(),
-              (Lines{std::string("T Fetching item for ") + kAdapter, "T Fetching item for /org/bluez"}));
+              (kit::Lines{std::string("T Fetching item for ") + kAdapter, "T Fetching item for /org/bluez"}));
 }
 
 TEST_F(ATrackedTree, ListsAsItemsWhateverBeginsWithThePath)
@@ -108,7 +108,7 @@ TEST_F(ATrackedTree, ListsAsItemsWhateverBeginsWithThePath)
     addCharacteristic(std::string(kDevice) + "/service0002/char0004");
     settle();
 
-    EXPECT_EQ(client->itemsFor(service), (Lines{service + "/char0002", service + "0/char0003"}));
+    EXPECT_EQ(client->itemsFor(service), (kit::Lines{service + "/char0002", service + "0/char0003"}));
 }
 
 // --- The table of proxies ---
@@ -122,14 +122,14 @@ TEST_F(ATrackedTree, PrintsItsProxies)
         return log.lines();
     };
     start();
-    const Lines printedEmpty = printed();
+    const kit::Lines printedEmpty = printed();
     addAll();
     settle();
     bool powered = false;
     client->adapterGetPowered(unknown, powered); // leaves an empty entry
 
-    Lines empty;
-    Lines full;
+    kit::Lines empty;
+    kit::Lines full;
     const auto addLine = [&](const Kind& kind, const std::string& path, const GDBusProxy* proxy) {
         char line[512];
         std::snprintf(line, sizeof line, "D %s: %s: %p", kind.name, path.c_str(),

@@ -18,9 +18,9 @@ std::string unknownOf(const Operation& operation)
     return std::string(operation.kind->path) + "7";
 }
 
-Lines oneOrNone(const std::string& line)
+kit::Lines oneOrNone(const std::string& line)
 {
-    return line.empty() ? Lines{} : Lines{line};
+    return line.empty() ? kit::Lines{} : kit::Lines{line};
 }
 
 class AnOperation : public ABusWithEverything, public testing::WithParamInterface<Operation>
@@ -44,7 +44,7 @@ protected:
 
 TEST_P(AnOperation, IsRefusedForAnEmptyPathWithoutAnEntry)
 {
-    const Lines before = known();
+    const kit::Lines before = known();
 
     EXPECT_EQ(call(""), operation.refused);
 
@@ -53,7 +53,7 @@ TEST_P(AnOperation, IsRefusedForAnEmptyPathWithoutAnEntry)
     EXPECT_TRUE(sim->calls().empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(OnAPath, AnOperation, testing::ValuesIn(operations()), named);
+INSTANTIATE_TEST_SUITE_P(OnAPath, AnOperation, testing::ValuesIn(operations()), kit::named);
 
 using AnOperationThroughAProxy = AnOperation;
 
@@ -61,13 +61,13 @@ TEST_P(AnOperationThroughAProxy, IsRefusedForAnUnknownPathAndLeavesAnEntry)
 {
     const std::string unknown = unknownOf(operation);
     const std::string complaint = operation.complaints.unknownPath;
-    Lines before = known();
+    kit::Lines before = known();
 
     EXPECT_EQ(call(unknown), operation.refused);
 
-    EXPECT_EQ(log.lines(), complaint.empty() ? Lines{} : Lines{complaint + unknown});
+    EXPECT_EQ(log.lines(), complaint.empty() ? kit::Lines{} : kit::Lines{complaint + unknown});
     expectFromGlib(oneOrNone(operation.complaints.glib));
-    Lines after = known();
+    kit::Lines after = known();
     after.erase(std::remove(after.begin(), after.end(), operation.kind->entry(unknown)), after.end());
     EXPECT_EQ(after, before);
     EXPECT_EQ(known().size(), before.size() + 1);
@@ -75,7 +75,7 @@ TEST_P(AnOperationThroughAProxy, IsRefusedForAnUnknownPathAndLeavesAnEntry)
 }
 
 INSTANTIATE_TEST_SUITE_P(OnAPath, AnOperationThroughAProxy, testing::ValuesIn(operationsThroughAProxy()),
-                         named);
+                         kit::named);
 
 // --- What the proxy last saw ---
 
@@ -108,9 +108,9 @@ TEST_P(AReadOfTheCache, GivesTheLatestValueWithoutTraffic)
 
     EXPECT_EQ(read(), property.second);
     settle();
-    EXPECT_EQ(outgoing.members(), Lines{});
+    EXPECT_EQ(outgoing.members(), kit::Lines{});
     EXPECT_TRUE(sim->calls().empty());
-    EXPECT_EQ(log.lines("EW"), Lines{});
+    EXPECT_EQ(log.lines("EW"), kit::Lines{});
 }
 
 TEST_P(AReadOfTheCache, IsRefusedInSilenceWithoutAValue)
@@ -119,7 +119,7 @@ TEST_P(AReadOfTheCache, IsRefusedInSilenceWithoutAValue)
 
     EXPECT_EQ(read(), operation.refused);
 
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 TEST_P(AReadOfTheCache, IsRefusedInSilenceIfTheValueIsOfAWrongType)
@@ -128,11 +128,11 @@ TEST_P(AReadOfTheCache, IsRefusedInSilenceIfTheValueIsOfAWrongType)
 
     EXPECT_EQ(read(), operation.refused);
 
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
     expectFromGlib({});
 }
 
-INSTANTIATE_TEST_SUITE_P(OnAPath, AReadOfTheCache, testing::ValuesIn(cacheReads()), named);
+INSTANTIATE_TEST_SUITE_P(OnAPath, AReadOfTheCache, testing::ValuesIn(cacheReads()), kit::named);
 
 using ATextOfAnyKind = ABusWithBlueZ;
 
@@ -146,9 +146,9 @@ TEST_F(ATextOfAnyKind, NeedsAPropertyAndAKind)
     EXPECT_FALSE(client->getCachedProperty(kAdapter, "", word));
     EXPECT_FALSE(client->getCachedProperty("/of/no/kind", "UUID", word));
 
-    EXPECT_EQ(log.lines(), (Lines{"E Empty object path", "E Empty property name"}));
+    EXPECT_EQ(log.lines(), (kit::Lines{"E Empty object path", "E Empty property name"}));
     EXPECT_EQ(word, "before");
-    EXPECT_EQ(known(), Lines{});
+    EXPECT_EQ(known(), kit::Lines{});
 }
 
 // --- Calls ---
@@ -162,7 +162,7 @@ protected:
     {
         EXPECT_EQ(call(), operation.message.outcomeOfError);
 
-        Lines expected = oneOrNone(operation.message.asksForError ? error : "");
+        kit::Lines expected = oneOrNone(operation.message.asksForError ? error : "");
         expected.insert(expected.end(), operation.message.errors.begin(), operation.message.errors.end());
         EXPECT_EQ(log.lines(), expected);
     }
@@ -178,7 +178,7 @@ TEST_P(ACall, IsOneMessageToItsObject)
     EXPECT_EQ(sent[0].interface, isThroughAProxy() ? operation.kind->interface : kPropertiesInterface);
     EXPECT_EQ(sent[0].member, operation.message.method);
     EXPECT_EQ(sent[0].parameters.text(), operation.message.parameters);
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 TEST_P(ACall, HasTheLibrarysTimeout)
@@ -212,7 +212,7 @@ TEST_P(ACall, LogsThatItTimedOut)
     expectFailure("E Timeout was reached");
 }
 
-INSTANTIATE_TEST_SUITE_P(By, ACall, testing::ValuesIn(calls()), named);
+INSTANTIATE_TEST_SUITE_P(By, ACall, testing::ValuesIn(calls()), kit::named);
 
 class ACallWithoutAResult : public ACall
 {
@@ -224,7 +224,7 @@ TEST_P(ACallWithoutAResult, IgnoresTheBodyOfItsReply)
 
     EXPECT_EQ(call(), "done");
 
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 std::vector<Operation> callsWithoutAResult()
@@ -237,7 +237,7 @@ std::vector<Operation> callsWithoutAResult()
     return found;
 }
 
-INSTANTIATE_TEST_SUITE_P(By, ACallWithoutAResult, testing::ValuesIn(callsWithoutAResult()), named);
+INSTANTIATE_TEST_SUITE_P(By, ACallWithoutAResult, testing::ValuesIn(callsWithoutAResult()), kit::named);
 
 using ACallThroughTheConnection = ABusWithBlueZ;
 
@@ -256,11 +256,11 @@ TEST_F(ACallThroughTheConnection, GoesOutForAnUnknownPathAndLeavesNoEntry)
         EXPECT_EQ(operation.call(*client, unknownOf(operation)), "refused");
 
         EXPECT_EQ(sim->calls(operation.message.method, unknownOf(operation)).size(), 1U);
-        const Lines errors = log.lines();
+        const kit::Lines errors = log.lines();
         ASSERT_EQ(errors.size(), operation.message.asksForError ? 1U : 0U);
         EXPECT_TRUE(errors.empty() || errors[0].rfind("E GDBus.Error:org.freedesktop.DBus.Error.", 0) == 0)
             << errors[0];
-        EXPECT_EQ(known(), Lines{kAdapterKind.entry()});
+        EXPECT_EQ(known(), kit::Lines{kAdapterKind.entry()});
     }
 }
 

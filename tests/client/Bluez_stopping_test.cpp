@@ -45,10 +45,10 @@ TEST_F(AClient, LogsItsEndStepByStep)
 
     destroy();
 
-    const Lines lines = log.lines();
+    const kit::Lines lines = log.lines();
     ASSERT_EQ(lines.size(), 5U) << testing::PrintToString(lines);
-    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 4),
-              (Lines{"T Posting stopping task", "D Stopping loop task", "D Deiniting Bluez..",
+    EXPECT_EQ(kit::Lines(lines.begin(), lines.begin() + 4),
+              (kit::Lines{"T Posting stopping task", "D Stopping loop task", "D Deiniting Bluez..",
                      "D Deiniting Bluez completed"}));
     // The proxies go last, when the connection has been given back.
     EXPECT_EQ(lines.back().rfind("T Unref object 0x", 0), 0U) << lines.back();
@@ -64,7 +64,7 @@ TEST_F(AClient, GivesBackWhatItTookAndOneReferenceMoreOnTheContextAndItsProxiesL
     destroy();
 
     EXPECT_EQ(spy.releases(),
-              (Lines{"GDBusObjectManagerClient", "GDBusConnection", "GCancellable", "GMainLoop",
+              (kit::Lines{"GDBusObjectManagerClient", "GDBusConnection", "GCancellable", "GMainLoop",
                      "GMainContext", "GDBusProxy", "GDBusProxy", "GDBusProxy", "GDBusProxy", "GDBusProxy"}));
 }
 
@@ -143,7 +143,7 @@ TEST_F(AClient, CanBeDestroyedWhileBlueZDoesntAnswerItsFirstQuestion)
     destroy();
 
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
-    EXPECT_EQ(log.lines("E"), Lines{"E Creating object manager failed"});
+    EXPECT_EQ(log.lines("E"), kit::Lines{"E Creating object manager failed"});
     EXPECT_EQ(log.count("D Stopping loop task"), 0U);
 }
 
@@ -156,7 +156,7 @@ TEST_F(AClientWithoutBlueZ, CanBeDestroyed)
 
     destroy();
 
-    EXPECT_EQ(log.lines(), (Lines{"T Posting stopping task", "D Stopping loop task", "D Deiniting Bluez..",
+    EXPECT_EQ(log.lines(), (kit::Lines{"T Posting stopping task", "D Stopping loop task", "D Deiniting Bluez..",
                                   "D Deiniting Bluez completed"}));
 }
 
@@ -175,7 +175,7 @@ TEST_F(AClientWithoutBlueZ, CanBeDestroyedRightAfterItsConstruction)
 
 TEST(TheStoppingTask, EndsTheLoopAndRunsOnce)
 {
-    LogRecorder::instance().clear();
+    kit::LogRecorder::instance().clear();
     GMainContext* context = g_main_context_new();
     GMainLoop* loop = g_main_loop_new(context, FALSE);
     GSource* source = g_idle_source_new();
@@ -185,9 +185,9 @@ TEST(TheStoppingTask, EndsTheLoopAndRunsOnce)
     g_main_loop_run(loop);
 
     EXPECT_TRUE(g_source_is_destroyed(source));
-    EXPECT_EQ(LogRecorder::instance().lines("EWID"), (Lines{"D Stopping loop task"}));
+    EXPECT_EQ(kit::LogRecorder::instance().lines("EWID"), (kit::Lines{"D Stopping loop task"}));
     EXPECT_EQ(quit_task(nullptr), FALSE);
-    EXPECT_EQ(LogRecorder::instance().lines("EWID").size(), 1U) << "for null it does nothing";
+    EXPECT_EQ(kit::LogRecorder::instance().lines("EWID").size(), 1U) << "for null it does nothing";
     g_source_unref(source);
     g_main_loop_unref(loop);
     g_main_context_unref(context);
@@ -298,8 +298,8 @@ TEST_F(AClientWithoutABus, PostsATaskThatNeverRunsAndGivesNothingBack)
 
     destroy();
 
-    EXPECT_EQ(log.lines(), Lines{"T Posting stopping task"});
-    EXPECT_EQ(spy.releases(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{"T Posting stopping task"});
+    EXPECT_EQ(spy.releases(), kit::Lines{});
 }
 
 TEST_F(AClientWithoutABus, CanBeDestroyedRightAfterItsConstruction)
@@ -385,7 +385,7 @@ TEST_F(AClientWithoutABus, CanBeDestroyedWhileTheBusIsMute)
     destroy();
 
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
-    EXPECT_EQ(log.lines("E"), Lines{"E Connection failed"});
+    EXPECT_EQ(log.lines("E"), kit::Lines{"E Connection failed"});
     EXPECT_EQ(log.count("D Stopping loop task"), 0U);
 }
 
@@ -414,7 +414,7 @@ TEST_F(AClientWithoutABus, CanBeDestroyedWithin25SecondsWhileTheBusIgnoresItsGre
     destroy();
 
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds{25} + kSoon);
-    EXPECT_EQ(log.lines("E"), Lines{"E Connection failed"});
+    EXPECT_EQ(log.lines("E"), kit::Lines{"E Connection failed"});
 }
 
 using AClientWithoutAnObjectManager = ABusWithBlueZ;
@@ -430,9 +430,9 @@ TEST_F(AClientWithoutAnObjectManager, PostsATaskThatNeverRunsAndGivesNothingBack
 
     destroy();
 
-    EXPECT_EQ(log.lines(), Lines{"T Posting stopping task"});
+    EXPECT_EQ(log.lines(), kit::Lines{"T Posting stopping task"});
     // The simulator gives its own connection and messages back meanwhile.
-    const Lines releases = spy.releases();
+    const kit::Lines releases = spy.releases();
     for (const char* type : {"GCancellable", "GMainLoop", "GMainContext"}) {
         EXPECT_EQ(std::count(releases.begin(), releases.end(), type), 0) << type;
     }

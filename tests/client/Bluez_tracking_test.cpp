@@ -10,9 +10,9 @@
 namespace
 {
 
-const Lines kNullReleased = {
+const kit::Lines kNullReleased = {
     "GLib-GObject-CRITICAL: g_object_unref: assertion 'G_IS_OBJECT (object)' failed"};
-const Lines kNullConnected = {
+const kit::Lines kNullConnected = {
     "GLib-GObject-WARNING: invalid (NULL) pointer instance",
     "GLib-GObject-CRITICAL: g_signal_connect_data: assertion 'G_TYPE_CHECK_INSTANCE (instance)' failed"};
 
@@ -43,9 +43,9 @@ TEST_P(AnObject, GetsOneProxyOfItsInterfaceAndIsReported)
     addObject(path, kind.interface);
     settle();
 
-    EXPECT_EQ(listener.events(), Lines{kind.added()});
-    EXPECT_EQ(log.lines(), Lines{"T + " + path});
-    EXPECT_EQ(known(), Lines{kind.entry()});
+    EXPECT_EQ(listener.events(), kit::Lines{kind.added()});
+    EXPECT_EQ(log.lines(), kit::Lines{"T + " + path});
+    EXPECT_EQ(known(), kit::Lines{kind.entry()});
     const auto made = spy.calls();
     ASSERT_EQ(made.size(), 1U);
     EXPECT_EQ(made[0].function, "g_dbus_proxy_new_sync");
@@ -66,7 +66,7 @@ TEST_P(AnObject, IsReportedByThePathWhateverItOffers)
     addObject(path, "org.example.Other1");
     settle();
 
-    EXPECT_EQ(listener.events(), Lines{kind.added()});
+    EXPECT_EQ(listener.events(), kit::Lines{kind.added()});
     ASSERT_EQ(spy.calls().size(), 1U);
     EXPECT_EQ(spy.calls()[0].interface, kind.interface);
 }
@@ -77,7 +77,7 @@ TEST_P(AnObject, IsReportedInTheSameWayAtTheStart)
 
     start();
 
-    EXPECT_EQ(listener.events(), Lines{kind.added()});
+    EXPECT_EQ(listener.events(), kit::Lines{kind.added()});
     EXPECT_EQ(log.count("T Object " + path), 1U);
     EXPECT_EQ(log.count("T + " + path), 0U);
 }
@@ -93,13 +93,13 @@ TEST_P(AnObject, LosesItsProxyIfItsPathIsTaken)
     addObject(path, kind.interface, {{"UUID", text(kBatteryUuid)}});
     settle();
 
-    EXPECT_EQ(listener.events(), Lines{kind.added()});
+    EXPECT_EQ(listener.events(), kit::Lines{kind.added()});
     EXPECT_EQ(unrefs(), 1U);
     EXPECT_FALSE(client->getCachedProperty(path, "UUID", word)) << "it stays unusable";
     change(kind, {{"Paired", boolean(true)}, {"Value", Variant::bytes({1})}});
     EXPECT_EQ(listener.events().size(), 1U) << "no signal is connected";
     const bool watched = kind.path == kDevice || kind.path == kCharacteristic;
-    expectFromGlib(watched ? kNullConnected : Lines{});
+    expectFromGlib(watched ? kNullConnected : kit::Lines{});
 
     sim->removeObject(path);
     addObject(path, kind.interface, {{"UUID", text(kBatteryUuid)}});
@@ -119,14 +119,14 @@ TEST_P(AnObject, LosesItsProxyAndIsReportedWhenItGoes)
 
     sim->removeObject(path);
     settle();
-    const Lines lines = log.lines();
+    const kit::Lines lines = log.lines();
     change(kind, {{"Paired", boolean(true)}, {"Value", Variant::bytes({1})}});
 
-    EXPECT_EQ(listener.events(), Lines{kind.removed()});
+    EXPECT_EQ(listener.events(), kit::Lines{kind.removed()});
     ASSERT_EQ(lines.size(), 2U) << testing::PrintToString(lines);
     EXPECT_EQ(lines[0], "T - " + path);
     EXPECT_EQ(lines[1].rfind("T Unref object 0x", 0), 0U);
-    EXPECT_EQ(known(), Lines{});
+    EXPECT_EQ(known(), kit::Lines{});
     EXPECT_EQ(log.lines(), lines) << "no change is heard of any more";
 }
 
@@ -137,24 +137,24 @@ TEST_P(AnObject, IsReportedWhenItGoesWhetherOrNotAnyoneKnewIt)
 
     emitObjectRemoved(path);
 
-    EXPECT_EQ(listener.events(), Lines{kind.removed()});
-    EXPECT_EQ(log.lines(), Lines{"T - " + path});
+    EXPECT_EQ(listener.events(), kit::Lines{kind.removed()});
+    EXPECT_EQ(log.lines(), kit::Lines{"T - " + path});
 }
 
 TEST_P(AnObject, AloneIsRemovedWithItsOwnPath)
 {
     startWithAll();
-    Lines left = known();
+    kit::Lines left = known();
 
     removeAlone(path, kind.interface);
     settle();
 
     left.erase(std::find(left.begin(), left.end(), kind.entry()));
     EXPECT_EQ(known(), left);
-    EXPECT_EQ(listener.events(), Lines{kind.removed()});
+    EXPECT_EQ(listener.events(), kit::Lines{kind.removed()});
 }
 
-INSTANTIATE_TEST_SUITE_P(Such, AnObject, testing::ValuesIn(kKinds), named);
+INSTANTIATE_TEST_SUITE_P(Such, AnObject, testing::ValuesIn(kKinds), kit::named);
 
 TEST_F(ATrackedTree, PassesOverAnObjectOfNoKind)
 {
@@ -168,9 +168,9 @@ TEST_F(ATrackedTree, PassesOverAnObjectOfNoKind)
     settle();
 
     EXPECT_EQ(log.lines(),
-              (Lines{"T + /org/bluez/test", "T Unhandled object: /org/bluez/test", "T - /org/bluez/test"}));
-    EXPECT_EQ(listener.events(), Lines{});
-    EXPECT_EQ(known(), Lines{});
+              (kit::Lines{"T + /org/bluez/test", "T Unhandled object: /org/bluez/test", "T - /org/bluez/test"}));
+    EXPECT_EQ(listener.events(), kit::Lines{});
+    EXPECT_EQ(known(), kit::Lines{});
 }
 
 TEST_F(ATrackedTree, ErasesAPathFromEveryMapThatHoldsIt)
@@ -179,13 +179,13 @@ TEST_F(ATrackedTree, ErasesAPathFromEveryMapThatHoldsIt)
     addDescriptor();
     settle();
     client->valueFor(kDescriptor); // looks among the characteristics
-    GlibMessages::instance().take();
-    ASSERT_EQ(known(), (Lines{kCharacteristicKind.entry(kDescriptor), kDescriptorKind.entry()}));
+    kit::GlibMessages::instance().take();
+    ASSERT_EQ(known(), (kit::Lines{kCharacteristicKind.entry(kDescriptor), kDescriptorKind.entry()}));
 
     sim->removeObject(kDescriptor);
     settle();
 
-    EXPECT_EQ(known(), Lines{});
+    EXPECT_EQ(known(), kit::Lines{});
 }
 
 TEST_F(ATrackedTree, ReportsChildrenBeforeTheirParentsAsBlueZRemovesThem)
@@ -196,7 +196,7 @@ TEST_F(ATrackedTree, ReportsChildrenBeforeTheirParentsAsBlueZRemovesThem)
     settle();
 
     EXPECT_EQ(listener.events(),
-              (Lines{kDescriptorKind.removed(), kCharacteristicKind.removed(), kServiceKind.removed(),
+              (kit::Lines{kDescriptorKind.removed(), kCharacteristicKind.removed(), kServiceKind.removed(),
                      kDeviceKind.removed(), kAdapterKind.removed()}));
 }
 
@@ -230,7 +230,7 @@ TEST_F(ATrackedTree, ReportsEveryChangeOfAnObjectThatArrivedTwiceTwice)
 
     const std::string paired = std::string("onDevicePairedStatusChanged ") + kDevice + " true";
     const std::string value = std::string("onGattCharacteristicChanged ") + kCharacteristic + " 80";
-    EXPECT_EQ(listener.events(), (Lines{paired, paired, value, value}));
+    EXPECT_EQ(listener.events(), (kit::Lines{paired, paired, value, value}));
     EXPECT_EQ(log.count(std::string("D props changed: ") + kDevice), 2U);
 }
 
@@ -254,14 +254,14 @@ TEST_F(AnObjectWithoutAProxy, IsStillReportedForADeviceAndAnswersNothing)
     addDevice(kDevice, {{"Paired", boolean(true)}});
     settle();
 
-    EXPECT_EQ(listener.events(), Lines{kDeviceKind.added()});
+    EXPECT_EQ(listener.events(), kit::Lines{kDeviceKind.added()});
     EXPECT_EQ(proxyOf(kDeviceKind), nullptr);
     onEventThread([&] { EXPECT_EQ(((*client).*kDeviceKind.proxies).at(kDevice).use_count(), 1); });
     bool paired = false;
     EXPECT_FALSE(client->deviceGetPaired(kDevice, paired));
     EXPECT_FALSE(client->deviceConnect(kDevice));
     EXPECT_FALSE(client->devicePair(kDevice));
-    EXPECT_EQ(log.lines("EWID"), Lines{});
+    EXPECT_EQ(log.lines("EWID"), kit::Lines{});
     expectFromGlib(kNullConnected);
 
     sim->removeObject(kDevice);
@@ -275,7 +275,7 @@ TEST_F(AnObjectWithoutAProxy, IsStillReportedForAServiceWithoutUuid)
     addService();
     settle();
 
-    ASSERT_EQ(listener.events(), Lines{kServiceKind.added()});
+    ASSERT_EQ(listener.events(), kit::Lines{kServiceKind.added()});
     EXPECT_EQ(listener.services().at(0).uuid, "");
     EXPECT_EQ(listener.services().at(0).type, Bluez::Service::Type::Unknown);
     EXPECT_EQ(listener.services().at(0).parent, kDevice);
@@ -291,9 +291,9 @@ TEST_F(AnObjectWithoutAProxy, RefusesTheOperationsOfACharacteristic)
 
     EXPECT_FALSE(client->characteristicStartNotify(kCharacteristic));
 
-    EXPECT_EQ(log.lines(), Lines{std::string("E No proxy found for characteristic ") + kCharacteristic});
+    EXPECT_EQ(log.lines(), kit::Lines{std::string("E No proxy found for characteristic ") + kCharacteristic});
     destroy();
-    GlibMessages::instance().take(); // as for the device
+    kit::GlibMessages::instance().take(); // as for the device
 }
 
 // --- Making a proxy ---
@@ -323,7 +323,7 @@ TEST_F(ASharedProxy, IsNotMadeWithoutAName)
     EXPECT_EQ(make(connection(), "").use_count(), 0);
     EXPECT_EQ(make(connection(), "org.bluez", "").use_count(), 0);
     EXPECT_EQ(make(connection(), "org.bluez", kDevice, "").use_count(), 0);
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 // Whether the client is connected counts, not what the caller gives.
@@ -348,7 +348,7 @@ TEST_F(ASharedProxy, HoldsNullIfItCouldntBeMade)
         EXPECT_EQ(proxy.use_count(), 1) << "a control block all the same";
     }
     EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
-    EXPECT_EQ(log.lines(), Lines{"T Unref object (nil)"});
+    EXPECT_EQ(log.lines(), kit::Lines{"T Unref object (nil)"});
     expectFromGlib(kNullReleased);
     g_clear_error(&error);
     g_clear_object(&cancellable);

@@ -14,12 +14,12 @@ using Type = Bluez::Service::Type;
 
 /// The fields that all records share.
 template <typename Record>
-Lines fieldsOf(const Record& record)
+kit::Lines fieldsOf(const Record& record)
 {
     return {record.uuid, record.path, record.parent, record.val};
 }
 
-const Lines kBlank = {"", "", "", ""};
+const kit::Lines kBlank = {"", "", "", ""};
 
 using ATrackedTree = ABusWithBlueZ;
 
@@ -29,10 +29,10 @@ TEST_F(ATrackedTree, ReportsAndKeepsARecordOfEachObject)
 {
     const auto expectPlain = [](const Service& service, const Characteristic& characteristic,
                                 const Descriptor& descriptor) {
-        EXPECT_EQ(fieldsOf(service), (Lines{kBatteryUuid, kService, kDevice, ""}));
+        EXPECT_EQ(fieldsOf(service), (kit::Lines{kBatteryUuid, kService, kDevice, ""}));
         EXPECT_EQ(service.type, Type::Battery);
-        EXPECT_EQ(fieldsOf(characteristic), (Lines{kLevelUuid, kCharacteristic, kService, ""}));
-        EXPECT_EQ(fieldsOf(descriptor), (Lines{kConfigurationUuid, kDescriptor, kCharacteristic, ""}));
+        EXPECT_EQ(fieldsOf(characteristic), (kit::Lines{kLevelUuid, kCharacteristic, kService, ""}));
+        EXPECT_EQ(fieldsOf(descriptor), (kit::Lines{kConfigurationUuid, kDescriptor, kCharacteristic, ""}));
     };
     start();
 
@@ -57,11 +57,11 @@ TEST_F(ATrackedTree, ReportsObjectsWithoutAUuidWithAnEmptyOne)
     addObject(kDescriptor, kDescriptorInterface);
     settle();
 
-    EXPECT_EQ(fieldsOf(listener.services().at(0)), (Lines{"", kService, kDevice, ""}));
+    EXPECT_EQ(fieldsOf(listener.services().at(0)), (kit::Lines{"", kService, kDevice, ""}));
     EXPECT_EQ(listener.services().at(0).type, Type::Unknown);
-    EXPECT_EQ(fieldsOf(listener.characteristics().at(0)), (Lines{"", kCharacteristic, kService, ""}));
-    EXPECT_EQ(fieldsOf(listener.descriptors().at(0)), (Lines{"", kDescriptor, kCharacteristic, ""}));
-    EXPECT_EQ(log.lines("EW"), Lines{});
+    EXPECT_EQ(fieldsOf(listener.characteristics().at(0)), (kit::Lines{"", kCharacteristic, kService, ""}));
+    EXPECT_EQ(fieldsOf(listener.descriptors().at(0)), (kit::Lines{"", kDescriptor, kCharacteristic, ""}));
+    EXPECT_EQ(log.lines("EW"), kit::Lines{});
     expectFromGlib({});
 }
 
@@ -93,7 +93,7 @@ TEST_F(ATrackedTree, BuildsARecordForAnUnknownPathFromThePathAlone)
     for (const std::string& parent : {std::string(kDevice), std::string("/of/no")}) {
         const Service service = client->objectForService(parent + "/service0001");
 
-        EXPECT_EQ(fieldsOf(service), (Lines{"", parent + "/service0001", parent, ""}));
+        EXPECT_EQ(fieldsOf(service), (kit::Lines{"", parent + "/service0001", parent, ""}));
         EXPECT_EQ(service.type, Type::Unknown);
     }
     EXPECT_EQ(client->objectForService("/of/no/kind").type, Type::Unknown);
@@ -112,7 +112,7 @@ TEST_F(ATrackedTree, EmptiesTheRecordOfWhatArrivesTwice)
 
     emitObjectAdded(kService);
     EXPECT_TRUE(tree().at(kService).characteristics.empty());
-    EXPECT_EQ(listener.events(), (Lines{kCharacteristicKind.added(), kServiceKind.added()}));
+    EXPECT_EQ(listener.events(), (kit::Lines{kCharacteristicKind.added(), kServiceKind.added()}));
     EXPECT_EQ(known().size(), kKinds.size());
 }
 
@@ -130,7 +130,7 @@ TEST_F(ATrackedTree, MakesAPlaceholderForACharacteristicBeforeItsService)
     for (const Type type : {static_cast<Type>(0), Type::Unknown, Type::Battery}) {
         EXPECT_TRUE(client->getServices(kDevice, type).empty());
     }
-    EXPECT_EQ(known(), Lines{kCharacteristicKind.entry()}) << "the placeholder is in the tree alone";
+    EXPECT_EQ(known(), kit::Lines{kCharacteristicKind.entry()}) << "the placeholder is in the tree alone";
 }
 
 TEST_F(ATrackedTree, ReplacesAPlaceholderWholeWhenItsServiceArrives)
@@ -143,7 +143,7 @@ TEST_F(ATrackedTree, ReplacesAPlaceholderWholeWhenItsServiceArrives)
     const auto services = client->getServices(kDevice, Type::Battery);
     ASSERT_EQ(services.size(), 1U);
     EXPECT_TRUE(services[0].characteristics.empty()) << "the characteristic is gone from the tree";
-    EXPECT_EQ(client->itemsFor(kService), Lines{kCharacteristic}) << "and its proxy stays";
+    EXPECT_EQ(client->itemsFor(kService), kit::Lines{kCharacteristic}) << "and its proxy stays";
 }
 
 TEST_F(ATrackedTree, MakesPlaceholdersOnBothLevelsForADescriptorAlone)
@@ -170,7 +170,7 @@ TEST_F(ATrackedTree, MakesPlaceholdersForADescriptorWhoseCharacteristicHasAProxy
     removeAlone(kService, kServiceInterface); // takes the record of the characteristic along
     settle();
     ASSERT_TRUE(tree().empty());
-    ASSERT_EQ(known(), Lines{kCharacteristicKind.entry()});
+    ASSERT_EQ(known(), kit::Lines{kCharacteristicKind.entry()});
 
     addDescriptor();
     settle();
@@ -196,7 +196,7 @@ TEST_F(ATrackedTree, LosesTheDescriptorsOfACharacteristicThatArrivesAfterThem)
     settle();
 
     EXPECT_TRUE(tree().at(kService).characteristics.at(kCharacteristic).descriptors.empty());
-    EXPECT_EQ(client->itemsFor(kCharacteristic), Lines{kDescriptor});
+    EXPECT_EQ(client->itemsFor(kCharacteristic), kit::Lines{kDescriptor});
 }
 
 // --- Removals ---
@@ -213,8 +213,8 @@ TEST_F(ATrackedTree, LosesAllBelowAServiceThatGoesAloneAndStillReportsItsRemoval
     settle();
 
     EXPECT_EQ(listener.events(),
-              (Lines{kServiceKind.removed(), kCharacteristicKind.removed(), kDescriptorKind.removed()}));
-    EXPECT_EQ(known(), (Lines{kAdapterKind.entry(), kDeviceKind.entry()}));
+              (kit::Lines{kServiceKind.removed(), kCharacteristicKind.removed(), kDescriptorKind.removed()}));
+    EXPECT_EQ(known(), (kit::Lines{kAdapterKind.entry(), kDeviceKind.entry()}));
 }
 
 TEST_F(ATrackedTree, LosesACharacteristicWithItsDescriptors)
@@ -229,7 +229,7 @@ TEST_F(ATrackedTree, LosesACharacteristicWithItsDescriptors)
     const auto characteristics = tree().at(kService).characteristics;
     ASSERT_EQ(characteristics.size(), 1U);
     EXPECT_EQ(characteristics.begin()->first, other);
-    EXPECT_EQ(client->itemsFor(kService), Lines{other});
+    EXPECT_EQ(client->itemsFor(kService), kit::Lines{other});
 }
 
 TEST_F(ATrackedTree, LosesADescriptorAlone)

@@ -70,7 +70,7 @@ TEST_F(ACharacteristic, IsNotLookedUpForNothingToWrite)
     EXPECT_FALSE(client->writeCharacteristic(kUnknown, {}));
     EXPECT_FALSE(client->writeCharacteristic("", {}));
 
-    EXPECT_EQ(log.lines(), (Lines{"E Nothing to write", "E Empty obj path"}));
+    EXPECT_EQ(log.lines(), (kit::Lines{"E Nothing to write", "E Empty obj path"}));
     EXPECT_EQ(known().size(), kKinds.size());
 }
 
@@ -94,7 +94,7 @@ TEST_F(ACharacteristic, KeepsTheBuilderOfEachWriteButNotOfARead)
     answerOnTheSpot("ReadValue");
     answerOnTheSpot("WriteValue");
     const auto builders = [&] {
-        const Lines releases = spy.releases();
+        const kit::Lines releases = spy.releases();
         return std::count(releases.begin(), releases.end(), "GVariantBuilder");
     };
 
@@ -112,13 +112,13 @@ TEST_F(ACharacteristic, IsNotMistakenForItsDescriptor)
     EXPECT_FALSE(client->characteristicStartNotify(kDescriptor));
     EXPECT_FALSE(client->characteristicStopNotify(kDescriptor));
     EXPECT_FALSE(client->writeCharacteristic(kDescriptor, {1}));
-    EXPECT_EQ(log.lines(), Lines(3, noProxyFor(kDescriptor)));
+    EXPECT_EQ(log.lines(), kit::Lines(3, noProxyFor(kDescriptor)));
     EXPECT_EQ(client->valueFor(kDescriptor), "");
 
     expectFromGlib(
         {"GLib-GIO-CRITICAL: g_dbus_proxy_call_sync_internal: assertion 'G_IS_DBUS_PROXY (proxy)' failed"});
     EXPECT_TRUE(sim->calls().empty()) << "the descriptor isn't read";
-    const Lines entries = known();
+    const kit::Lines entries = known();
     EXPECT_EQ(std::count(entries.begin(), entries.end(), kCharacteristicKind.entry(kDescriptor)), 1);
 }
 
@@ -144,7 +144,7 @@ TEST_F(ACharacteristic, IsReadAsATextOfOneZeroIfItsValueIsEmpty)
     EXPECT_TRUE(client->readCharacteristic(record));
 
     EXPECT_EQ(record.val, std::string(1, '\0'));
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 TEST_F(ACharacteristic, IsNotReadByAPathOfAnotherKind)
@@ -152,13 +152,13 @@ TEST_F(ACharacteristic, IsNotReadByAPathOfAnotherKind)
     for (const std::string& path :
          {std::string(kService), std::string(kDevice), std::string(kCharacteristic) + "/below"}) {
         EXPECT_EQ(client->valueFor(path), "");
-        EXPECT_EQ(log.lines(), Lines{});
+        EXPECT_EQ(log.lines(), kit::Lines{});
         EXPECT_EQ(client->readCharacteristic(path), Bytes{});
-        EXPECT_EQ(log.lines(), Lines{"E Not a characteristic"}) << path;
+        EXPECT_EQ(log.lines(), kit::Lines{"E Not a characteristic"}) << path;
         log.clear();
     }
     EXPECT_EQ(client->readCharacteristic(kDescriptor), Bytes{});
-    EXPECT_EQ(log.lines(), Lines{"E Not a characteristic"});
+    EXPECT_EQ(log.lines(), kit::Lines{"E Not a characteristic"});
     EXPECT_EQ(known().size(), kKinds.size());
     EXPECT_TRUE(sim->calls().empty());
 }
@@ -175,7 +175,7 @@ TEST_F(ACharacteristic, IsDoneIfNeitherAReplyNorAnErrorCame)
     EXPECT_TRUE(client->characteristicStopNotify(kCharacteristic));
     EXPECT_TRUE(client->writeCharacteristic(kCharacteristic, {1}));
     EXPECT_EQ(client->valueFor(kCharacteristic), "") << "but there is nothing to read";
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
 // A bus answers with a tuple, always; a proxy of GIO's might not.
@@ -189,13 +189,13 @@ TEST_F(ACharacteristic, IsReadIntoAVectorFromAReplyThatIsABareArray)
     EXPECT_EQ(client->readCharacteristic(kCharacteristic), (Bytes{1, 2, 3}));
     EXPECT_EQ(client->valueFor(kCharacteristic), "") << "but not into a text";
 
-    EXPECT_EQ(log.lines(), Lines{});
+    EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
-struct WrongReply : NamedCase {
+struct WrongReply : kit::NamedCase {
     const char* reply;
     const char* complaint;
-    Lines complaintOfText;
+    kit::Lines complaintOfText;
 };
 
 class AReplyOfAWrongType : public ACharacteristic, public testing::WithParamInterface<WrongReply>
@@ -207,7 +207,7 @@ TEST_P(AReplyOfAWrongType, IsReadAsNothing)
     sim->bend(Bend::answer("ReadValue", Variant::parse(GetParam().reply)));
 
     EXPECT_EQ(client->readCharacteristic(kCharacteristic), Bytes{});
-    EXPECT_EQ(log.lines(), Lines{GetParam().complaint});
+    EXPECT_EQ(log.lines(), kit::Lines{GetParam().complaint});
 
     log.clear();
     EXPECT_EQ(client->valueFor(kCharacteristic), "");
@@ -230,14 +230,14 @@ INSTANTIATE_TEST_SUITE_P(
                    "E Not an array of bytes: a{sv}",
                    {"E Not an array of bytes: a{sv}"}},
         WrongReply{{"AsAVariant"}, "(<[byte 1]>,)", "E Not an array", {"E Not an array of bytes: v"}}),
-    named);
+    kit::named);
 
 // --- Taking bytes out of a variant ---
 
-struct Content : NamedCase {
+struct Content : kit::NamedCase {
     const char* variant; ///< null for none
     Bytes bytes;
-    Lines complaints;
+    kit::Lines complaints;
     bool held; ///< whether the variant is in a holder, and so may be a reply
 };
 
@@ -261,8 +261,8 @@ TEST_P(TheBytesOfAVariant, AreThoseOfAnArrayOfBytes)
     expectFromGlib({});
 }
 
-const Lines kNoArray = {"E Not an array"};
-const Lines kNoVariant = {"E Empty variant", "E Not an array"};
+const kit::Lines kNoArray = {"E Not an array"};
+const kit::Lines kNoVariant = {"E Empty variant", "E Not an array"};
 
 INSTANTIATE_TEST_SUITE_P(
     Plain, TheBytesOfAVariant,
@@ -273,13 +273,13 @@ INSTANTIATE_TEST_SUITE_P(
                     Content{{"AText"}, "'80'", {}, kNoArray, false},
                     Content{{"AByte"}, "byte 80", {}, kNoArray, false},
                     Content{{"AnArrayOfTexts"}, "['80']", {}, {"E Not an array of bytes: as"}, false}),
-    named);
+    kit::named);
 
 INSTANTIATE_TEST_SUITE_P(Held, TheBytesOfAVariant,
                          testing::Values(Content{{"AnArray"}, "[byte 1, 2]", {1, 2}, {}, true},
                                          Content{{"ATuple"}, "([byte 5], 'more')", {5}, {}, true},
                                          Content{{"Null"}, nullptr, {}, kNoVariant, true},
                                          Content{{"AnEmptyTuple"}, "()", {}, kNoArray, true}),
-                         named);
+                         kit::named);
 
 } // namespace

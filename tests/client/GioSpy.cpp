@@ -136,10 +136,10 @@ std::vector<GioSpy::Call> GioSpy::calls() const
     return Locked()->calls;
 }
 
-Lines GioSpy::releases() const
+kit::Lines GioSpy::releases() const
 {
     Locked record;
-    Lines types;
+    kit::Lines types;
     for (const auto& release : record->releases) {
         types.push_back(release.first);
     }

@@ -43,7 +43,7 @@ public:
     /// In the order in which they were made.
     std::vector<Call> calls() const;
     /// The types of what this program's own code has given a reference back to, in that order.
-    Lines releases() const;
+    kit::Lines releases() const;
     /// Whether it has given a reference to this object back.
     bool hasReleased(gconstpointer object) const;
     /// Answers every synchronous call of this method on a proxy without going to the bus.

@@ -33,7 +33,7 @@ public:
     /// Runs at the end of every callback, on its thread; set it before the events.
     std::function<void(const std::string& event)> onEvent;
 
-    Lines events() const
+    kit::Lines events() const
     {
         const std::lock_guard lock(mMutex);
         return mEvents;
@@ -160,7 +160,7 @@ private:
 
     mutable std::mutex mMutex;
     mutable std::condition_variable mNews;
-    Lines mEvents;
+    kit::Lines mEvents;
     std::vector<Service> mServices;
     std::vector<Characteristic> mCharacteristics;
     std::vector<Descriptor> mDescriptors;

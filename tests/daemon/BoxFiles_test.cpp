@@ -68,14 +68,14 @@ protected:
         return lstat(path.c_str(), &info) == 0 ? info.st_ino : 0;
     }
 
-    ScratchFolder folder;
+    kit::ScratchFolder folder;
     const std::string path = folder.path("file");
     kit::Planter planter{folder.path("victim"), folder.path("victim"), path};
 };
 
 // ------------------------------------------------------------------------- The number
 
-struct Content : NamedCase {
+struct Content : kit::NamedCase {
     std::string text;
     int number;
 };
@@ -119,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Content{{"MoreThanALong"}, "9223372036854775808", kLargest},
                     Content{{"LessThanALong"}, "-9223372036854775809", kLeast},
                     Content{{"TwoHundredDigits"}, std::string(200, '9'), kLargest}),
-    named);
+    kit::named);
 
 TEST_F(ABoxFile, ThatFailsToReadGivesNoNumber)
 {
@@ -142,7 +142,7 @@ TEST_F(ABoxFile, IsReadForItsFirst256BytesAlone)
 
 // ------------------------------------------------------------------------- The things
 
-struct Thing : NamedCase {
+struct Thing : kit::NamedCase {
     kit::Plant plant;
     bool readable;
     int number;
@@ -189,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Thing{{"IsALeasedFile"}, &Planter::leasedFile, false, kOtherwise},
                     Thing{{"IsALinkToADevice"}, &Planter::linkToDevice, true, 0},
                     Thing{{"IsALinkToNothing"}, &Planter::linkToNothing, false, kOtherwise}),
-    named);
+    kit::named);
 
 // ------------------------------------------------------------------- The status files
 

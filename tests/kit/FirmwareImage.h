@@ -56,6 +56,3 @@ struct FirmwareImage {
 };
 
 } // namespace kit
-
-// Until the rooms name them.
-using kit::FirmwareImage;

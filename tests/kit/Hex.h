@@ -47,7 +47,3 @@ std::string toHex(const Bytes& bytes, const char* separator = "")
 }
 
 } // namespace kit
-
-// Until the rooms name them.
-using kit::fromHex;
-using kit::toHex;

@@ -36,4 +36,3 @@ bool eventually(Condition condition, std::chrono::milliseconds limit = kPatience
 }
 
 } // namespace kit
-

@@ -68,8 +68,3 @@ private:
 };
 
 } // namespace kit
-
-// Until the rooms name them.
-using kit::GlibMessages;
-using kit::Lines;
-using kit::LogRecorder;

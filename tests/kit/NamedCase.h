@@ -18,7 +18,3 @@ struct NamedCase {
 inline constexpr auto named = [](const auto& given) { return std::string(given.param.name); };
 
 } // namespace kit
-
-// Until the rooms name them.
-using kit::named;
-using kit::NamedCase;

@@ -68,6 +68,3 @@ private:
 };
 
 } // namespace kit
-
-// Until the rooms name them.
-using kit::ScratchFolder;

@@ -21,7 +21,7 @@ using Groups = std::vector<std::string>;
 
 // --- Matching
 
-struct MatchCase : NamedCase {
+struct MatchCase : kit::NamedCase {
     const char* pattern;
     const char* text;
     bool matches;
@@ -65,7 +65,7 @@ const MatchCase kMatches[] = {
     {"OnAnEmptyTextCanMatch", "^$", "", true, {""}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, APattern, testing::ValuesIn(kMatches), named);
+INSTANTIATE_TEST_SUITE_P(Table, APattern, testing::ValuesIn(kMatches), kit::named);
 
 TEST(AnExpression, MatchesOneTextAfterTheOther)
 {

@@ -105,7 +105,7 @@ TEST(AnAssignedTime, IsACopy)
     EXPECT_EQ(42, original.toInt64());
 }
 
-struct ComparisonCase : NamedCase {
+struct ComparisonCase : kit::NamedCase {
     long long left;
     long long right;
     int order; ///< below, at or above zero
@@ -139,7 +139,7 @@ const ComparisonCase kComparisons[] = {
     {"OfValuesThatDifferAbove32Bits", 0x100000000, 1, 1},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AComparison, testing::ValuesIn(kComparisons), named);
+INSTANTIATE_TEST_SUITE_P(Table, AComparison, testing::ValuesIn(kComparisons), kit::named);
 
 // --- Arithmetic
 
@@ -161,7 +161,7 @@ TEST(Arithmetic, AddsAndTakesOffMicrosecondsAndTimes)
     EXPECT_EQ(10, time.toInt64());
 }
 
-struct UnitCase : NamedCase {
+struct UnitCase : kit::NamedCase {
     void (NSTime::*add)(int);
     long long us;
 };
@@ -186,11 +186,11 @@ const UnitCase kUnits[] = {
     {"OfSeconds", &NSTime::addSeconds, 1000000},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AddingAUnit, testing::ValuesIn(kUnits), named);
+INSTANTIATE_TEST_SUITE_P(Table, AddingAUnit, testing::ValuesIn(kUnits), kit::named);
 
 // --- Other forms
 
-struct FormCase : NamedCase {
+struct FormCase : kit::NamedCase {
     long long us;
     std::time_t seconds;
     long remainder;
@@ -218,9 +218,9 @@ const FormCase kForms[] = {
     {"ADateBeyond2038", 4102444800000001, 4102444800, 1},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, TheSecondsOf, testing::ValuesIn(kForms), named);
+INSTANTIATE_TEST_SUITE_P(Table, TheSecondsOf, testing::ValuesIn(kForms), kit::named);
 
-struct IntervalCase : NamedCase {
+struct IntervalCase : kit::NamedCase {
     long long us;
     const char* text;
 };
@@ -261,14 +261,14 @@ const IntervalCase kIntervals[] = {
     {"OfMinus500Microseconds", -500, "-500us"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AnInterval, testing::ValuesIn(kIntervals), named);
+INSTANTIATE_TEST_SUITE_P(Table, AnInterval, testing::ValuesIn(kIntervals), kit::named);
 
 // --- Local time
 
 constexpr long long kNoon = 1700049600000000; // 2023-11-15 12:00:00 UTC
 constexpr const char* kDumped = nullptr;
 
-struct LocalCase : NamedCase {
+struct LocalCase : kit::NamedCase {
     const char* zone;
     long long us;
     const char* format; ///< or kDumped
@@ -303,6 +303,6 @@ const LocalCase kLocals[] = {
     {"DumpedOfAMicrosecond", "UTC", 1, kDumped, "1970-01-01 00:00:00.000"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, ALocalTime, testing::ValuesIn(kLocals), named);
+INSTANTIATE_TEST_SUITE_P(Table, ALocalTime, testing::ValuesIn(kLocals), kit::named);
 
 } // namespace

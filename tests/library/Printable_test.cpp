@@ -11,7 +11,7 @@
 namespace
 {
 
-struct TextCase : NamedCase {
+struct TextCase : kit::NamedCase {
     std::string text;
     std::string shown;
 };
@@ -50,7 +50,7 @@ const TextCase kReplaced[] = {
     {{"BesideOthers"}, "\r\n\t", "???"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AControlCharacter, testing::ValuesIn(kReplaced), named);
+INSTANTIATE_TEST_SUITE_P(Table, AControlCharacter, testing::ValuesIn(kReplaced), kit::named);
 
 // --- Without
 
@@ -84,7 +84,7 @@ const TextCase kKept[] = {
     {{"WithBytesThatAreNoUtf8"}, "caf\xE9 \xA0\xFF", ""},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AnOrdinaryText, testing::ValuesIn(kKept), named);
+INSTANTIATE_TEST_SUITE_P(Table, AnOrdinaryText, testing::ValuesIn(kKept), kit::named);
 
 TEST(ANullPointer, IsShownAsAnEmptyText)
 {

@@ -53,7 +53,7 @@ std::vector<Frame> framesOf(const std::string& trace)
     return frames;
 }
 
-struct CodeCase : NamedCase {
+struct CodeCase : kit::NamedCase {
     const char* option;
 };
 
@@ -84,7 +84,7 @@ protected:
     }
 
 private:
-    const ScratchFolder mFolder;
+    const kit::ScratchFolder mFolder;
 };
 
 TEST_P(AStackOn32BitArm, IsTracedFromTheInnermostFrameOutward)
@@ -111,6 +111,6 @@ const CodeCase kCodes[] = {
     {{"InThumbCode"}, "-mthumb"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, AStackOn32BitArm, testing::ValuesIn(kCodes), named);
+INSTANTIATE_TEST_SUITE_P(Table, AStackOn32BitArm, testing::ValuesIn(kCodes), kit::named);
 
 } // namespace

@@ -22,7 +22,7 @@ using testing::HasSubstr;
 
 // --- Yes and no
 
-struct FlagCase : NamedCase {
+struct FlagCase : kit::NamedCase {
     const char* value; ///< null: not set
     bool on;           ///< for a record that says no
     bool onByRecord;   ///< for a record that says yes
@@ -92,7 +92,7 @@ INSTANTIATE_TEST_SUITE_P(Table, AFlagOfTheEnvironment, testing::ValuesIn(kFlags)
 
 // --- Lists of modules, and the life of a logger
 
-struct StoryCase : NamedCase {
+struct StoryCase : kit::NamedCase {
     Environment environment;
     void (*log)();
     std::vector<std::string> lines; ///< behind the greeting
@@ -243,7 +243,7 @@ TEST(EachApplication, HasALoggerAndVariablesOfItsOwn)
                 ElementsAre("E [Bluez:42] of the other", "I " + kGreeting, "I [Bluez:42] of the daemon"));
 }
 
-struct NullCase : NamedCase {
+struct NullCase : kit::NamedCase {
     void (*spoil)(STBLoggerLogParams& params, const char*& module);
 };
 
@@ -334,7 +334,7 @@ TEST(Syslog, IsClosedForEachLoggerThatUsesIt)
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "closelog"));
 }
 
-struct SegmentCase : NamedCase {
+struct SegmentCase : kit::NamedCase {
     const char* text;
     std::vector<const char*> records;
 };

@@ -74,7 +74,7 @@ TEST(EachLine, IsOutAtOnceAlthoughStandardErrorIsBuffered)
 
 // --- Levels
 
-struct LevelCase : NamedCase {
+struct LevelCase : kit::NamedCase {
     STBLogLevel level;
     const char* colour;
     const char* letterAndBlank;
@@ -184,7 +184,7 @@ TEST(TheThreadIdentifier, StandsBetweenTheLetterAndTheTag)
     EXPECT_EQ("I " + outcome.output + " [Bluez:42] text", told(outcome).back());
 }
 
-struct LineCase : NamedCase {
+struct LineCase : kit::NamedCase {
     const char* lineNumbers;
     const char* file;
     int line;
@@ -263,7 +263,7 @@ TEST(ATextThatFillsTheBuffer, LosesItsNewlineByTheCutAndNotOnceMore)
 
 // --- The filter
 
-struct FilterCase : NamedCase {
+struct FilterCase : kit::NamedCase {
     Environment environment;
     STBLogLevel level;
     const char* module;
@@ -302,7 +302,7 @@ const FilterCase kFilters[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, TheFilter, testing::ValuesIn(kFilters), named);
 
-struct LevelNameCase : NamedCase {
+struct LevelNameCase : kit::NamedCase {
     const char* value;
     const char* letters; ///< of the levels that pass
 };
@@ -335,7 +335,7 @@ const LevelNameCase kLevelNames[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, TheLevelVariable, testing::ValuesIn(kLevelNames), named);
 
-struct UnknownLevelCase : NamedCase {
+struct UnknownLevelCase : kit::NamedCase {
     const char* value;
     const char* upperCase;
 };

@@ -383,7 +383,7 @@ TEST(EachSecondName, DoesTheSame)
 
 // --- Priority
 
-struct PriorityCase : NamedCase {
+struct PriorityCase : kit::NamedCase {
     STBThread::Priority priority;
     int value;
     int nice;
@@ -419,7 +419,7 @@ const PriorityCase kPriorities[] = {
     {"Unknown", static_cast<STBThread::Priority>(3), 3, 0},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, APriority, testing::ValuesIn(kPriorities), named);
+INSTANTIATE_TEST_SUITE_P(Table, APriority, testing::ValuesIn(kPriorities), kit::named);
 
 // --- The owner of a record
 

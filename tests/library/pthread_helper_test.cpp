@@ -79,7 +79,7 @@ struct Calls {
     static void start() { objects.record.start(); }
 };
 
-struct CallCase : NamedCase {
+struct CallCase : kit::NamedCase {
     const char* function;
     int result;
     const char* expression; ///< null: the result is accepted
@@ -168,7 +168,7 @@ TEST_P(ACall, PassesOrEndsTheProcessByItsResult)
                                                 " on .*pthread_helper.h:[0-9]+, this:" + object));
 }
 
-INSTANTIATE_TEST_SUITE_P(WithResult, ACall, testing::ValuesIn(kCalls), named);
+INSTANTIATE_TEST_SUITE_P(WithResult, ACall, testing::ValuesIn(kCalls), kit::named);
 
 // --- Locks as they really are
 
@@ -261,7 +261,7 @@ TEST(AScopedLock, EndsWithoutAMessageIfItsScopeHasUnlocked)
 
 // --- Waits
 
-struct DeadlineCase : NamedCase {
+struct DeadlineCase : kit::NamedCase {
     timeval now;
     unsigned int milliseconds;
     timespec deadline;
@@ -297,7 +297,7 @@ const DeadlineCase kDeadlines[] = {
     {"Beyond2038", {4000000000, 1}, 2000, {4000000002, 1000}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Table, TheDeadlineOfAWait, testing::ValuesIn(kDeadlines), named);
+INSTANTIATE_TEST_SUITE_P(Table, TheDeadlineOfAWait, testing::ValuesIn(kDeadlines), kit::named);
 
 TEST(AWait, GivesTimedOutAtItsLimitWithTheLockHeldAgain)
 {

@@ -56,7 +56,7 @@ bool reveals(const std::string& text, const std::string& key)
 {
     for (std::size_t i = 0; i + 8 <= key.size(); i += 2) {
         const std::string piece = key.substr(i, 8);
-        const auto bytes = fromHex(piece);
+        const auto bytes = kit::fromHex(piece);
         for (const auto& form :
              {piece, upperCase(piece), asList(piece), std::string(bytes.begin(), bytes.end())}) {
             if (text.find(form) != std::string::npos) {
@@ -119,7 +119,7 @@ protected:
         EXPECT_FALSE(fs::exists(mFolder.path("key.cpp")));
     }
 
-    ScratchFolder mFolder;
+    kit::ScratchFolder mFolder;
 };
 
 TEST_F(TheKeyFile, GivesItsBytesInTheirOrder)
@@ -314,7 +314,7 @@ protected:
         return files;
     }
 
-    ScratchFolder mFolder;
+    kit::ScratchFolder mFolder;
 };
 
 constexpr char kKeySource[] = "utils/vexabluetoohtd/otakey/OtaKey.cpp";

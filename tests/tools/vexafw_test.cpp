@@ -42,7 +42,7 @@ protected:
     }
     std::string packed() const { return mFolder.path("packed"); }
 
-    std::string image(const FirmwareImage& content) const
+    std::string image(const kit::FirmwareImage& content) const
     {
         return mFolder.write("image.bin", content.file());
     }
@@ -55,14 +55,14 @@ protected:
         EXPECT_EQ("", result.output);
     }
 
-    ScratchFolder mFolder;
+    kit::ScratchFolder mFolder;
 };
 
 // ------------------------------------------------------------------------------- info
 
 TEST_F(Vexafw, InfoShowsTheHeaderThePayloadAndTheTransfer)
 {
-    const std::string path = image(FirmwareImage::ofWords(250));
+    const std::string path = image(kit::FirmwareImage::ofWords(250));
 
     const auto result = run({"info", path});
 
@@ -83,7 +83,7 @@ TEST_F(Vexafw, InfoShowsTheHeaderThePayloadAndTheTransfer)
 
 TEST_F(Vexafw, InfoShowsTheLargestImage)
 {
-    const auto result = run({"info", image(FirmwareImage::ofWords(65535))});
+    const auto result = run({"info", image(kit::FirmwareImage::ofWords(65535))});
 
     EXPECT_THAT(result.output, HasSubstr("  transfer    262140 bytes in 13107 blocks, at least 170.4 s\n"));
     EXPECT_THAT(result.output, Not(HasSubstr("warning")));
@@ -93,7 +93,7 @@ TEST_F(Vexafw, InfoLogsAsTheDaemonDoesWhenAsked)
 {
     setenv("VEXA_LOG_LEVEL", "DEBUG", 1);
 
-    const auto result = run({"info", image(FirmwareImage::ofWords(5))});
+    const auto result = run({"info", image(kit::FirmwareImage::ofWords(5))});
 
     EXPECT_THAT(result.errors, HasSubstr("signature: 0x1234"));
 }
@@ -150,7 +150,7 @@ protected:
         }
         return text;
     }
-    std::string path() const { return image(FirmwareImage::ofBytes(GetParam().words, GetParam().bytes)); }
+    std::string path() const { return image(kit::FirmwareImage::ofBytes(GetParam().words, GetParam().bytes)); }
 };
 
 TEST_P(AnImage, IsWarnedAboutByInfo)
@@ -180,7 +180,7 @@ INSTANTIATE_TEST_SUITE_P(With, AnImage, testing::ValuesIn(kOddities), kit::named
 
 TEST_F(Vexafw, VerifyRefusesVersionZeroWhichIsNeverSent)
 {
-    FirmwareImage odd = FirmwareImage::ofWords(5);
+    kit::FirmwareImage odd = kit::FirmwareImage::ofWords(5);
     odd.version = 0;
 
     const auto result = run({"verify", image(odd)});
@@ -211,7 +211,7 @@ TEST_F(Vexafw, SaysWhyAFileIsNoImage)
 
 TEST_F(Vexafw, PackWritesTheHeaderAndThePayload)
 {
-    const FirmwareImage wanted = FirmwareImage::ofWords(25);
+    const kit::FirmwareImage wanted = kit::FirmwareImage::ofWords(25);
     const std::string payload = mFolder.write("payload", wanted.payload);
 
     const auto result =
@@ -370,7 +370,7 @@ TEST_F(Vexafw, RefusesACommandLineThatItDoesNotKnow)
 
 TEST_F(Vexafw, FailsIfNobodyCanReadItsAnswer)
 {
-    const std::string file = image(FirmwareImage::ofWords(5));
+    const std::string file = image(kit::FirmwareImage::ofWords(5));
 
     for (const char* command : {"info", "verify"}) {
         const auto result = kit::runProgram(

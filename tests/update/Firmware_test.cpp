@@ -86,8 +86,8 @@ protected:
         close(folder);
     }
 
-    ScratchFolder mFolder;
-    LogRecorder& mLog = LogRecorder::cleared();
+    kit::ScratchFolder mFolder;
+    kit::LogRecorder& mLog = kit::LogRecorder::cleared();
 };
 
 // -------------------------------------------------------------- What can't be opened
@@ -118,7 +118,7 @@ TEST_F(AFirmware, OfAFifoIsRefusedInSilence)
     EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "without a writer, for whom it would wait";
 
     std::fstream writer(path); // for both directions, so that it doesn't wait either
-    const Bytes file = FirmwareImage::ofWords(1).file();
+    const Bytes file = kit::FirmwareImage::ofWords(1).file();
     writer.write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
     ASSERT_TRUE(writer.flush());
     EXPECT_EQ(nullptr, Firmware::createWithLocation(path)) << "although an image comes through it";
@@ -127,7 +127,7 @@ TEST_F(AFirmware, OfAFifoIsRefusedInSilence)
 
 TEST_F(AFirmware, BehindALinkIsAnImage)
 {
-    mFolder.write("image.bin", FirmwareImage::ofWords(1).file());
+    mFolder.write("image.bin", kit::FirmwareImage::ofWords(1).file());
     std::filesystem::create_symlink(mFolder.path("image.bin"), mFolder.path("link"));
 
     EXPECT_NE(nullptr, Firmware::createWithLocation(mFolder.path("link")));
@@ -135,7 +135,7 @@ TEST_F(AFirmware, BehindALinkIsAnImage)
 
 TEST_F(AFirmware, ClosesItsFile)
 {
-    open(FirmwareImage::ofWords(1).file());
+    open(kit::FirmwareImage::ofWords(1).file());
 
     EXPECT_EQ(-1, descriptorOf("image.bin"));
 }
@@ -172,7 +172,7 @@ TEST_F(AFirmware, PrintsItsHeaderWithLeadingZeros)
 
 // ------------------------------------------------------------------------ The blocks
 
-struct Payload : NamedCase {
+struct Payload : kit::NamedCase {
     std::uint16_t words; ///< as the header announces
     std::size_t bytes;   ///< as the file holds
     std::vector<std::size_t> blocks;
@@ -184,7 +184,7 @@ class APayload : public AFirmware, public testing::WithParamInterface<Payload>
 
 TEST_P(APayload, IsHandedOutToItsEndWhateverTheHeaderSays)
 {
-    const FirmwareImage image = FirmwareImage::ofBytes(GetParam().words, GetParam().bytes);
+    const kit::FirmwareImage image = kit::FirmwareImage::ofBytes(GetParam().words, GetParam().bytes);
     const auto firmware = open(image.file());
     ASSERT_NE(nullptr, firmware);
     EXPECT_EQ(GetParam().words, firmware->header().length);
@@ -204,7 +204,7 @@ INSTANTIATE_TEST_SUITE_P(Of, APayload,
                                          Payload{{"APartOfABlock"}, 8, 33, {20, 13}},
                                          Payload{{"WholeBlocks"}, 10, 40, {20, 20}},
                                          Payload{{"MoreThanAnnounced"}, 1, 45, {20, 20, 5}}),
-                         named);
+                         kit::named);
 
 class ABufferOfSomeSize : public AFirmware, public testing::WithParamInterface<std::size_t>
 {
@@ -212,7 +212,7 @@ class ABufferOfSomeSize : public AFirmware, public testing::WithParamInterface<s
 
 TEST_P(ABufferOfSomeSize, IsFilledUpToTwentyBytes)
 {
-    const FirmwareImage image = FirmwareImage::ofWords(25);
+    const kit::FirmwareImage image = kit::FirmwareImage::ofWords(25);
     const auto firmware = open(image.file());
     ASSERT_NE(nullptr, firmware);
     const std::size_t given = GetParam() == 0 ? 20 : std::min<std::size_t>(GetParam(), 20);
@@ -231,7 +231,7 @@ INSTANTIATE_TEST_SUITE_P(OfBytes, ABufferOfSomeSize, testing::Values(0, 1, 5, 19
 TEST_F(AFirmware, TakesAnErrorOfTheDiskForTheEndOfTheFile)
 {
     // Longer than the stream reads ahead.
-    const auto firmware = open(FirmwareImage::ofWords(10000).file());
+    const auto firmware = open(kit::FirmwareImage::ofWords(10000).file());
     ASSERT_NE(nullptr, firmware);
     breakDisk();
 
@@ -244,7 +244,7 @@ TEST_F(AFirmware, TakesAnErrorOfTheDiskForTheEndOfTheFile)
 TEST_F(AFirmware, GivesTheBytesThatCameBeforeAnErrorOfTheDisk)
 {
     // Read ahead to its end, so that the error comes within the second block.
-    const FirmwareImage image = FirmwareImage::ofBytes(10, 33);
+    const kit::FirmwareImage image = kit::FirmwareImage::ofBytes(10, 33);
     const auto firmware = open(image.file());
     ASSERT_NE(nullptr, firmware);
     breakDisk();
@@ -256,7 +256,7 @@ TEST_F(AFirmware, GivesTheBytesThatCameBeforeAnErrorOfTheDisk)
 
 TEST_F(AFirmware, StaysAtItsEndThoughTheFileGrows)
 {
-    const auto firmware = open(FirmwareImage::ofBytes(10, 33).file());
+    const auto firmware = open(kit::FirmwareImage::ofBytes(10, 33).file());
     ASSERT_NE(nullptr, firmware);
     EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(20, 13));
     std::ofstream{mFolder.path("image.bin"), std::ios::app} << "more";
@@ -268,7 +268,7 @@ TEST_F(AFirmware, StaysAtItsEndThoughTheFileGrows)
 
 TEST_F(AFirmware, BeginsWithItsHeaderOnceReset)
 {
-    const FirmwareImage image = FirmwareImage::ofWords(25);
+    const kit::FirmwareImage image = kit::FirmwareImage::ofWords(25);
     const auto firmware = open(image.file());
     ASSERT_NE(nullptr, firmware);
     nextBlock(*firmware);
@@ -281,7 +281,7 @@ TEST_F(AFirmware, BeginsWithItsHeaderOnceReset)
 
 TEST_F(AFirmware, CanParseItsHeaderAgainOnceReset)
 {
-    const auto firmware = open(FirmwareImage::ofWords(1).file());
+    const auto firmware = open(kit::FirmwareImage::ofWords(1).file());
     ASSERT_NE(nullptr, firmware);
     EXPECT_FALSE(firmware->parseHeader()) << "only 4 bytes are left";
     EXPECT_FALSE(firmware->parseHeader()) << "the stream has failed";

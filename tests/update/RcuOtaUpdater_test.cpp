@@ -109,9 +109,9 @@ protected:
     vexasim::Remote& remote() { return mSimulator->remote(); }
     vexasim::UpdateReceiver& receiver() { return remote().receiver(); }
 
-    std::string write(const FirmwareImage& image) const { return mFolder.write("image.bin", image.file()); }
+    std::string write(const kit::FirmwareImage& image) const { return mFolder.write("image.bin", image.file()); }
     /// An updater for the image; its words are kept.
-    bool create(const FirmwareImage& image)
+    bool create(const kit::FirmwareImage& image)
     {
         const auto keep = [this](const std::string& word) {
             mWords.push_back(word);
@@ -124,7 +124,7 @@ protected:
             RcuOtaUpdater::create(mBluez, kAdapter, "C0:FF:EE:00:00:01", write(image), mSwitchPath, keep);
         return mUpdater != nullptr;
     }
-    bool update(const FirmwareImage& image) { return create(image) && mUpdater->update(); }
+    bool update(const kit::FirmwareImage& image) { return create(image) && mUpdater->update(); }
 
     /// What the updater logged at ERROR and WARN.
     Texts failures() const { return mLog.linesOf("RcuOtaUpdater", "EW"); }
@@ -154,8 +154,8 @@ protected:
 
     static constexpr const char* kAdapter = "/org/bluez/hci0";
 
-    ScratchFolder mFolder;
-    LogRecorder& mLog = LogRecorder::cleared();
+    kit::ScratchFolder mFolder;
+    kit::LogRecorder& mLog = kit::LogRecorder::cleared();
     vexasim::SimulatorOptions mOptions;
     std::unique_ptr<vexasim::Simulator> mSimulator;
     Watcher mWatcher;
@@ -190,7 +190,7 @@ protected:
                                                       [](const auto& entry) { return entry.second; }));
     }
 
-    std::string image() const { return write(FirmwareImage::ofWords(5)); }
+    std::string image() const { return write(kit::FirmwareImage::ofWords(5)); }
 };
 
 TEST_F(AnUpdater, NeedsAClientAnAdapterAnAddressAndASwitch)
@@ -338,7 +338,7 @@ TEST_F(AnUpdater, LeavesNoRoundKeysBehind)
 
 TEST_F(AnUpdate, WithoutACallbackGoesThroughAllTheSame)
 {
-    const FirmwareImage image = FirmwareImage::ofWords(8);
+    const kit::FirmwareImage image = kit::FirmwareImage::ofWords(8);
     receiver().setExpectedImage(image.file());
     mUpdater = RcuOtaUpdater::create(mBluez, kAdapter, "address", write(image), mSwitchPath, {});
 
@@ -347,7 +347,7 @@ TEST_F(AnUpdate, WithoutACallbackGoesThroughAllTheSame)
     EXPECT_TRUE(receiver().verified()) << receiver().complaint();
 }
 
-struct Exception : NamedCase {
+struct Exception : kit::NamedCase {
     std::function<void()> raise;
 };
 
@@ -363,7 +363,7 @@ TEST_P(AnException, LeavesTheUpdate)
             GetParam().raise();
         }
     };
-    ASSERT_TRUE(create(FirmwareImage::ofWords(25)));
+    ASSERT_TRUE(create(kit::FirmwareImage::ofWords(25)));
 
     std::string caught = "nothing";
     try {
@@ -384,7 +384,7 @@ INSTANTIATE_TEST_SUITE_P(
     OfAReader, AnException,
     testing::Values(Exception{{"AtRunTime"}, [] { throw std::runtime_error("the reader failed"); }},
                     Exception{{"OfLogic"}, [] { throw std::logic_error("the reader failed"); }}),
-    named);
+    kit::named);
 
 // ---------------------------------------------------------------------------------- A second update
 
@@ -401,7 +401,7 @@ protected:
         early.beforeScan = true;
         remote().setUpdateAppearance(early);
         mSimulator->bend(Bend::error("Connect", "org.bluez.Error.Failed"));
-        ASSERT_FALSE(update(FirmwareImage::ofWords(5)));
+        ASSERT_FALSE(update(kit::FirmwareImage::ofWords(5)));
     }
 };
 
@@ -451,7 +451,7 @@ TEST_F(AnUpdate, IsPacedOnAThreadOfItsOwnThatSignalsDontHurry)
     }};
     mOnWord = [&target](const std::string&) { target = gettid(); };
 
-    EXPECT_TRUE(update(FirmwareImage::ofWords(kBlocks * 5)));
+    EXPECT_TRUE(update(kit::FirmwareImage::ofWords(kBlocks * 5)));
 
     over = true;
     interrupter.join();
@@ -491,7 +491,7 @@ protected:
 
 TEST_F(AnUpdateThatIsOver, EndsInSilenceIfItWasGood)
 {
-    ASSERT_TRUE(update(FirmwareImage::ofWords(1)));
+    ASSERT_TRUE(update(kit::FirmwareImage::ofWords(1)));
 
     expectSilentEnd();
 }
@@ -501,7 +501,7 @@ TEST_F(AnUpdateThatIsOver, EndsInSilenceAndLeavesTheLinkIfItFailed)
     UpdateFault refusal;
     refusal.refuse = vexasim::att::kUnlikelyError;
     receiver().setFault(UpdateStep::StartUpdate, refusal);
-    ASSERT_FALSE(update(FirmwareImage::ofWords(1)));
+    ASSERT_FALSE(update(kit::FirmwareImage::ofWords(1)));
 
     expectSilentEnd();
 
@@ -540,7 +540,7 @@ private:
 
 TEST_F(AnUpdate, LeavesItsCallerTheErrorOfAThreadThatCantBeStarted)
 {
-    ASSERT_TRUE(create(FirmwareImage::ofWords(5)));
+    ASSERT_TRUE(create(kit::FirmwareImage::ofWords(5)));
     std::error_code error;
     {
         const ThreadsRefused refused;

@@ -58,7 +58,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, AKeySizeThatIsNone,
 TEST(AKey, IsExpandedIntoASchedulePerDirection)
 {
     using testing::ElementsAre;
-    const AesContext context = contextFor(fromHex("000102030405060708090a0b0c0d0e0f"));
+    const AesContext context = contextFor(kit::fromHex("000102030405060708090a0b0c0d0e0f"));
     const auto round = [](const std::uint32_t* schedule, int number) {
         return std::vector<std::uint32_t>(schedule + 4 * number, schedule + 4 * number + 4);
     };
@@ -93,10 +93,10 @@ class TheKnownAnswers : public testing::TestWithParam<AnswerFile>
 
 std::string applied(Cipher cipher, const std::string& key, const std::string& block)
 {
-    const AesContext context = contextFor(fromHex(key));
+    const AesContext context = contextFor(kit::fromHex(key));
     std::array<std::uint8_t, kBlockBytes> output{};
-    cipher(&context, fromHex(block).data(), output.data());
-    return toHex(output);
+    cipher(&context, kit::fromHex(block).data(), output.data());
+    return kit::toHex(output);
 }
 
 TEST_P(TheKnownAnswers, ComeOutBothWays)
@@ -172,9 +172,9 @@ TEST_P(RandomBlocks, ComeOutAsFromLibcrypto)
         const Bytes key = randomBytes(random, GetParam() / 8);
         const Bytes input = randomBytes(random, 100 * kBlockBytes);
         ASSERT_EQ(kit::aesEcb(key, input, kit::Direction::Encipher), byOurs(key, input, aes_encrypt))
-            << "key " << toHex(key);
+            << "key " << kit::toHex(key);
         ASSERT_EQ(kit::aesEcb(key, input, kit::Direction::Decipher), byOurs(key, input, aes_decrypt))
-            << "key " << toHex(key);
+            << "key " << kit::toHex(key);
     }
 }
 
