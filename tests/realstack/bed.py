@@ -486,3 +486,41 @@ class Box:
 def expect(condition, what):
     if not condition:
         raise Failure(what)
+
+
+# ---- the programs
+
+LOADER = "ld-linux-x86-64.so.2"
+
+
+def key_file(build):
+    """Where the build's own update key can be read, which the remote shares; None for the published one."""
+    cached = re.search(r"^VEXA_OTA_KEY_FILE:\w+=(.+)$", (build / "CMakeCache.txt").read_text(), re.MULTILINE)
+    if not cached:
+        return None
+    # Kept open, since the cases have a /tmp of their own.
+    return f"/proc/{os.getpid()}/fd/{os.open(cached.group(1), os.O_RDONLY)}"
+
+
+def bluetoothd_of(tree):
+    """The command that runs bluetoothd: that of this machine, or if there is a
+    tree with the files of another Debian, that one's with its own libraries."""
+    if tree is None:
+        return ["/usr/libexec/bluetooth/bluetoothd"]
+    folders = [pathlib.Path(tree) / folder / "x86_64-linux-gnu" for folder in ("lib", "usr/lib")]
+    loader = next(folder / LOADER for folder in folders if (folder / LOADER).exists())
+    program = next(pathlib.Path(tree).glob("usr/lib*/bluetooth/bluetoothd"))
+    return [str(loader), "--library-path", ":".join(map(str, folders)), str(program)]
+
+
+def programs_of(build, bluez=None):
+    return {
+        "bluetoothd": bluetoothd_of(bluez),
+        "build": str(build),
+        "key": key_file(build),
+        "vexabluetoohtd": str(build / "utils/vexabluetoohtd/vexabluetoohtd"),
+        "vexaagent": str(build / "utils/vexaagent/vexaagent"),
+        "vexafw": str(build / "utils/vexafw/vexafw"),
+        "vexasim": str(build / "sim/vexasim"),
+        "clock": str(build / "tests/kit/vexabox-clock.so"),
+    }

@@ -8,9 +8,7 @@ whose bluetoothd is to be taken; several machines with the same RESULTS share
 the cases among them. Ends with status 0 if all passed."""
 
 import argparse
-import os
 import pathlib
-import re
 import signal
 import subprocess
 import sys
@@ -20,34 +18,11 @@ import traceback
 import bed
 import planted
 from bed import KEPT, UPLOADING, expect
+from steps import (GONE_COURSE, KEEPS_CONNECTED, KEEPS_REFUSED, KERNEL_DISCOVERY, LATER, LATEST, PAIRED_COURSE,
+                   REMOVED, Removal, SOON, UPDATE_BLOCKS, ask_to_connect, lose_link, lose_link_for_good,
+                   offer_update, pair, pair_anew, paired_box, read_battery, start_daemon_without_remote)
 
 CASES = {}
-
-LOADER = "ld-linux-x86-64.so.2"
-
-# From a request to the daemon's look at it, and then some for a slow machine.
-SOON = 60
-# A connection, a pairing, a removal with all that goes with it.
-LATER = 120
-# Longer than what a silent remote makes bluetoothd or the D-Bus library wait.
-LATEST = 180
-
-# Logged when the daemon hears that bluetoothd has dropped the remote.
-REMOVED = "Device: - /org/bluez/hci0/dev_C0_FF_EE_00_00_01"
-
-# Logged when the daemon has forgotten its remote.
-REMOTE_GONE = "REMOVE /tmp/bluetooth_rc\n"
-
-KERNEL_DISCOVERY = 12
-
-# Up to this version the object of a remote that is removed while connected
-# outlives the discovery that follows ...
-KEEPS_CONNECTED = (5, 55)
-# ... and from this one on the object of a remote that has lost its bond.
-KEEPS_REFUSED = (5, 82)
-
-UPDATE_BLOCKS = 100
-UPDATE_BYTES = 20 * UPDATE_BLOCKS
 
 
 def case(number, title):
@@ -55,103 +30,6 @@ def case(number, title):
         CASES[number] = (title, function)
         return function
     return register
-
-
-# ---- steps that many cases share
-
-def start_daemon_without_remote(box):
-    box.start_daemon()
-    box.await_log("Waiting RC...", LATER)
-    # The five seconds that it gives a remote to come up.
-    box.clock.skip(5)
-    box.await_status("no device", SOON)
-    box.note_memory()
-
-
-def pair(box, flag="pair"):
-    box.set_flag(flag)
-    box.await_status("scanning", SOON)
-    box.await_status("connected", LATER)
-    box.await_services()
-
-
-def paired_box(box):
-    """From cold to "connected": init, no device, scanning, pairing?, connected."""
-    box.start_all()
-    start_daemon_without_remote(box)
-    pair(box)
-
-
-PAIRED_COURSE = ("init", "no device", "scanning", "pairing?", "connected")
-
-
-def read_battery(box, version):
-    """Skips the fifteen seconds after a connection."""
-    box.await_services()
-    box.clock.skip(16)
-    box.await_file("bluetooth_rc_battery", "80", SOON)
-    box.await_file("bluetooth_rc_fw_version", version, SOON)
-
-
-def lose_link_for_good(box):
-    """The remote leaves the range of the box."""
-    box.play("Leave")
-    box.await_status("disconnected", SOON)
-
-
-def lose_link(box):
-    """The remote's radio falls silent for the time of a link's supervision."""
-    lose_link_for_good(box)
-    box.play("ComeBack")
-
-
-def ask_to_connect(box):
-    """What a user's press of a key leads to on most boxes."""
-    box.set_flag("pair")
-    box.await_status("connecting", SOON)
-    box.await_status("connected", LATER)
-
-
-def offer_update(box, version):
-    box.offer(box.image(version, UPDATE_BYTES))
-    box.await_status("rc_fw_update_preparing", SOON)
-
-
-def pair_anew(box, in_vain):
-    """By the reset flag. The first time it is set in vain if bluetoothd then keeps
-    the remote's object until half a minute after the discovery, and so announces
-    no new one. Returns what comes before the last "scanning" in the course."""
-    if not in_vain:
-        pair(box, "reset")
-        return ()
-    removals = box.count(REMOVED)
-    sights = box.count("rssi changed")
-    box.set_flag("reset")
-    # The discovery sees the remote, by its old object.
-    box.await_log("rssi changed", SOON, sights + 1)
-    box.clock.skip(60)
-    box.await_status("no device", SOON)
-    box.await_log(REMOVED, LATER, removals + 1)
-    pair(box, "reset")
-    return ("scanning", "no device")
-
-
-class Removal:
-    """In its block bluetoothd drops the remote's object. Ends when the daemon has forgotten the remote."""
-
-    def __init__(self, box):
-        self.box = box
-
-    def __enter__(self):
-        self.gone = self.box.count(REMOTE_GONE)
-
-    def __exit__(self, kind, *_):
-        if kind is None:
-            self.box.await_log(REMOTE_GONE, LATER, self.gone + 1)
-
-
-# What a pass can see while bluetoothd ends or the adapter goes.
-GONE_COURSE = ("disconnected?", "error?", "no device")
 
 
 # ---- the cases
@@ -679,39 +557,6 @@ def is_ours(folder):
         return False
 
 
-def key_file(build):
-    """Where the build's own update key can be read, which the remote shares; None for the published one."""
-    cached = re.search(r"^VEXA_OTA_KEY_FILE:\w+=(.+)$", (build / "CMakeCache.txt").read_text(), re.MULTILINE)
-    if not cached:
-        return None
-    # Kept open, since the cases have a /tmp of their own.
-    return f"/proc/{os.getpid()}/fd/{os.open(cached.group(1), os.O_RDONLY)}"
-
-
-def bluetoothd_of(tree):
-    """The command that runs bluetoothd: that of this machine, or if there is a
-    tree with the files of another Debian, that one's with its own libraries."""
-    if tree is None:
-        return ["/usr/libexec/bluetooth/bluetoothd"]
-    folders = [pathlib.Path(tree) / folder / "x86_64-linux-gnu" for folder in ("lib", "usr/lib")]
-    loader = next(folder / LOADER for folder in folders if (folder / LOADER).exists())
-    program = next(pathlib.Path(tree).glob("usr/lib*/bluetooth/bluetoothd"))
-    return [str(loader), "--library-path", ":".join(map(str, folders)), str(program)]
-
-
-def programs_of(build, bluez=None):
-    return {
-        "bluetoothd": bluetoothd_of(bluez),
-        "build": str(build),
-        "key": key_file(build),
-        "vexabluetoohtd": str(build / "utils/vexabluetoohtd/vexabluetoohtd"),
-        "vexaagent": str(build / "utils/vexaagent/vexaagent"),
-        "vexafw": str(build / "utils/vexafw/vexafw"),
-        "vexasim": str(build / "sim/vexasim"),
-        "clock": str(build / "tests/kit/vexabox-clock.so"),
-    }
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--bluez")
@@ -719,7 +564,7 @@ def main():
     parser.add_argument("results", type=pathlib.Path)
     parser.add_argument("wanted", nargs="*")
     options = parser.parse_intermixed_args()
-    programs = programs_of(options.build, options.bluez)
+    programs = bed.programs_of(options.build, options.bluez)
     bed.prepare_machine()
     passed = [run_case(number, programs, options.results) for number in CASES
               if is_wanted(number, options.wanted) and is_ours(options.results / f"case-{number}")]

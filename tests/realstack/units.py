@@ -14,7 +14,7 @@ import sys
 import bed
 import cases
 from bed import KEPT, expect
-from cases import LATER, PAIRED_COURSE, SOON
+from steps import LATER, PAIRED_COURSE, SOON
 
 UNIT = "vexabluetoohtd.service"
 # More than systemd's default limit of starts.
@@ -143,7 +143,7 @@ def units(box):
 def main():
     build, results = map(pathlib.Path, sys.argv[1:])
     bed.prepare_machine()
-    programs = cases.programs_of(build)
+    programs = bed.programs_of(build)
     if not cases.is_ours(results / "case-11"):
         return 0
     return 0 if cases.run_case("11", programs, results) else 1
