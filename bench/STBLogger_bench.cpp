@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "STBLogger.h"
 
-#include <cstdlib>
-
 #include <benchmark/benchmark.h>
+#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <benchmark/benchmark.h>
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #include "Bluez.h"
 #include "NSRegExp.h"

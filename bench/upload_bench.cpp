@@ -1,23 +1,25 @@
 // SPDX-License-Identifier: MIT
-// How fast an image goes to the remote: the daemon's real binary over a real
-// dbus-daemon, timed where the calls come off the socket on the remote's side.
-// Needs a machine that has nothing else to do; 1,000 blocks take 14 seconds.
-
-#include "tests/daemon/Pacing.h"
-#include "tests/daemon/UpdateStory.h"
+// How fast an image goes to the remote: the daemon's real binary over a real dbus-daemon, timed where the
+// calls come off the socket on the remote's side. Needs a machine that has nothing else to do; 1,000 blocks
+// take 14 seconds.
 
 #include <cstdio>
 #include <fstream>
 #include <string>
 
-using namespace kit;
-using namespace std::chrono_literals;
+#include "tests/daemon/Pacing.h"
+#include "tests/daemon/UpdateStory.h"
+
+namespace kit
+{
+
+using std::chrono_literals::operator""min;
 
 namespace
 {
 
 constexpr double kLeastRate = 0.95;
-constexpr uint16_t kWords = 5000;
+constexpr std::uint16_t kWords = 5000;
 
 std::string load()
 {
@@ -41,7 +43,7 @@ TEST_F(AnUploadOnAQuietMachine, KeepsThePace)
     ASSERT_TRUE(ends("succeed", 5min));
 
     std::printf("load after:  %s\n", load().c_str());
-    std::vector<int64_t> times;
+    std::vector<std::int64_t> times;
     for (const vexasim::Call& call : box.sim().calls("WriteValue", updatePathOf(vexasim::uuid::kData))) {
         times.push_back(call.timeUs);
     }
@@ -54,3 +56,5 @@ TEST_F(AnUploadOnAQuietMachine, KeepsThePace)
 }
 
 } // namespace
+
+} // namespace kit

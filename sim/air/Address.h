@@ -10,7 +10,7 @@
 namespace vexasim::air
 {
 
-enum class AddressKind : uint8_t {
+enum class AddressKind : std::uint8_t {
     Public = 0,
     Random = 1,
 };

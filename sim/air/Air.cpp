@@ -9,29 +9,32 @@ namespace vexasim::air
 namespace
 {
 
-// Advertising events are spread by up to this much so that two devices of the
-// same interval don't collide for ever.
-constexpr uint32_t kMaximumJitterUs = 10'000;
+// Advertising events are spread by up to this much so that two devices of the same interval don't collide for
+// ever.
+constexpr std::uint32_t kMaximumJitterUs = 10'000;
 
 } // namespace
 
 void Air::listen(bool on)
 {
-    if (on == mListening)
+    if (on == mListening) {
         return;
+    }
     mListening = on;
     for (auto& advertiser : mAdvertisers) {
         advertiser.timer.stop();
-        if (on)
+        if (on) {
             scheduleNext(advertiser);
+        }
     }
 }
 
 void Air::add(RadioDevice& device)
 {
     auto& advertiser = mAdvertisers.emplace_back(mScheduler, device);
-    if (mListening)
+    if (mListening) {
         scheduleNext(advertiser);
+    }
 }
 
 void Air::remove(RadioDevice& device)
@@ -39,17 +42,19 @@ void Air::remove(RadioDevice& device)
     const auto found =
         std::find_if(mAdvertisers.begin(), mAdvertisers.end(),
                      [&](const Advertiser& advertiser) { return advertiser.device == &device; });
-    if (found == mAdvertisers.end())
+    if (found == mAdvertisers.end()) {
         return;
-    if (mListener != nullptr)
+    }
+    if (mListener != nullptr) {
         mListener->removed(device);
+    }
     mAdvertisers.erase(found);
 }
 
 void Air::scheduleNext(Advertiser& advertiser)
 {
-    // The classic linear congruential step: the spread need not be unforeseeable,
-    // and a test sees the same one each time.
+    // The classic linear congruential step: the spread need not be unforeseeable, and a test sees the same
+    // one each time.
     mJitter = mJitter * 1664525U + 1013904223U;
     const std::chrono::microseconds jitter{(mJitter >> 8) % kMaximumJitterUs};
     advertiser.timer.start(advertiser.device->advertisingInterval() + jitter,
@@ -60,8 +65,9 @@ void Air::advertise(Advertiser& advertiser)
 {
     scheduleNext(advertiser);
     const auto advertisement = advertiser.device->advertisement();
-    if (advertisement && mListener != nullptr)
+    if (advertisement && mListener != nullptr) {
         mListener->advertised(*advertiser.device, *advertisement);
+    }
 }
 
 } // namespace vexasim::air

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Address.h"
-#include "sim/air/Bytes.h"
-#include "sim/air/LinkCipher.h"
-#include "sim/model/Scheduler.h"
-
 #include <list>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "sim/air/Address.h"
+#include "sim/air/Bytes.h"
+#include "sim/air/LinkCipher.h"
+#include "sim/model/Scheduler.h"
 
 namespace vexasim::air
 {
@@ -22,8 +22,8 @@ struct Advertisement {
     Bytes scanResponse; ///< at most 31 bytes, sent to those who ask
 };
 
-/// A peripheral's radio: what the air asks of it and tells it. It is owned by
-/// whoever put it on the air. Everything on the air's one thread.
+/// A peripheral's radio: what the air asks of it and tells it. It is owned by whoever put it on the air.
+/// Everything on the air's one thread.
 class RadioDevice
 {
 public:
@@ -38,10 +38,10 @@ public:
     virtual std::chrono::milliseconds advertisingInterval() const = 0;
 
     /// Signal strength at the box in dBm.
-    virtual int8_t rssi() const = 0;
+    virtual std::int8_t rssi() const = 0;
 
     /// The longest link packet that it takes, 27 to 251 bytes.
-    virtual uint16_t maximumPayload() const = 0;
+    virtual std::uint16_t maximumPayload() const = 0;
 
     /// A central connects. False leaves the request unheard.
     virtual bool linkOpened(Link& link) = 0;
@@ -51,7 +51,7 @@ public:
 
     /// The central starts encryption and names the key by these two numbers;
     /// empty if the device knows no such key.
-    virtual std::optional<Key128> longTermKey(uint64_t random, uint16_t diversifier) = 0;
+    virtual std::optional<Key128> longTermKey(std::uint64_t random, std::uint16_t diversifier) = 0;
 
     /// Encryption is on from here.
     virtual void linkEncrypted() = 0;
@@ -63,8 +63,8 @@ public:
     virtual void linkClosed() = 0;
 };
 
-/// The space between the box and the devices around it: carries advertisements
-/// to whoever listens. Costs nothing while nobody does. One thread.
+/// The space between the box and the devices around it: carries advertisements to whoever listens. Costs
+/// nothing while nobody does. One thread.
 class Air
 {
 public:
@@ -101,7 +101,7 @@ private:
     Scheduler& mScheduler;
     Listener* mListener = nullptr;
     bool mListening = false;
-    uint32_t mJitter = 1;
+    std::uint32_t mJitter = 1;
     std::list<Advertiser> mAdvertisers;
 };
 

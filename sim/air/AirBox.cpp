@@ -14,8 +14,9 @@ namespace
 Address parseAddress(const std::string& text)
 {
     const auto address = Address::parse(text);
-    if (!address)
+    if (!address) {
         throw std::invalid_argument("'" + text + "' is not a Bluetooth address such as 00:1A:7D:DA:71:13");
+    }
     return *address;
 }
 
@@ -30,14 +31,16 @@ AirBox::AirBox(AirBoxOptions options)
 AirBox::~AirBox()
 {
     unplug();
-    for (const auto& entry : mRemotes)
+    for (const auto& entry : mRemotes) {
         entry.remote->setSchedule({});
+    }
 }
 
 const AirBox::RemoteOnAir& AirBox::addRemote(const RemoteOptions& options)
 {
-    if (find(options.address) != mRemotes.end())
+    if (find(options.address) != mRemotes.end()) {
         throw std::invalid_argument(options.address + " is on the air already");
+    }
     RemoteOnAir entry;
     entry.remote = Remote::create(options);
     entry.remote->setSchedule([this](std::chrono::milliseconds delay, std::function<void()> action) {
@@ -53,8 +56,9 @@ const AirBox::RemoteOnAir& AirBox::addRemote(const RemoteOptions& options)
 void AirBox::removeRemote(const std::string& address)
 {
     const auto found = find(address);
-    if (found == mRemotes.end())
+    if (found == mRemotes.end()) {
         throw std::invalid_argument("no remote has the address " + address);
+    }
     mRemotes.erase(found);
 }
 
@@ -66,14 +70,16 @@ std::vector<AirBox::RemoteOnAir>::iterator AirBox::find(const std::string& addre
 
 void AirBox::plug()
 {
-    if (plugged())
+    if (plugged()) {
         return;
+    }
     const int file = VhciTransport::open(mOptions.device);
     mTransport = std::make_unique<VhciTransport>(
         file, [this](const Bytes& packet) { mController->receive(packet); },
         [this](const std::string& why) {
-            if (mOptions.onLost)
+            if (mOptions.onLost) {
                 mOptions.onLost(why);
+            }
         });
     ControllerOptions controller;
     controller.address = mAddress;
@@ -86,8 +92,9 @@ void AirBox::plug()
 
 void AirBox::unplug()
 {
-    if (!plugged())
+    if (!plugged()) {
         return;
+    }
     mController.reset();
     mTransport.reset();
     reportEvent("the adapter is unplugged");
@@ -100,8 +107,9 @@ std::optional<unsigned> AirBox::index() const
 
 void AirBox::reportEvent(const std::string& text) const
 {
-    if (mOptions.onEvent)
+    if (mOptions.onEvent) {
         mOptions.onEvent(text);
+    }
 }
 
 } // namespace vexasim::air

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Air.h"
-#include "sim/air/Controller.h"
-#include "sim/air/PeripheralRadio.h"
-#include "sim/air/VhciTransport.h"
-#include "sim/model/Remote.h"
-
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "sim/air/Air.h"
+#include "sim/air/Controller.h"
+#include "sim/air/PeripheralRadio.h"
+#include "sim/air/VhciTransport.h"
+#include "sim/model/Remote.h"
 
 namespace vexasim::air
 {
@@ -28,9 +28,9 @@ struct AirBoxOptions {
     std::function<void(const std::string&)> onLost;
 };
 
-/// A box's Bluetooth adapter with remotes around it, for the kernel of the
-/// machine it runs on. Lives on the GLib main context that is the thread's
-/// default when it is made; the remotes must be used on that thread too.
+/// A box's Bluetooth adapter with remotes around it, for the kernel of the machine it runs on. Lives on the
+/// GLib main context that is the thread's default when it is made; the remotes must be used on that thread
+/// too.
 class AirBox
 {
 public:
@@ -41,8 +41,7 @@ public:
         std::shared_ptr<PeripheralRadio> update;
     };
 
-    /// Without the adapter at first. Throws std::invalid_argument for options
-    /// that make no sense.
+    /// Without the adapter at first. Throws std::invalid_argument for options that make no sense.
     explicit AirBox(AirBoxOptions options);
     ~AirBox();
     AirBox(const AirBox&) = delete;
@@ -55,12 +54,10 @@ public:
     /// Off the air for good; throws std::invalid_argument if none has that address.
     void removeRemote(const std::string& address);
 
-    /// Takes the adapter away, links and all, as one pulls a dongle. The
-    /// remotes stay where they are.
+    /// Takes the adapter away, links and all, as one pulls a dongle. The remotes stay where they are.
     void unplug();
-    /// Puts it in; nothing happens if it is there. The main context must run
-    /// from then on, since the kernel waits only two seconds for an answer.
-    /// Throws std::runtime_error if the kernel gives no controller.
+    /// Puts it in; nothing happens if it is there. The main context must run from then on, since the kernel
+    /// waits only two seconds for an answer. Throws std::runtime_error if the kernel gives no controller.
     void plug();
     bool plugged() const { return mTransport != nullptr; }
 

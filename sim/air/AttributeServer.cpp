@@ -13,22 +13,22 @@ namespace
 
 // What every device takes at least, and this one at most: an exchange of MTUs is answered and changes
 // nothing.
-constexpr uint16_t kMtu = 23;
+constexpr std::uint16_t kMtu = 23;
 
-constexpr uint16_t kPrimaryService = 0x2800;
-constexpr uint16_t kSecondaryService = 0x2801;
-constexpr uint16_t kNotifyBit = 0x0001;
+constexpr std::uint16_t kPrimaryService = 0x2800;
+constexpr std::uint16_t kSecondaryService = 0x2801;
+constexpr std::uint16_t kNotifyBit = 0x0001;
 
 // Set in the codes of packets that are never answered.
-constexpr uint8_t kCommandFlag = 0x40;
+constexpr std::uint8_t kCommandFlag = 0x40;
 
 namespace error
 {
-constexpr uint8_t kInvalidPdu = 0x04;
-constexpr uint8_t kInvalidOffset = 0x07;
-constexpr uint8_t kNotFound = 0x0a;
-constexpr uint8_t kInvalidLength = 0x0d;
-constexpr uint8_t kUnsupportedGroup = 0x10;
+constexpr std::uint8_t kInvalidPdu = 0x04;
+constexpr std::uint8_t kInvalidOffset = 0x07;
+constexpr std::uint8_t kNotFound = 0x0a;
+constexpr std::uint8_t kInvalidLength = 0x0d;
+constexpr std::uint8_t kUnsupportedGroup = 0x10;
 } // namespace error
 
 Bytes cut(Bytes bytes, size_t size)
@@ -113,7 +113,7 @@ void AttributeServer::notify(std::uint16_t valueHandle, const Bytes& value)
     respond(encode(Op::Notification, valueHandle, cut(value, kMtu - 3)));
 }
 
-// ---- discovery
+// --- discovery ---
 
 void AttributeServer::exchangeMtu(std::uint16_t /*mtu*/)
 {
@@ -122,15 +122,18 @@ void AttributeServer::exchangeMtu(std::uint16_t /*mtu*/)
 
 void AttributeServer::findInformation(std::uint16_t first, std::uint16_t last)
 {
-    constexpr uint8_t kShort = 1;
-    constexpr uint8_t kLong = 2;
-    if (!wellFormed(first, last))
+    constexpr std::uint8_t kShort = 1;
+    constexpr std::uint8_t kLong = 2;
+    if (!wellFormed(first, last)) {
         return;
+    }
     std::vector<Bytes> entries;
-    for (const Attribute* row : mTable.between(first, last))
+    for (const Attribute* row : mTable.between(first, last)) {
         entries.push_back(encode(row->handle, row->type));
-    if (entries.empty())
+    }
+    if (entries.empty()) {
         return refuse(first, error::kNotFound);
+    }
     const bool shortUuids = entries.front().size() == sizeof(std::uint16_t) * 2;
     respondWith(encode(Op::FindInformationResponse, shortUuids ? kShort : kLong), entries);
 }
@@ -138,43 +141,52 @@ void AttributeServer::findInformation(std::uint16_t first, std::uint16_t last)
 void AttributeServer::findByTypeValue(std::uint16_t first, std::uint16_t last, std::uint16_t type,
                                       const Bytes& value)
 {
-    if (!wellFormed(first, last))
+    if (!wellFormed(first, last)) {
         return;
+    }
     Bytes response = encode(Op::FindByTypeValueResponse);
     for (const Attribute* row : mTable.ofType(first, last, encode(type))) {
         const bool wanted = longUuid(row->value) == longUuid(value);
-        if (wanted && response.size() + 4 <= kMtu)
+        if (wanted && response.size() + 4 <= kMtu) {
             response = response + encode(row->handle, row->groupEnd);
+        }
     }
-    if (response.size() == 1)
+    if (response.size() == 1) {
         return refuse(first, error::kNotFound);
+    }
     respond(response);
 }
 
 void AttributeServer::readByGroupType(std::uint16_t first, std::uint16_t last, const Bytes& type)
 {
-    if (!wellFormed(first, last))
+    if (!wellFormed(first, last)) {
         return;
-    if (!isGroup(type))
+    }
+    if (!isGroup(type)) {
         return refuse(first, error::kUnsupportedGroup);
+    }
     std::vector<Bytes> entries;
-    for (const Attribute* row : mTable.ofType(first, last, type))
+    for (const Attribute* row : mTable.ofType(first, last, type)) {
         entries.push_back(encode(row->handle, row->groupEnd, row->value));
+    }
     sendEntries(Op::ReadByGroupTypeResponse, entries, first);
 }
 
 void AttributeServer::readByType(std::uint16_t first, std::uint16_t last, const Bytes& type)
 {
-    if (!wellFormed(first, last))
+    if (!wellFormed(first, last)) {
         return;
+    }
     const auto rows = mTable.ofType(first, last, type);
-    if (rows.empty())
+    if (rows.empty()) {
         return refuse(first, error::kNotFound);
+    }
     if (rows.front()->kind == Attribute::Kind::Characteristic) {
         std::vector<Bytes> entries;
         entries.reserve(rows.size());
-        for (const Attribute* row : rows)
+        for (const Attribute* row : rows) {
             entries.push_back(encode(row->handle, row->value));
+        }
         return sendEntries(Op::ReadByTypeResponse, entries, first);
     }
     // Values one at a time: whoever wants more asks on.
@@ -204,7 +216,7 @@ void AttributeServer::respondWith(Bytes packet, const std::vector<Bytes>& entrie
     respond(packet);
 }
 
-// ---- values
+// --- values ---
 
 void AttributeServer::read(std::uint16_t handle)
 {
@@ -235,11 +247,13 @@ void AttributeServer::fetch(std::uint16_t handle, const Finish& finish)
         const bool on = mContext.peripheral->subscribed(row->valueHandle);
         return finish(encode(on ? kNotifyBit : std::uint16_t{0}));
     }
-    if (row->readEncrypted && !mContext.encrypted())
+    if (row->readEncrypted && !mContext.encrypted()) {
         return refuse(handle, att::kInsufficientAuthentication);
+    }
     const AttReply reply = mContext.peripheral->read(handle);
-    if (reply.kind != AttReply::Kind::Answer)
+    if (reply.kind != AttReply::Kind::Answer) {
         return;
+    }
     mDelayed.after(reply.delay, [this, handle, reply, finish, request = mRequest] {
         mRequest = request;
         return reply.error == att::kOk ? finish(reply.value) : refuse(handle, reply.error);
@@ -249,8 +263,9 @@ void AttributeServer::fetch(std::uint16_t handle, const Finish& finish)
 void AttributeServer::write(std::uint16_t handle, const Bytes& value)
 {
     const AttReply reply = store(handle, value, Peripheral::WriteKind::Request);
-    if (reply.kind != AttReply::Kind::Answer)
+    if (reply.kind != AttReply::Kind::Answer) {
         return;
+    }
     mDelayed.after(reply.delay, [this, handle, error = reply.error, code = mRequest] {
         mRequest = code;
         return error == att::kOk ? respond(encode(Op::WriteResponse)) : refuse(handle, error);
@@ -286,21 +301,23 @@ AttReply AttributeServer::store(std::uint16_t handle, const Bytes& value, Periph
 
 AttReply AttributeServer::configure(const Attribute& row, const Bytes& value) const
 {
-    if (value.size() != sizeof(uint16_t))
+    if (value.size() != sizeof(std::uint16_t)) {
         return AttReply::refused(error::kInvalidLength);
+    }
     return mContext.peripheral->subscribe(row.valueHandle, (value.front() & kNotifyBit) != 0);
 }
 
 // A range of handles that runs backwards, or from zero, is the asker's mistake.
-bool AttributeServer::wellFormed(uint16_t first, uint16_t last)
+bool AttributeServer::wellFormed(std::uint16_t first, std::uint16_t last)
 {
-    if (first != 0 && first <= last)
+    if (first != 0 && first <= last) {
         return true;
+    }
     refuse(first, att::kInvalidHandle);
     return false;
 }
 
-void AttributeServer::refuse(uint16_t about, uint8_t error)
+void AttributeServer::refuse(std::uint16_t about, std::uint8_t error)
 {
     respond(encode(Op::Error, mRequest, about, error));
 }

@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <functional>
+
 #include "sim/air/AttributeTable.h"
 #include "sim/air/DelayedTasks.h"
 #include "sim/air/L2cap.h"
 #include "sim/model/Peripheral.h"
 
-#include <functional>
-
 namespace vexasim::air
 {
 
-/// The attribute server of a peripheral on one link: discovery, reads, writes
-/// and notifications, Bluetooth Core 5.3, Vol 3, F and G. What an attribute
-/// holds and how it answers is the peripheral's. One thread.
+/// The attribute server of a peripheral on one link: discovery, reads, writes and notifications, Bluetooth
+/// Core 5.3, Vol 3, F and G. What an attribute holds and how it answers is the peripheral's. One thread.
 class AttributeServer
 {
 public:
@@ -23,7 +22,7 @@ public:
         std::function<void(Channel, const Bytes&)> send;
         std::function<bool()> encrypted;
         /// Called with each write that the peripheral has accepted, by value handle.
-        std::function<void(uint16_t, const Bytes&)> written;
+        std::function<void(std::uint16_t, const Bytes&)> written;
     };
 
     AttributeServer(Scheduler& scheduler, Context context);
@@ -31,7 +30,7 @@ public:
     void received(const Bytes& packet);
 
     /// Sends a notification, cut to what the link's packets hold.
-    void notify(uint16_t valueHandle, const Bytes& value);
+    void notify(std::uint16_t valueHandle, const Bytes& value);
 
 private:
     enum class Op : std::uint8_t;
@@ -52,16 +51,16 @@ private:
     void fetch(std::uint16_t handle, const Finish& finish);
     AttReply store(std::uint16_t handle, const Bytes& value, Peripheral::WriteKind kind);
     AttReply configure(const Attribute& row, const Bytes& value) const;
-    bool wellFormed(uint16_t first, uint16_t last);
+    bool wellFormed(std::uint16_t first, std::uint16_t last);
     void sendEntries(Op response, const std::vector<Bytes>& entries, std::uint16_t asked);
     void respondWith(Bytes packet, const std::vector<Bytes>& entries);
     void respond(const Bytes& packet) { mContext.send(Channel::Attributes, packet); }
-    void refuse(uint16_t about, uint8_t error);
+    void refuse(std::uint16_t about, std::uint8_t error);
 
     const Context mContext;
     const AttributeTable mTable;
     DelayedTasks mDelayed;
-    uint8_t mRequest = 0;
+    std::uint8_t mRequest = 0;
 };
 
 } // namespace vexasim::air

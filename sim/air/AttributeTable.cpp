@@ -11,10 +11,10 @@ namespace vexasim::air
 namespace
 {
 
-constexpr uint16_t kPrimaryService = 0x2800;
-constexpr uint16_t kSecondaryService = 0x2801;
-constexpr uint16_t kCharacteristic = 0x2803;
-constexpr uint16_t kClientConfiguration = 0x2902;
+constexpr std::uint16_t kPrimaryService = 0x2800;
+constexpr std::uint16_t kSecondaryService = 0x2801;
+constexpr std::uint16_t kCharacteristic = 0x2803;
+constexpr std::uint16_t kClientConfiguration = 0x2902;
 
 constexpr size_t kUuidTextLength = 36;
 constexpr size_t kLongUuid = 16;
@@ -25,16 +25,16 @@ constexpr size_t kShortUuidAt = 12;
 const Bytes kBaseUuid = {0xfb, 0x34, 0x9b, 0x5f, 0x80, 0x00, 0x00, 0x80,
                          0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
 
-// Properties of a characteristic, Bluetooth Core 5.3, Vol 3, G 3.3.1.1, and the
-// words for them.
-const std::vector<std::pair<std::string, uint8_t>> kProperties = {
+// Properties of a characteristic, Bluetooth Core 5.3, Vol 3, G 3.3.1.1, and the words for them.
+const std::vector<std::pair<std::string, std::uint8_t>> kProperties = {
     {"read", 0x02}, {"write-without-response", 0x04}, {"write", 0x08}, {"notify", 0x10}, {"indicate", 0x20}};
 
 Bytes declaration(const GattCharacteristic& characteristic)
 {
     unsigned properties = 0;
-    for (const auto& [word, bit] : kProperties)
+    for (const auto& [word, bit] : kProperties) {
         properties |= characteristic.has(word) ? bit : 0U;
+    }
     return encode(static_cast<std::uint8_t>(properties), characteristic.valueHandle,
                   uuidBytes(characteristic.uuid));
 }
@@ -46,19 +46,22 @@ Bytes uuidBytes(const std::string& text)
     std::string digits;
     std::copy_if(text.begin(), text.end(), std::back_inserter(digits), [](char c) { return c != '-'; });
     const bool hexadecimal = digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-    if (text.size() != kUuidTextLength || digits.size() != 2 * kLongUuid || !hexadecimal)
+    if (text.size() != kUuidTextLength || digits.size() != 2 * kLongUuid || !hexadecimal) {
         throw std::invalid_argument("'" + text + "' is not a UUID");
+    }
     Bytes uuid;
-    for (size_t at = digits.size(); at > 0; at -= 2)
-        uuid.push_back(static_cast<uint8_t>(std::stoul(digits.substr(at - 2, 2), nullptr, 16)));
+    for (size_t at = digits.size(); at > 0; at -= 2) {
+        uuid.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(at - 2, 2), nullptr, 16)));
+    }
     const Bytes shortForm(uuid.begin() + kShortUuidAt, uuid.begin() + kShortUuidAt + kShortUuid);
     return longUuid(shortForm) == uuid ? shortForm : uuid;
 }
 
 Bytes longUuid(const Bytes& uuid)
 {
-    if (uuid.size() != kShortUuid)
+    if (uuid.size() != kShortUuid) {
         return uuid;
+    }
     Bytes result = kBaseUuid;
     std::copy(uuid.begin(), uuid.end(), result.begin() + kShortUuidAt);
     return result;
@@ -74,8 +77,9 @@ AttributeTable::AttributeTable(const GattTable& services)
         row.value = uuidBytes(service.uuid);
         row.groupEnd = service.endHandle;
         mRows.push_back(row);
-        for (const auto& characteristic : service.characteristics)
+        for (const auto& characteristic : service.characteristics) {
             addCharacteristic(characteristic);
+        }
     }
     std::sort(mRows.begin(), mRows.end(),
               [](const Attribute& left, const Attribute& right) { return left.handle < right.handle; });
@@ -109,23 +113,26 @@ void AttributeTable::addCharacteristic(const GattCharacteristic& characteristic)
     }
 }
 
-const Attribute* AttributeTable::find(uint16_t handle) const
+const Attribute* AttributeTable::find(std::uint16_t handle) const
 {
     const auto found = std::find_if(mRows.begin(), mRows.end(),
                                     [handle](const Attribute& row) { return row.handle == handle; });
     return found == mRows.end() ? nullptr : &*found;
 }
 
-std::vector<const Attribute*> AttributeTable::between(uint16_t first, uint16_t last) const
+std::vector<const Attribute*> AttributeTable::between(std::uint16_t first, std::uint16_t last) const
 {
     std::vector<const Attribute*> rows;
-    for (const auto& row : mRows)
-        if (row.handle >= first && row.handle <= last)
+    for (const auto& row : mRows) {
+        if (row.handle >= first && row.handle <= last) {
             rows.push_back(&row);
+        }
+    }
     return rows;
 }
 
-std::vector<const Attribute*> AttributeTable::ofType(uint16_t first, uint16_t last, const Bytes& type) const
+std::vector<const Attribute*> AttributeTable::ofType(std::uint16_t first, std::uint16_t last,
+                                                     const Bytes& type) const
 {
     auto rows = between(first, last);
     const auto other = [&](const Attribute* row) { return longUuid(row->type) != longUuid(type); };

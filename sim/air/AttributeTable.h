@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Bytes.h"
-#include "sim/model/Gatt.h"
-
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "sim/air/Bytes.h"
+#include "sim/model/Gatt.h"
+
 namespace vexasim::air
 {
 
-/// A UUID as the attribute protocol sends it: 2 bytes if it is one of the
-/// Bluetooth base, else 16, the least significant first. Throws
-/// std::invalid_argument if the text isn't the 36 characters of a UUID.
+/// A UUID as the attribute protocol sends it: 2 bytes if it is one of the Bluetooth base, else 16, the least
+/// significant first. Throws std::invalid_argument if the text isn't the 36 characters of a UUID.
 Bytes uuidBytes(const std::string& text);
 
 /// The 16-byte form of either.
@@ -29,32 +28,32 @@ struct Attribute {
         Descriptor,     ///< any other, to be asked of the peripheral
     };
 
-    uint16_t handle = 0;
+    std::uint16_t handle = 0;
     Kind kind = Kind::Value;
-    Bytes type;                  ///< the attribute's UUID
-    Bytes value;                 ///< of services and declarations
-    uint16_t groupEnd = 0;       ///< of services
-    uint16_t valueHandle = 0;    ///< of the characteristic to which it belongs
-    bool readEncrypted = false;  ///< only over an encrypted link
-    bool writeEncrypted = false; ///< only over an encrypted link
+    Bytes type;                    ///< the attribute's UUID
+    Bytes value;                   ///< of services and declarations
+    std::uint16_t groupEnd = 0;    ///< of services
+    std::uint16_t valueHandle = 0; ///< of the characteristic to which it belongs
+    bool readEncrypted = false;    ///< only over an encrypted link
+    bool writeEncrypted = false;   ///< only over an encrypted link
 
     bool declaration() const { return kind == Kind::Service || kind == Kind::Characteristic; }
 };
 
-/// A peripheral's services as the attribute protocol sees them: rows in the
-/// order of their handles. Made anew when the services change. Any thread.
+/// A peripheral's services as the attribute protocol sees them: rows in the order of their handles. Made anew
+/// when the services change. Any thread.
 class AttributeTable
 {
 public:
     explicit AttributeTable(const GattTable& services);
 
-    const Attribute* find(uint16_t handle) const;
+    const Attribute* find(std::uint16_t handle) const;
 
     /// The rows from `first` to `last` of that type.
-    std::vector<const Attribute*> ofType(uint16_t first, uint16_t last, const Bytes& type) const;
+    std::vector<const Attribute*> ofType(std::uint16_t first, std::uint16_t last, const Bytes& type) const;
 
     /// The rows from `first` to `last`.
-    std::vector<const Attribute*> between(uint16_t first, uint16_t last) const;
+    std::vector<const Attribute*> between(std::uint16_t first, std::uint16_t last) const;
 
 private:
     void addCharacteristic(const GattCharacteristic& characteristic);

@@ -152,8 +152,8 @@ std::optional<Field> decode(const Bytes& bytes)
     return fields ? std::optional(std::get<0>(*fields)) : std::nullopt;
 }
 
-/// Calls a member function with the fields that its parameters name; false, without a call, if the bytes
-/// are too few or too many for them.
+/// Calls a member function with the fields that its parameters name; false, without a call, if the bytes are
+/// too few or too many for them.
 template <class Object, class... Parameter>
 bool callDecoded(Object& object, void (Object::*method)(Parameter...), const Bytes& bytes)
 {

@@ -5,7 +5,6 @@
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
-
 #include <stdexcept>
 #include <string>
 
@@ -27,8 +26,9 @@ const Bytes kDerAfterKey = {0xa0, 0x0a, 0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d
 // libcrypto fails here only when it is broken or out of memory.
 void require(bool ok, const char* what)
 {
-    if (!ok)
+    if (!ok) {
         throw std::runtime_error(std::string("libcrypto: ") + what + " failed");
+    }
 }
 
 int length(size_t size)

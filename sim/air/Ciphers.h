@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Bytes.h"
-
 #include <memory>
+
+#include "sim/air/Bytes.h"
 
 struct evp_pkey_st; // libcrypto's EVP_PKEY
 
-// The ciphers of the air, by libcrypto. Here, and only here, byte strings
-// stand with the most significant octet first, as FIPS-197, RFC 4493 and
-// FIPS 186-4 write them.
+// The ciphers of the air, by libcrypto. Here, and only here, byte strings stand with the most significant
+// octet first, as FIPS-197, RFC 4493 and FIPS 186-4 write them.
 
 namespace vexasim::air
 {
 
-using Block = std::array<uint8_t, 16>;
-using Scalar = std::array<uint8_t, 32>;
+using Block = std::array<std::uint8_t, 16>;
+using Scalar = std::array<std::uint8_t, 32>;
 
 /// AES-128 of one block (FIPS-197).
 Block aes128(const Block& key, const Block& block);
@@ -23,14 +22,13 @@ Block aes128(const Block& key, const Block& block);
 /// AES-CMAC with a key of 128 bits (RFC 4493).
 Block aesCmac(const Block& key, const Bytes& message);
 
-/// AES-CCM with a nonce of 13 bytes and a tag of 4 (RFC 3610): the ciphertext
-/// with the tag behind it.
-Bytes aesCcmSeal(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t associated,
+/// AES-CCM with a nonce of 13 bytes and a tag of 4 (RFC 3610): the ciphertext with the tag behind it.
+Bytes aesCcmSeal(const Block& key, const std::array<std::uint8_t, 13>& nonce, std::uint8_t associated,
                  const Bytes& plain);
 
 /// The reverse; empty if the tag doesn't fit.
-std::optional<Bytes> aesCcmOpen(const Block& key, const std::array<uint8_t, 13>& nonce, uint8_t associated,
-                                const Bytes& sealed);
+std::optional<Bytes> aesCcmOpen(const Block& key, const std::array<std::uint8_t, 13>& nonce,
+                                std::uint8_t associated, const Bytes& sealed);
 
 /// Bytes that nobody can foretell.
 void fillRandomly(std::uint8_t* bytes, std::size_t size);
@@ -51,8 +49,7 @@ struct Point {
     bool operator==(const Point& other) const { return x == other.x && y == other.y; }
 };
 
-/// A key pair on P-256 (FIPS 186-4), for the key agreement of secure
-/// connections. Any thread.
+/// A key pair on P-256 (FIPS 186-4), for the key agreement of secure connections. Any thread.
 class KeyPair
 {
 public:
@@ -65,8 +62,7 @@ public:
 
     Point publicKey() const { return mPublic; }
 
-    /// The shared secret with the owner of `peer`; empty if `peer` is no point
-    /// of the curve.
+    /// The shared secret with the owner of `peer`; empty if `peer` is no point of the curve.
     std::optional<Scalar> agree(const Point& peer) const;
 
 private:

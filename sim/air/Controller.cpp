@@ -110,12 +110,13 @@ Controller::~Controller()
     mAir.setListener(nullptr);
 }
 
-// ---- from the host
+// --- from the host ---
 
 void Controller::receive(const Bytes& packet)
 {
-    if (packet.empty())
+    if (packet.empty()) {
         return;
+    }
     const Bytes body(packet.begin() + 1, packet.end());
     switch (static_cast<hci::PacketType>(packet.front())) {
     case hci::PacketType::Command:
@@ -130,26 +131,31 @@ void Controller::receive(const Bytes& packet)
 void Controller::receiveCommand(const Bytes& packet)
 {
     const auto command = decode<hci::CommandPacket>(packet);
-    if (!command)
+    if (!command) {
         return;
+    }
     mCurrent = command->opcode;
     const auto found = std::find_if(kCommands.begin(), kCommands.end(),
                                     [&](const Command& entry) { return entry.opcode == command->opcode; });
-    if (found == kCommands.end())
+    if (found == kCommands.end()) {
         return commandStatus(hci::Status::UnknownCommand);
-    if (command->length != command->parameters.size())
+    }
+    if (command->length != command->parameters.size()) {
         return done(hci::Status::InvalidParameters);
+    }
     found->run(*this, command->parameters);
 }
 
 void Controller::receiveData(const Bytes& packet)
 {
     const auto acl = decode<hci::AclPacket>(packet);
-    if (!acl || acl->length != acl->data.size() || acl->data.size() > kBufferLength)
+    if (!acl || acl->length != acl->data.size() || acl->data.size() > kBufferLength) {
         return;
+    }
     Link* link = find(acl->handleAndFlags & hci::AclPacket::kHandleMask);
-    if (link == nullptr)
+    if (link == nullptr) {
         return;
+    }
     const bool continues =
         (acl->handleAndFlags & hci::AclPacket::kBoundaryMask) == hci::AclPacket::kContinuation;
     link->sendFromCentral({continues ? LinkPacket::Continuation : LinkPacket::Start, acl->data});
@@ -205,7 +211,7 @@ void Controller::setRandomAddress(const AddressOctets& octets)
     done();
 }
 
-// ---- scanning
+// --- scanning ---
 
 void Controller::setScanParameters(std::uint8_t active, std::uint16_t /*interval*/, std::uint16_t /*window*/,
                                    std::uint8_t /*ownAddressKind*/, std::uint8_t filterPolicy)
@@ -255,7 +261,7 @@ void Controller::removeFromAcceptList(const Address& address)
     done();
 }
 
-// ---- to the host
+// --- to the host ---
 
 Link* Controller::startOn(std::uint16_t handle)
 {

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Air.h"
-#include "sim/air/Hci.h"
-#include "sim/air/Link.h"
-#include "sim/air/Scanner.h"
-
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <vector>
+
+#include "sim/air/Air.h"
+#include "sim/air/Hci.h"
+#include "sim/air/Link.h"
+#include "sim/air/Scanner.h"
 
 namespace vexasim::air
 {
@@ -21,10 +21,9 @@ struct ControllerOptions {
     Pace pace = Pace::RealTime;
 };
 
-/// The box's Bluetooth controller: LE only, Bluetooth 5.0, central role, legacy
-/// advertising and connection commands, eight buffers of 251 bytes. The host
-/// talks to it in HCI packets; the devices are those on the air. Advertising of
-/// the box itself is accepted and heard by nobody. One thread.
+/// The box's Bluetooth controller: LE only, Bluetooth 5.0, central role, legacy advertising and connection
+/// commands, eight buffers of 251 bytes. The host talks to it in HCI packets; the devices are those on the
+/// air. Advertising of the box itself is accepted and heard by nobody. One thread.
 class Controller : private Air::Listener, private Link::Central
 {
 public:
@@ -34,8 +33,8 @@ public:
     Controller(Scheduler& scheduler, Air& air, const ControllerOptions& options, ToHost toHost);
     ~Controller() override;
 
-    /// A packet from the host, with its type byte in front. What can't be
-    /// understood is answered with an error where HCI has one, else dropped.
+    /// A packet from the host, with its type byte in front. What can't be understood is answered with an
+    /// error where HCI has one, else dropped.
     void receive(const Bytes& packet);
 
 private:
@@ -58,7 +57,7 @@ private:
     template <std::size_t size>
     static void accept(Controller& controller, const Bytes& parameters);
 
-    // ---- from the host
+    // --- from the host ---
     void receiveCommand(const Bytes& packet);
     void receiveData(const Bytes& packet);
 
@@ -95,7 +94,7 @@ private:
     void readDefaultDataLength() { answer(mDefaultOctets, mDefaultTimeUs); }
     void writeDefaultDataLength(std::uint16_t octets, std::uint16_t timeUs);
 
-    // ---- to the host
+    // --- to the host ---
     void done(hci::Status status = hci::Status::Success) { complete(encode(status)); }
     template <class... Field>
     void answer(const Field&... fields)
@@ -115,7 +114,7 @@ private:
     void send(hci::EventCode code, const Bytes& parameters);
     void send(hci::LeEvent code, const Bytes& parameters);
 
-    // ---- from the air
+    // --- from the air ---
     void advertised(RadioDevice& device, const Advertisement& advertisement) override;
     void removed(RadioDevice& device) override;
     void report(RadioDevice& device, hci::AdvertisingReport::Type type, const Bytes& data);
@@ -144,7 +143,7 @@ private:
     static constexpr std::uint64_t kLeDataLength = 0x20;
 
     /// Null if there is no such link.
-    Link* find(uint16_t handle) const;
+    Link* find(std::uint16_t handle) const;
     bool connectedTo(const Address& address) const;
     bool acceptListInUse() const;
     void updateListening();
@@ -163,7 +162,7 @@ private:
     std::optional<hci::CreateConnection> mInitiating;
     std::uint16_t mDefaultOctets = kMinimumPayload;
     std::uint16_t mDefaultTimeUs = kMinimumPayloadTimeUs;
-    std::map<uint16_t, std::unique_ptr<Link>> mLinks;
+    std::map<std::uint16_t, std::unique_ptr<Link>> mLinks;
     std::uint16_t mNextHandle = kFirstHandle;
 };
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The controller's second half: links, and what comes from the air.
-#include "sim/air/Controller.h"
-
 #include <algorithm>
+
+#include "sim/air/Controller.h"
 
 namespace vexasim::air
 {
@@ -10,12 +10,12 @@ namespace vexasim::air
 namespace
 {
 
-constexpr std::array<uint8_t, 5> kAllChannels = {0xff, 0xff, 0xff, 0xff, 0x1f};
+constexpr std::array<std::uint8_t, 5> kAllChannels = {0xff, 0xff, 0xff, 0xff, 0x1f};
 
-constexpr uint16_t timeFor(uint16_t octets)
+constexpr std::uint16_t timeFor(std::uint16_t octets)
 {
     // 14 octets of framing, eight microseconds to the octet.
-    return static_cast<uint16_t>((octets + 14) * 8);
+    return static_cast<std::uint16_t>((octets + 14) * 8);
 }
 
 bool valid(const hci::ConnectionParameters& wanted)
@@ -35,7 +35,7 @@ LinkParameters agreed(const hci::ConnectionParameters& wanted)
 
 } // namespace
 
-// ---- links
+// --- links ---
 
 void Controller::createConnection(const hci::CreateConnection& command)
 {
@@ -154,25 +154,29 @@ void Controller::writeDefaultDataLength(std::uint16_t octets, std::uint16_t time
     done();
 }
 
-// ---- from the air
+// --- from the air ---
 
 void Controller::advertised(RadioDevice& device, const Advertisement& advertisement)
 {
     using Type = hci::AdvertisingReport::Type;
     if (mScanner.enabled() && (!mScanner.acceptListOnly() || mAcceptList.count(device.address()) != 0)) {
         report(device, Type::Connectable, advertisement.data);
-        if (mScanner.active())
+        if (mScanner.active()) {
             report(device, Type::ScanResponse, advertisement.scanResponse);
+        }
     }
-    if (mInitiating && wanted(device.address()))
+    if (mInitiating && wanted(device.address())) {
         connect(device);
+    }
 }
 
 void Controller::removed(RadioDevice& device)
 {
-    for (auto& [handle, link] : mLinks)
-        if (link->device() == &device)
+    for (auto& [handle, link] : mLinks) {
+        if (link->device() == &device) {
             link->abandon();
+        }
+    }
 }
 
 void Controller::report(RadioDevice& device, hci::AdvertisingReport::Type type, const Bytes& data)
@@ -180,16 +184,18 @@ void Controller::report(RadioDevice& device, hci::AdvertisingReport::Type type, 
     hci::AdvertisingReport report;
     report.type = type;
     report.address = device.address();
-    report.length = static_cast<uint8_t>(data.size());
-    report.dataAndRssi = data + Bytes{static_cast<uint8_t>(device.rssi())};
-    if (mScanner.wants(report))
+    report.length = static_cast<std::uint8_t>(data.size());
+    report.dataAndRssi = data + Bytes{static_cast<std::uint8_t>(device.rssi())};
+    if (mScanner.wants(report)) {
         event(report);
+    }
 }
 
 bool Controller::wanted(const Address& address) const
 {
-    if (connectedTo(address))
+    if (connectedTo(address)) {
         return false;
+    }
     return mInitiating->useAcceptList != 0 ? mAcceptList.count(address) != 0 : mInitiating->peer == address;
 }
 
@@ -197,15 +203,17 @@ void Controller::connect(RadioDevice& device)
 {
     const LinkParameters parameters = agreed(mInitiating->parameters);
     Address own = mOptions.address;
-    if ((mInitiating->ownAddressKind & 1) != 0)
+    if ((mInitiating->ownAddressKind & 1) != 0) {
         own = {AddressKind::Random, mRandomAddress};
-    const uint16_t handle = mNextHandle;
+    }
+    const std::uint16_t handle = mNextHandle;
     auto link = std::make_unique<Link>(mScheduler, static_cast<Link::Central&>(*this), device, own, handle,
                                        parameters, mOptions.pace);
-    if (!device.linkOpened(*link))
+    if (!device.linkOpened(*link)) {
         return;
+    }
 
-    mNextHandle = mNextHandle == kLastHandle ? kFirstHandle : static_cast<uint16_t>(mNextHandle + 1);
+    mNextHandle = mNextHandle == kLastHandle ? kFirstHandle : static_cast<std::uint16_t>(mNextHandle + 1);
     mInitiating.reset();
     updateListening();
     Link& opened = *link;
@@ -257,9 +265,9 @@ void Controller::linkClosed(Link& link, hci::Status reason)
     event(hci::DisconnectionComplete{hci::Status::Success, handle, reason});
 }
 
-// ---- state
+// --- state ---
 
-Link* Controller::find(uint16_t handle) const
+Link* Controller::find(std::uint16_t handle) const
 {
     const auto found = mLinks.find(handle);
     return found == mLinks.end() ? nullptr : found->second.get();
@@ -284,8 +292,9 @@ void Controller::updateListening()
 
 void Controller::dropLinks()
 {
-    for (auto& [handle, link] : mLinks)
+    for (auto& [handle, link] : mLinks) {
         link->cut();
+    }
     mLinks.clear();
 }
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/Scheduler.h"
-
 #include <list>
+
+#include "sim/model/Scheduler.h"
 
 namespace vexasim::air
 {
@@ -18,8 +18,9 @@ public:
     void after(std::chrono::milliseconds delay, Scheduler::Task task)
     {
         mTimers.remove_if([](const Timer& timer) { return !timer.running(); });
-        if (delay.count() == 0)
+        if (delay.count() == 0) {
             return task();
+        }
         mTimers.emplace_back(mScheduler).start(delay, std::move(task));
     }
 

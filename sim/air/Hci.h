@@ -4,8 +4,8 @@
 #include "sim/air/Address.h"
 #include "sim/air/Bytes.h"
 
-// The packets between the host and its controller: Bluetooth Core 5.0, Vol 2,
-// E 7, of which an LE-only controller with legacy advertising needs these.
+// The packets between the host and its controller: Bluetooth Core 5.0, Vol 2, E 7, of which an LE-only
+// controller with legacy advertising needs these.
 
 namespace vexasim::air::hci
 {
@@ -104,7 +104,7 @@ enum class Status : std::uint8_t {
     FailedToEstablish = 0x3e,
 };
 
-// ---- the frames
+// --- the frames ---
 
 struct CommandPacket {
     Opcode opcode{};
@@ -133,7 +133,7 @@ struct AclPacket {
     auto fields() { return std::tie(handleAndFlags, length, data); }
 };
 
-// ---- parameters of commands, where they are more than a few
+// --- parameters of commands, where they are more than a few ---
 
 struct ConnectionParameters {
     std::uint16_t minimumInterval = 0; ///< units of 1.25 ms
@@ -162,7 +162,7 @@ struct CreateConnection {
     }
 };
 
-// ---- events, each with its code
+// --- events, each with its code ---
 
 struct CommandComplete {
     static constexpr auto kCode = EventCode::CommandComplete;

@@ -11,16 +11,16 @@ namespace
 
 constexpr size_t kHeaderSize = 4;
 
-enum class Code : uint8_t {
+enum class Code : std::uint8_t {
     CommandReject = 0x01,
     ParameterUpdateRequest = 0x12,
     ParameterUpdateResponse = 0x13,
 };
 
-constexpr uint16_t kNotUnderstood = 0;
-constexpr uint16_t kAccepted = 0;
+constexpr std::uint16_t kNotUnderstood = 0;
+constexpr std::uint16_t kAccepted = 0;
 
-Bytes command(Code code, uint8_t identifier, const Bytes& data)
+Bytes command(Code code, std::uint8_t identifier, const Bytes& data)
 {
     return encode(code, identifier, static_cast<std::uint16_t>(data.size()), data);
 }
@@ -29,30 +29,34 @@ Bytes command(Code code, uint8_t identifier, const Bytes& data)
 
 std::optional<Reassembler::Packet> Reassembler::add(const LinkPacket& piece)
 {
-    if (piece.kind == LinkPacket::Start)
+    if (piece.kind == LinkPacket::Start) {
         mSoFar.clear();
-    else if (mSoFar.empty())
+    } else if (mSoFar.empty()) {
         return std::nullopt;
+    }
     mSoFar = std::move(mSoFar) + piece.payload;
-    if (mSoFar.size() < kHeaderSize)
+    if (mSoFar.size() < kHeaderSize) {
         return std::nullopt;
+    }
 
     L2capHeader header;
     Decoder decoder(mSoFar);
     decoder(header);
-    if (decoder.left() < header.length)
+    if (decoder.left() < header.length) {
         return std::nullopt;
+    }
     const bool fits = decoder.left() == header.length;
     Packet packet{header.channel, decoder.bytes(header.length)};
     mSoFar.clear();
-    if (!fits)
+    if (!fits) {
         return std::nullopt;
+    }
     return packet;
 }
 
 std::vector<LinkPacket> fragment(Channel channel, const Bytes& payload, size_t maximumPiece)
 {
-    const Bytes frame = encode(L2capHeader{static_cast<uint16_t>(payload.size()), channel}) + payload;
+    const Bytes frame = encode(L2capHeader{static_cast<std::uint16_t>(payload.size()), channel}) + payload;
     std::vector<LinkPacket> pieces;
     for (size_t at = 0; at < frame.size(); at += maximumPiece) {
         const auto from = frame.begin() + static_cast<std::ptrdiff_t>(at);
@@ -63,10 +67,11 @@ std::vector<LinkPacket> fragment(Channel channel, const Bytes& payload, size_t m
     return pieces;
 }
 
-void Signaling::requestParameters(uint16_t minimum, uint16_t maximum, uint16_t latency, uint16_t timeout)
+void Signaling::requestParameters(std::uint16_t minimum, std::uint16_t maximum, std::uint16_t latency,
+                                  std::uint16_t timeout)
 {
     // Zero is no identifier.
-    mIdentifier = mIdentifier == 0xff ? uint8_t{1} : static_cast<uint8_t>(mIdentifier + 1);
+    mIdentifier = mIdentifier == 0xff ? std::uint8_t{1} : static_cast<std::uint8_t>(mIdentifier + 1);
     mSend(Channel::Signaling,
           command(Code::ParameterUpdateRequest, mIdentifier, encode(minimum, maximum, latency, timeout)));
 }

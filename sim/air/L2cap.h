@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Bytes.h"
-#include "sim/air/Link.h"
-
 #include <functional>
 #include <optional>
+
+#include "sim/air/Bytes.h"
+#include "sim/air/Link.h"
 
 namespace vexasim::air
 {
 
 /// Fixed channels of an LE link, Bluetooth Core 5.0, Vol 3, A 2.1.
-enum class Channel : uint16_t {
+enum class Channel : std::uint16_t {
     Attributes = 0x0004,
     Signaling = 0x0005,
     Security = 0x0006,
 };
 
 struct L2capHeader {
-    uint16_t length = 0;
+    std::uint16_t length = 0;
     Channel channel{};
     auto fields() { return std::tie(length, channel); }
 };
@@ -32,8 +32,8 @@ public:
         Bytes payload;
     };
 
-    /// Takes the next piece; returns a packet when it is complete. A piece that
-    /// doesn't fit the announced length is dropped with what came before it.
+    /// Takes the next piece; returns a packet when it is complete. A piece that doesn't fit the announced
+    /// length is dropped with what came before it.
     std::optional<Packet> add(const LinkPacket& piece);
 
 private:
@@ -43,8 +43,8 @@ private:
 /// The frame of one packet, in pieces that fit the link.
 std::vector<LinkPacket> fragment(Channel channel, const Bytes& payload, size_t maximumPiece);
 
-/// The peripheral's side of the signaling channel: asks for connection
-/// parameters, rejects everything that it is asked. Vol 3, A 4. One thread.
+/// The peripheral's side of the signaling channel: asks for connection parameters, rejects everything that it
+/// is asked. Vol 3, A 4. One thread.
 class Signaling
 {
 public:
@@ -53,9 +53,10 @@ public:
 
     explicit Signaling(Send send) : mSend(std::move(send)) {}
 
-    /// Asks the central for an interval between `minimum` and `maximum` (units
-    /// of 1.25 ms), a latency and a timeout (units of 10 ms).
-    void requestParameters(uint16_t minimum, uint16_t maximum, uint16_t latency, uint16_t timeout);
+    /// Asks the central for an interval between `minimum` and `maximum` (units of 1.25 ms), a latency and a
+    /// timeout (units of 10 ms).
+    void requestParameters(std::uint16_t minimum, std::uint16_t maximum, std::uint16_t latency,
+                           std::uint16_t timeout);
 
     void received(const Bytes& packet);
 
@@ -65,7 +66,7 @@ public:
 private:
     Send mSend;
     Answer mAnswer;
-    uint8_t mIdentifier = 0;
+    std::uint8_t mIdentifier = 0;
 };
 
 } // namespace vexasim::air

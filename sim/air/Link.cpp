@@ -12,7 +12,7 @@ namespace
 constexpr std::chrono::microseconds kIntervalUnit{1250};
 constexpr std::chrono::milliseconds kTimeoutUnit{10};
 constexpr std::chrono::milliseconds kHurriedInterval{1};
-constexpr uint16_t kDefaultPayload = 27;
+constexpr std::uint16_t kDefaultPayload = 27;
 constexpr size_t kPacketsPerEvent = 4;
 
 // How many connection events the procedures of the link layer take.
@@ -29,7 +29,7 @@ const LinkPacket kStartEncryptionResponse{LinkPacket::Control, {0x06}};
 } // namespace
 
 Link::Link(Scheduler& scheduler, Central& central, RadioDevice& device, const Address& centralAddress,
-           uint16_t handle, const LinkParameters& parameters, Pace pace)
+           std::uint16_t handle, const LinkParameters& parameters, Pace pace)
     : mScheduler(scheduler),
       mCentral(central),
       mDevice(&device),
@@ -63,7 +63,7 @@ void Link::sendFromCentral(LinkPacket packet)
     scheduleEvent();
 }
 
-void Link::startEncryption(uint64_t random, uint16_t diversifier, const Key128& key)
+void Link::startEncryption(std::uint64_t random, std::uint16_t diversifier, const Key128& key)
 {
     after(kEncryptionEvents, [this, random, diversifier, key] { encryptNow(random, diversifier, key); });
 }
@@ -78,11 +78,12 @@ void Link::update(const LinkParameters& parameters)
     });
 }
 
-void Link::setMaximumPayload(uint16_t octets)
+void Link::setMaximumPayload(std::uint16_t octets)
 {
-    const uint16_t agreed = std::max(kDefaultPayload, std::min(octets, mDeviceMaximumPayload));
-    if (agreed == mMaximumPayload)
+    const std::uint16_t agreed = std::max(kDefaultPayload, std::min(octets, mDeviceMaximumPayload));
+    if (agreed == mMaximumPayload) {
         return;
+    }
     after(kExchangeEvents, [this, agreed] {
         mMaximumPayload = agreed;
         mCentral.linkLengthChanged(*this);
@@ -103,8 +104,9 @@ void Link::endFromCentral()
 
 void Link::cut()
 {
-    if (mDevice != nullptr)
+    if (mDevice != nullptr) {
         mDevice->linkClosed();
+    }
     mDevice = nullptr;
 }
 
@@ -121,13 +123,15 @@ void Link::endFromDevice(hci::Status reason)
 
 void Link::abandon()
 {
-    if (mClosing || mDevice == nullptr)
+    if (mClosing || mDevice == nullptr) {
         return;
+    }
     mDevice = nullptr;
     mEventTimer.stop();
     const bool established = mEvents > 0;
-    if (!established)
+    if (!established) {
         mLossReason = hci::Status::FailedToEstablish;
+    }
     const Scheduler::Duration timeout =
         established ? Scheduler::Duration(mParameters.timeout * kTimeoutUnit) : interval() * kEstablishEvents;
     mEndTimer.start(timeout, [this] { mCentral.linkClosed(*this, mLossReason); });
@@ -141,10 +145,11 @@ Scheduler::Duration Link::interval() const
 
 void Link::scheduleEvent()
 {
-    if (mEventTimer.running() || mClosing || mDevice == nullptr)
+    if (mEventTimer.running() || mClosing || mDevice == nullptr) {
         return;
-    // The next anchor point strictly behind now: events stay on the grid of the
-    // interval however long the link had nothing to say.
+    }
+    // The next anchor point strictly behind now: events stay on the grid of the interval however long the
+    // link had nothing to say.
     const auto passed = (mScheduler.now() - mAnchor) / interval();
     mEventTimer.startAt(mAnchor + interval() * (passed + 1), [this] { connectionEvent(); });
 }
@@ -166,36 +171,42 @@ void Link::connectionEvent()
         deliverToCentral(std::move(packet));
     }
     advanceProcedures();
-    if (!mFromCentral.empty() || !mFromDevice.empty() || !mProcedures.empty())
+    if (!mFromCentral.empty() || !mFromDevice.empty() || !mProcedures.empty()) {
         scheduleEvent();
+    }
 }
 
 void Link::deliverToDevice(Outgoing outgoing)
 {
     // The device may vanish over what it receives.
-    if (mClosing || mDevice == nullptr)
+    if (mClosing || mDevice == nullptr) {
         return;
+    }
     if (mCentralCipher) {
         outgoing.packet.payload = mCentralCipher->seal(outgoing.packet);
         const auto opened = mDeviceCipher->open(outgoing.packet);
-        if (!opened)
+        if (!opened) {
             return close(hci::Status::MicFailure);
+        }
         outgoing.packet.payload = *opened;
     }
     mDevice->linkReceived(outgoing.packet);
-    if (outgoing.last)
+    if (outgoing.last) {
         mCentral.linkDelivered(*this);
+    }
 }
 
 void Link::deliverToCentral(LinkPacket packet)
 {
-    if (mClosing || mDevice == nullptr)
+    if (mClosing || mDevice == nullptr) {
         return;
+    }
     if (mDeviceCipher) {
         packet.payload = mDeviceCipher->seal(packet);
         const auto opened = mCentralCipher->open(packet);
-        if (!opened)
+        if (!opened) {
             return close(hci::Status::MicFailure);
+        }
         packet.payload = *opened;
     }
     mCentral.linkReceived(*this, packet);
@@ -210,21 +221,24 @@ void Link::after(unsigned events, std::function<void()> finish)
 void Link::advanceProcedures()
 {
     // One at a time, as the link layer does. A link about to end runs none.
-    if (mClosing || mDevice == nullptr || mProcedures.empty())
+    if (mClosing || mDevice == nullptr || mProcedures.empty()) {
         return;
+    }
     Procedure& procedure = mProcedures.front();
-    if (procedure.events-- > 1)
+    if (procedure.events-- > 1) {
         return;
+    }
     const auto finish = std::move(procedure.finish);
     mProcedures.erase(mProcedures.begin());
     finish();
 }
 
-void Link::encryptNow(uint64_t random, uint16_t diversifier, const Key128& key)
+void Link::encryptNow(std::uint64_t random, std::uint16_t diversifier, const Key128& key)
 {
     const auto deviceKey = mDevice->longTermKey(random, diversifier);
-    if (!deviceKey)
+    if (!deviceKey) {
         return mCentral.linkEncrypted(*this, hci::Status::KeyMissing, false);
+    }
 
     const EncryptionHalves halves{randomArray<8>(), randomArray<4>(), randomArray<8>(), randomArray<4>()};
     LinkCipher central(LinkCipher::End::Central, key, halves);
@@ -233,8 +247,9 @@ void Link::encryptNow(uint64_t random, uint16_t diversifier, const Key128& key)
     proof.payload = central.seal(kStartEncryptionResponse);
     const bool deviceSatisfied = device.open(proof).has_value();
     proof.payload = device.seal(kStartEncryptionResponse);
-    if (!deviceSatisfied || !central.open(proof))
+    if (!deviceSatisfied || !central.open(proof)) {
         return close(hci::Status::MicFailure);
+    }
 
     const bool refreshed = encrypted();
     mCentralCipher = central;
@@ -245,14 +260,16 @@ void Link::encryptNow(uint64_t random, uint16_t diversifier, const Key128& key)
 
 void Link::close(hci::Status reason)
 {
-    if (mClosing)
+    if (mClosing) {
         return;
+    }
     mClosing = true;
     mEventTimer.stop();
     // Not at once: the callers above are still at work on this object.
     mEndTimer.start(Scheduler::Duration{0}, [this, reason] {
-        if (mDevice != nullptr)
+        if (mDevice != nullptr) {
             mDevice->linkClosed();
+        }
         mCentral.linkClosed(*this, reason);
     });
 }

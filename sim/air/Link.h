@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Air.h"
-#include "sim/air/Hci.h"
-
 #include <deque>
 #include <functional>
 #include <vector>
+
+#include "sim/air/Air.h"
+#include "sim/air/Hci.h"
 
 namespace vexasim::air
 {
 
 struct LinkParameters {
-    uint16_t interval = 0; ///< units of 1.25 ms
-    uint16_t latency = 0;
-    uint16_t timeout = 0; ///< units of 10 ms
+    std::uint16_t interval = 0; ///< units of 1.25 ms
+    std::uint16_t latency = 0;
+    std::uint16_t timeout = 0; ///< units of 10 ms
 
     bool operator==(const LinkParameters& other) const
     {
@@ -28,10 +28,9 @@ enum class Pace {
     Hurried,  ///< events come every millisecond, whatever the interval says
 };
 
-/// The link layer of one connection, both of its ends in one object: packets
-/// wait for the next connection event, are sealed and opened when encryption
-/// is on, and control procedures take their events. A link with nothing to
-/// carry costs nothing. Bluetooth Core 5.0, Vol 6, B 4.5 and 5. One thread.
+/// The link layer of one connection, both of its ends in one object: packets wait for the next connection
+/// event, are sealed and opened when encryption is on, and control procedures take their events. A link with
+/// nothing to carry costs nothing. Bluetooth Core 5.0, Vol 6, B 4.5 and 5. One thread.
 class Link
 {
 public:
@@ -52,38 +51,37 @@ public:
     };
 
     Link(Scheduler& scheduler, Central& central, RadioDevice& device, const Address& centralAddress,
-         uint16_t handle, const LinkParameters& parameters, Pace pace);
+         std::uint16_t handle, const LinkParameters& parameters, Pace pace);
 
-    uint16_t handle() const { return mHandle; }
+    std::uint16_t handle() const { return mHandle; }
     /// Null once the device is lost.
     RadioDevice* device() const { return mDevice; }
     const Address& centralAddress() const { return mCentralAddress; }
     const Address& deviceAddress() const { return mDeviceAddress; }
     const LinkParameters& parameters() const { return mParameters; }
     /// The longest payload of a packet, either way.
-    uint16_t maximumPayload() const { return mMaximumPayload; }
+    std::uint16_t maximumPayload() const { return mMaximumPayload; }
     bool encrypted() const { return mCentralCipher.has_value(); }
 
-    // ---- the controller's end
+    // --- the controller's end ---
     /// Sends a packet of the host's, in pieces if it is longer than a payload.
     void sendFromCentral(LinkPacket packet);
-    void startEncryption(uint64_t random, uint16_t diversifier, const Key128& key);
+    void startEncryption(std::uint64_t random, std::uint16_t diversifier, const Key128& key);
     void update(const LinkParameters& parameters);
-    void setMaximumPayload(uint16_t octets);
+    void setMaximumPayload(std::uint16_t octets);
     /// Has the device asked something that needs one exchange.
     void exchange(std::function<void()> answered);
     void endFromCentral();
     /// The controller is reset: the device loses the link, the host isn't told.
     void cut();
 
-    // ---- the device's end
+    // --- the device's end ---
     /// A packet of at most maximumPayload bytes.
     void sendFromDevice(LinkPacket packet);
     /// Ends the link politely; the device hears linkClosed.
     void endFromDevice(hci::Status reason);
-    /// The device is suddenly no more to be heard: out of range, or without
-    /// power. It hears nothing further; the controller notices when the
-    /// supervision timeout is over.
+    /// The device is suddenly no more to be heard: out of range, or without power. It hears nothing further;
+    /// the controller notices when the supervision timeout is over.
     void abandon();
 
 private:
@@ -103,7 +101,7 @@ private:
     void deliverToCentral(LinkPacket packet);
     void advanceProcedures();
     void after(unsigned events, std::function<void()> finish);
-    void encryptNow(uint64_t random, uint16_t diversifier, const Key128& key);
+    void encryptNow(std::uint64_t random, std::uint16_t diversifier, const Key128& key);
     void close(hci::Status reason);
 
     Scheduler& mScheduler;
@@ -111,11 +109,11 @@ private:
     RadioDevice* mDevice; ///< null after abandon
     const Address mCentralAddress;
     const Address mDeviceAddress;
-    const uint16_t mHandle;
+    const std::uint16_t mHandle;
     LinkParameters mParameters;
     const Pace mPace;
-    uint16_t mMaximumPayload;
-    const uint16_t mDeviceMaximumPayload;
+    std::uint16_t mMaximumPayload;
+    const std::uint16_t mDeviceMaximumPayload;
     Scheduler::Time mAnchor;
     unsigned mEvents = 0;
     bool mClosing = false;

@@ -9,7 +9,7 @@ namespace vexasim::air
 namespace
 {
 
-constexpr uint64_t kFromCentral = uint64_t{1} << 39;
+constexpr std::uint64_t kFromCentral = std::uint64_t{1} << 39;
 
 } // namespace
 
@@ -25,26 +25,30 @@ LinkCipher::LinkCipher(End end, const Key128& longTermKey, const EncryptionHalve
 
 Bytes LinkCipher::seal(const LinkPacket& packet)
 {
-    if (packet.payload.empty())
+    if (packet.payload.empty()) {
         return {};
+    }
     return aesCcmSeal(mKey, nonce(mSent++, mEnd), packet.kind, packet.payload);
 }
 
 std::optional<Bytes> LinkCipher::open(const LinkPacket& packet)
 {
     const End sender = mEnd == End::Central ? End::Peripheral : End::Central;
-    if (packet.payload.empty())
+    if (packet.payload.empty()) {
         return Bytes();
+    }
     return aesCcmOpen(mKey, nonce(mReceived++, sender), packet.kind, packet.payload);
 }
 
-std::array<uint8_t, 13> LinkCipher::nonce(uint64_t counter, End sender) const
+std::array<std::uint8_t, 13> LinkCipher::nonce(std::uint64_t counter, End sender) const
 {
-    if (sender == End::Central)
+    if (sender == End::Central) {
         counter |= kFromCentral;
-    std::array<uint8_t, 13> nonce{};
-    for (size_t i = 0; i < 5; ++i)
-        nonce[i] = static_cast<uint8_t>(counter >> (8 * i));
+    }
+    std::array<std::uint8_t, 13> nonce{};
+    for (size_t i = 0; i < 5; ++i) {
+        nonce[i] = static_cast<std::uint8_t>(counter >> (8 * i));
+    }
     std::copy(mVector.begin(), mVector.end(), nonce.begin() + 5);
     return nonce;
 }

@@ -6,10 +6,10 @@
 namespace vexasim::air
 {
 
-/// One packet of a link: whether it begins an upper packet (or is a link
-/// control packet) and what it carries. Bluetooth Core 5.3, Vol 6, B 2.4.
+/// One packet of a link: whether it begins an upper packet (or is a link control packet) and what it carries.
+/// Bluetooth Core 5.3, Vol 6, B 2.4.
 struct LinkPacket {
-    enum Kind : uint8_t {
+    enum Kind : std::uint8_t {
         Continuation = 1,
         Start = 2,
         Control = 3,
@@ -18,17 +18,17 @@ struct LinkPacket {
     Bytes payload;
 };
 
-/// What both ends contribute when encryption starts, Vol 6, B 2.4.2.4 and
-/// 2.4.2.5; least significant octet first.
+/// What both ends contribute when encryption starts, Vol 6, B 2.4.2.4 and 2.4.2.5; least significant octet
+/// first.
 struct EncryptionHalves {
-    std::array<uint8_t, 8> centralDiversifier{};
-    std::array<uint8_t, 4> centralVector{};
-    std::array<uint8_t, 8> peripheralDiversifier{};
-    std::array<uint8_t, 4> peripheralVector{};
+    std::array<std::uint8_t, 8> centralDiversifier{};
+    std::array<std::uint8_t, 4> centralVector{};
+    std::array<std::uint8_t, 8> peripheralDiversifier{};
+    std::array<std::uint8_t, 4> peripheralVector{};
 };
 
-/// The cipher of one end of an encrypted link, Vol 6, E 2: it seals what this
-/// end sends, opens what the other sent, and counts both.
+/// The cipher of one end of an encrypted link, Vol 6, E 2: it seals what this end sends, opens what the other
+/// sent, and counts both.
 class LinkCipher
 {
 public:
@@ -39,18 +39,18 @@ public:
     /// The payload as it goes on the air.
     Bytes seal(const LinkPacket& packet);
 
-    /// The payload that was sealed; empty if it was sealed with another key,
-    /// changed under way, or a packet before it was lost.
+    /// The payload that was sealed; empty if it was sealed with another key, changed under way, or a packet
+    /// before it was lost.
     std::optional<Bytes> open(const LinkPacket& packet);
 
 private:
-    std::array<uint8_t, 13> nonce(uint64_t counter, End sender) const;
+    std::array<std::uint8_t, 13> nonce(std::uint64_t counter, End sender) const;
 
     End mEnd;
     Block mKey;
-    std::array<uint8_t, 8> mVector{};
-    uint64_t mSent = 0;
-    uint64_t mReceived = 0;
+    std::array<std::uint8_t, 8> mVector{};
+    std::uint64_t mSent = 0;
+    std::uint64_t mReceived = 0;
 };
 
 } // namespace vexasim::air

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "sim/air/PeripheralRadio.h"
 
-#include "sim/model/Remote.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 #include <utility>
+
+#include "sim/model/Remote.h"
 
 namespace vexasim::air
 {
@@ -17,19 +17,19 @@ namespace
 constexpr std::chrono::seconds kParametersDelay{1};
 
 // The parts of an advertisement, the Bluetooth core documents' supplement, A 1.
-constexpr uint8_t kFlagsPart = 0x01;
-constexpr uint8_t kShortNamePart = 0x08;
-constexpr uint8_t kNamePart = 0x09;
-constexpr uint8_t kAppearancePart = 0x19;
-constexpr uint8_t kDiscoverableWithoutClassic = 0x06;
+constexpr std::uint8_t kFlagsPart = 0x01;
+constexpr std::uint8_t kShortNamePart = 0x08;
+constexpr std::uint8_t kNamePart = 0x09;
+constexpr std::uint8_t kAppearancePart = 0x19;
+constexpr std::uint8_t kDiscoverableWithoutClassic = 0x06;
 constexpr size_t kAdvertisementSize = 31;
 
 // The remote's own command for other connection parameters.
-constexpr uint8_t kConnectionParametersCommand = 0x07;
+constexpr std::uint8_t kConnectionParametersCommand = 0x07;
 
-Bytes part(uint8_t kind, const Bytes& content)
+Bytes part(std::uint8_t kind, const Bytes& content)
 {
-    return Bytes{static_cast<uint8_t>(content.size() + 1), kind} + content;
+    return Bytes{static_cast<std::uint8_t>(content.size() + 1), kind} + content;
 }
 
 // A name that is too long for what is left of an advertisement is cut, and marked so.
@@ -38,8 +38,9 @@ Bytes namePart(const std::string& name, size_t room)
     constexpr size_t kFrame = 2;
     Bytes text(name.begin(), name.end());
     const bool whole = text.size() + kFrame <= room;
-    if (!whole)
+    if (!whole) {
         text.resize(room - kFrame);
+    }
     return part(whole ? kNamePart : kShortNamePart, text);
 }
 
@@ -47,8 +48,9 @@ Address identityAddress(const Peripheral& peripheral)
 {
     const auto kind = peripheral.randomAddress() ? AddressKind::Random : AddressKind::Public;
     const auto address = Address::parse(peripheral.address(), kind);
-    if (!address)
+    if (!address) {
         throw std::invalid_argument("'" + peripheral.address() + "' is not a Bluetooth address");
+    }
     return *address;
 }
 
@@ -114,11 +116,12 @@ PeripheralRadio::~PeripheralRadio()
 void PeripheralRadio::renewAddress()
 {
     mAddress = mIdentityAddress;
-    if (!mOptions.privateAddress)
+    if (!mOptions.privateAddress) {
         return;
-    constexpr uint8_t kResolvable = 0x40;
+    }
+    constexpr std::uint8_t kResolvable = 0x40;
     auto random = randomArray<3>();
-    random[2] = static_cast<uint8_t>((random[2] & 0x3f) | kResolvable);
+    random[2] = static_cast<std::uint8_t>((random[2] & 0x3f) | kResolvable);
     const auto hash = ah(mIdentityKey, random);
     mAddress.kind = AddressKind::Random;
     std::copy(hash.begin(), hash.end(), mAddress.octets.begin());
@@ -127,16 +130,18 @@ void PeripheralRadio::renewAddress()
 
 void PeripheralRadio::hangUp()
 {
-    if (mLink != nullptr)
+    if (mLink != nullptr) {
         mLink->endFromDevice(hci::Status::RemoteUserEnded);
+    }
 }
 
-// ---- what the controller's radio asks
+// --- what the controller's radio asks ---
 
 std::optional<Advertisement> PeripheralRadio::advertisement() const
 {
-    if (!mPeripheral->advertising())
+    if (!mPeripheral->advertising()) {
         return std::nullopt;
+    }
     Advertisement advertisement;
     advertisement.data = part(kFlagsPart, {kDiscoverableWithoutClassic}) +
                          part(kAppearancePart, encode(mPeripheral->appearance()));
@@ -148,19 +153,21 @@ std::optional<Advertisement> PeripheralRadio::advertisement() const
     return advertisement;
 }
 
-int8_t PeripheralRadio::rssi() const
+std::int8_t PeripheralRadio::rssi() const
 {
-    return static_cast<int8_t>(std::clamp<int16_t>(mPeripheral->rssi(), -127, 20));
+    return static_cast<std::int8_t>(std::clamp<std::int16_t>(mPeripheral->rssi(), -127, 20));
 }
 
 bool PeripheralRadio::linkOpened(Link& link)
 {
-    if (!mPeripheral->connect())
+    if (!mPeripheral->connect()) {
         return false;
+    }
     mSessionEnd.stop();
     mLink = &link;
-    if (mPeripheral->forgotBond())
+    if (mPeripheral->forgotBond()) {
         forgetBonds();
+    }
     const auto toCentral = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
     mSession = std::make_unique<Session>(mScheduler, toCentral, securityContext(link), attributeContext());
     mSession->signaling.onAnswer([this](bool accepted) {
@@ -168,10 +175,12 @@ bool PeripheralRadio::linkOpened(Link& link)
                              : "its wish for connection parameters is refused");
     });
     reportEvent("connected by " + link.centralAddress().text());
-    if (mOptions.asksForSecurity)
+    if (mOptions.asksForSecurity) {
         mSession->security.requestSecurity();
-    if (mOptions.preferredParameters)
+    }
+    if (mOptions.preferredParameters) {
         mSession->delayed.after(kParametersDelay, [this] { request(*mOptions.preferredParameters); });
+    }
     return true;
 }
 
@@ -181,8 +190,9 @@ SecurityManager::Context PeripheralRadio::securityContext(Link& link)
     context.central = link.centralAddress();
     context.self = link.deviceAddress();
     context.bonds = &mBonds;
-    if (mOptions.privateAddress)
+    if (mOptions.privateAddress) {
         context.identity = Identity{mIdentityKey, mIdentityAddress};
+    }
     context.policy = [this] { return pairingPolicy(); };
     context.send = [this](Channel channel, const Bytes& packet) {
         mSession->delayed.after(mPeripheral->answerDelay(),
@@ -201,7 +211,7 @@ AttributeServer::Context PeripheralRadio::attributeContext()
     context.peripheral = mPeripheral.get();
     context.send = [this](Channel channel, const Bytes& packet) { send(channel, packet); };
     context.encrypted = [this] { return mLink != nullptr && mLink->encrypted(); };
-    context.written = [this](uint16_t handle, const Bytes& value) { written(handle, value); };
+    context.written = [this](std::uint16_t handle, const Bytes& value) { written(handle, value); };
     return context;
 }
 
@@ -210,10 +220,12 @@ PairingPolicy PeripheralRadio::pairingPolicy()
     using Behavior = PairingPolicy::Behavior;
     PairingPolicy policy;
     policy.secureConnections = mOptions.secureConnections;
-    if (mOptions.failsConfirm)
+    if (mOptions.failsConfirm) {
         policy.behavior = Behavior::FailsConfirm;
-    if (mOptions.refusesRepeated)
+    }
+    if (mOptions.refusesRepeated) {
         policy.behavior = Behavior::RefusesRepeated;
+    }
     switch (mPeripheral->pairing()) {
     case Peripheral::Pairing::Willing:
         break;
@@ -234,8 +246,9 @@ PairingPolicy PeripheralRadio::pairingPolicy()
 void PeripheralRadio::linkReceived(const LinkPacket& packet)
 {
     const auto complete = mSession->reassembler.add(packet);
-    if (!complete)
+    if (!complete) {
         return;
+    }
     switch (complete->channel) {
     case Channel::Attributes:
         return mSession->attributes.received(complete->payload);
@@ -246,13 +259,15 @@ void PeripheralRadio::linkReceived(const LinkPacket& packet)
     }
 }
 
-std::optional<Key128> PeripheralRadio::longTermKey(uint64_t random, uint16_t diversifier)
+std::optional<Key128> PeripheralRadio::longTermKey(std::uint64_t random, std::uint16_t diversifier)
 {
-    if (mPeripheral->forgotBond())
+    if (mPeripheral->forgotBond()) {
         forgetBonds();
+    }
     const auto key = mSession->security.longTermKey(random, diversifier);
-    if (!key)
+    if (!key) {
         reportEvent("asked to encrypt with a key that it doesn't know");
+    }
     return key;
 }
 
@@ -278,12 +293,13 @@ void PeripheralRadio::linkClosed()
     mPeripheral->disconnect();
 }
 
-// ---- what the model tells
+// --- what the model tells ---
 
 void PeripheralRadio::onLinkLost(Peripheral&)
 {
-    if (mLink == nullptr)
+    if (mLink == nullptr) {
         return;
+    }
     reportEvent("off the air with its link");
     mLink->abandon();
     mLink = nullptr;
@@ -292,13 +308,14 @@ void PeripheralRadio::onLinkLost(Peripheral&)
     mSessionEnd.start(Scheduler::Duration{0}, [this] { mSession.reset(); });
 }
 
-void PeripheralRadio::onNotification(Peripheral&, uint16_t valueHandle, const Bytes& value)
+void PeripheralRadio::onNotification(Peripheral&, std::uint16_t valueHandle, const Bytes& value)
 {
-    if (mLink != nullptr)
+    if (mLink != nullptr) {
         mSession->attributes.notify(valueHandle, value);
+    }
 }
 
-// ---- inside
+// --- inside ---
 
 void PeripheralRadio::request(const PreferredParameters& parameters)
 {
@@ -308,16 +325,18 @@ void PeripheralRadio::request(const PreferredParameters& parameters)
 
 void PeripheralRadio::send(Channel channel, const Bytes& packet)
 {
-    if (mLink == nullptr)
+    if (mLink == nullptr) {
         return;
-    for (auto& piece : fragment(channel, packet, mLink->maximumPayload()))
+    }
+    for (auto& piece : fragment(channel, packet, mLink->maximumPayload())) {
         mLink->sendFromDevice(std::move(piece));
+    }
 }
 
-void PeripheralRadio::written(uint16_t valueHandle, const Bytes& value)
+void PeripheralRadio::written(std::uint16_t valueHandle, const Bytes& value)
 {
-    // The update personality's firmware turns this command into a request to
-    // the central; the model knows no links.
+    // The update personality's firmware turns this command into a request to the central; the model knows no
+    // links.
     const auto command = decodeFields<std::uint8_t, PreferredParameters>(value);
     const bool toControlPoint = mPeripheral->handleOf(uuid::kControlPoint) == valueHandle;
     if (command && std::get<0>(*command) == kConnectionParametersCommand && toControlPoint) {
@@ -327,8 +346,9 @@ void PeripheralRadio::written(uint16_t valueHandle, const Bytes& value)
 
 void PeripheralRadio::reportEvent(const std::string& what) const
 {
-    if (!mOnEvent)
+    if (!mOnEvent) {
         return;
+    }
     const auto name = mPeripheral->ownName();
     mOnEvent(mIdentityAddress.text() + (name ? " \"" + *name + "\"" : std::string()) + ": " + what);
 }

@@ -1,26 +1,26 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
 #include "sim/air/Air.h"
 #include "sim/air/AttributeServer.h"
 #include "sim/air/L2cap.h"
 #include "sim/air/SecurityManager.h"
 #include "sim/model/Peripheral.h"
 
-#include <functional>
-#include <memory>
-#include <optional>
-#include <string>
-
 namespace vexasim::air
 {
 
 /// What a peripheral asks its central to change about the link.
 struct PreferredParameters {
-    uint16_t minimumInterval = 0; ///< units of 1.25 ms
-    uint16_t maximumInterval = 0;
-    uint16_t latency = 0;
-    uint16_t timeout = 0; ///< units of 10 ms
+    std::uint16_t minimumInterval = 0; ///< units of 1.25 ms
+    std::uint16_t maximumInterval = 0;
+    std::uint16_t latency = 0;
+    std::uint16_t timeout = 0; ///< units of 10 ms
     auto fields() { return std::tie(minimumInterval, maximumInterval, latency, timeout); }
 };
 
@@ -28,19 +28,18 @@ struct PreferredParameters {
 struct RadioOptions {
     bool nameInScanResponse = false; ///< else in the advertisement itself
     std::chrono::milliseconds advertisingInterval{100};
-    uint16_t maximumPayload = 27;  ///< bytes of a link packet; up to 251
-    bool secureConnections = true; ///< else it knows legacy pairing alone
-    bool refusesRepeated = false;  ///< won't pair again with a central that it knows
-    bool failsConfirm = false;     ///< agrees to pair and then finds the proof wrong
-    bool asksForSecurity = false;  ///< has the central pair or encrypt after each connection
-    bool privateAddress = false;   ///< a resolvable private one, new for each link
+    std::uint16_t maximumPayload = 27; ///< bytes of a link packet; up to 251
+    bool secureConnections = true;     ///< else it knows legacy pairing alone
+    bool refusesRepeated = false;      ///< won't pair again with a central that it knows
+    bool failsConfirm = false;         ///< agrees to pair and then finds the proof wrong
+    bool asksForSecurity = false;      ///< has the central pair or encrypt after each connection
+    bool privateAddress = false;       ///< a resolvable private one, new for each link
     /// Asked for a second after each connection.
     std::optional<PreferredParameters> preferredParameters;
 };
 
-/// The radio of one peripheral of the model: its advertisements, its end
-/// of a link, pairing and attributes. Everything on the air's one thread, on
-/// which the model must be used too.
+/// The radio of one peripheral of the model: its advertisements, its end of a link, pairing and attributes.
+/// Everything on the air's one thread, on which the model must be used too.
 class PeripheralRadio : public RadioDevice,
                         public PeripheralListener,
                         public std::enable_shared_from_this<PeripheralRadio>
@@ -49,8 +48,8 @@ public:
     /// Called with one line of text for each thing that happens.
     using OnEvent = std::function<void(const std::string&)>;
 
-    /// On the air from here to the destructor. Throws std::invalid_argument if
-    /// the peripheral's address or one of its UUIDs is malformed.
+    /// On the air from here to the destructor. Throws std::invalid_argument if the peripheral's address or
+    /// one of its UUIDs is malformed.
     static std::shared_ptr<PeripheralRadio> create(Scheduler& scheduler, Air& air,
                                                    const std::shared_ptr<Peripheral>& peripheral,
                                                    const RadioOptions& options = {}, OnEvent onEvent = {});
@@ -66,22 +65,22 @@ public:
     /// Ends the link from the peripheral's side.
     void hangUp();
 
-    // ---- RadioDevice
+    // --- RadioDevice ---
     Address address() const override { return mAddress; }
     std::optional<Advertisement> advertisement() const override;
     std::chrono::milliseconds advertisingInterval() const override { return mOptions.advertisingInterval; }
-    int8_t rssi() const override;
-    uint16_t maximumPayload() const override { return mOptions.maximumPayload; }
+    std::int8_t rssi() const override;
+    std::uint16_t maximumPayload() const override { return mOptions.maximumPayload; }
     bool linkOpened(Link& link) override;
     void linkReceived(const LinkPacket& packet) override;
-    std::optional<Key128> longTermKey(uint64_t random, uint16_t diversifier) override;
+    std::optional<Key128> longTermKey(std::uint64_t random, std::uint16_t diversifier) override;
     void linkEncrypted() override;
     void linkParametersChanged() override;
     void linkClosed() override;
 
-    // ---- PeripheralListener
+    // --- PeripheralListener ---
     void onLinkLost(Peripheral& peripheral) override;
-    void onNotification(Peripheral& peripheral, uint16_t valueHandle, const Bytes& value) override;
+    void onNotification(Peripheral& peripheral, std::uint16_t valueHandle, const Bytes& value) override;
 
 private:
     struct Session;
@@ -94,7 +93,7 @@ private:
     PairingPolicy pairingPolicy();
     void request(const PreferredParameters& parameters);
     void send(Channel channel, const Bytes& packet);
-    void written(uint16_t valueHandle, const Bytes& value);
+    void written(std::uint16_t valueHandle, const Bytes& value);
     void reportEvent(const std::string& what) const;
 
     Scheduler& mScheduler;

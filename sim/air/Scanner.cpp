@@ -20,15 +20,17 @@ void Scanner::enable(bool on, bool filterDuplicates)
 
 bool Scanner::wants(const hci::AdvertisingReport& report)
 {
-    if (!mFilterDuplicates)
+    if (!mFilterDuplicates) {
         return true;
+    }
     Bytes data = report.dataAndRssi;
     // The same data at another signal strength is a duplicate.
     data.pop_back();
     const auto now = mScheduler->now();
     const auto [entry, fresh] = mReported.try_emplace({report.address, report.type, data}, now);
-    if (!fresh && now - entry->second < kDuplicateMemory)
+    if (!fresh && now - entry->second < kDuplicateMemory) {
         return false;
+    }
     entry->second = now;
     return true;
 }

@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Hci.h"
-#include "sim/model/Scheduler.h"
-
 #include <map>
 #include <tuple>
+
+#include "sim/air/Hci.h"
+#include "sim/model/Scheduler.h"
 
 namespace vexasim::air
 {
 
-/// The controller's scanner: decides which advertisements the host hears of.
-/// One thread.
+/// The controller's scanner: decides which advertisements the host hears of. One thread.
 class Scanner
 {
 public:
@@ -29,10 +28,9 @@ public:
     /// Only devices of the accept list are reported.
     bool acceptListOnly() const { return mAcceptListOnly; }
 
-    /// Whether a report goes to the host; one that does is a duplicate for the
-    /// next second. Real controllers forget duplicates too, having little
-    /// memory for them, and BlueZ waits for a fresh report when it connects
-    /// while discovering.
+    /// Whether a report goes to the host; one that does is a duplicate for the next second. Real controllers
+    /// forget duplicates too, having little memory for them, and BlueZ waits for a fresh report when it
+    /// connects while discovering.
     bool wants(const hci::AdvertisingReport& report);
 
 private:

@@ -16,51 +16,51 @@ constexpr std::chrono::seconds kPairingLimit{30};
 
 namespace code
 {
-constexpr uint8_t kPairingRequest = 0x01;
-constexpr uint8_t kPairingResponse = 0x02;
-constexpr uint8_t kConfirm = 0x03;
-constexpr uint8_t kRandom = 0x04;
-constexpr uint8_t kFailed = 0x05;
-constexpr uint8_t kEncryptionInformation = 0x06;
-constexpr uint8_t kCentralIdentification = 0x07;
-constexpr uint8_t kIdentityInformation = 0x08;
-constexpr uint8_t kIdentityAddress = 0x09;
-constexpr uint8_t kSecurityRequest = 0x0b;
-constexpr uint8_t kPublicKey = 0x0c;
-constexpr uint8_t kCheck = 0x0d;
+constexpr std::uint8_t kPairingRequest = 0x01;
+constexpr std::uint8_t kPairingResponse = 0x02;
+constexpr std::uint8_t kConfirm = 0x03;
+constexpr std::uint8_t kRandom = 0x04;
+constexpr std::uint8_t kFailed = 0x05;
+constexpr std::uint8_t kEncryptionInformation = 0x06;
+constexpr std::uint8_t kCentralIdentification = 0x07;
+constexpr std::uint8_t kIdentityInformation = 0x08;
+constexpr std::uint8_t kIdentityAddress = 0x09;
+constexpr std::uint8_t kSecurityRequest = 0x0b;
+constexpr std::uint8_t kPublicKey = 0x0c;
+constexpr std::uint8_t kCheck = 0x0d;
 } // namespace code
 
 namespace reason
 {
-constexpr uint8_t kConfirmFailed = 0x04;
-constexpr uint8_t kNotSupported = 0x05;
-constexpr uint8_t kKeySize = 0x06;
-constexpr uint8_t kUnspecified = 0x08;
-constexpr uint8_t kRepeatedAttempts = 0x09;
-constexpr uint8_t kInvalidParameters = 0x0a;
-constexpr uint8_t kCheckFailed = 0x0b;
+constexpr std::uint8_t kConfirmFailed = 0x04;
+constexpr std::uint8_t kNotSupported = 0x05;
+constexpr std::uint8_t kKeySize = 0x06;
+constexpr std::uint8_t kUnspecified = 0x08;
+constexpr std::uint8_t kRepeatedAttempts = 0x09;
+constexpr std::uint8_t kInvalidParameters = 0x0a;
+constexpr std::uint8_t kCheckFailed = 0x0b;
 } // namespace reason
 
-constexpr uint8_t kNoInputNoOutput = 0x03;
-constexpr uint8_t kBonding = 0x01;
-constexpr uint8_t kBondingMask = 0x03;
-constexpr uint8_t kSecureConnections = 0x08;
-constexpr uint8_t kKeySize = 16;
-constexpr uint8_t kEncryptionKey = 0x01;
-constexpr uint8_t kIdentityKey = 0x02;
+constexpr std::uint8_t kNoInputNoOutput = 0x03;
+constexpr std::uint8_t kBonding = 0x01;
+constexpr std::uint8_t kBondingMask = 0x03;
+constexpr std::uint8_t kSecureConnections = 0x08;
+constexpr std::uint8_t kKeySize = 16;
+constexpr std::uint8_t kEncryptionKey = 0x01;
+constexpr std::uint8_t kIdentityKey = 0x02;
 
 // Nothing is shown and nothing typed: "just works" has zeroes for both.
 constexpr Key128 kTemporaryKey{};
 constexpr Key128 kNoPasskey{};
 
 struct PairingParameters {
-    uint8_t code = 0;
-    uint8_t capability = 0;
-    uint8_t outOfBand = 0;
-    uint8_t requirements = 0;
-    uint8_t keySize = 0;
-    uint8_t centralKeys = 0;
-    uint8_t peripheralKeys = 0;
+    std::uint8_t code = 0;
+    std::uint8_t capability = 0;
+    std::uint8_t outOfBand = 0;
+    std::uint8_t requirements = 0;
+    std::uint8_t keySize = 0;
+    std::uint8_t centralKeys = 0;
+    std::uint8_t peripheralKeys = 0;
     auto fields()
     {
         return std::tie(code, capability, outOfBand, requirements, keySize, centralKeys, peripheralKeys);
@@ -74,15 +74,15 @@ Scalar swapped(Scalar scalar)
     return scalar;
 }
 
-std::array<uint8_t, 7> sevenOctets(const PairingParameters& parameters)
+std::array<std::uint8_t, 7> sevenOctets(const PairingParameters& parameters)
 {
     const Bytes bytes = encode(parameters);
-    std::array<uint8_t, 7> octets{};
+    std::array<std::uint8_t, 7> octets{};
     std::copy(bytes.begin(), bytes.end(), octets.begin());
     return octets;
 }
 
-std::array<uint8_t, 3> capabilities(const std::array<uint8_t, 7>& parameters)
+std::array<std::uint8_t, 3> capabilities(const std::array<std::uint8_t, 7>& parameters)
 {
     return {parameters[1], parameters[2], parameters[3]};
 }
@@ -140,16 +140,21 @@ void SecurityManager::onRequest(const Bytes& packet)
     mPolicy = mContext.policy();
     const bool bonded = mContext.bonds->count(mContext.central) != 0;
     const auto request = decode<PairingParameters>(packet);
-    if (mPolicy.behavior == Behavior::Silent)
+    if (mPolicy.behavior == Behavior::Silent) {
         return;
-    if (!request)
+    }
+    if (!request) {
         return fail(reason::kInvalidParameters);
-    if (mPolicy.behavior == Behavior::Refuses)
+    }
+    if (mPolicy.behavior == Behavior::Refuses) {
         return fail(reason::kNotSupported);
-    if (mPolicy.behavior == Behavior::RefusesRepeated && bonded)
+    }
+    if (mPolicy.behavior == Behavior::RefusesRepeated && bonded) {
         return fail(reason::kRepeatedAttempts);
-    if (request->keySize != kKeySize)
+    }
+    if (request->keySize != kKeySize) {
         return fail(reason::kKeySize);
+    }
 
     mSecure = mPolicy.secureConnections && (request->requirements & kSecureConnections) != 0;
     mBonding = (request->requirements & kBondingMask) == kBonding;
@@ -157,12 +162,12 @@ void SecurityManager::onRequest(const Bytes& packet)
     response.code = code::kPairingResponse;
     response.capability = kNoInputNoOutput;
     response.requirements =
-        static_cast<uint8_t>((mBonding ? kBonding : 0) | (mSecure ? kSecureConnections : 0));
+        static_cast<std::uint8_t>((mBonding ? kBonding : 0) | (mSecure ? kSecureConnections : 0));
     response.keySize = kKeySize;
     if (mBonding) {
         // With secure connections both ends have computed the key already.
-        const uint8_t offered =
-            static_cast<uint8_t>((mSecure ? 0 : kEncryptionKey) | (mContext.identity ? kIdentityKey : 0));
+        const std::uint8_t offered = static_cast<std::uint8_t>((mSecure ? 0 : kEncryptionKey) |
+                                                               (mContext.identity ? kIdentityKey : 0));
         response.centralKeys = request->centralKeys & kIdentityKey;
         response.peripheralKeys = request->peripheralKeys & offered;
     }
@@ -185,22 +190,24 @@ void SecurityManager::onLegacyConfirm(const Value& confirm)
 void SecurityManager::onLegacyRandom(const Value& random)
 {
     const Value expected = c1(kTemporaryKey, random, mRequest, mResponse, mContext.central, mContext.self);
-    if (expected != mCentralConfirm || mPolicy.behavior == PairingPolicy::Behavior::FailsConfirm)
+    if (expected != mCentralConfirm || mPolicy.behavior == PairingPolicy::Behavior::FailsConfirm) {
         return fail(reason::kConfirmFailed);
+    }
     mKey = s1(kTemporaryKey, mOwnRandom, random);
     await(Awaiting::Encryption);
     send(code::kRandom, mOwnRandom);
 }
 
-// Secure connections: public keys, the peripheral's commitment, random numbers,
-// and the proof that both have the same key.
+// Secure connections: public keys, the peripheral's commitment, random numbers, and the proof that both have
+// the same key.
 
 void SecurityManager::onPublicKey(const Scalar& x, const Scalar& y)
 {
     const KeyPair keyPair;
     const auto secret = keyPair.agree({swapped(x), swapped(y)});
-    if (!secret)
+    if (!secret) {
         return fail(reason::kInvalidParameters);
+    }
     mSharedSecret = swapped(*secret);
     mOwnRandom = randomArray<16>();
     const Scalar ownX = swapped(keyPair.publicKey().x);
@@ -225,8 +232,9 @@ void SecurityManager::onSecureCheck(const Value& check)
     const Address& self = mContext.self;
     const Value expected =
         f6(mMacKey, mCentralRandom, mOwnRandom, kNoPasskey, capabilities(mRequest), central, self);
-    if (expected != check || mPolicy.behavior == PairingPolicy::Behavior::FailsConfirm)
+    if (expected != check || mPolicy.behavior == PairingPolicy::Behavior::FailsConfirm) {
         return fail(reason::kCheckFailed);
+    }
     await(Awaiting::Encryption);
     send(code::kCheck,
          f6(mMacKey, mOwnRandom, mCentralRandom, kNoPasskey, capabilities(mResponse), self, central));
@@ -234,26 +242,29 @@ void SecurityManager::onSecureCheck(const Value& check)
 
 // Encryption, and the keys for the next time.
 
-std::optional<Key128> SecurityManager::longTermKey(uint64_t random, uint16_t diversifier) const
+std::optional<Key128> SecurityManager::longTermKey(std::uint64_t random, std::uint16_t diversifier) const
 {
-    if (mAwaiting == Awaiting::Encryption && random == 0 && diversifier == 0)
+    if (mAwaiting == Awaiting::Encryption && random == 0 && diversifier == 0) {
         return mKey;
+    }
     const auto bond = mContext.bonds->find(mContext.central);
     if (bond == mContext.bonds->end() || bond->second.random != random ||
-        bond->second.diversifier != diversifier)
+        bond->second.diversifier != diversifier) {
         return std::nullopt;
+    }
     return bond->second.key;
 }
 
 void SecurityManager::encrypted()
 {
-    if (mAwaiting == Awaiting::Encryption)
+    if (mAwaiting == Awaiting::Encryption) {
         distributeKeys();
+    }
 }
 
 void SecurityManager::distributeKeys()
 {
-    const uint8_t ours = mResponse[6];
+    const std::uint8_t ours = mResponse[6];
     mKeysToCome = mResponse[5];
     Bond bond{mKey, 0, 0};
     if ((ours & kEncryptionKey) != 0) {
@@ -267,21 +278,25 @@ void SecurityManager::distributeKeys()
     }
     // A short-term key is worth nothing to the next link.
     const bool lasting = mSecure || (ours & kEncryptionKey) != 0;
-    if (mBonding && lasting)
+    if (mBonding && lasting) {
         (*mContext.bonds)[mContext.central] = bond;
+    }
     await(Awaiting::CentralKeys);
-    if (mKeysToCome == 0)
+    if (mKeysToCome == 0) {
         finish();
+    }
 }
 
-void SecurityManager::onCentralKey(uint8_t code)
+void SecurityManager::onCentralKey(std::uint8_t code)
 {
-    // The central's identity is of no use to a peripheral that advertises to
-    // everybody; it only has to wait for it.
-    if (code == code::kIdentityAddress)
-        mKeysToCome = static_cast<uint8_t>(mKeysToCome & ~kIdentityKey);
-    if (mKeysToCome == 0)
+    // The central's identity is of no use to a peripheral that advertises to everybody; it only has to wait
+    // for it.
+    if (code == code::kIdentityAddress) {
+        mKeysToCome = static_cast<std::uint8_t>(mKeysToCome & ~kIdentityKey);
+    }
+    if (mKeysToCome == 0) {
         finish();
+    }
 }
 
 void SecurityManager::finish()
@@ -292,11 +307,11 @@ void SecurityManager::finish()
 
 void SecurityManager::requestSecurity()
 {
-    const uint8_t secure = mContext.policy().secureConnections ? kSecureConnections : uint8_t{0};
+    const std::uint8_t secure = mContext.policy().secureConnections ? kSecureConnections : std::uint8_t{0};
     send(code::kSecurityRequest, static_cast<std::uint8_t>(kBonding | secure));
 }
 
-void SecurityManager::fail(uint8_t reason)
+void SecurityManager::fail(std::uint8_t reason)
 {
     await(Awaiting::Request);
     send(code::kFailed, reason);
@@ -305,10 +320,11 @@ void SecurityManager::fail(uint8_t reason)
 void SecurityManager::await(Awaiting what)
 {
     mAwaiting = what;
-    if (what == Awaiting::Request)
+    if (what == Awaiting::Request) {
         mTimeout.stop();
-    else if (!mTimeout.running())
+    } else if (!mTimeout.running()) {
         mTimeout.start(kPairingLimit, [this] { mAwaiting = Awaiting::Request; });
+    }
 }
 
 } // namespace vexasim::air

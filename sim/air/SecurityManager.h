@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/L2cap.h"
-#include "sim/air/PairingToolbox.h"
-#include "sim/model/Scheduler.h"
-
 #include <functional>
 #include <map>
 #include <optional>
+
+#include "sim/air/L2cap.h"
+#include "sim/air/PairingToolbox.h"
+#include "sim/model/Scheduler.h"
 
 namespace vexasim::air
 {
@@ -15,8 +15,8 @@ namespace vexasim::air
 /// The keys that a peripheral keeps of one central.
 struct Bond {
     Key128 key{};
-    uint64_t random = 0;
-    uint16_t diversifier = 0;
+    std::uint64_t random = 0;
+    std::uint16_t diversifier = 0;
 };
 
 /// What a peripheral remembers from pairing to pairing, by the central's address.
@@ -41,10 +41,9 @@ struct Identity {
     Address address;
 };
 
-/// The security manager of a peripheral without keys or display: answers
-/// pairing, legacy or with secure connections, always "just works"; hands out
-/// and takes keys; knows the key when the link is to be encrypted. One per
-/// link. Bluetooth Core 5.3, Vol 3, H 2 and 3. One thread.
+/// The security manager of a peripheral without keys or display: answers pairing, legacy or with secure
+/// connections, always "just works"; hands out and takes keys; knows the key when the link is to be
+/// encrypted. One per link. Bluetooth Core 5.3, Vol 3, H 2 and 3. One thread.
 class SecurityManager
 {
 public:
@@ -64,7 +63,7 @@ public:
     void received(const Bytes& packet);
 
     /// The key that the central means by these two numbers; empty if unknown.
-    std::optional<Key128> longTermKey(uint64_t random, uint16_t diversifier) const;
+    std::optional<Key128> longTermKey(std::uint64_t random, std::uint16_t diversifier) const;
 
     /// The link is encrypted from here.
     void encrypted();
@@ -92,10 +91,10 @@ private:
     void onPublicKey(const Scalar& x, const Scalar& y);
     void onSecureRandom(const Value& random);
     void onSecureCheck(const Value& check);
-    void onCentralKey(uint8_t code);
+    void onCentralKey(std::uint8_t code);
     void distributeKeys();
     void finish();
-    void fail(uint8_t reason);
+    void fail(std::uint8_t reason);
     template <class... Field>
     void send(const Field&... fields)
     {
@@ -109,15 +108,15 @@ private:
     PairingPolicy mPolicy;
     bool mSecure = false;
     bool mBonding = false;
-    std::array<uint8_t, 7> mRequest{};
-    std::array<uint8_t, 7> mResponse{};
+    std::array<std::uint8_t, 7> mRequest{};
+    std::array<std::uint8_t, 7> mResponse{};
     Value mCentralConfirm{};
     Value mCentralRandom{};
     Value mOwnRandom{};
     Scalar mSharedSecret{};
     Key128 mMacKey{};
     Key128 mKey{};
-    uint8_t mKeysToCome = 0;
+    std::uint8_t mKeysToCome = 0;
 };
 
 } // namespace vexasim::air

@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "sim/air/VhciTransport.h"
 
-#include "sim/air/Hci.h"
-
-#include <fcntl.h>
-#include <glib-unix.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <glib-unix.h>
 #include <stdexcept>
+#include <unistd.h>
+
+#include "sim/air/Hci.h"
 
 namespace vexasim::air
 {
@@ -21,7 +20,7 @@ namespace
 // The largest packet is one of data: its type, its header and a full buffer.
 constexpr size_t kLargestPacket = 2048;
 // The vendor packet by which a controller is asked for and announced.
-constexpr uint8_t kPrimaryController = 0x00;
+constexpr std::uint8_t kPrimaryController = 0x00;
 
 std::string advice(int error)
 {
@@ -85,25 +84,30 @@ void VhciTransport::send(const Bytes& packet)
         written = ::write(mFile, packet.data(), packet.size());
     } while (written < 0 && errno == EINTR);
     // The kernel has taken the controller down; what a real one still sends then is lost too.
-    if (written < 0 && errno == ENXIO)
+    if (written < 0 && errno == ENXIO) {
         return;
-    if (written != static_cast<ssize_t>(packet.size()))
+    }
+    if (written != static_cast<ssize_t>(packet.size())) {
         close(std::string("can't hand a packet to the kernel: ") +
               (written < 0 ? std::strerror(errno) : "cut short"));
+    }
 }
 
 void VhciTransport::readPackets()
 {
-    std::array<uint8_t, kLargestPacket> buffer{};
+    std::array<std::uint8_t, kLargestPacket> buffer{};
     while (g_source_is_destroyed(mSource) == FALSE) {
         const ssize_t size = ::read(mFile, buffer.data(), buffer.size());
-        if (size < 0 && errno == EINTR)
+        if (size < 0 && errno == EINTR) {
             continue;
-        if (size < 0 && errno == EAGAIN)
+        }
+        if (size < 0 && errno == EAGAIN) {
             return;
-        if (size <= 0)
+        }
+        if (size <= 0) {
             return close(std::string("the kernel closed the controller: ") +
                          (size < 0 ? std::strerror(errno) : "end of file"));
+        }
         const Bytes packet(buffer.begin(), buffer.begin() + size);
         const auto announcement = decodeFields<hci::PacketType, std::uint8_t, std::uint16_t>(packet);
         if (announcement && std::get<0>(*announcement) == hci::PacketType::Vendor) {
@@ -116,8 +120,9 @@ void VhciTransport::readPackets()
 
 void VhciTransport::close(const std::string& why)
 {
-    if (g_source_is_destroyed(mSource) != FALSE)
+    if (g_source_is_destroyed(mSource) != FALSE) {
         return;
+    }
     g_source_destroy(mSource);
     mClosed(why);
 }

@@ -1,20 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Bytes.h"
-
-#include <glib.h>
-
 #include <functional>
+#include <glib.h>
 #include <optional>
 #include <string>
+
+#include "sim/air/Bytes.h"
 
 namespace vexasim::air
 {
 
-/// The way to the host's kernel: a file on which each read and each write is
-/// one HCI packet. Read on the GLib main context that was the thread's default
-/// when it was made; one thread.
+/// The way to the host's kernel: a file on which each read and each write is one HCI packet. Read on the GLib
+/// main context that was the thread's default when it was made; one thread.
 class VhciTransport
 {
 public:
@@ -22,8 +20,8 @@ public:
     /// The kernel's end is gone; nothing more comes.
     using Closed = std::function<void(const std::string& why)>;
 
-    /// Opens the kernel's virtual controller, usually "/dev/vhci". Throws
-    /// std::runtime_error that says what is missing and what to do.
+    /// Opens the kernel's virtual controller, usually "/dev/vhci". Throws std::runtime_error that says what
+    /// is missing and what to do.
     static int open(const std::string& path);
 
     /// Owns `file`.
@@ -38,8 +36,8 @@ public:
     /// The number in hciN, once the kernel has told it.
     std::optional<unsigned> index() const { return mIndex; }
 
-    /// Hands a packet to the kernel. One that comes as the kernel has taken the
-    /// controller down is dropped; anything else that it refuses ends the transport.
+    /// Hands a packet to the kernel. One that comes as the kernel has taken the controller down is dropped;
+    /// anything else that it refuses ends the transport.
     void send(const Bytes& packet);
 
     /// For the GLib source alone.

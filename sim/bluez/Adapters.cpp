@@ -9,8 +9,8 @@ namespace vexasim
 
 namespace
 {
-constexpr uint32_t kDiscoverableTimeoutSeconds = 180;
-constexpr uint32_t kClassOfDevice = 0x6c0000;
+constexpr std::uint32_t kDiscoverableTimeoutSeconds = 180;
+constexpr std::uint32_t kClassOfDevice = 0x6c0000;
 
 PropertyMap propertiesOf(const AdapterOptions& options)
 {
@@ -46,26 +46,30 @@ Adapters::Adapters(Core& core, Devices& devices) : mCore(core), mDevices(devices
         request->reply(g_variant_new("(@as)", known.get()));
     });
     dispatcher.onMethod(names::kAdapter, "RemoveDevice", [this](const RequestPtr& request) {
-        if (!powered(request->call().path))
+        if (!powered(request->call().path)) {
             return fail(request, errors::kNotReady);
+        }
         mDevices.removeByMethod(request);
     });
     dispatcher.onSet(names::kAdapter, "Powered", [this](const RequestPtr& request, const Variant& value) {
         onSetPowered(request, value);
     });
     mDevices.setOnRemoved([this](const DevicePtr& device) {
-        if (discovering(device->adapterPath))
+        if (discovering(device->adapterPath)) {
             reportSoon(device->adapterPath, device->peripheral);
+        }
     });
 }
 
 void Adapters::onMethod(const std::string& member, void (Adapters::*handler)(const RequestPtr&))
 {
     mCore.dispatcher.onMethod(names::kAdapter, member, [this, handler](const RequestPtr& request) {
-        if (find(request->call().path) == nullptr)
+        if (find(request->call().path) == nullptr) {
             return fail(request, errors::kNotAvailable); // a raw object of a test
-        if (!powered(request->call().path))
+        }
+        if (!powered(request->call().path)) {
             return fail(request, errors::kNotReady);
+        }
         (this->*handler)(request);
     });
 }
@@ -88,7 +92,7 @@ bool Adapters::powered(const std::string& path) const
     return value.type() != "b" || g_variant_get_boolean(value.get()) != FALSE;
 }
 
-// ---- coming and going
+// --- coming and going ---
 
 void Adapters::publish(const std::string& path, Adapter& adapter)
 {
@@ -96,9 +100,11 @@ void Adapters::publish(const std::string& path, Adapter& adapter)
     InterfaceMap interfaces = withStandardInterfaces(names::kAdapter, propertiesOf(adapter.options));
     mCore.tree.add(path, interfaces);
     mCore.say("adapter " + path + " appears");
-    for (const auto& peripheral : mAir)
-        if (peripheral->paired())
+    for (const auto& peripheral : mAir) {
+        if (peripheral->paired()) {
             mDevices.restore(path, peripheral);
+        }
+    }
 }
 
 std::string Adapters::add(const AdapterOptions& options)
@@ -106,15 +112,17 @@ std::string Adapters::add(const AdapterOptions& options)
     const std::string path = pathFor(options.name);
     Adapter& adapter = mAdapters[path];
     adapter.options = options;
-    if (mCore.bus.isOpen())
+    if (mCore.bus.isOpen()) {
         publish(path, adapter);
+    }
     return path;
 }
 
 void Adapters::remove(const std::string& path)
 {
-    if (mAdapters.erase(path) == 0)
+    if (mAdapters.erase(path) == 0) {
         return;
+    }
     mDevices.forgetAll(path);
     mCore.tree.remove(path);
     mCore.say("adapter " + path + " is gone");
@@ -140,7 +148,7 @@ void Adapters::serviceStopped(bool announce)
     }
 }
 
-// ---- power
+// --- power ---
 
 void Adapters::onSetPowered(const RequestPtr& request, const Variant& value)
 {
@@ -148,8 +156,9 @@ void Adapters::onSetPowered(const RequestPtr& request, const Variant& value)
     const std::string path = request->call().path;
     mCore.scheduler->after(mCore.timings.powerChange, [this, request, path, on] {
         // Without power BlueZ forgets what isn't paired; then it answers, then tells.
-        if (!on)
+        if (!on) {
             mDevices.forgetUnpaired(path);
+        }
         request->reply();
         setPowered(path, on);
     });
@@ -157,25 +166,28 @@ void Adapters::onSetPowered(const RequestPtr& request, const Variant& value)
 
 void Adapters::setPowered(const std::string& path, bool on)
 {
-    if (powered(path) == on || !mCore.tree.has(path, names::kAdapter))
+    if (powered(path) == on || !mCore.tree.has(path, names::kAdapter)) {
         return;
+    }
     if (!on) {
         endDiscovery(path);
         mDevices.powerOff(path);
     }
-    if (Adapter* adapter = find(path))
+    if (Adapter* adapter = find(path)) {
         adapter->options.powered = on;
+    }
     mCore.tree.change(path, names::kAdapter, {{"Powered", toVariant(on)}});
     mCore.say("adapter " + path + (on ? " is powered" : " is not powered"));
 }
 
-// ---- discovery
+// --- discovery ---
 
 void Adapters::startDiscovery(const RequestPtr& request)
 {
     Adapter& adapter = *find(request->call().path);
-    if (!adapter.discoverers.insert(request->call().sender).second)
+    if (!adapter.discoverers.insert(request->call().sender).second) {
         return fail(request, errors::kBusy);
+    }
     // BlueZ answers, then tells that it discovers.
     request->reply();
     beginDiscovery(request->call().path);
@@ -184,33 +196,39 @@ void Adapters::startDiscovery(const RequestPtr& request)
 void Adapters::stopDiscovery(const RequestPtr& request)
 {
     Adapter& adapter = *find(request->call().path);
-    if (adapter.discoverers.erase(request->call().sender) == 0)
+    if (adapter.discoverers.erase(request->call().sender) == 0) {
         return request->fail(errors::kFailed, "No discovery started");
+    }
     request->reply();
-    if (adapter.discoverers.empty())
+    if (adapter.discoverers.empty()) {
         endDiscovery(request->call().path);
+    }
 }
 
 void Adapters::beginDiscovery(const std::string& path)
 {
     Adapter& adapter = *find(path);
-    if (std::exchange(adapter.discovering, true))
+    if (std::exchange(adapter.discovering, true)) {
         return;
+    }
     mCore.tree.change(path, names::kAdapter, {{"Discovering", toVariant(true)}});
     mCore.say("adapter " + path + " discovers");
-    for (const auto& peripheral : mAir)
+    for (const auto& peripheral : mAir) {
         reportSoon(path, peripheral);
+    }
     reportAgain(path);
 }
 
 void Adapters::endDiscovery(const std::string& path)
 {
     Adapter* adapter = find(path);
-    if (adapter == nullptr)
+    if (adapter == nullptr) {
         return;
+    }
     adapter->discoverers.clear();
-    if (!std::exchange(adapter->discovering, false))
+    if (!std::exchange(adapter->discovering, false)) {
         return;
+    }
     ++adapter->discovery;
     mDevices.discoveryEnded(path);
     mCore.tree.change(path, names::kAdapter, {{"Discovering", toVariant(false)}});
@@ -229,42 +247,51 @@ void Adapters::reportSoon(const std::string& path, const std::shared_ptr<Periphe
     mCore.scheduler->after(mCore.timings.discovery, [this, path, peripheral, discovery] {
         const Adapter* adapter = find(path);
         if (adapter != nullptr && adapter->discovering && adapter->discovery == discovery &&
-            peripheral->advertising())
+            peripheral->advertising()) {
             mDevices.seen(path, peripheral);
+        }
     });
 }
 
 void Adapters::reportAgain(const std::string& path)
 {
-    if (mCore.timings.rssi.count() == 0)
+    if (mCore.timings.rssi.count() == 0) {
         return;
+    }
     const unsigned discovery = mAdapters.at(path).discovery;
     mCore.scheduler->after(mCore.timings.rssi, [this, path, discovery] {
         const Adapter* adapter = find(path);
-        if (adapter == nullptr || !adapter->discovering || adapter->discovery != discovery)
+        if (adapter == nullptr || !adapter->discovering || adapter->discovery != discovery) {
             return;
-        for (const auto& peripheral : mAir)
-            if (peripheral->advertising())
+        }
+        for (const auto& peripheral : mAir) {
+            if (peripheral->advertising()) {
                 mDevices.seen(path, peripheral);
+            }
+        }
         reportAgain(path);
     });
 }
 
 void Adapters::clientGone(const std::string& sender)
 {
-    for (auto& [path, adapter] : mAdapters)
-        if (adapter.discoverers.erase(sender) != 0 && adapter.discoverers.empty())
+    for (auto& [path, adapter] : mAdapters) {
+        if (adapter.discoverers.erase(sender) != 0 && adapter.discoverers.empty()) {
             endDiscovery(path);
+        }
+    }
 }
 
-// ---- the air
+// --- the air ---
 
 void Adapters::addPeripheral(const std::shared_ptr<Peripheral>& peripheral)
 {
     mAir.push_back(peripheral);
-    for (const auto& [path, adapter] : mAdapters)
-        if (adapter.onBus && peripheral->paired())
+    for (const auto& [path, adapter] : mAdapters) {
+        if (adapter.onBus && peripheral->paired()) {
             mDevices.restore(path, peripheral);
+        }
+    }
     onAdvertising(*peripheral);
 }
 
@@ -289,13 +316,15 @@ void Adapters::onAdvertising(Peripheral& peripheral)
 {
     mDevices.onAdvertising(peripheral);
     const std::shared_ptr<Peripheral> shared = share(peripheral);
-    if (shared == nullptr || !peripheral.advertising())
+    if (shared == nullptr || !peripheral.advertising()) {
         return;
+    }
     for (const auto& [path, adapter] : mAdapters) {
-        if (adapter.onBus && peripheral.announcesUnasked())
+        if (adapter.onBus && peripheral.announcesUnasked()) {
             mDevices.seen(path, shared);
-        else if (adapter.discovering)
+        } else if (adapter.discovering) {
             reportSoon(path, shared);
+        }
     }
 }
 

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Core.h"
-#include "sim/bluez/Devices.h"
-
 #include <map>
 #include <memory>
 #include <optional>
@@ -11,11 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "sim/bluez/Core.h"
+#include "sim/bluez/Devices.h"
+
 namespace vexasim
 {
 
-/// The adapters, discovery, and what is on the air for them to hear. Used on
-/// the scheduler's thread.
+/// The adapters, discovery, and what is on the air for them to hear. Used on the scheduler's thread.
 class Adapters
 {
 public:
@@ -36,7 +35,7 @@ public:
     void onAdvertising(Peripheral& peripheral);
     void clientGone(const std::string& sender);
 
-    // ---- bluetoothd comes and goes
+    // --- bluetoothd comes and goes ---
     /// Publishes the adapters that are plugged in, powered as given or as they were.
     void serviceStarted(std::optional<bool> powered);
     void serviceStopped(bool announce);

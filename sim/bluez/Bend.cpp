@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Bend.h"
 
-#include "sim/bluez/Names.h"
-
 #include <utility>
+
+#include "sim/bluez/Names.h"
 
 namespace vexasim
 {
@@ -21,8 +21,9 @@ Bend make(Bend::Kind kind, const std::string& member)
 /// The property that a call of Properties is about, "" for any other call.
 std::string propertyOf(const Call& call)
 {
-    if (call.interface != names::kProperties || call.parameters.type().rfind("(ss", 0) != 0)
+    if (call.interface != names::kProperties || call.parameters.type().rfind("(ss", 0) != 0) {
         return "";
+    }
     const char* name = nullptr;
     g_variant_get_child(call.parameters.get(), 1, "&s", &name);
     return name;

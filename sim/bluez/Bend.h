@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Variant.h"
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "sim/bluez/Variant.h"
+
 namespace vexasim
 {
 
 struct Call;
 
-/// A departure from how BlueZ answers a method. The first bend that matches a
-/// call applies; bends are tried newest first. Build one by its named makers:
+/// A departure from how BlueZ answers a method. The first bend that matches a call applies; bends are tried
+/// newest first. Build one by its named makers:
 ///
 ///     sim.bend(Bend::error("Pair", "org.bluez.Error.AuthenticationFailed").on(path).times(2));
 ///     sim.bend(Bend::answer("ReadValue", g_variant_new("(s)", "no bytes")).on(characteristic));
@@ -65,12 +65,12 @@ private:
     }
 };
 
-using BendId = uint64_t;
+using BendId = std::uint64_t;
 
 /// One method call that reached the simulator.
 struct Call {
-    int64_t timeUs = 0; ///< monotonic clock, when it came off the socket
-    std::string sender; ///< unique name
+    std::int64_t timeUs = 0; ///< monotonic clock, when it came off the socket
+    std::string sender;      ///< unique name
     std::string path;
     std::string interface;
     std::string member;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/BusConnection.h"
 
-#include "sim/model/Scheduler.h"
-
 #include <mutex>
 #include <stdexcept>
 #include <utility>
+
+#include "sim/model/Scheduler.h"
 
 namespace vexasim
 {
@@ -16,8 +16,8 @@ constexpr const char* kBusName = "org.freedesktop.DBus";
 constexpr const char* kBusPath = "/org/freedesktop/DBus";
 constexpr const char* kGoneNames =
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
-constexpr uint32_t kDoNotQueue = 4;
-constexpr uint32_t kPrimaryOwner = 1;
+constexpr std::uint32_t kDoNotQueue = 4;
+constexpr std::uint32_t kPrimaryOwner = 1;
 } // namespace
 
 std::string takeMessage(GError* error)
@@ -75,8 +75,9 @@ std::string Request::signature() const
 void Request::reply(const Variant& parameters)
 {
     GDBusMessage* answer = g_dbus_message_new_method_reply(mMessage);
-    if (parameters)
+    if (parameters) {
         g_dbus_message_set_body(answer, parameters.get());
+    }
     send(answer);
 }
 
@@ -89,8 +90,9 @@ void Request::send(GDBusMessage* answer)
 {
     const std::shared_ptr<GDBusMessage> owned(answer, g_object_unref);
     const bool wanted = (g_dbus_message_get_flags(mMessage) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
-    if (std::exchange(mAnswered, true) || !wanted)
+    if (std::exchange(mAnswered, true) || !wanted) {
         return;
+    }
     const std::shared_ptr<GDBusConnection> connection(G_DBUS_CONNECTION(g_object_ref(mConnection)),
                                                       g_object_unref);
     const auto deliver = [connection, owned] {
@@ -98,10 +100,11 @@ void Request::send(GDBusMessage* answer)
         g_dbus_connection_send_message(connection.get(), owned.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
                                        nullptr);
     };
-    if (mDelay.count() > 0)
+    if (mDelay.count() > 0) {
         mScheduler.after(mDelay, deliver);
-    else
+    } else {
         deliver();
+    }
 }
 
 /// What GDBus's thread calls. By its lock the thread sanitizer, which doesn't see GDBus's own, follows the
@@ -141,8 +144,9 @@ void BusConnection::open(const std::string& address, MessageHandler onCall, Name
 
 void BusConnection::close()
 {
-    if (mConnection == nullptr)
+    if (mConnection == nullptr) {
         return;
+    }
     g_dbus_connection_remove_filter(mConnection, mFilter);
     g_dbus_connection_close_sync(mConnection, nullptr, nullptr); // already closed: nothing to do
     g_clear_object(&mConnection);
@@ -151,8 +155,9 @@ void BusConnection::close()
 GDBusMessage* BusConnection::filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
                                     gpointer data)
 {
-    if (incoming == FALSE)
+    if (incoming == FALSE) {
         return message;
+    }
     auto* handlers = static_cast<Handlers*>(data);
     std::lock_guard lock(handlers->mutex);
     const GDBusMessageType type = g_dbus_message_get_message_type(message);
@@ -162,8 +167,9 @@ GDBusMessage* BusConnection::filter(GDBusConnection* connection, GDBusMessage* m
         return nullptr;
     }
     const char* member = g_dbus_message_get_member(message);
-    if (type == G_DBUS_MESSAGE_TYPE_SIGNAL && g_strcmp0(member, "NameOwnerChanged") == 0)
+    if (type == G_DBUS_MESSAGE_TYPE_SIGNAL && g_strcmp0(member, "NameOwnerChanged") == 0) {
         handlers->onNameGone(g_dbus_message_get_arg0(message));
+    }
     return message;
 }
 
@@ -171,11 +177,12 @@ void BusConnection::requestName(const std::string& name)
 {
     const Variant reply =
         callBus(mConnection, "RequestName", g_variant_new("(su)", name.c_str(), kDoNotQueue));
-    uint32_t result = 0;
+    std::uint32_t result = 0;
     g_variant_get(reply.get(), "(u)", &result);
-    if (result != kPrimaryOwner)
+    if (result != kPrimaryOwner) {
         throw std::runtime_error(name + " has an owner already on this bus; is a bluetoothd or another "
                                         "simulator running?");
+    }
 }
 
 void BusConnection::releaseName(const std::string& name)
@@ -186,26 +193,30 @@ void BusConnection::releaseName(const std::string& name)
 void BusConnection::emit(const std::string& path, const std::string& interface, const std::string& member,
                          const Variant& parameters)
 {
-    if (mConnection == nullptr)
+    if (mConnection == nullptr) {
         return;
+    }
     const std::shared_ptr<GDBusMessage> signal(
         g_dbus_message_new_signal(path.c_str(), interface.c_str(), member.c_str()), g_object_unref);
-    if (parameters)
+    if (parameters) {
         g_dbus_message_set_body(signal.get(), parameters.get());
+    }
     g_dbus_connection_send_message(mConnection, signal.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
                                    nullptr);
 }
 
 void BusConnection::roundTrip()
 {
-    if (mConnection == nullptr)
+    if (mConnection == nullptr) {
         return;
+    }
     try {
         callBus(mConnection, "GetId");
     } catch (const std::runtime_error&) {
         // A bus that went away has nothing left to route.
-        if (g_dbus_connection_is_closed(mConnection) == FALSE)
+        if (g_dbus_connection_is_closed(mConnection) == FALSE) {
             throw;
+        }
     }
 }
 

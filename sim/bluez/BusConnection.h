@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Bend.h"
-#include "sim/bluez/Variant.h"
-
-#include <gio/gio.h>
-
 #include <chrono>
 #include <functional>
+#include <gio/gio.h>
 #include <memory>
 #include <string>
+
+#include "sim/bluez/Bend.h"
+#include "sim/bluez/Variant.h"
 
 namespace vexasim
 {
@@ -23,8 +22,8 @@ Variant callBus(GDBusConnection* connection, const char* method, const Variant& 
 /// The error's text, which it frees.
 std::string takeMessage(GError* error);
 
-/// One method call on its way to an answer. Answered at most once; further
-/// answers are dropped, and so is one to a connection that has gone.
+/// One method call on its way to an answer. Answered at most once; further answers are dropped, and so is one
+/// to a connection that has gone.
 class Request
 {
 public:
@@ -73,8 +72,8 @@ public:
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
 
-    /// Throws std::runtime_error. Both handlers are called on GDBus's thread:
-    /// with each method call, and with each name that lost its owner.
+    /// Throws std::runtime_error. Both handlers are called on GDBus's thread: with each method call, and with
+    /// each name that lost its owner.
     void open(const std::string& address, MessageHandler onCall, NameHandler onNameGone);
     void close();
     bool isOpen() const { return mConnection != nullptr; }

@@ -57,11 +57,13 @@ std::optional<Bend> BendTable::take(const Call& call)
     std::lock_guard lock(mMutex);
     const auto found = std::find_if(mEntries.begin(), mEntries.end(),
                                     [&call](const Entry& entry) { return entry.bend.matches(call); });
-    if (found == mEntries.end())
+    if (found == mEntries.end()) {
         return {};
+    }
     const Bend taken = found->bend;
-    if (found->bend.count > 0 && --found->bend.count == 0)
+    if (found->bend.count > 0 && --found->bend.count == 0) {
         mEntries.erase(found);
+    }
     return taken;
 }
 

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Bend.h"
-
 #include <chrono>
 #include <condition_variable>
 #include <list>
 #include <mutex>
 #include <optional>
 #include <vector>
+
+#include "sim/bluez/Bend.h"
 
 namespace vexasim
 {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Core.h"
 
+#include <utility>
+
 #include "sim/bluez/Adapters.h"
 #include "sim/bluez/Devices.h"
-
-#include <utility>
 
 namespace vexasim
 {
@@ -46,7 +46,7 @@ public:
     {
         mThread->run([&] { mCore.mDevices->onLinkLost(peripheral); });
     }
-    void onNotification(Peripheral& peripheral, uint16_t handle, const Bytes& value) override
+    void onNotification(Peripheral& peripheral, std::uint16_t handle, const Bytes& value) override
     {
         mThread->run([&] { mCore.mDevices->onNotification(peripheral, handle, value); });
     }
@@ -104,8 +104,9 @@ void Core::addRemote(const std::shared_ptr<Remote>& remote)
 {
     remote->setSchedule([weak = std::weak_ptr<SchedulerThread>(scheduler)](std::chrono::milliseconds delay,
                                                                            std::function<void()> action) {
-        if (const auto thread = weak.lock())
+        if (const auto thread = weak.lock()) {
             thread->after(delay, std::move(action));
+        }
     });
     remotes.push_back(remote);
     addPeripheral(remote->normal());
@@ -118,12 +119,13 @@ void Core::addPeripheral(const std::shared_ptr<Peripheral>& peripheral)
     mAdapters->addPeripheral(peripheral);
 }
 
-// ---- bluetoothd as a process
+// --- bluetoothd as a process ---
 
 void Core::startService()
 {
-    if (bus.isOpen())
+    if (bus.isOpen()) {
         return;
+    }
     bus.open(
         mBusAddress,
         [this](GDBusConnection* connection, GDBusMessage* message) { onCall(connection, message); },
@@ -138,19 +140,22 @@ void Core::startService()
     publishRoot();
     // As AutoEnable has it; bluetoothd killed leaves the controller as it is.
     std::optional<bool> powered;
-    if (std::exchange(mStartedOnce, true) && (mAutoEnable || !mWasKilled))
+    if (std::exchange(mStartedOnce, true) && (mAutoEnable || !mWasKilled)) {
         powered = mAutoEnable;
+    }
     mAdapters->serviceStarted(powered);
     bus.roundTrip();
 }
 
 void Core::stopService(ServiceStop how)
 {
-    if (!bus.isOpen())
+    if (!bus.isOpen()) {
         return;
+    }
     mWasKilled = how == ServiceStop::Kill;
-    if (mWasKilled)
+    if (mWasKilled) {
         bus.close(); // from here on nothing that follows is told
+    }
     mAdapters->serviceStopped(!mWasKilled);
     tree.clear();
     agentOwners.clear();
@@ -173,22 +178,23 @@ void Core::clientGone(const std::string& sender)
     mDevices->clientGone(sender);
 }
 
-// ---- calls
+// --- calls ---
 
 void Core::onCall(GDBusConnection* connection, GDBusMessage* message)
 {
     const Call call = callFrom(message);
     const auto request = std::make_shared<Request>(*scheduler, connection, message, call);
     scheduler->post([this, request] { take(request); });
-    // Behind the post: who awaits the call and then changes something finds the
-    // call handled before the change.
+    // Behind the post: who awaits the call and then changes something finds the call handled before the
+    // change.
     callLog.add(call);
 }
 
 void Core::take(const RequestPtr& request)
 {
-    if (!bus.isOpen())
+    if (!bus.isOpen()) {
         return;
+    }
     if (const auto bend = bends.take(request->call())) {
         say("bent: " + request->call().text());
         return bendCall(*bend, request);
@@ -207,8 +213,9 @@ void Core::bendCall(const Bend& bend, const RequestPtr& request)
         return;
     case Bend::Kind::Late:
         scheduler->after(bend.delay, [this, request] {
-            if (bus.isOpen())
+            if (bus.isOpen()) {
                 dispatcher.handle(request);
+            }
         });
         return;
     case Bend::Kind::LateReply:
@@ -220,23 +227,27 @@ void Core::bendCall(const Bend& bend, const RequestPtr& request)
 void Core::registerAgentMethods()
 {
     dispatcher.onMethod(names::kAgentManager, "RegisterAgent", [this](const RequestPtr& request) {
-        if (!agentOwners.insert(request->call().sender).second)
+        if (!agentOwners.insert(request->call().sender).second) {
             return fail(request, errors::kAlreadyExists);
+        }
         request->reply();
     });
     dispatcher.onMethod(names::kAgentManager, "UnregisterAgent", [this](const RequestPtr& request) {
-        if (agentOwners.erase(request->call().sender) == 0)
+        if (agentOwners.erase(request->call().sender) == 0) {
             return fail(request, errors::kDoesNotExist);
+        }
         request->reply();
     });
     dispatcher.onMethod(names::kAgentManager, "RequestDefaultAgent", [this](const RequestPtr& request) {
-        if (agentOwners.count(request->call().sender) == 0)
+        if (agentOwners.count(request->call().sender) == 0) {
             return fail(request, errors::kDoesNotExist);
+        }
         request->reply();
     });
-    for (const char* member : {"RegisterProfile", "UnregisterProfile"})
+    for (const char* member : {"RegisterProfile", "UnregisterProfile"}) {
         dispatcher.onMethod(names::kProfileManager, member,
                             [](const RequestPtr& request) { request->reply(); });
+    }
 }
 
 } // namespace vexasim

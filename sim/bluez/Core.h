@@ -1,6 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
 #include "sim/bluez/BusConnection.h"
 #include "sim/bluez/CallLog.h"
 #include "sim/bluez/Device.h"
@@ -8,12 +14,6 @@
 #include "sim/bluez/ObjectTree.h"
 #include "sim/bluez/SchedulerThread.h"
 #include "sim/bluez/SimulatorOptions.h"
-
-#include <functional>
-#include <memory>
-#include <set>
-#include <string>
-#include <vector>
 
 namespace vexasim
 {

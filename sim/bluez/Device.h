@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/BusConnection.h"
-#include "sim/model/Peripheral.h"
-#include "sim/model/Scheduler.h"
-
 #include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "sim/bluez/BusConnection.h"
+#include "sim/model/Peripheral.h"
+#include "sim/model/Scheduler.h"
 
 namespace vexasim
 {
@@ -38,10 +38,10 @@ struct Device {
     std::vector<RequestPtr> disconnecting;
     RequestPtr removing; ///< RemoveDevice of a connected device
 
-    std::map<uint16_t, std::vector<RequestPtr>> reads; ///< by value handle
-    std::map<uint16_t, RequestPtr> writes;
-    std::map<uint16_t, std::set<std::string>> notifyClients; ///< unique names by value handle
-    std::set<uint16_t> ownNotifications; ///< value handles that bluetoothd itself listens to
+    std::map<std::uint16_t, std::vector<RequestPtr>> reads; ///< by value handle
+    std::map<std::uint16_t, RequestPtr> writes;
+    std::map<std::uint16_t, std::set<std::string>> notifyClients; ///< unique names by value handle
+    std::set<std::uint16_t> ownNotifications; ///< value handles that bluetoothd itself listens to
 };
 
 using DevicePtr = std::shared_ptr<Device>;

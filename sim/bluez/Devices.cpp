@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Devices.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "sim/bluez/BatteryProfile.h"
 #include "sim/bluez/GattObjects.h"
 #include "sim/bluez/Links.h"
-
-#include <algorithm>
-#include <utility>
 
 namespace vexasim
 {
@@ -87,8 +87,9 @@ void Devices::publish(const DevicePtr& device, bool heard)
 {
     const Peripheral& peripheral = *device->peripheral;
     const std::string address = peripheral.address();
-    if (const auto name = peripheral.advertisedName(); name && heard)
+    if (const auto name = peripheral.advertisedName(); name && heard) {
         mNames[address] = *name;
+    }
     const auto name = mNames.find(address);
     PropertyMap properties = {
         {"Address", toVariant(address)},
@@ -105,8 +106,9 @@ void Devices::publish(const DevicePtr& device, bool heard)
         {"Adapter", toObjectPath(device->adapterPath)},
         {"ServicesResolved", toVariant(false)},
     };
-    if (name != mNames.end())
+    if (name != mNames.end()) {
         properties["Name"] = toVariant(name->second);
+    }
     if (heard) {
         properties["RSSI"] = toVariant(peripheral.rssi());
         properties["AdvertisingFlags"] = Variant::bytes({0x05});
@@ -124,15 +126,17 @@ DevicePtr Devices::seen(const std::string& adapterPath, const std::shared_ptr<Pe
         device = make(adapterPath, peripheral);
         publish(device, true);
     }
-    if (!device->connected)
+    if (!device->connected) {
         keepForAWhile(device);
+    }
     return device;
 }
 
 void Devices::restore(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral)
 {
-    if (const auto name = peripheral->ownName())
+    if (const auto name = peripheral->ownName()) {
         mNames.emplace(peripheral->address(), *name);
+    }
     publish(make(adapterPath, peripheral), false);
 }
 
@@ -141,15 +145,17 @@ void Devices::renew(const DevicePtr& device)
     learnName(device, device->peripheral->advertisedName());
     const Variant rssi = toVariant(device->peripheral->rssi());
     const Variant known = mCore.tree.get(device->path, names::kDevice, "RSSI");
-    if (!known || g_variant_equal(known.get(), rssi.get()) == FALSE)
+    if (!known || g_variant_equal(known.get(), rssi.get()) == FALSE) {
         mCore.tree.change(device->path, names::kDevice, {{"RSSI", rssi}});
+    }
 }
 
 void Devices::learnName(const DevicePtr& device, const std::optional<std::string>& name)
 {
     const std::string address = device->peripheral->address();
-    if (!name || (mNames.count(address) != 0 && mNames[address] == *name))
+    if (!name || (mNames.count(address) != 0 && mNames[address] == *name)) {
         return;
+    }
     mNames[address] = *name;
     mCore.tree.change(device->path, names::kDevice,
                       {{"Name", toVariant(*name)}, {"Alias", toVariant(*name)}});
@@ -163,8 +169,9 @@ void Devices::keep(const DevicePtr& device)
 void Devices::keepForAWhile(const DevicePtr& device)
 {
     keep(device);
-    if (device->paired)
+    if (device->paired) {
         return;
+    }
     device->temporaryTimer = mCore.later(device, mCore.timings.temporary, [this](const DevicePtr& same) {
         if (!same->connected) {
             remove(same);
@@ -186,8 +193,9 @@ void Devices::remove(const DevicePtr& device)
     device->peripheral->setPaired(false);
     mCore.tree.remove(device->path);
     mCore.say("device " + device->path + " is gone");
-    if (mOnRemoved)
+    if (mOnRemoved) {
         mOnRemoved(device);
+    }
 }
 
 void Devices::removeByMethod(const RequestPtr& request)
@@ -196,15 +204,17 @@ void Devices::removeByMethod(const RequestPtr& request)
     g_variant_get(request->parameters(), "(&o)", &path);
     const std::string& adapterPath = request->call().path;
     const std::string prefix = adapterPath + "/";
-    if (std::string(path).compare(0, prefix.size(), prefix) != 0 || !mCore.tree.has(path, names::kDevice))
+    if (std::string(path).compare(0, prefix.size(), prefix) != 0 || !mCore.tree.has(path, names::kDevice)) {
         return fail(request, errors::kDoesNotExist);
+    }
     const DevicePtr device = find(path);
     if (device == nullptr) {
         mCore.tree.remove(path); // a raw object of a test
         return request->reply();
     }
-    if (device->connected)
+    if (device->connected) {
         return mLinks->endForRemoval(device, request);
+    }
     remove(device);
     request->reply();
 }

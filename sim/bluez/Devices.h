@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Core.h"
-#include "sim/bluez/Device.h"
-
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "sim/bluez/Core.h"
+#include "sim/bluez/Device.h"
 
 namespace vexasim
 {
@@ -18,8 +18,8 @@ class BatteryProfile;
 class GattObjects;
 class Links;
 
-/// The Device1 objects: how they come, change with what is heard on the air,
-/// and go. Used on the scheduler's thread.
+/// The Device1 objects: how they come, change with what is heard on the air, and go. Used on the scheduler's
+/// thread.
 class Devices
 {
 public:
@@ -40,15 +40,15 @@ public:
     void discoveryEnded(const std::string& adapterPath);
     /// Links of this adapter end.
     void powerOff(const std::string& adapterPath);
-    /// Forgets the devices of an adapter; their objects are taken off by the caller.
-    /// By signals; those without a link.
+    /// Forgets the devices of an adapter; their objects are taken off by the caller. By signals; those
+    /// without a link.
     void forgetUnpaired(const std::string& adapterPath);
     void forgetAll(const std::string& adapterPath);
     void clientGone(const std::string& sender);
 
     void onLinkLost(const Peripheral& peripheral);
     void onAdvertising(const Peripheral& peripheral);
-    void onNotification(const Peripheral& peripheral, uint16_t handle, const Bytes& value);
+    void onNotification(const Peripheral& peripheral, std::uint16_t handle, const Bytes& value);
 
     DevicePtr find(const std::string& path) const;
     /// The devices of a peripheral, one on each adapter at most.

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Dispatcher.h"
 
-#include "sim/bluez/Introspection.h"
-
 #include <algorithm>
 #include <set>
 #include <utility>
+
+#include "sim/bluez/Introspection.h"
 
 namespace vexasim
 {
@@ -33,8 +33,9 @@ void failUnknown(const RequestPtr& request, const char* error)
 std::string childName(const std::string& path, const std::string& other)
 {
     const std::string prefix = path == "/" ? path : path + "/";
-    if (other.size() <= prefix.size() || other.compare(0, prefix.size(), prefix) != 0)
+    if (other.size() <= prefix.size() || other.compare(0, prefix.size(), prefix) != 0) {
         return "";
+    }
     return other.substr(prefix.size(), other.find('/', prefix.size()) - prefix.size());
 }
 } // namespace
@@ -66,14 +67,16 @@ void Dispatcher::onSet(const std::string& interface, const std::string& property
 bool Dispatcher::handlePeer(const RequestPtr& request)
 {
     const Call& call = request->call();
-    if (call.interface != names::kPeer)
+    if (call.interface != names::kPeer) {
         return false;
-    if (call.member == "Ping")
+    }
+    if (call.member == "Ping") {
         request->reply();
-    else if (call.member == "GetMachineId")
+    } else if (call.member == "GetMachineId") {
         request->reply(g_variant_new("(s)", kMachineId));
-    else
+    } else {
         failUnknown(request, errors::kDBusUnknownMethod);
+    }
     return true;
 }
 
@@ -86,20 +89,24 @@ bool Dispatcher::hasChildren(const std::string& path) const
 void Dispatcher::handle(const RequestPtr& request)
 {
     const Call& call = request->call();
-    if (handlePeer(request))
+    if (handlePeer(request)) {
         return;
+    }
     if (call.interface == names::kIntrospectable && call.member == "Introspect" &&
-        (mTree.exists(call.path) || hasChildren(call.path)))
+        (mTree.exists(call.path) || hasChildren(call.path))) {
         return introspect(request);
-    if (!mTree.exists(call.path))
+    }
+    if (!mTree.exists(call.path)) {
         return failUnknown(request, errors::kDBusUnknownObject);
+    }
     const auto handler = mMethods.find({call.interface, call.member});
     const GDBusMethodInfo* method = introspection::findMethod(call.interface, call.member);
     // Properties are served on raw objects too, which don't list the interface.
     const bool offered = call.interface == names::kProperties || mTree.has(call.path, call.interface);
     if (!offered || handler == mMethods.end() || method == nullptr ||
-        introspection::inSignature(method) != request->signature())
+        introspection::inSignature(method) != request->signature()) {
         return failUnknown(request, errors::kDBusUnknownMethod);
+    }
     handler->second(request);
 }
 
@@ -107,15 +114,19 @@ void Dispatcher::introspect(const RequestPtr& request)
 {
     const std::string& path = request->call().path;
     std::string text = kIntrospectionHead;
-    if (const InterfaceMap* interfaces = mTree.interfaces(path))
-        for (const auto& [name, properties] : *interfaces)
+    if (const InterfaceMap* interfaces = mTree.interfaces(path)) {
+        for (const auto& [name, properties] : *interfaces) {
             text += introspection::xml(name);
+        }
+    }
     std::set<std::string> children;
-    for (const std::string& other : mTree.paths())
+    for (const std::string& other : mTree.paths()) {
         children.insert(childName(path, other));
+    }
     children.erase("");
-    for (const std::string& child : children)
+    for (const std::string& child : children) {
         text += "  <node name=\"" + child + "\"/>\n";
+    }
     request->reply(g_variant_new("(s)", (text + "</node>\n").c_str()));
 }
 
@@ -124,11 +135,13 @@ void Dispatcher::get(const RequestPtr& request)
     const char* interface = nullptr;
     const char* name = nullptr;
     g_variant_get(request->parameters(), "(&s&s)", &interface, &name);
-    if (!mTree.has(request->call().path, interface))
+    if (!mTree.has(request->call().path, interface)) {
         return request->fail(errors::kDBusInvalidArgs, quoted("No such interface", interface));
+    }
     const Variant value = mTree.get(request->call().path, interface, name);
-    if (!value)
+    if (!value) {
         return request->fail(errors::kDBusInvalidArgs, quoted("No such property", name));
+    }
     request->reply(g_variant_new("(v)", value.get()));
 }
 
@@ -137,8 +150,9 @@ void Dispatcher::getAll(const RequestPtr& request)
     const char* interface = nullptr;
     g_variant_get(request->parameters(), "(&s)", &interface);
     const PropertyMap* properties = mTree.properties(request->call().path, interface);
-    if (properties == nullptr)
+    if (properties == nullptr) {
         return request->fail(errors::kDBusInvalidArgs, quoted("No such interface", interface));
+    }
     request->reply(g_variant_new("(@a{sv})", toVariant(*properties).get()));
 }
 
@@ -150,18 +164,23 @@ void Dispatcher::set(const RequestPtr& request)
     g_variant_get(request->parameters(), "(&s&sv)", &interface, &name, &boxed);
     const Variant value(boxed);
     const std::string& path = request->call().path;
-    if (!mTree.has(path, interface))
+    if (!mTree.has(path, interface)) {
         return request->fail(errors::kDBusInvalidArgs, quoted("No such interface", interface));
+    }
     const GDBusPropertyInfo* known = introspection::findProperty(interface, name);
-    if (known == nullptr || !mTree.get(path, interface, name))
+    if (known == nullptr || !mTree.get(path, interface, name)) {
         return request->fail(errors::kDBusUnknownProperty, quoted("No such property", name));
-    if ((known->flags & G_DBUS_PROPERTY_INFO_FLAGS_WRITABLE) == 0)
+    }
+    if ((known->flags & G_DBUS_PROPERTY_INFO_FLAGS_WRITABLE) == 0) {
         return request->fail(errors::kDBusReadOnly, quoted("Property", name, "' is not writable"));
-    if (value.type() != known->signature)
+    }
+    if (value.type() != known->signature) {
         return request->fail(errors::kDBusInvalidSignature, quoted("Invalid signature for", name));
+    }
     const auto setter = mSetters.find({interface, name});
-    if (setter != mSetters.end())
+    if (setter != mSetters.end()) {
         return setter->second(request, value);
+    }
     // The signal goes out before the reply, as BlueZ flushes what is pending.
     mTree.change(path, interface, {{name, value}});
     request->reply();

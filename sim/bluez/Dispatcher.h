@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/BusConnection.h"
-#include "sim/bluez/Names.h"
-#include "sim/bluez/ObjectTree.h"
-
 #include <functional>
 #include <map>
 #include <string>
 #include <utility>
+
+#include "sim/bluez/BusConnection.h"
+#include "sim/bluez/Names.h"
+#include "sim/bluez/ObjectTree.h"
 
 namespace vexasim
 {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/GattObjects.h"
 
-#include "sim/model/Remote.h"
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <utility>
+
+#include "sim/model/Remote.h"
 
 namespace vexasim
 {
@@ -14,9 +14,9 @@ namespace vexasim
 namespace
 {
 constexpr const char* kNotConnectedText = "Not connected";
-constexpr uint16_t kMtu = 23;
+constexpr std::uint16_t kMtu = 23;
 
-std::string child(const std::string& parent, const char* kind, uint16_t handle)
+std::string child(const std::string& parent, const char* kind, std::uint16_t handle)
 {
     std::array<char, 16> name{};
     std::snprintf(name.data(), name.size(), "/%s%04x", kind, unsigned{handle});
@@ -29,7 +29,7 @@ bool isHidden(const GattService& service)
     return service.uuid == uuid::kGenericAccess;
 }
 
-void failWith(const RequestPtr& request, uint8_t error)
+void failWith(const RequestPtr& request, std::uint8_t error)
 {
     switch (error) {
     case att::kReadNotPermitted:
@@ -76,9 +76,10 @@ GattObjects::GattObjects(Core& core) : mCore(core)
     }
     onMethod(names::kCharacteristic, "StartNotify", &GattObjects::startNotify);
     onMethod(names::kCharacteristic, "StopNotify", &GattObjects::stopNotify);
-    for (const char* member : {"AcquireWrite", "AcquireNotify"})
+    for (const char* member : {"AcquireWrite", "AcquireNotify"}) {
         mCore.dispatcher.onMethod(names::kCharacteristic, member,
                                   [](const RequestPtr& request) { fail(request, errors::kNotSupported); });
+    }
 }
 
 void GattObjects::onMethod(const char* interface, const std::string& member, Operation operation)
@@ -86,8 +87,9 @@ void GattObjects::onMethod(const char* interface, const std::string& member, Ope
     mCore.dispatcher.onMethod(interface, member, [this, operation](const RequestPtr& request) {
         const auto found = mAttributes.find(request->call().path);
         const DevicePtr device = found != mAttributes.end() ? found->second.device.lock() : nullptr;
-        if (device == nullptr)
+        if (device == nullptr) {
             return fail(request, errors::kNotAvailable); // a raw object of a test
+        }
         (this->*operation)(device, Attribute(found->second), request);
     });
 }
@@ -97,21 +99,25 @@ std::string GattObjects::pathOf(const std::string& devicePath, const Peripheral&
 {
     for (const GattService& service : peripheral.services()) {
         const std::string servicePath = child(devicePath, "service", service.handle);
-        if (service.uuid == uuid)
+        if (service.uuid == uuid) {
             return servicePath;
+        }
         for (const GattCharacteristic& characteristic : service.characteristics) {
             const std::string path = child(servicePath, "char", characteristic.handle);
-            if (characteristic.uuid == uuid)
+            if (characteristic.uuid == uuid) {
                 return path;
-            for (const GattDescriptor& descriptor : characteristic.descriptors)
-                if (descriptor.uuid == uuid)
+            }
+            for (const GattDescriptor& descriptor : characteristic.descriptors) {
+                if (descriptor.uuid == uuid) {
                     return child(path, "desc", descriptor.handle);
+                }
+            }
         }
     }
     return "";
 }
 
-// ---- objects
+// --- objects ---
 
 void GattObjects::collect(const DevicePtr& device, const GattService& service, Objects& objects)
 {
@@ -128,10 +134,12 @@ void GattObjects::collect(const DevicePtr& device, const GattService& service, O
                                   {"Service", toObjectPath(servicePath)},
                                   {"Flags", Variant::strings(characteristic.flags)},
                                   {"MTU", g_variant_new_uint16(kMtu)}};
-        if (characteristic.has("notify") || characteristic.has("indicate"))
+        if (characteristic.has("notify") || characteristic.has("indicate")) {
             properties["Notifying"] = properties["NotifyAcquired"] = toVariant(false);
-        if (characteristic.has("write-without-response"))
+        }
+        if (characteristic.has("write-without-response")) {
             properties["WriteAcquired"] = toVariant(false);
+        }
         objects.emplace_back(path, withStandardInterfaces(names::kCharacteristic, properties));
         mAttributes[path] = {device, characteristic.valueHandle, false, characteristic.uuid,
                              characteristic.flags};
@@ -151,58 +159,73 @@ void GattObjects::publish(const DevicePtr& device)
 {
     if (!std::exchange(device->exported, true)) {
         Objects objects;
-        for (const GattService& service : device->peripheral->services())
-            if (!isHidden(service))
+        for (const GattService& service : device->peripheral->services()) {
+            if (!isHidden(service)) {
                 collect(device, service, objects);
-        if (mCore.tree.childrenFirst())
+            }
+        }
+        if (mCore.tree.childrenFirst()) {
             std::reverse(objects.begin(), objects.end());
-        for (const auto& [path, interfaces] : objects)
+        }
+        for (const auto& [path, interfaces] : objects) {
             mCore.tree.add(path, interfaces);
+        }
     }
-    for (const auto& [handle, clients] : device->notifyClients)
-        if (!clients.empty() && device->peripheral->subscribe(handle, true).error == att::kOk)
+    for (const auto& [handle, clients] : device->notifyClients) {
+        if (!clients.empty() && device->peripheral->subscribe(handle, true).error == att::kOk) {
             setNotifying(device, handle, true);
+        }
+    }
 }
 
 void GattObjects::withdraw(const DevicePtr& device)
 {
-    for (auto attribute = mAttributes.begin(); attribute != mAttributes.end();)
+    for (auto attribute = mAttributes.begin(); attribute != mAttributes.end();) {
         attribute =
             attribute->second.device.lock() == device ? mAttributes.erase(attribute) : std::next(attribute);
+    }
     device->exported = false;
     device->notifyClients.clear();
 }
 
 void GattObjects::linkLost(const DevicePtr& device)
 {
-    for (const auto& [handle, waiting] : std::exchange(device->reads, {}))
-        for (const RequestPtr& request : waiting)
+    for (const auto& [handle, waiting] : std::exchange(device->reads, {})) {
+        for (const RequestPtr& request : waiting) {
             failWith(request, att::kUnlikelyError);
-    for (const auto& [handle, request] : std::exchange(device->writes, {}))
+        }
+    }
+    for (const auto& [handle, request] : std::exchange(device->writes, {})) {
         failWith(request, att::kUnlikelyError);
+    }
 }
 
-std::string GattObjects::pathOfValue(const DevicePtr& device, uint16_t handle) const
+std::string GattObjects::pathOfValue(const DevicePtr& device, std::uint16_t handle) const
 {
-    for (const auto& [path, attribute] : mAttributes)
-        if (attribute.handle == handle && attribute.device.lock() == device)
+    for (const auto& [path, attribute] : mAttributes) {
+        if (attribute.handle == handle && attribute.device.lock() == device) {
             return path;
+        }
+    }
     return "";
 }
 
-// ---- reading and writing
+// --- reading and writing ---
 
 void GattObjects::read(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request)
 {
-    if (!device->resolved)
+    if (!device->resolved) {
         return request->fail(errors::kFailed, kNotConnectedText);
+    }
     std::vector<RequestPtr>& waiting = device->reads[attribute.handle];
     waiting.push_back(request);
-    if (waiting.size() > 1)
+    if (waiting.size() > 1) {
         return; // shares the answer of the read that is under way
+    }
     const AttReply reply = device->peripheral->read(attribute.handle);
-    if (reply.kind == AttReply::Kind::NoAnswer)
+    if (reply.kind == AttReply::Kind::NoAnswer) {
         return;
+    }
     const auto finish = [this, path = request->call().path, handle = attribute.handle,
                          reply](const DevicePtr& same) { finishRead(same, path, handle, reply); };
     // At once if it can be: a notification that follows comes behind the answer.
@@ -213,36 +236,42 @@ void GattObjects::read(const DevicePtr& device, const Attribute& attribute, cons
     }
 }
 
-void GattObjects::finishRead(const DevicePtr& device, const std::string& path, uint16_t handle,
+void GattObjects::finishRead(const DevicePtr& device, const std::string& path, std::uint16_t handle,
                              const AttReply& reply)
 {
     const std::vector<RequestPtr> waiting = std::exchange(device->reads[handle], {});
     const auto attribute = mAttributes.find(path);
-    if (reply.error == att::kOk && attribute != mAttributes.end())
+    if (reply.error == att::kOk && attribute != mAttributes.end()) {
         // BlueZ keeps what was read, and tells of it before it answers.
         mCore.tree.change(path, attribute->second.interface(), {{"Value", Variant::bytes(reply.value)}});
+    }
     for (const RequestPtr& request : waiting) {
-        if (reply.error == att::kOk)
+        if (reply.error == att::kOk) {
             request->reply(g_variant_new("(@ay)", Variant::bytes(reply.value).get()));
-        else
+        } else {
             failWith(request, reply.error);
+        }
     }
 }
 
 void GattObjects::write(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request)
 {
-    if (!device->resolved)
+    if (!device->resolved) {
         return request->fail(errors::kFailed, kNotConnectedText);
-    if (device->writes.count(attribute.handle) != 0)
+    }
+    if (device->writes.count(attribute.handle) != 0) {
         return fail(request, errors::kInProgress);
-    if (attribute.uuid == uuid::kClientConfiguration)
+    }
+    if (attribute.uuid == uuid::kClientConfiguration) {
         return request->fail(errors::kNotPermitted, "Write not permitted");
+    }
     const Variant value = g_variant_get_child_value(request->parameters(), 0);
     const Variant options = g_variant_get_child_value(request->parameters(), 1);
     const std::string type = writeType(options.get());
     const bool command = type == "command" || (type.empty() && !attribute.has("write"));
-    if (!attribute.has(command ? "write-without-response" : "write"))
+    if (!attribute.has(command ? "write-without-response" : "write")) {
         return fail(request, errors::kNotSupported);
+    }
     if (command) {
         device->peripheral->write(attribute.handle, toBytes(value.get()), Peripheral::WriteKind::Command);
         return request->reply();
@@ -261,25 +290,28 @@ void GattObjects::write(const DevicePtr& device, const Attribute& attribute, con
     });
 }
 
-void GattObjects::finishWrite(const DevicePtr& device, uint16_t handle, const AttReply& reply)
+void GattObjects::finishWrite(const DevicePtr& device, std::uint16_t handle, const AttReply& reply)
 {
     const auto waiting = device->writes.find(handle);
-    if (waiting == device->writes.end())
+    if (waiting == device->writes.end()) {
         return;
+    }
     const RequestPtr request = waiting->second;
     device->writes.erase(waiting);
-    if (reply.error == att::kOk)
+    if (reply.error == att::kOk) {
         request->reply();
-    else
+    } else {
         failWith(request, reply.error);
+    }
 }
 
-// ---- notifications
+// --- notifications ---
 
 void GattObjects::startNotify(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request)
 {
-    if (!attribute.has("notify") && !attribute.has("indicate"))
+    if (!attribute.has("notify") && !attribute.has("indicate")) {
         return fail(request, errors::kNotSupported);
+    }
     std::set<std::string>& clients = device->notifyClients[attribute.handle];
     const bool first = clients.empty();
     if (!first || !device->resolved) {
@@ -292,8 +324,9 @@ void GattObjects::startNotify(const DevicePtr& device, const Attribute& attribut
         device->reads[attribute.handle].push_back(request); // answered by the end of the link
         return;
     }
-    if (reply.error != att::kOk)
+    if (reply.error != att::kOk) {
         return failWith(request, reply.error);
+    }
     clients.insert(request->call().sender);
     setNotifying(device, attribute.handle, true);
     request->delayAnswer(reply.delay);
@@ -303,44 +336,52 @@ void GattObjects::startNotify(const DevicePtr& device, const Attribute& attribut
 void GattObjects::stopNotify(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request)
 {
     std::set<std::string>& clients = device->notifyClients[attribute.handle];
-    if (clients.erase(request->call().sender) == 0)
+    if (clients.erase(request->call().sender) == 0) {
         return request->fail(errors::kFailed, "No notify session started");
-    if (clients.empty())
+    }
+    if (clients.empty()) {
         endSession(device, attribute.handle);
+    }
     request->reply();
 }
 
-void GattObjects::endSession(const DevicePtr& device, uint16_t handle)
+void GattObjects::endSession(const DevicePtr& device, std::uint16_t handle)
 {
     // BlueZ doesn't wait for the remote here, and doesn't mind what it says.
-    if (device->ownNotifications.count(handle) == 0)
+    if (device->ownNotifications.count(handle) == 0) {
         device->peripheral->subscribe(handle, false);
+    }
     setNotifying(device, handle, false);
 }
 
-void GattObjects::setNotifying(const DevicePtr& device, uint16_t handle, bool notifying)
+void GattObjects::setNotifying(const DevicePtr& device, std::uint16_t handle, bool notifying)
 {
     const std::string path = pathOfValue(device, handle);
     const Variant known = mCore.tree.get(path, names::kCharacteristic, "Notifying");
-    if (known.type() != "b" || (g_variant_get_boolean(known.get()) != FALSE) != notifying)
+    if (known.type() != "b" || (g_variant_get_boolean(known.get()) != FALSE) != notifying) {
         mCore.tree.change(path, names::kCharacteristic, {{"Notifying", toVariant(notifying)}});
+    }
 }
 
-void GattObjects::notified(const DevicePtr& device, uint16_t handle, const Bytes& value)
+void GattObjects::notified(const DevicePtr& device, std::uint16_t handle, const Bytes& value)
 {
     const auto clients = device->notifyClients.find(handle);
-    if (clients == device->notifyClients.end() || clients->second.empty())
+    if (clients == device->notifyClients.end() || clients->second.empty()) {
         return; // bluetoothd keeps it to itself
+    }
     const std::string path = pathOfValue(device, handle);
-    if (!path.empty())
+    if (!path.empty()) {
         mCore.tree.change(path, names::kCharacteristic, {{"Value", Variant::bytes(value)}});
+    }
 }
 
 void GattObjects::clientGone(const DevicePtr& device, const std::string& sender)
 {
-    for (auto& [handle, clients] : device->notifyClients)
-        if (clients.erase(sender) != 0 && clients.empty())
+    for (auto& [handle, clients] : device->notifyClients) {
+        if (clients.erase(sender) != 0 && clients.empty()) {
             endSession(device, handle);
+        }
+    }
 }
 
 } // namespace vexasim

@@ -1,32 +1,31 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Core.h"
-#include "sim/bluez/Device.h"
-
 #include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "sim/bluez/Core.h"
+#include "sim/bluez/Device.h"
+
 namespace vexasim
 {
 
-/// The GATT objects of connected devices and their methods. Used on the scheduler's
-/// thread.
+/// The GATT objects of connected devices and their methods. Used on the scheduler's thread.
 class GattObjects
 {
 public:
     explicit GattObjects(Core& core);
 
-    /// Puts the objects on the bus, if they aren't there from an earlier link,
-    /// and renews the notifications that clients still want.
+    /// Puts the objects on the bus, if they aren't there from an earlier link, and renews the notifications
+    /// that clients still want.
     void publish(const DevicePtr& device);
     /// Forgets the objects; the caller takes them off the bus with the device.
     void withdraw(const DevicePtr& device);
     void linkLost(const DevicePtr& device);
-    void notified(const DevicePtr& device, uint16_t handle, const Bytes& value);
+    void notified(const DevicePtr& device, std::uint16_t handle, const Bytes& value);
     /// A client left the bus: its notification sessions end.
     void clientGone(const DevicePtr& device, const std::string& sender);
 
@@ -36,7 +35,7 @@ public:
 private:
     struct Attribute {
         std::weak_ptr<Device> device;
-        uint16_t handle = 0; ///< where reads and writes go
+        std::uint16_t handle = 0; ///< where reads and writes go
         bool descriptor = false;
         std::string uuid;
         std::vector<std::string> flags;
@@ -54,11 +53,12 @@ private:
     void stopNotify(const DevicePtr& device, const Attribute& attribute, const RequestPtr& request);
 
     void collect(const DevicePtr& device, const GattService& service, Objects& objects);
-    void finishRead(const DevicePtr& device, const std::string& path, uint16_t handle, const AttReply& reply);
-    void finishWrite(const DevicePtr& device, uint16_t handle, const AttReply& reply);
-    void endSession(const DevicePtr& device, uint16_t handle);
-    void setNotifying(const DevicePtr& device, uint16_t handle, bool notifying);
-    std::string pathOfValue(const DevicePtr& device, uint16_t handle) const;
+    void finishRead(const DevicePtr& device, const std::string& path, std::uint16_t handle,
+                    const AttReply& reply);
+    void finishWrite(const DevicePtr& device, std::uint16_t handle, const AttReply& reply);
+    void endSession(const DevicePtr& device, std::uint16_t handle);
+    void setNotifying(const DevicePtr& device, std::uint16_t handle, bool notifying);
+    std::string pathOfValue(const DevicePtr& device, std::uint16_t handle) const;
 
     Core& mCore;
     std::map<std::string, Attribute> mAttributes; ///< by path

@@ -150,8 +150,9 @@ GDBusNodeInfo* node()
     static GDBusNodeInfo* const info = [] {
         GError* error = nullptr;
         GDBusNodeInfo* parsed = g_dbus_node_info_new_for_xml(kXml, &error);
-        if (parsed == nullptr)
+        if (parsed == nullptr) {
             throw std::logic_error(error->message);
+        }
         return parsed;
     }();
     return info;
@@ -178,16 +179,18 @@ const GDBusPropertyInfo* findProperty(const std::string& interface, const std::s
 std::string inSignature(const GDBusMethodInfo* method)
 {
     std::string signature;
-    for (GDBusArgInfo** arg = method->in_args; arg != nullptr && *arg != nullptr; ++arg)
+    for (GDBusArgInfo** arg = method->in_args; arg != nullptr && *arg != nullptr; ++arg) {
         signature += (*arg)->signature;
+    }
     return signature;
 }
 
 std::string xml(const std::string& interface)
 {
     GDBusInterfaceInfo* info = find(interface);
-    if (info == nullptr)
+    if (info == nullptr) {
         return "  <interface name=\"" + interface + "\"/>\n";
+    }
     GString* text = g_string_new(nullptr);
     g_dbus_interface_info_generate_xml(info, 2, text);
     std::string result = text->str;

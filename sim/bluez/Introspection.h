@@ -2,11 +2,9 @@
 #pragma once
 
 #include <gio/gio.h>
-
 #include <string>
 
-/// What is known of BlueZ's interfaces: members, signatures, access. Immutable,
-/// any thread.
+/// What is known of BlueZ's interfaces: members, signatures, access. Immutable, any thread.
 namespace vexasim::introspection
 {
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Links.h"
 
+#include <utility>
+
 #include "sim/bluez/BatteryProfile.h"
 #include "sim/bluez/Devices.h"
 #include "sim/bluez/GattObjects.h"
-
-#include <utility>
 
 namespace vexasim
 {
@@ -24,17 +24,19 @@ Links::Links(Core& core, Devices& devices, GattObjects& gatt, BatteryProfile& ba
     onMethod("Disconnect", &Links::disconnect);
     onMethod("Pair", &Links::pair);
     onMethod("CancelPairing", &Links::cancelPairing);
-    for (const char* member : {"ConnectProfile", "DisconnectProfile"})
+    for (const char* member : {"ConnectProfile", "DisconnectProfile"}) {
         mCore.dispatcher.onMethod(names::kDevice, member,
                                   [](const RequestPtr& request) { fail(request, errors::kNotSupported); });
+    }
 }
 
 void Links::onMethod(const std::string& member, void (Links::*handler)(const DevicePtr&, const RequestPtr&))
 {
     mCore.dispatcher.onMethod(names::kDevice, member, [this, handler](const RequestPtr& request) {
         const DevicePtr device = mDevices.find(request->call().path);
-        if (device == nullptr)
+        if (device == nullptr) {
             return fail(request, errors::kNotAvailable); // a raw object of a test
+        }
         (this->*handler)(device, request);
     });
 }
@@ -50,16 +52,19 @@ void Links::later(const DevicePtr& device, std::chrono::milliseconds delay, Step
     mCore.later(device, delay, [this, step](const DevicePtr& same) { (this->*step)(same); });
 }
 
-// ---- making a link
+// --- making a link ---
 
 void Links::connect(const DevicePtr& device, const RequestPtr& request)
 {
-    if (device->connected)
+    if (device->connected) {
         return request->reply();
-    if (!powered(device))
+    }
+    if (!powered(device)) {
         return request->fail(errors::kFailed, kNoPower);
-    if (device->onLinked)
+    }
+    if (device->onLinked) {
         return request->fail(errors::kFailed, kAlreadyConnecting);
+    }
     device->connecting = request;
     establish(device, [this, device](bool success) {
         const RequestPtr waiting = std::exchange(device->connecting, nullptr);
@@ -85,8 +90,9 @@ void Links::establish(const DevicePtr& device, std::function<void(bool)> done)
 
 void Links::heard(const DevicePtr& device)
 {
-    if (!device->onLinked || device->linkUnderway || !device->peripheral->advertising())
+    if (!device->onLinked || device->linkUnderway || !device->peripheral->advertising()) {
         return;
+    }
     device->linkUnderway = true;
     const auto delay = mCore.timings.connect + device->peripheral->answerDelay();
     mCore.later(device, delay, [this](const DevicePtr& same) {
@@ -102,11 +108,13 @@ void Links::heard(const DevicePtr& device)
 
 void Links::linked(const DevicePtr& device, bool success)
 {
-    if (!device->onLinked)
+    if (!device->onLinked) {
         return;
+    }
     mCore.scheduler->cancel(std::exchange(device->linkTimer, 0));
-    if (!success)
+    if (!success) {
         ++device->link; // whatever was under way is void
+    }
     device->connected = success;
     if (success) {
         mCore.tree.change(device->path, names::kDevice, {{"Connected", toVariant(true)}});
@@ -115,25 +123,31 @@ void Links::linked(const DevicePtr& device, bool success)
     std::exchange(device->onLinked, nullptr)(success);
 }
 
-// ---- pairing
+// --- pairing ---
 
 void Links::pair(const DevicePtr& device, const RequestPtr& request)
 {
     // BlueZ tries BR/EDR with one that is paired over LE, in vain.
-    if (device->paired)
+    if (device->paired) {
         return fail(request, errors::kAuthenticationFailed);
-    if (device->pairing)
+    }
+    if (device->pairing) {
         return fail(request, errors::kInProgress);
-    if (!powered(device))
+    }
+    if (!powered(device)) {
         return fail(request, errors::kNotReady);
-    if (device->onLinked)
+    }
+    if (device->onLinked) {
         return request->fail(errors::kFailed, kAlreadyConnecting);
+    }
     device->pairing = request;
-    if (device->connected)
+    if (device->connected) {
         return bond(device);
+    }
     establish(device, [this, device](bool success) {
-        if (success)
+        if (success) {
             return bond(device);
+        }
         mDevices.keepForAWhile(device);
         failPairing(device, errors::kConnectionAttemptFailed);
     });
@@ -146,8 +160,9 @@ void Links::bond(const DevicePtr& device)
 
 void Links::exchangeKeys(const DevicePtr& device)
 {
-    if (!device->pairing)
+    if (!device->pairing) {
         return;
+    }
     if (mCore.requireAgent && mCore.agentOwners.empty()) {
         failPairing(device, errors::kAuthenticationFailed);
         return end(device);
@@ -172,8 +187,9 @@ void Links::bonded(const DevicePtr& device)
     mCore.tree.change(device->path, names::kDevice, {{"Bonded", toVariant(true)}});
     // BlueZ knows it from here on, but tells it only with the services.
     mCore.tree.set(device->path, names::kDevice, "Paired", toVariant(true));
-    if (!device->resolved)
+    if (!device->resolved) {
         return resolve(device);
+    }
     mCore.tree.change(device->path, names::kDevice, {{"Paired", toVariant(true)}});
     std::exchange(device->pairing, nullptr)->reply();
 }
@@ -188,16 +204,18 @@ void Links::failPairing(const DevicePtr& device, const errors::Error& error)
 
 void Links::cancelPairing(const DevicePtr& device, const RequestPtr& request)
 {
-    if (!device->pairing)
+    if (!device->pairing) {
         return fail(request, errors::kDoesNotExist);
+    }
     failPairing(device, errors::kAuthenticationCanceled);
-    if (device->onLinked)
+    if (device->onLinked) {
         linked(device, false);
+    }
     end(device);
     request->reply();
 }
 
-// ---- services
+// --- services ---
 
 void Links::resolve(const DevicePtr& device)
 {
@@ -219,20 +237,25 @@ void Links::resolved(const DevicePtr& device)
         mDevices.learnName(device, device->peripheral->ownName());
         device->resolved = true;
         // After a pairing BlueZ tells the objects only when it has told of them.
-        if (!device->pairing)
+        if (!device->pairing) {
             mGatt.publish(device);
+        }
         changed["ServicesResolved"] = toVariant(true);
         std::vector<std::string> uuids;
-        for (const GattService& service : device->peripheral->services())
+        for (const GattService& service : device->peripheral->services()) {
             uuids.push_back(service.uuid);
+        }
         changed["UUIDs"] = Variant::strings(uuids);
     }
-    if (device->pairing)
+    if (device->pairing) {
         changed["Paired"] = toVariant(true);
-    if (!changed.empty())
+    }
+    if (!changed.empty()) {
         mCore.tree.change(device->path, names::kDevice, changed);
-    if (device->pairing && device->resolved)
+    }
+    if (device->pairing && device->resolved) {
         mGatt.publish(device);
+    }
     if (device->resolved) {
         mCore.say("services of " + device->path + " are resolved");
         later(device, device->peripheral->answerDelay(), &Links::readBattery);
@@ -248,20 +271,22 @@ void Links::readBattery(const DevicePtr& device)
     mBattery.begin(device);
 }
 
-// ---- the end of a link
+// --- the end of a link ---
 
 void Links::disconnect(const DevicePtr& device, const RequestPtr& request)
 {
-    if (!device->connected)
+    if (!device->connected) {
         return fail(request, errors::kNotConnected);
+    }
     device->disconnecting.push_back(request);
     startEnding(device);
 }
 
 void Links::endForRemoval(const DevicePtr& device, const RequestPtr& request)
 {
-    if (device->removing)
+    if (device->removing) {
         return fail(request, errors::kInProgress);
+    }
     device->removing = request;
     startEnding(device);
 }
@@ -273,38 +298,46 @@ void Links::startEnding(const DevicePtr& device)
 
 void Links::end(const DevicePtr& device)
 {
-    if (device->onLinked)
+    if (device->onLinked) {
         linked(device, false);
-    if (!device->connected)
+    }
+    if (!device->connected) {
         return;
+    }
     device->peripheral->disconnect();
     lost(device);
 }
 
 void Links::lost(const DevicePtr& device)
 {
-    if (!std::exchange(device->connected, false))
+    if (!std::exchange(device->connected, false)) {
         return;
+    }
     ++device->link;
     mGatt.linkLost(device);
     PropertyMap changed;
-    if (std::exchange(device->resolved, false))
+    if (std::exchange(device->resolved, false)) {
         changed["ServicesResolved"] = toVariant(false);
+    }
     const RequestPtr removing = std::exchange(device->removing, nullptr);
-    // BlueZ answers those who wait before it tells that the link is gone, and
-    // before an answer it tells what it has to tell.
-    if ((removing || !device->disconnecting.empty() || device->pairing) && !changed.empty())
+    // BlueZ answers those who wait before it tells that the link is gone, and before an answer it tells what
+    // it has to tell.
+    if ((removing || !device->disconnecting.empty() || device->pairing) && !changed.empty()) {
         tellTheEnd(device, std::exchange(changed, {}));
-    for (const RequestPtr& waiting : std::exchange(device->disconnecting, {}))
+    }
+    for (const RequestPtr& waiting : std::exchange(device->disconnecting, {})) {
         waiting->reply();
-    if (removing)
+    }
+    if (removing) {
         removing->reply();
+    }
     failPairing(device, errors::kAuthenticationCanceled);
     changed["Connected"] = toVariant(false);
     tellTheEnd(device, changed);
     mCore.say(device->path + " is disconnected");
-    if (removing)
+    if (removing) {
         return mDevices.remove(device);
+    }
     mDevices.keepForAWhile(device);
 }
 
@@ -320,11 +353,13 @@ void Links::abandon(const DevicePtr& device)
     mCore.scheduler->cancel(std::exchange(device->linkTimer, 0));
     ++device->link;
     device->onLinked = nullptr;
-    if (const RequestPtr waiting = std::exchange(device->connecting, nullptr))
+    if (const RequestPtr waiting = std::exchange(device->connecting, nullptr)) {
         waiting->fail(errors::kFailed, kAbortedByLocal);
+    }
     failPairing(device, errors::kAuthenticationCanceled);
-    if (std::exchange(device->connected, false))
+    if (std::exchange(device->connected, false)) {
         device->peripheral->disconnect();
+    }
     mGatt.linkLost(device);
 }
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Core.h"
-#include "sim/bluez/Device.h"
-
 #include <functional>
 #include <string>
+
+#include "sim/bluez/Core.h"
+#include "sim/bluez/Device.h"
 
 namespace vexasim
 {
@@ -14,8 +14,8 @@ class BatteryProfile;
 class Devices;
 class GattObjects;
 
-/// Connecting, pairing, service discovery and the ends of links: the methods of
-/// Device1. Used on the scheduler's thread.
+/// Connecting, pairing, service discovery and the ends of links: the methods of Device1. Used on the
+/// scheduler's thread.
 class Links
 {
 public:

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/ObjectTree.h"
 
-#include "sim/bluez/Names.h"
-
 #include <algorithm>
 #include <utility>
+
+#include "sim/bluez/Names.h"
 
 namespace vexasim
 {
@@ -18,14 +18,17 @@ ObjectTree::ObjectTree(Emit emit) : mEmit(std::move(emit)) {}
 
 void ObjectTree::add(const std::string& path, const InterfaceMap& interfaces, bool announce)
 {
-    if (mObjects.count(path) == 0)
+    if (mObjects.count(path) == 0) {
         mOrder.push_back(path);
+    }
     InterfaceMap& object = mObjects[path];
-    for (const auto& [name, properties] : interfaces)
+    for (const auto& [name, properties] : interfaces) {
         object[name] = properties;
-    if (announce)
+    }
+    if (announce) {
         mEmit("/", names::kObjectManager, "InterfacesAdded",
               g_variant_new("(o@a{sa{sv}})", path.c_str(), toVariant(interfaces).get()));
+    }
 }
 
 void ObjectTree::announceRemoval(const std::string& path, const std::vector<std::string>& interfaces)
@@ -44,23 +47,28 @@ void ObjectTree::remove(const std::string& path, bool announce)
 {
     for (const std::string& gone : removalOrder(path)) {
         std::vector<std::string> interfaces;
-        for (const auto& [name, properties] : mObjects[gone])
+        for (const auto& [name, properties] : mObjects[gone]) {
             interfaces.push_back(name);
+        }
         erase(gone);
-        if (announce)
+        if (announce) {
             announceRemoval(gone, interfaces);
+        }
     }
 }
 
 void ObjectTree::removeInterface(const std::string& path, const std::string& interface, bool announce)
 {
     const auto object = mObjects.find(path);
-    if (object == mObjects.end() || object->second.erase(interface) == 0)
+    if (object == mObjects.end() || object->second.erase(interface) == 0) {
         return;
-    if (object->second.empty())
+    }
+    if (object->second.empty()) {
         erase(path);
-    if (announce)
+    }
+    if (announce) {
         announceRemoval(path, {interface});
+    }
 }
 
 void ObjectTree::clear()
@@ -72,23 +80,27 @@ void ObjectTree::clear()
 bool ObjectTree::set(const std::string& path, const std::string& interface, const std::string& property,
                      const Variant& value)
 {
-    if (!has(path, interface))
+    if (!has(path, interface)) {
         return false;
+    }
     mObjects[path][interface][property] = value;
     return true;
 }
 
 void ObjectTree::drop(const std::string& path, const std::string& interface, const std::string& property)
 {
-    if (has(path, interface))
+    if (has(path, interface)) {
         mObjects[path][interface].erase(property);
+    }
 }
 
 void ObjectTree::change(const std::string& path, const std::string& interface, const PropertyMap& changed)
 {
-    for (const auto& [name, value] : changed)
-        if (!set(path, interface, name, value))
+    for (const auto& [name, value] : changed) {
+        if (!set(path, interface, name, value)) {
             return;
+        }
+    }
     emitChanged(path, interface, changed);
 }
 
@@ -114,8 +126,9 @@ const InterfaceMap* ObjectTree::interfaces(const std::string& path) const
 const PropertyMap* ObjectTree::properties(const std::string& path, const std::string& interface) const
 {
     const InterfaceMap* object = interfaces(path);
-    if (object == nullptr)
+    if (object == nullptr) {
         return nullptr;
+    }
     const auto found = object->find(interface);
     return found != object->end() ? &found->second : nullptr;
 }
@@ -124,8 +137,9 @@ Variant ObjectTree::get(const std::string& path, const std::string& interface,
                         const std::string& property) const
 {
     const PropertyMap* known = properties(path, interface);
-    if (known == nullptr)
+    if (known == nullptr) {
         return {};
+    }
     const auto found = known->find(property);
     return found != known->end() ? found->second : Variant{};
 }
@@ -136,21 +150,26 @@ std::string ObjectTree::ancestor(const std::string& path) const
     for (auto slash = candidate.rfind('/'); slash != std::string::npos && slash != 0;
          slash = candidate.rfind('/')) {
         candidate.resize(slash);
-        if (exists(candidate))
+        if (exists(candidate)) {
             return candidate;
+        }
     }
     return "/";
 }
 
 void ObjectTree::collect(const std::string& path, std::vector<std::string>& order) const
 {
-    if (mChildrenFirst && exists(path))
+    if (mChildrenFirst && exists(path)) {
         order.push_back(path);
-    for (const std::string& other : mOrder)
-        if (other != path && ancestor(other) == path)
+    }
+    for (const std::string& other : mOrder) {
+        if (other != path && ancestor(other) == path) {
             collect(other, order);
-    if (!mChildrenFirst && exists(path))
+        }
+    }
+    if (!mChildrenFirst && exists(path)) {
         order.push_back(path);
+    }
 }
 
 std::vector<std::string> ObjectTree::removalOrder(const std::string& path) const
@@ -164,10 +183,12 @@ Variant ObjectTree::managedObjects() const
 {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a{oa{sa{sv}}}"));
-    for (const std::string& path : mOrder)
-        if (path != "/")
+    for (const std::string& path : mOrder) {
+        if (path != "/") {
             g_variant_builder_add(&builder, "{o@a{sa{sv}}}", path.c_str(),
                                   toVariant(mObjects.at(path)).get());
+        }
+    }
     return {g_variant_new("(@a{oa{sa{sv}}})", g_variant_builder_end(&builder))};
 }
 

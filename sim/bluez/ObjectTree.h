@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Variant.h"
-
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "sim/bluez/Variant.h"
+
 namespace vexasim
 {
 
-/// The objects on the bus: paths, interfaces and properties as plain data, with
-/// the signals of the object manager and of Properties. It allows what BlueZ
-/// wouldn't do, since tests want it. Used on the scheduler's thread.
+/// The objects on the bus: paths, interfaces and properties as plain data, with the signals of the object
+/// manager and of Properties. It allows what BlueZ wouldn't do, since tests want it. Used on the scheduler's
+/// thread.
 class ObjectTree
 {
 public:

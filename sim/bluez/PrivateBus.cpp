@@ -1,23 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/PrivateBus.h"
 
-#include <csignal>
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
 #include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace vexasim
 {
@@ -29,8 +28,7 @@ constexpr const char* kConfigName = "bus.conf";
 constexpr const char* kLogName = "bus.log"; ///< what dbus-daemon says on standard error
 constexpr int kReportDescriptor = 3;        ///< where dbus-daemon writes its address
 
-// ANONYMOUS lets in a client from another user namespace, whose idea of its
-// user id the bus doesn't share.
+// ANONYMOUS lets in a client from another user namespace, whose idea of its user id the bus doesn't share.
 constexpr const char* kConfigHead =
     R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -60,8 +58,9 @@ std::runtime_error systemError(const std::string& what)
 std::string makeTemporaryDirectory()
 {
     std::string pattern = (std::filesystem::temp_directory_path() / "vexasim-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
+    if (mkdtemp(pattern.data()) == nullptr) {
         throw systemError("can't make a directory for the bus at " + pattern);
+    }
     return pattern;
 }
 
@@ -69,16 +68,18 @@ std::string makeTemporaryDirectory()
 [[noreturn]] void becomeBus(pid_t parent, const char* configuration, int report, int log)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent)
+    if (getppid() != parent) {
         _exit(1);
+    }
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     dup2(log, STDERR_FILENO);
-    if (report == kReportDescriptor)
+    if (report == kReportDescriptor) {
         fcntl(report, F_SETFD, 0);
-    else
+    } else {
         dup2(report, kReportDescriptor);
+    }
     execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", "--print-address=3",
            configuration, static_cast<char*>(nullptr));
     _exit(127);
@@ -91,9 +92,8 @@ std::string contentOf(const std::string& path)
 }
 } // namespace
 
-/// The thread that is dbus-daemon's parent. PR_SET_PDEATHSIG fires when the
-/// thread that forked ends, so the caller's thread, which may end earlier than
-/// the process, can't be the parent.
+/// The thread that is dbus-daemon's parent. PR_SET_PDEATHSIG fires when the thread that forked ends, so the
+/// caller's thread, which may end earlier than the process, can't be the parent.
 class PrivateBus::Keeper
 {
 public:
@@ -101,13 +101,15 @@ public:
         : mConfig("--config-file=" + directory + "/" + kConfigName), mLog(directory + "/" + kLogName)
     {
         std::array<int, 2> pipes{};
-        if (pipe2(pipes.data(), O_CLOEXEC) != 0)
+        if (pipe2(pipes.data(), O_CLOEXEC) != 0) {
             throw systemError("pipe");
+        }
         mThread = std::thread([this, write = pipes[1]] { keep(write); });
         const bool ready = awaitAddress(pipes[0]);
         ::close(pipes[0]);
-        if (ready)
+        if (ready) {
             return;
+        }
         mThread.join();
         throw std::runtime_error(
             "dbus-daemon doesn't start; is it installed (Debian: dbus-daemon)? It says: " + contentOf(mLog));
@@ -117,11 +119,13 @@ public:
     {
         {
             std::unique_lock lock(mMutex);
-            if (mChild > 0)
+            if (mChild > 0) {
                 kill(mChild, SIGTERM);
+            }
         }
-        if (mThread.joinable())
+        if (mThread.joinable()) {
             mThread.join();
+        }
     }
 
 private:
@@ -132,14 +136,16 @@ private:
         // The bus may be up, and be told to stop, before fork has returned here.
         std::unique_lock starting(mMutex);
         const pid_t child = fork();
-        if (child == 0)
+        if (child == 0) {
             becomeBus(parent, mConfig.c_str(), report, log);
+        }
         mChild = child;
         starting.unlock();
         ::close(log);
         ::close(report);
-        if (child < 0)
+        if (child < 0) {
             return;
+        }
         // Not reaped before its id is forgotten, so that kill can't hit another process.
         siginfo_t info{};
         while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
@@ -153,9 +159,9 @@ private:
     {
         std::array<char, 256> text{};
         ssize_t count = 0;
-        do
+        do {
             count = read(report, text.data(), text.size());
-        while (count < 0 && errno == EINTR);
+        } while (count < 0 && errno == EINTR);
         return count > 0;
     }
 
@@ -168,16 +174,18 @@ private:
 
 PrivateBus::PrivateBus(const std::string& directory) : mDirectory(directory), mTemporary(directory.empty())
 {
-    if (mTemporary)
+    if (mTemporary) {
         mDirectory = makeTemporaryDirectory();
+    }
     std::filesystem::create_directories(mDirectory);
     // A client of another user must reach the socket.
     chmod(mDirectory.c_str(), 0755);
     std::ofstream config(mDirectory + "/" + kConfigName);
     config << kConfigHead << "  <listen>" << address() << "</listen>\n" << kConfigTail;
     config.close();
-    if (!config)
+    if (!config) {
         throw std::runtime_error("can't write " + mDirectory + "/" + kConfigName);
+    }
     start();
 }
 
@@ -185,8 +193,9 @@ PrivateBus::~PrivateBus()
 {
     stop();
     std::error_code ignored;
-    if (mTemporary)
+    if (mTemporary) {
         std::filesystem::remove_all(mDirectory, ignored);
+    }
 }
 
 std::string PrivateBus::address() const
@@ -207,8 +216,9 @@ void PrivateBus::stop()
 
 void PrivateBus::start()
 {
-    if (mKeeper != nullptr)
+    if (mKeeper != nullptr) {
         return;
+    }
     unlink(socketPath().c_str()); // one left behind would keep dbus-daemon from listening
     mKeeper = std::make_unique<Keeper>(mDirectory);
 }

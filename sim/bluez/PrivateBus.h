@@ -7,15 +7,13 @@
 namespace vexasim
 {
 
-/// A dbus-daemon of one's own on a unix socket, with a policy that lets every
-/// client do everything. It dies with the process that started it. Works for
-/// root, for an ordinary user and in a user namespace.
+/// A dbus-daemon of one's own on a unix socket, with a policy that lets every client do everything. It dies
+/// with the process that started it. Works for root, for an ordinary user and in a user namespace.
 class PrivateBus
 {
 public:
-    /// The socket "bus" and the configuration lie in `directory`, or, if that
-    /// is empty, in a temporary one that the destructor removes. Throws
-    /// std::runtime_error if dbus-daemon can't be started.
+    /// The socket "bus" and the configuration lie in `directory`, or, if that is empty, in a temporary one
+    /// that the destructor removes. Throws std::runtime_error if dbus-daemon can't be started.
     explicit PrivateBus(const std::string& directory = "");
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/Scheduler.h"
-
 #include <memory>
 #include <thread>
+
+#include "sim/model/Scheduler.h"
 
 namespace vexasim
 {

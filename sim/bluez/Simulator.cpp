@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "sim/bluez/Simulator.h"
 
-#include "sim/bluez/Adapters.h"
-#include "sim/bluez/Core.h"
-#include "sim/bluez/Devices.h"
-#include "sim/bluez/Names.h"
-
 #include <algorithm>
 #include <stdexcept>
 #include <thread>
 #include <type_traits>
 #include <utility>
+
+#include "sim/bluez/Adapters.h"
+#include "sim/bluez/Core.h"
+#include "sim/bluez/Devices.h"
+#include "sim/bluez/Names.h"
 
 namespace vexasim
 {
@@ -69,13 +69,14 @@ PrivateBus* Simulator::bus()
     return mBus.get();
 }
 
-// ---- on the air
+// --- on the air ---
 
 Remote& Simulator::remote()
 {
     return *run([this] {
-        if (mCore->remotes.empty())
+        if (mCore->remotes.empty()) {
             throw std::logic_error("there is no remote on the air");
+        }
         return mCore->remotes.front();
     });
 }
@@ -100,7 +101,7 @@ std::string Simulator::announce(const std::shared_ptr<Peripheral>& peripheral, c
     return run([&] { return mCore->devices().seen(adapterPath(adapter), peripheral)->path; });
 }
 
-// ---- where things are
+// --- where things are ---
 
 std::string Simulator::adapterPath(const std::string& adapter) const
 {
@@ -128,7 +129,7 @@ std::string Simulator::updateDevicePath() const
     return devicePath(*const_cast<Simulator*>(this)->remote().update());
 }
 
-// ---- adapters
+// --- adapters ---
 
 std::string Simulator::addAdapter(const AdapterOptions& adapter)
 {
@@ -151,7 +152,7 @@ bool Simulator::discovering(const std::string& adapter) const
     return run([&] { return mCore->adapters().discovering(adapterPath(adapter)); });
 }
 
-// ---- bluetoothd as a process
+// --- bluetoothd as a process ---
 
 void Simulator::stopService(Stop how)
 {
@@ -173,13 +174,14 @@ void Simulator::takeName()
     run([&] { mCore->bus.requestName(names::kBlueZ); });
 }
 
-// ---- objects
+// --- objects ---
 
 void Simulator::addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects)
 {
     change([&] {
-        for (const auto& [path, interfaces] : objects)
+        for (const auto& [path, interfaces] : objects) {
             mCore->tree.add(path, interfaces);
+        }
     });
 }
 
@@ -198,14 +200,17 @@ void Simulator::setProperty(const std::string& path, const std::string& interfac
 {
     const bool known = run([&] {
         ObjectTree& tree = mCore->tree;
-        if (!tree.set(path, interface, property, value))
+        if (!tree.set(path, interface, property, value)) {
             return false;
-        if (emit == Emit::Yes)
+        }
+        if (emit == Emit::Yes) {
             tree.emitChanged(path, interface, {{property, value}});
+        }
         return true;
     });
-    if (!known)
+    if (!known) {
         throw std::invalid_argument("no " + interface + " on " + path);
+    }
     sync();
 }
 
@@ -214,8 +219,9 @@ void Simulator::dropProperty(const std::string& path, const std::string& interfa
 {
     change([&] {
         mCore->tree.drop(path, interface, property);
-        if (emit == Emit::Yes)
+        if (emit == Emit::Yes) {
             mCore->tree.emitChanged(path, interface, {}, {property});
+        }
     });
 }
 
@@ -247,7 +253,7 @@ void Simulator::setChildrenFirst(bool childrenFirst)
     run([&] { mCore->tree.setChildrenFirst(childrenFirst); });
 }
 
-// ---- methods
+// --- methods ---
 
 BendId Simulator::bend(const Bend& bend)
 {
@@ -264,7 +270,7 @@ void Simulator::clearBends()
     mCore->bends.clear();
 }
 
-// ---- the record
+// --- the record ---
 
 std::vector<Call> Simulator::calls() const
 {
@@ -285,9 +291,11 @@ std::vector<Call> Simulator::calls(const std::string& member, const std::string&
 {
     const CallPredicate matches = byName(member, path);
     std::vector<Call> found;
-    for (const Call& call : calls())
-        if (matches(call))
+    for (const Call& call : calls()) {
+        if (matches(call)) {
             found.push_back(call);
+        }
+    }
     return found;
 }
 
@@ -314,10 +322,12 @@ bool Simulator::awaitProperty(const std::string& path, const std::string& interf
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (true) {
         const Variant current = property(path, interface, name);
-        if (current && g_variant_equal(current.get(), value.get()) != FALSE)
+        if (current && g_variant_equal(current.get(), value.get()) != FALSE) {
             return true;
-        if (std::chrono::steady_clock::now() >= deadline)
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
             return false;
+        }
         std::this_thread::sleep_for(kPollInterval);
     }
 }

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/Remote.h"
-
 #include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "sim/model/Remote.h"
 
 namespace vexasim
 {

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <gio/gio.h>
-
 #include <cstdint>
+#include <gio/gio.h>
 #include <map>
 #include <string>
 #include <vector>
@@ -11,9 +10,8 @@
 namespace vexasim
 {
 
-/// Owner of one GVariant reference. Made from a floating GVariant it sinks it,
-/// so that a freshly built value can be handed over as it is:
-/// `setProperty(path, iface, "RSSI", g_variant_new_int16(-40))`.
+/// Owner of one GVariant reference. Made from a floating GVariant it sinks it, so that a freshly built value
+/// can be handed over as it is: `setProperty(path, iface, "RSSI", g_variant_new_int16(-40))`.
 class Variant
 {
 public:
@@ -24,10 +22,10 @@ public:
     Variant& operator=(Variant other) noexcept;
     ~Variant();
 
-    /// Parses GVariant text such as "<'a text'>" or "@(q) (7,)". Throws
-    /// std::invalid_argument with GLib's message.
+    /// Parses GVariant text such as "<'a text'>" or "@(q) (7,)". Throws std::invalid_argument with GLib's
+    /// message.
     static Variant parse(const std::string& text);
-    static Variant bytes(const std::vector<uint8_t>& bytes); ///< "ay"
+    static Variant bytes(const std::vector<std::uint8_t>& bytes); ///< "ay"
     static Variant strings(const std::vector<std::string>& texts);
 
     GVariant* get() const { return mValue; }

@@ -14,7 +14,7 @@ bool GattCharacteristic::has(const std::string& flag) const
     return std::find(flags.begin(), flags.end(), flag) != flags.end();
 }
 
-std::string uuid128(uint16_t uuid16)
+std::string uuid128(std::uint16_t uuid16)
 {
     std::array<char, 37> text{};
     std::snprintf(text.data(), text.size(), "0000%04x-0000-1000-8000-00805f9b34fb", unsigned{uuid16});
@@ -28,7 +28,7 @@ AttReply AttReply::ok(Bytes value)
     return reply;
 }
 
-AttReply AttReply::refused(uint8_t error)
+AttReply AttReply::refused(std::uint8_t error)
 {
     AttReply reply;
     reply.error = error;

@@ -9,7 +9,7 @@ namespace vexasim
 
 namespace
 {
-constexpr uint16_t kDeviceNameUuid = 0x2a00;
+constexpr std::uint16_t kDeviceNameUuid = 0x2a00;
 
 bool hasAny(const std::vector<std::string>& flags, const std::vector<std::string>& wanted)
 {
@@ -29,9 +29,10 @@ void Peripheral::setAdvertisedName(std::optional<std::string> name)
 
 std::optional<std::string> Peripheral::ownName() const
 {
-    const uint16_t handle = handleOf(uuid128(kDeviceNameUuid));
-    if (handle == 0)
+    const std::uint16_t handle = handleOf(uuid128(kDeviceNameUuid));
+    if (handle == 0) {
         return {};
+    }
     const Bytes name = value(handle);
     return std::string(name.begin(), name.end());
 }
@@ -56,17 +57,21 @@ void Peripheral::change(const std::function<void(Condition&)>& edit)
         const bool connectedBefore = mCondition.connected;
         const bool advertisedBefore = reachableLocked() && !connectedBefore;
         edit(mCondition);
-        if (!reachableLocked())
+        if (!reachableLocked()) {
             mCondition.connected = false;
+        }
         lost = connectedBefore && !mCondition.connected;
-        if (lost)
+        if (lost) {
             mSubscribed.clear();
+        }
         advertisingChanged = advertisedBefore != (reachableLocked() && !mCondition.connected);
     }
-    if (lost)
+    if (lost) {
         tell([this](PeripheralListener& listener) { listener.onLinkLost(*this); });
-    if (advertisingChanged)
+    }
+    if (advertisingChanged) {
         tell([this](PeripheralListener& listener) { listener.onAdvertisingChanged(*this); });
+    }
 }
 
 bool Peripheral::reachableLocked() const
@@ -105,8 +110,9 @@ void Peripheral::disconnect()
         mCondition.connected = false;
         mSubscribed.clear();
     }
-    if (ended)
+    if (ended) {
         tell([this](PeripheralListener& listener) { listener.onAdvertisingChanged(*this); });
+    }
 }
 
 Peripheral::Pairing Peripheral::pair()
@@ -120,8 +126,9 @@ Peripheral::Pairing Peripheral::pair()
             mForgotBond = false;
         }
     }
-    if (pairing == Pairing::DropsLink)
+    if (pairing == Pairing::DropsLink) {
         loseLink();
+    }
     return pairing;
 }
 
@@ -219,19 +226,22 @@ AttReply Peripheral::subscribe(std::uint16_t valueHandle, bool on)
     return delayed(reply);
 }
 
-bool Peripheral::subscribed(uint16_t valueHandle) const
+bool Peripheral::subscribed(std::uint16_t valueHandle) const
 {
     std::lock_guard lock(mMutex);
     return mSubscribed.count(valueHandle) != 0;
 }
 
-uint16_t Peripheral::handleOf(const std::string& uuid) const
+std::uint16_t Peripheral::handleOf(const std::string& uuid) const
 {
     std::lock_guard lock(mMutex);
-    for (const GattService& service : mOptions.services)
-        for (const GattCharacteristic& characteristic : service.characteristics)
-            if (characteristic.uuid == uuid)
+    for (const GattService& service : mOptions.services) {
+        for (const GattCharacteristic& characteristic : service.characteristics) {
+            if (characteristic.uuid == uuid) {
                 return characteristic.valueHandle;
+            }
+        }
+    }
     return 0;
 }
 
@@ -250,11 +260,12 @@ void Peripheral::setValue(std::uint16_t handle, Bytes value)
     }
 }
 
-void Peripheral::notify(uint16_t valueHandle, const Bytes& value)
+void Peripheral::notify(std::uint16_t valueHandle, const Bytes& value)
 {
     setValue(valueHandle, value);
-    if (subscribed(valueHandle))
+    if (subscribed(valueHandle)) {
         tell([&](PeripheralListener& listener) { listener.onNotification(*this, valueHandle, value); });
+    }
 }
 
 void Peripheral::addListener(const std::shared_ptr<PeripheralListener>& listener)
@@ -273,9 +284,11 @@ void Peripheral::tell(const Notice& notice)
         std::lock_guard lock(mMutex);
         listeners = mListeners;
     }
-    for (const auto& known : listeners)
-        if (const auto listener = known.lock())
+    for (const auto& known : listeners) {
+        if (const auto listener = known.lock()) {
             notice(*listener);
+        }
+    }
 }
 
 } // namespace vexasim

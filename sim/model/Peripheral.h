@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/Gatt.h"
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -15,13 +13,15 @@
 #include <utility>
 #include <vector>
 
+#include "sim/model/Gatt.h"
+
 namespace vexasim
 {
 
 class Peripheral;
 
-/// Hears of a peripheral what a radio would. Called without any lock held, on
-/// the thread that caused the event; may call the peripheral back.
+/// Hears of a peripheral what a radio would. Called without any lock held, on the thread that caused the
+/// event; may call the peripheral back.
 class PeripheralListener
 {
 public:
@@ -32,7 +32,7 @@ public:
     /// The link ended on the peripheral's side or by distance, not by Peripheral::disconnect.
     virtual void onLinkLost(Peripheral&) {}
     /// A notification to a subscribed peer, by value handle.
-    virtual void onNotification(Peripheral&, uint16_t, const Bytes&) {}
+    virtual void onNotification(Peripheral&, std::uint16_t, const Bytes&) {}
 };
 
 /// What a peripheral is before anything happens to it.
@@ -40,16 +40,15 @@ struct PeripheralOptions {
     std::string address = "C0:FF:EE:00:00:01"; ///< upper case, with colons
     bool randomAddress = false;                ///< AddressType "random" instead of "public"
     std::optional<std::string> name;           ///< none: the advertisement carries no name
-    uint16_t appearance = 0x0180;              ///< generic remote control
-    int16_t rssi = -52;                        ///< dBm
+    std::uint16_t appearance = 0x0180;         ///< generic remote control
+    std::int16_t rssi = -52;                   ///< dBm
     bool paired = false;                       ///< bonded before the story begins
     GattTable services;
 };
 
-/// One Bluetooth Low Energy peripheral as the air shows it: address, name,
-/// signal strength, link, bond and attribute table. It has no D-Bus, no thread
-/// and no clock: the simulated BlueZ and the virtual controller ask it and hear
-/// of it as PeripheralListener. Every method may be called on any thread.
+/// One Bluetooth Low Energy peripheral as the air shows it: address, name, signal strength, link, bond and
+/// attribute table. It has no D-Bus, no thread and no clock: the simulated BlueZ and the virtual controller
+/// ask it and hear of it as PeripheralListener. Every method may be called on any thread.
 class Peripheral
 {
 public:
@@ -66,7 +65,7 @@ public:
 
     explicit Peripheral(PeripheralOptions options);
 
-    // ---- who it is
+    // --- who it is ---
     std::string address() const { return mOptions.address; }
     bool randomAddress() const { return mOptions.randomAddress; }
     /// The name in the advertisement, none if it carries none.
@@ -78,7 +77,7 @@ public:
     std::int16_t rssi() const { return get(mOptions.rssi); }
     void setRssi(std::int16_t dBm);
 
-    // ---- where it is and what it does; each ends the link if that follows
+    // --- where it is and what it does; each ends the link if that follows ---
     void leave() { change(&Condition::inRange, false); }      ///< walks out of range
     void comeBack() { change(&Condition::inRange, true); }    ///< walks into range
     void sleep() { change(&Condition::asleep, true); }        ///< radio off to save the battery
@@ -103,12 +102,12 @@ public:
     /// The attribute server answers nothing any more, service discovery included.
     void setMute(bool mute) { set(mMute, mute); }
     bool mute() const { return get(mMute); }
-    /// A stack announces it as soon as it advertises, without anyone scanning
-    /// (as if some other program were).
+    /// A stack announces it as soon as it advertises, without anyone scanning (as if some other program
+    /// were).
     void setAnnouncesUnasked(bool announces) { set(mAnnouncesUnasked, announces); }
     bool announcesUnasked() const { return get(mAnnouncesUnasked); }
 
-    // ---- what a stack or a controller asks
+    // --- what a stack or a controller asks ---
     /// Present, in range and awake.
     bool reachable() const;
     /// Reachable and not connected.
@@ -123,20 +122,20 @@ public:
     GattTable services() const { return get(mOptions.services); }
     void setServices(GattTable services) { set(mOptions.services, std::move(services)); }
     /// `handle` is a value or descriptor handle. Not connected answers LinkLost.
-    AttReply read(uint16_t handle);
-    AttReply write(uint16_t handle, const Bytes& value, WriteKind kind = WriteKind::Request);
-    /// Switches notifications of a characteristic by its value handle, as a
-    /// write of its client configuration does.
-    AttReply subscribe(uint16_t valueHandle, bool on);
-    bool subscribed(uint16_t valueHandle) const;
+    AttReply read(std::uint16_t handle);
+    AttReply write(std::uint16_t handle, const Bytes& value, WriteKind kind = WriteKind::Request);
+    /// Switches notifications of a characteristic by its value handle, as a write of its client configuration
+    /// does.
+    AttReply subscribe(std::uint16_t valueHandle, bool on);
+    bool subscribed(std::uint16_t valueHandle) const;
 
-    // ---- what the firmware behind it does
+    // --- what the firmware behind it does ---
     /// Value handle of the first characteristic of that UUID, 0 if there is none.
-    uint16_t handleOf(const std::string& uuid) const;
+    std::uint16_t handleOf(const std::string& uuid) const;
     Bytes value(std::uint16_t handle) const;
-    void setValue(uint16_t handle, Bytes value);
+    void setValue(std::uint16_t handle, Bytes value);
     /// Sets the value and, if a peer is subscribed, notifies it.
-    void notify(uint16_t valueHandle, const Bytes& value);
+    void notify(std::uint16_t valueHandle, const Bytes& value);
     /// Answer instead of the stored value; an empty hook restores it.
     void onRead(std::uint16_t handle, ReadHook hook) { setHook(mReadHooks, handle, std::move(hook)); }
     /// Called instead of storing the value; an empty hook restores that.
@@ -208,7 +207,7 @@ private:
     bool mMute = false;
     bool mAnnouncesUnasked = false;
     std::chrono::milliseconds mAnswerDelay{0};
-    std::set<uint16_t> mSubscribed;
+    std::set<std::uint16_t> mSubscribed;
     Hooks<ReadHook> mReadHooks;
     Hooks<WriteHook> mWriteHooks;
     Hooks<SubscribeHook> mSubscribeHooks;

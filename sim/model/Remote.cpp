@@ -23,29 +23,29 @@ const std::string kClientConfiguration = uuid128(0x2902);
 
 namespace
 {
-constexpr uint16_t kAppearanceUuid = 0x2a01;
-constexpr uint16_t kRemoteControlAppearance = 0x0180;
+constexpr std::uint16_t kAppearanceUuid = 0x2a01;
+constexpr std::uint16_t kRemoteControlAppearance = 0x0180;
 
-// The handles of the remote's attributes. Those of the battery give the object
-// names service0010, char0011 and desc0013.
-constexpr uint16_t kGenericAccessHandle = 0x0001;
-constexpr uint16_t kBatteryHandle = 0x0010;
-constexpr uint16_t kVendorHandle = 0x0020;
-constexpr uint16_t kUpdateHandle = 0x0010;
-constexpr uint16_t kDataHandle = 0x0014;
+// The handles of the remote's attributes. Those of the battery give the object names service0010, char0011
+// and desc0013.
+constexpr std::uint16_t kGenericAccessHandle = 0x0001;
+constexpr std::uint16_t kBatteryHandle = 0x0010;
+constexpr std::uint16_t kVendorHandle = 0x0020;
+constexpr std::uint16_t kUpdateHandle = 0x0010;
+constexpr std::uint16_t kDataHandle = 0x0014;
 
-GattCharacteristic characteristic(uint16_t handle, const std::string& uuid,
+GattCharacteristic characteristic(std::uint16_t handle, const std::string& uuid,
                                   const std::vector<std::string>& flags, Bytes value = {})
 {
     GattCharacteristic result;
     result.handle = handle;
-    result.valueHandle = static_cast<uint16_t>(handle + 1);
+    result.valueHandle = static_cast<std::uint16_t>(handle + 1);
     result.uuid = uuid;
     result.flags = flags;
     result.value = std::move(value);
     if (result.has("notify")) {
         GattDescriptor configuration;
-        configuration.handle = static_cast<uint16_t>(handle + 2);
+        configuration.handle = static_cast<std::uint16_t>(handle + 2);
         configuration.uuid = uuid::kClientConfiguration;
         configuration.value = {0, 0};
         configuration.flags = {"read", "write"};
@@ -54,7 +54,7 @@ GattCharacteristic characteristic(uint16_t handle, const std::string& uuid,
     return result;
 }
 
-GattService service(uint16_t handle, uint16_t endHandle, const std::string& uuid,
+GattService service(std::uint16_t handle, std::uint16_t endHandle, const std::string& uuid,
                     std::vector<GattCharacteristic> characteristics)
 {
     GattService result;
@@ -76,14 +76,16 @@ GattService genericAccess(const std::string& name)
 GattTable normalTable(const RemoteOptions& options)
 {
     GattTable table = {genericAccess(options.name)};
-    if (options.batteryService)
+    if (options.batteryService) {
         table.push_back(
             service(kBatteryHandle, 0x0013, uuid::kBatteryService,
                     {characteristic(0x0011, uuid::kBatteryLevel, {"read", "notify"}, options.battery)}));
-    if (options.vendorService)
+    }
+    if (options.vendorService) {
         table.push_back(service(kVendorHandle, 0x0024, uuid::kVendorService,
                                 {characteristic(0x0021, uuid::kVersion, {"read"}, options.version),
                                  characteristic(0x0023, uuid::kSwitch, {"write"})}));
+    }
     return table;
 }
 
@@ -109,17 +111,18 @@ std::shared_ptr<Peripheral> makeUpdate(const RemoteOptions& options)
     return peripheral;
 }
 
-Bytes littleEndian(uint16_t value)
+Bytes littleEndian(std::uint16_t value)
 {
-    return {static_cast<uint8_t>(value & 0xff), static_cast<uint8_t>(value >> 8)};
+    return {static_cast<std::uint8_t>(value & 0xff), static_cast<std::uint8_t>(value >> 8)};
 }
 
-uint16_t runningVersion(const Bytes& bytes)
+std::uint16_t runningVersion(const Bytes& bytes)
 {
     unsigned version = 0;
-    for (std::size_t i = 0; i < bytes.size() && i < 2; ++i)
+    for (std::size_t i = 0; i < bytes.size() && i < 2; ++i) {
         version |= unsigned{bytes[i]} << (8 * i);
-    return static_cast<uint16_t>(version);
+    }
+    return static_cast<std::uint16_t>(version);
 }
 } // namespace
 
@@ -140,10 +143,12 @@ Remote::Remote(const RemoteOptions& options)
 GattTable Remote::updateTable(const UpdateAppearance& appearance) const
 {
     std::vector<GattCharacteristic> characteristics;
-    if (!appearance.withoutControlPoint)
+    if (!appearance.withoutControlPoint) {
         characteristics.push_back(characteristic(0x0011, uuid::kControlPoint, {"write", "notify"}));
-    if (!appearance.withoutData)
+    }
+    if (!appearance.withoutData) {
         characteristics.push_back(characteristic(kDataHandle, uuid::kData, mOptions.dataFlags));
+    }
     return {genericAccess(mOptions.updateName),
             service(kUpdateHandle, 0x0015, uuid::kUpdateService, std::move(characteristics))};
 }
@@ -160,7 +165,7 @@ void Remote::buildHooks()
     };
     mNormal->onWrite(mNormal->handleOf(uuid::kSwitch),
                      hook([](Remote& remote, const Bytes& bytes) { return remote.onSwitch(bytes); }));
-    const uint16_t controlPoint = mUpdate->handleOf(uuid::kControlPoint);
+    const std::uint16_t controlPoint = mUpdate->handleOf(uuid::kControlPoint);
     mUpdate->onWrite(controlPoint, hook([](Remote& remote, const Bytes& bytes) {
                          return remote.followUp(*remote.mUpdate, remote.mReceiver.commandWritten(bytes));
                      }));
@@ -187,11 +192,13 @@ void Remote::after(std::chrono::milliseconds delay, std::function<void(Remote&)>
         std::lock_guard lock(mMutex);
         schedule = mSchedule;
     }
-    if (!schedule)
+    if (!schedule) {
         return action(*this);
+    }
     schedule(delay, [weak = weak_from_this(), action = std::move(action)] {
-        if (const auto remote = weak.lock())
+        if (const auto remote = weak.lock()) {
             action(*remote);
+        }
     });
 }
 
@@ -200,7 +207,7 @@ void Remote::setBatteryBytes(const Bytes& bytes)
     mNormal->notify(mNormal->handleOf(uuid::kBatteryLevel), bytes);
 }
 
-void Remote::setVersion(uint16_t version)
+void Remote::setVersion(std::uint16_t version)
 {
     setVersionBytes(littleEndian(version));
 }
@@ -245,10 +252,11 @@ void Remote::enterUpdateMode()
     mUpdate->setPresent(!appearance().never);
 }
 
-void Remote::leaveUpdateMode(std::optional<uint16_t> version)
+void Remote::leaveUpdateMode(std::optional<std::uint16_t> version)
 {
-    if (version)
+    if (version) {
         setVersion(*version);
+    }
     mUpdate->setPresent(false);
     mNormal->setPresent(true);
 }
@@ -256,8 +264,9 @@ void Remote::leaveUpdateMode(std::optional<uint16_t> version)
 AttReply Remote::onSwitch(const Bytes& bytes)
 {
     const UpdateReceiver::Outcome outcome = mReceiver.switchWritten(bytes);
-    if (!outcome.reset)
+    if (!outcome.reset) {
         return followUp(*mNormal, outcome);
+    }
     if (appearance().beforeScan) {
         // Before the answer, so that no scan of the peer can come first.
         mUpdate->setPresent(!appearance().never);
@@ -274,10 +283,11 @@ AttReply Remote::onSwitch(const Bytes& bytes)
 
 void Remote::sendAnswers(const UpdateReceiver::Outcome& outcome)
 {
-    const uint16_t controlPoint = mUpdate->handleOf(uuid::kControlPoint);
+    const std::uint16_t controlPoint = mUpdate->handleOf(uuid::kControlPoint);
     for (const Bytes& answer : outcome.answers) {
-        if (!mUpdate->subscribed(controlPoint))
+        if (!mUpdate->subscribed(controlPoint)) {
             return;
+        }
         mReceiver.answered(answer);
         mUpdate->notify(controlPoint, answer);
     }
@@ -292,11 +302,13 @@ AttReply Remote::followUp(Peripheral& written, const UpdateReceiver::Outcome& ou
     const std::chrono::milliseconds slow = written.answerDelay();
     // Behind the answer to the write, also when that takes its time.
     const std::chrono::milliseconds behind{slow.count() > 0 ? 1 : 0};
-    if (!outcome.answers.empty())
+    if (!outcome.answers.empty()) {
         after(outcome.answerDelay + slow + behind,
               [outcome](Remote& remote) { remote.sendAnswers(outcome); });
-    if (outcome.reset && &written == mUpdate.get())
+    }
+    if (outcome.reset && &written == mUpdate.get()) {
         after(mOptions.switchTime, [](Remote& remote) { remote.reset(); });
+    }
     return outcome.reply;
 }
 
@@ -306,7 +318,7 @@ void Remote::reset()
     after(mOptions.bootTime, [](Remote& remote) {
         const auto header = remote.mReceiver.header();
         const bool renewed = remote.mReceiver.verified() && header.has_value();
-        remote.leaveUpdateMode(renewed ? std::optional<uint16_t>{header->version} : std::nullopt);
+        remote.leaveUpdateMode(renewed ? std::optional<std::uint16_t>{header->version} : std::nullopt);
     });
 }
 

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/Peripheral.h"
-#include "sim/model/UpdateReceiver.h"
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -11,6 +8,9 @@
 #include <mutex>
 #include <optional>
 #include <string>
+
+#include "sim/model/Peripheral.h"
+#include "sim/model/UpdateReceiver.h"
 
 namespace vexasim
 {
@@ -45,24 +45,23 @@ struct RemoteOptions {
     std::string address = "C0:FF:EE:00:00:01";
     std::string updateName = "BeeTgt"; ///< not VEXA..., or the box takes it for a remote
     std::string updateAddress = "C0:FF:EE:00:00:02";
-    int16_t rssi = -52;
+    std::int16_t rssi = -52;
     bool paired = false;
     Bytes battery = {80};
     Bytes version = {0xa3, 0x01}; ///< little-endian, so 0x1a3
     bool batteryService = true;
     bool vendorService = true;
-    /// BlueZ's words for the data characteristic; with "write-without-response"
-    /// alone BlueZ answers a write before the remote has it.
+    /// BlueZ's words for the data characteristic; with "write-without-response" alone BlueZ answers a write
+    /// before the remote has it.
     std::vector<std::string> dataFlags = {"write"};
     UpdateKey key = developmentKey();
     std::chrono::milliseconds switchTime{20}; ///< from the switch write to the end of the normal link
     std::chrono::milliseconds bootTime{50};   ///< off the air between the two personalities
 };
 
-/// The remote control: one device in the hand, two peripherals on the air. In
-/// normal mode normal() is present, with battery level, version and update
-/// switch; after the switch byte it goes and update() appears, which takes the
-/// image; a reset brings normal() back, with the new version if the image was
+/// The remote control: one device in the hand, two peripherals on the air. In normal mode normal() is
+/// present, with battery level, version and update switch; after the switch byte it goes and update()
+/// appears, which takes the image; a reset brings normal() back, with the new version if the image was
 /// verified. Every method may be called on any thread.
 class Remote : public std::enable_shared_from_this<Remote>
 {
@@ -82,7 +81,7 @@ public:
     UpdateReceiver& receiver() { return mReceiver; }
     const RemoteOptions& options() const { return mOptions; }
 
-    // ---- stories; of whichever personality is on the air
+    // --- stories; of whichever personality is on the air ---
     void leave() { both(&Peripheral::leave); }
     void comeBack() { both(&Peripheral::comeBack); }
     void sleep() { both(&Peripheral::sleep); }
@@ -101,13 +100,13 @@ public:
     void setVersionBytes(const Bytes& bytes);
     Bytes versionBytes() const;
 
-    // ---- the update
+    // --- the update ---
     void setUpdateAppearance(const UpdateAppearance& appearance);
     bool inUpdateMode() const;
     /// As the switch byte does, at once.
     void enterUpdateMode();
     /// As the reset command does, at once; `version` replaces the old one if given.
-    void leaveUpdateMode(std::optional<uint16_t> version = {});
+    void leaveUpdateMode(std::optional<std::uint16_t> version = {});
 
 private:
     explicit Remote(const RemoteOptions& options);

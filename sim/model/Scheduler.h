@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <glib.h>
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <glib.h>
 #include <map>
 #include <mutex>
 #include <optional>

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "sim/model/UpdateReceiver.h"
 
-#include <glib.h>
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <fstream>
+#include <glib.h>
 #include <iterator>
 #include <memory>
+#include <openssl/evp.h>
 #include <stdexcept>
 #include <utility>
 
@@ -16,15 +15,15 @@ namespace vexasim
 
 namespace
 {
-constexpr uint8_t kSwitchToUpdate = 0x01;
-constexpr uint8_t kStatusGood = 0x01;
-constexpr uint8_t kStatusBad = 0x00;
+constexpr std::uint8_t kSwitchToUpdate = 0x01;
+constexpr std::uint8_t kStatusGood = 0x01;
+constexpr std::uint8_t kStatusBad = 0x00;
 constexpr std::size_t kCipherBlock = 16;
 constexpr std::size_t kDataBlock = 20;
 constexpr std::size_t kKeyDigits = 64;
 
 struct Command {
-    uint8_t opcode;
+    std::uint8_t opcode;
     UpdateStep step;
     std::size_t length; ///< of the whole packet
     bool answered;      ///< a good remote notifies an answer
@@ -52,15 +51,16 @@ constexpr std::array<std::pair<UpdateStep, const char*>, 10> kStepWords = {{
     {UpdateStep::Reset, "reset"},
 }};
 
-uint16_t littleEndian16(const uint8_t* bytes)
+std::uint16_t littleEndian16(const std::uint8_t* bytes)
 {
-    return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+    return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
 }
 
-void append(Bytes& bytes, uint32_t value, std::size_t width)
+void append(Bytes& bytes, std::uint32_t value, std::size_t width)
 {
-    for (std::size_t i = 0; i < width; ++i)
-        bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    for (std::size_t i = 0; i < width; ++i) {
+        bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+    }
 }
 
 const Command* findCommand(const Bytes& bytes)
@@ -75,47 +75,56 @@ const Command* findCommand(const Bytes& bytes)
 UpdateKey developmentKey()
 {
     UpdateKey key{};
-    for (std::size_t i = 0; i < key.size(); ++i)
-        key[i] = static_cast<uint8_t>(i);
+    for (std::size_t i = 0; i < key.size(); ++i) {
+        key[i] = static_cast<std::uint8_t>(i);
+    }
     return key;
 }
 
 UpdateKey readKeyFile(const std::string& path)
 {
     std::ifstream file(path);
-    if (!file)
+    if (!file) {
         throw std::runtime_error("can't open the key file " + path);
+    }
     std::string text{std::istreambuf_iterator<char>(file), {}};
     text = g_strstrip(text.data());
-    if (text.size() != kKeyDigits)
+    if (text.size() != kKeyDigits) {
         throw std::runtime_error("the key file " + path + " holds " + std::to_string(text.size()) +
                                  " characters where 64 hexadecimal digits are expected");
-    if (!std::all_of(text.begin(), text.end(), [](char c) { return g_ascii_isxdigit(c) != FALSE; }))
+    }
+    if (!std::all_of(text.begin(), text.end(), [](char c) { return g_ascii_isxdigit(c) != FALSE; })) {
         throw std::runtime_error("the key file " + path + " holds something other than hexadecimal digits");
+    }
     UpdateKey key{};
-    for (std::size_t i = 0; i < key.size(); ++i)
+    for (std::size_t i = 0; i < key.size(); ++i) {
         key[i] = static_cast<std::uint8_t>(g_ascii_xdigit_value(text[2 * i]) << 4 |
                                            g_ascii_xdigit_value(text[2 * i + 1]));
+    }
     return key;
 }
 
 std::string toString(UpdateStep step)
 {
-    for (const auto& [known, word] : kStepWords)
-        if (known == step)
+    for (const auto& [known, word] : kStepWords) {
+        if (known == step) {
             return word;
+        }
+    }
     return "";
 }
 
 std::optional<UpdateStep> updateStepFrom(const std::string& word)
 {
-    for (const auto& [step, known] : kStepWords)
-        if (word == known)
+    for (const auto& [step, known] : kStepWords) {
+        if (word == known) {
             return step;
+        }
+    }
     return {};
 }
 
-ImageHeader ImageHeader::decode(const uint8_t* bytes)
+ImageHeader ImageHeader::decode(const std::uint8_t* bytes)
 {
     ImageHeader header;
     header.offset = littleEndian16(bytes);
@@ -131,8 +140,9 @@ ImageHeader ImageHeader::decode(const uint8_t* bytes)
 Bytes ImageHeader::encode() const
 {
     Bytes bytes;
-    for (const uint16_t field : {offset, signature, version, checksum, length})
+    for (const std::uint16_t field : {offset, signature, version, checksum, length}) {
         append(bytes, field, 2);
+    }
     bytes.push_back(otaFlag);
     bytes.push_back(reserved);
     return bytes;
@@ -159,8 +169,9 @@ UpdateReceiver::Outcome UpdateReceiver::switchWritten(const Bytes& bytes)
     record(UpdatePacket::Channel::Switch, false, bytes);
     Outcome outcome;
     outcome.reset = bytes == Bytes{kSwitchToUpdate};
-    if (!outcome.reset)
+    if (!outcome.reset) {
         complain("the switch wants the one byte 01");
+    }
     const auto fault = takeFault(UpdateStep::Switch);
     return fault ? apply(*fault, outcome) : outcome;
 }
@@ -170,8 +181,9 @@ UpdateReceiver::Outcome UpdateReceiver::commandWritten(const Bytes& bytes)
     std::lock_guard lock(mMutex);
     record(UpdatePacket::Channel::ControlPoint, false, bytes);
     const Command* known = findCommand(bytes);
-    if (known != nullptr)
+    if (known != nullptr) {
         return command(known->step, bytes);
+    }
     complain("an unknown command");
     return {};
 }
@@ -179,13 +191,15 @@ UpdateReceiver::Outcome UpdateReceiver::commandWritten(const Bytes& bytes)
 UpdateReceiver::Outcome UpdateReceiver::command(UpdateStep step, const Bytes& bytes)
 {
     const auto fault = takeFault(step);
-    if (fault && fault->refuse != att::kOk)
+    if (fault && fault->refuse != att::kOk) {
         return apply(*fault, {});
+    }
     Outcome outcome;
     const bool good = carryOut(step, bytes);
     const Command& known = *findCommand(bytes);
-    if (known.answered || (fault && (fault->status || fault->length || fault->copies > 1)))
+    if (known.answered || (fault && (fault->status || fault->length || fault->copies > 1))) {
         outcome.answers.push_back(answerTo(step, bytes, good));
+    }
     outcome.reset = step == UpdateStep::Reset && good;
     return fault ? apply(*fault, outcome) : outcome;
 }
@@ -193,16 +207,19 @@ UpdateReceiver::Outcome UpdateReceiver::command(UpdateStep step, const Bytes& by
 bool UpdateReceiver::carryOut(UpdateStep step, const Bytes& bytes)
 {
     mSession.complaint.clear();
-    if (bytes.size() != findCommand(bytes)->length)
+    if (bytes.size() != findCommand(bytes)->length) {
         return complain(toString(step) + ": wrong length of the packet");
+    }
     switch (step) {
     case UpdateStep::StartUpdate:
         return startUpdate(bytes);
     case UpdateStep::ImageInfo:
-        if (!mSession.header || littleEndian16(&bytes[1]) != mSession.header->signature)
+        if (!mSession.header || littleEndian16(&bytes[1]) != mSession.header->signature) {
             return complain("image-info: not the signature that was announced");
-        if (Bytes(bytes.begin() + 3, bytes.end()) != Bytes{ImageHeader::kSize, 0, 0, 0})
+        }
+        if (Bytes(bytes.begin() + 3, bytes.end()) != Bytes{ImageHeader::kSize, 0, 0, 0}) {
             return complain("image-info: the header size isn't 12");
+        }
         return true;
     case UpdateStep::Verify:
         return verify(bytes);
@@ -215,11 +232,13 @@ bool UpdateReceiver::startUpdate(const Bytes& bytes)
 {
     mSession.startBlock = decipher(&bytes[1]);
     if (!std::all_of(mSession.startBlock.begin() + ImageHeader::kSize, mSession.startBlock.end(),
-                     [](uint8_t byte) { return byte == 0; }))
+                     [](std::uint8_t byte) { return byte == 0; })) {
         return complain("start-update: no zeros behind the header; another key?");
+    }
     if (!mExpected.empty() &&
-        !std::equal(mExpected.begin(), mExpected.begin() + ImageHeader::kSize, mSession.startBlock.begin()))
+        !std::equal(mExpected.begin(), mExpected.begin() + ImageHeader::kSize, mSession.startBlock.begin())) {
         return complain("start-update: not the header of the image");
+    }
     mSession.header = ImageHeader::decode(mSession.startBlock.data());
     mSession.payload.clear();
     mSession.blocks = 0;
@@ -232,12 +251,13 @@ UpdateReceiver::Outcome UpdateReceiver::dataWritten(const Bytes& bytes)
     std::lock_guard lock(mMutex);
     record(UpdatePacket::Channel::Data, false, bytes);
     const auto fault = takeFault(UpdateStep::Data);
-    if (fault && fault->refuse != att::kOk)
+    if (fault && fault->refuse != att::kOk) {
         return apply(*fault, {});
-    if (bytes.empty() || bytes.size() > kDataBlock)
+    }
+    if (bytes.empty() || bytes.size() > kDataBlock) {
         complain("data: a block has 1 to 20 bytes");
-    // A block shorter than a cipher block comes in the clear, and so does what
-    // follows the first 16 bytes.
+    }
+    // A block shorter than a cipher block comes in the clear, and so does what follows the first 16 bytes.
     std::size_t clear = 0;
     if (bytes.size() >= kCipherBlock) {
         const Bytes plain = decipher(bytes.data());
@@ -253,20 +273,24 @@ UpdateReceiver::Outcome UpdateReceiver::dataWritten(const Bytes& bytes)
 bool UpdateReceiver::verify(const Bytes& bytes)
 {
     mSession.verified = false;
-    if (!mSession.header)
+    if (!mSession.header) {
         return complain("verify: no update was started");
-    if (littleEndian16(&bytes[1]) != mSession.header->signature)
+    }
+    if (littleEndian16(&bytes[1]) != mSession.header->signature) {
         return complain("verify: not the signature that was announced");
+    }
     // The sender doesn't cut its last block at the announced length.
     const std::size_t announced = mSession.header->payloadBytes();
-    if (mSession.payload.size() < announced || mSession.payload.size() >= announced + kDataBlock)
+    if (mSession.payload.size() < announced || mSession.payload.size() >= announced + kDataBlock) {
         return complain("verify: " + std::to_string(mSession.payload.size()) + " bytes came, " +
                         std::to_string(announced) + " were announced");
+    }
     if (!mExpected.empty()) {
         const Bytes expected(mExpected.begin() + ImageHeader::kSize, mExpected.end());
         const auto compared = static_cast<std::ptrdiff_t>(std::min(mSession.payload.size(), expected.size()));
-        if (!std::equal(expected.begin(), expected.begin() + compared, mSession.payload.begin()))
+        if (!std::equal(expected.begin(), expected.begin() + compared, mSession.payload.begin())) {
             return complain("verify: not the bytes of the image");
+        }
     }
     mSession.verified = true;
     return true;
@@ -294,41 +318,51 @@ UpdateReceiver::Outcome UpdateReceiver::apply(const UpdateFault& fault, Outcome 
     constexpr std::size_t kStatusOffset = 2;
     outcome.vanish = fault.vanish;
     outcome.reply.error = fault.refuse;
-    if (fault.noWriteReply)
+    if (fault.noWriteReply) {
         outcome.reply.kind = AttReply::Kind::NoAnswer;
-    if (fault.refuse != att::kOk)
+    }
+    if (fault.refuse != att::kOk) {
         outcome.reset = false;
+    }
     outcome.answerDelay = fault.late;
     for (Bytes& answer : outcome.answers) {
-        if (fault.status)
+        if (fault.status) {
             answer[kStatusOffset] = *fault.status;
-        if (fault.length)
+        }
+        if (fault.length) {
             answer.resize(*fault.length);
+        }
     }
-    if (!outcome.answers.empty() && fault.copies > 1)
+    if (!outcome.answers.empty() && fault.copies > 1) {
         outcome.answers.resize(fault.copies, Bytes(outcome.answers.front()));
-    if (!fault.answers.empty())
+    }
+    if (!fault.answers.empty()) {
         outcome.answers = fault.answers;
-    if (fault.silent || fault.vanish || fault.refuse != att::kOk)
+    }
+    if (fault.silent || fault.vanish || fault.refuse != att::kOk) {
         outcome.answers.clear();
+    }
     return outcome;
 }
 
 std::optional<UpdateFault> UpdateReceiver::takeFault(UpdateStep step)
 {
     const auto found = mFaults.find(step);
-    if (found == mFaults.end())
+    if (found == mFaults.end()) {
         return {};
+    }
     UpdateFault& fault = found->second;
-    if (step == UpdateStep::Data && fault.block && *fault.block != mSession.blocks)
+    if (step == UpdateStep::Data && fault.block && *fault.block != mSession.blocks) {
         return {};
+    }
     const UpdateFault taken = fault;
-    if (fault.times > 0 && --fault.times == 0)
+    if (fault.times > 0 && --fault.times == 0) {
         mFaults.erase(found);
+    }
     return taken;
 }
 
-Bytes UpdateReceiver::decipher(const uint8_t* block) const
+Bytes UpdateReceiver::decipher(const std::uint8_t* block) const
 {
     const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
                                                                                   &EVP_CIPHER_CTX_free);
@@ -337,8 +371,9 @@ Bytes UpdateReceiver::decipher(const uint8_t* block) const
     if (context == nullptr ||
         EVP_DecryptInit_ex(context.get(), EVP_aes_256_ecb(), nullptr, mKey.data(), nullptr) != 1 ||
         EVP_CIPHER_CTX_set_padding(context.get(), 0) != 1 ||
-        EVP_DecryptUpdate(context.get(), plain.data(), &length, block, int{kCipherBlock}) != 1)
+        EVP_DecryptUpdate(context.get(), plain.data(), &length, block, int{kCipherBlock}) != 1) {
         throw std::runtime_error("libcrypto doesn't decipher AES-256-ECB");
+    }
     return plain;
 }
 

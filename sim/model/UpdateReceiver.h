@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/Gatt.h"
-
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -13,16 +11,18 @@
 #include <string>
 #include <vector>
 
+#include "sim/model/Gatt.h"
+
 namespace vexasim
 {
 
-using UpdateKey = std::array<uint8_t, 32>;
+using UpdateKey = std::array<std::uint8_t, 32>;
 
 /// The published development key: bytes 00 01 02 ... 1f.
 UpdateKey developmentKey();
 
-/// Reads 64 hexadecimal digits, blanks and newlines around them allowed, from a
-/// file. Throws std::runtime_error that says what is wrong with the file.
+/// Reads 64 hexadecimal digits, blanks and newlines around them allowed, from a file. Throws
+/// std::runtime_error that says what is wrong with the file.
 UpdateKey readKeyFile(const std::string& path);
 
 /// The steps of an update at which the remote can be made to misbehave.
@@ -45,23 +45,23 @@ std::optional<UpdateStep> updateStepFrom(const std::string& word);
 
 /// What goes wrong at one step. Everything unset is as a good remote does it.
 struct UpdateFault {
-    bool silent = false;               ///< the command is carried out but not answered
-    std::chrono::milliseconds late{0}; ///< the answer comes this much later
-    std::optional<uint8_t> status;     ///< in place of the status byte
-    std::optional<std::size_t> length; ///< the answer is cut, or filled with zeros, to this many bytes
-    unsigned copies = 1;               ///< how many times the answer is sent
-    std::vector<Bytes> answers;        ///< if not empty, these are sent instead
-    uint8_t refuse = att::kOk;         ///< the write itself is refused with this code; nothing is carried out
-    bool noWriteReply = false;         ///< the write itself is never answered
-    bool vanish = false;           ///< the link ends instead of an answer, and the remote goes off the air
-    std::optional<unsigned> block; ///< Data only: only at this block, counted from 0
-    int times = -1;                ///< how often; -1: until cleared
+    bool silent = false;                ///< the command is carried out but not answered
+    std::chrono::milliseconds late{0};  ///< the answer comes this much later
+    std::optional<std::uint8_t> status; ///< in place of the status byte
+    std::optional<std::size_t> length;  ///< the answer is cut, or filled with zeros, to this many bytes
+    unsigned copies = 1;                ///< how many times the answer is sent
+    std::vector<Bytes> answers;         ///< if not empty, these are sent instead
+    std::uint8_t refuse = att::kOk; ///< the write itself is refused with this code; nothing is carried out
+    bool noWriteReply = false;      ///< the write itself is never answered
+    bool vanish = false;            ///< the link ends instead of an answer, and the remote goes off the air
+    std::optional<unsigned> block;  ///< Data only: only at this block, counted from 0
+    int times = -1;                 ///< how often; -1: until cleared
 };
 
 /// One packet as the remote saw it.
 struct UpdatePacket {
     enum class Channel { Switch, ControlPoint, Data };
-    int64_t timeUs = 0; ///< monotonic clock
+    std::int64_t timeUs = 0; ///< monotonic clock
     Channel channel = Channel::ControlPoint;
     bool fromRemote = false; ///< an answer; otherwise a write to the remote
     Bytes bytes;             ///< as on the wire
@@ -69,24 +69,23 @@ struct UpdatePacket {
 
 /// The 12 bytes at the head of an image, decoded.
 struct ImageHeader {
-    uint16_t offset = 0;
-    uint16_t signature = 0;
-    uint16_t version = 0;
-    uint16_t checksum = 0;
-    uint16_t length = 0; ///< of the payload in 32-bit words
-    uint8_t otaFlag = 0;
-    uint8_t reserved = 0;
+    std::uint16_t offset = 0;
+    std::uint16_t signature = 0;
+    std::uint16_t version = 0;
+    std::uint16_t checksum = 0;
+    std::uint16_t length = 0; ///< of the payload in 32-bit words
+    std::uint8_t otaFlag = 0;
+    std::uint8_t reserved = 0;
 
     static constexpr std::size_t kSize = 12;
     /// Needs at least 12 bytes.
-    static ImageHeader decode(const uint8_t* bytes);
+    static ImageHeader decode(const std::uint8_t* bytes);
     Bytes encode() const;
     std::size_t payloadBytes() const { return std::size_t{length} * 4; }
 };
 
-/// The receiving side of the update protocol: takes the writes, deciphers and
-/// reassembles the image, and says what is to be answered. No D-Bus, no timers.
-/// Every method may be called on any thread.
+/// The receiving side of the update protocol: takes the writes, deciphers and reassembles the image, and says
+/// what is to be answered. No D-Bus, no timers. Every method may be called on any thread.
 class UpdateReceiver
 {
 public:
@@ -102,11 +101,11 @@ public:
     explicit UpdateReceiver(const UpdateKey& key);
 
     void setKey(const UpdateKey& key) { set(mKey, key); }
-    /// The whole image file, header included, to which Verify compares what
-    /// came; empty: only the announced length is checked.
+    /// The whole image file, header included, to which Verify compares what came; empty: only the announced
+    /// length is checked.
     void setExpectedImage(const Bytes& image) { set(mExpected, image); }
     /// What GetImageInfo answers.
-    void setRunningImage(uint16_t version, uint32_t offset);
+    void setRunningImage(std::uint16_t version, std::uint32_t offset);
     void setFault(UpdateStep step, const UpdateFault& fault);
     void clearFaults() { set(mFaults, {}); }
 
@@ -119,7 +118,7 @@ public:
     /// Records an answer that was really sent.
     void answered(const Bytes& bytes);
 
-    // ---- what came
+    // --- what came ---
     std::optional<ImageHeader> header() const
     {
         return get(mSession.header);
@@ -168,15 +167,15 @@ private:
     Bytes answerTo(UpdateStep step, const Bytes& command, bool good) const;
     Outcome apply(const UpdateFault& fault, Outcome outcome) const;
     std::optional<UpdateFault> takeFault(UpdateStep step);
-    Bytes decipher(const uint8_t* block) const;
+    Bytes decipher(const std::uint8_t* block) const;
     bool complain(const std::string& text);
     void record(UpdatePacket::Channel channel, bool fromRemote, const Bytes& bytes);
 
     mutable std::mutex mMutex;
     UpdateKey mKey;
     Bytes mExpected;
-    uint16_t mRunningVersion = 0;
-    uint32_t mRunningOffset = 0;
+    std::uint16_t mRunningVersion = 0;
+    std::uint32_t mRunningOffset = 0;
     std::map<UpdateStep, UpdateFault> mFaults;
     Session mSession;
     std::vector<UpdatePacket> mPackets;

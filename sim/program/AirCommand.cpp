@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/AirCommand.h"
 
+#include <CLI/CLI.hpp>
+#include <optional>
+#include <stdexcept>
+
 #include "sim/bluez/PrivateBus.h"
 #include "sim/program/AirControl.h"
 #include "sim/program/MainLoop.h"
-
-#include <CLI/CLI.hpp>
-
-#include <optional>
-#include <stdexcept>
 
 namespace vexasim::air
 {
@@ -16,8 +15,8 @@ namespace vexasim::air
 namespace
 {
 
-// The answer to a command that ends the link needs a connection event to get
-// through, and an interval can be long.
+// The answer to a command that ends the link needs a connection event to get through, and an interval can be
+// long.
 constexpr std::chrono::milliseconds kSwitchTime{300};
 
 } // namespace
@@ -74,8 +73,9 @@ void AirCommand::run()
     prepare(*box.remotes().front().remote, mSettings);
 
     std::optional<PrivateBus> bus;
-    if (mBusAddress.empty())
+    if (mBusAddress.empty()) {
         bus.emplace(mBusDirectory);
+    }
     const std::string address = bus ? bus->address() : mBusAddress;
     const AirControl control(box, address, narrator, mSettings.files, [&loop] { loop.quit(); });
     box.plug();

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <string>
+
 #include "sim/air/AirBox.h"
 #include "sim/program/RemoteSettings.h"
-
-#include <string>
 
 namespace CLI
 {
@@ -24,8 +24,8 @@ public:
     /// The command line asks for it.
     bool chosen() const;
 
-    /// Plays until a signal or the control interface ends it. Throws
-    /// std::runtime_error or std::invalid_argument with what to do about it.
+    /// Plays until a signal or the control interface ends it. Throws std::runtime_error or
+    /// std::invalid_argument with what to do about it.
     void run();
 
 private:

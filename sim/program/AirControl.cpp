@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/AirControl.h"
 
-#include "sim/program/Dictionaries.h"
-
 #include <stdexcept>
 #include <utility>
+
+#include "sim/program/Dictionaries.h"
 
 namespace vexasim::air
 {
@@ -12,16 +12,17 @@ namespace vexasim::air
 namespace
 {
 
-// The update personality of a remote that was added by address alone gets the
-// same address with one bit flipped.
-constexpr uint8_t kUpdateAddressBit = 0x80;
+// The update personality of a remote that was added by address alone gets the same address with one bit
+// flipped.
+constexpr std::uint8_t kUpdateAddressBit = 0x80;
 
 RemoteOptions remoteOf(const std::string& address, const std::string& name)
 {
     RemoteOptions options;
     const auto own = Address::parse(address);
-    if (!own)
+    if (!own) {
         throw std::invalid_argument("'" + address + "' is not a Bluetooth address");
+    }
     Address update = *own;
     update.octets.front() ^= kUpdateAddressBit;
     options.address = own->text();

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <functional>
+#include <string>
+
 #include "sim/air/AirBox.h"
 #include "sim/program/ControlObject.h"
 #include "sim/program/RemoteMethods.h"
-
-#include <functional>
-#include <string>
 
 namespace vexasim::air
 {

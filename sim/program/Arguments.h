@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Variant.h"
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "sim/bluez/Variant.h"
 
 /// How the C++ types of the control methods' parameters look on the bus: `kType` is the D-Bus type, and
 /// `read` takes a value of that type, which GDBus has checked.

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/BlueZControl.h"
 
-#include "sim/program/Dictionaries.h"
-
 #include <stdexcept>
 #include <utility>
+
+#include "sim/program/Dictionaries.h"
 
 namespace vexasim
 {
@@ -37,7 +37,7 @@ BlueZControl::BlueZControl(Simulator& simulator, Narrator& narrator, BoxFiles fi
     mObject.publish(simulator.busAddress());
 }
 
-// ---- other devices and adapters
+// --- other devices and adapters ---
 
 void BlueZControl::addAirMethods()
 {
@@ -73,7 +73,7 @@ void BlueZControl::addAirMethods()
     });
 }
 
-// ---- bluetoothd
+// --- bluetoothd ---
 
 void BlueZControl::addServiceMethods()
 {
@@ -91,7 +91,7 @@ void BlueZControl::addServiceMethods()
     mObject.method("ClearCalls", {}, [this] { mSimulator.clearCalls(); });
 }
 
-// ---- objects on the bus
+// --- objects on the bus ---
 
 void BlueZControl::addObjectMethods()
 {

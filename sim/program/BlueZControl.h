@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Simulator.h"
-#include "sim/program/ControlObject.h"
-#include "sim/program/RemoteMethods.h"
-
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
 
+#include "sim/bluez/Simulator.h"
+#include "sim/program/ControlObject.h"
+#include "sim/program/RemoteMethods.h"
+
 namespace vexasim
 {
 
-/// The object /sim that controls a Simulator by D-Bus. Lives on the thread of
-/// the default main context, which must be iterated.
+/// The object /sim that controls a Simulator by D-Bus. Lives on the thread of the default main context, which
+/// must be iterated.
 class BlueZControl
 {
 public:

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/ControlObject.h"
 
-#include "sim/bluez/BusConnection.h"
-
 #include <stdexcept>
+
+#include "sim/bluez/BusConnection.h"
 
 namespace vexasim
 {

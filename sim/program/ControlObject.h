@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/program/Arguments.h"
-#include "sim/program/Narrator.h"
-
-#include <gio/gio.h>
-
 #include <functional>
+#include <gio/gio.h>
 #include <map>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include "sim/program/Arguments.h"
+#include "sim/program/Narrator.h"
 
 namespace vexasim
 {

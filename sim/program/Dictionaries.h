@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <string>
+
 #include "sim/air/PeripheralRadio.h"
 #include "sim/bluez/Simulator.h"
-
-#include <string>
 
 /// Reads the dictionaries and words of the control interface into the simulator's records. Each function
 /// throws std::invalid_argument that names the unknown key or word, or the value of a wrong type.

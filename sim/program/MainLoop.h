@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <glib-unix.h>
-
 #include <csignal>
+#include <glib-unix.h>
 #include <memory>
 
 namespace vexasim

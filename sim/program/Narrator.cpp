@@ -35,9 +35,11 @@ void Narrator::begin(const std::string& firstLine)
     std::printf("%s\n", firstLine.c_str());
     std::fflush(stdout);
     mBegun = true;
-    for (const std::string& what : mHeld)
-        if (!mQuiet)
+    for (const std::string& what : mHeld) {
+        if (!mQuiet) {
             print(what);
+        }
+    }
     mHeld.clear();
 }
 

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "sim/program/RemoteMethods.h"
 
-#include "sim/program/Dictionaries.h"
-
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <utility>
+
+#include "sim/program/Dictionaries.h"
 
 namespace vexasim
 {
@@ -70,8 +70,9 @@ Bytes readFile(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
     Bytes bytes{std::istreambuf_iterator<char>(file), {}};
-    if (file.bad() || !file.is_open())
+    if (file.bad() || !file.is_open()) {
         throw std::runtime_error("can't read " + path);
+    }
     return bytes;
 }
 
@@ -81,17 +82,19 @@ RemoteMethods::RemoteMethods(ControlObject& object, std::function<Remote&()> rem
     addBoxMethods();
     addRemoteMethods();
     addUpdateMethods();
-    if (!mFiles.adcFile.empty())
+    if (!mFiles.adcFile.empty()) {
         pressButton(false);
+    }
 }
 
 RemoteMethods::~RemoteMethods()
 {
-    if (mRelease != 0)
+    if (mRelease != 0) {
         g_source_remove(mRelease);
+    }
 }
 
-// ---- the box
+// --- the box ---
 
 void RemoteMethods::addBoxMethods()
 {
@@ -104,23 +107,26 @@ void RemoteMethods::addBoxMethods()
 
 void RemoteMethods::pressButton(bool pressed) const
 {
-    if (mFiles.adcFile.empty())
+    if (mFiles.adcFile.empty()) {
         throw std::runtime_error("no button: start vexasim with --adc-file");
+    }
     // Written aside and moved, so that no reader finds it empty.
     const std::string aside = mFiles.adcFile + ".new";
     std::ofstream file(aside);
     file << (pressed ? kButtonPressed : kButtonReleased) << '\n';
     file.close();
-    if (!file)
+    if (!file) {
         throw std::runtime_error("can't write " + aside);
+    }
     std::filesystem::rename(aside, mFiles.adcFile);
 }
 
 void RemoteMethods::holdButton(unsigned milliseconds)
 {
     pressButton(true);
-    if (mRelease != 0)
+    if (mRelease != 0) {
         g_source_remove(mRelease);
+    }
     mRelease = g_timeout_add(
         milliseconds,
         [](gpointer data) {
@@ -134,26 +140,30 @@ void RemoteMethods::holdButton(unsigned milliseconds)
 
 void RemoteMethods::setFlag(const std::string& flag) const
 {
-    if (flag != "pair" && flag != "reset")
+    if (flag != "pair" && flag != "reset") {
         throw std::invalid_argument("\"" + flag + "\" is no flag; flags are pair and reset");
-    if (mFiles.tmpDirectory.empty())
+    }
+    if (mFiles.tmpDirectory.empty()) {
         throw std::runtime_error("no folder for flags: start vexasim with --tmp");
+    }
     std::ofstream file(mFiles.tmpDirectory + kFlagPrefix + flag);
-    if (!file)
+    if (!file) {
         throw std::runtime_error("can't make the flag in " + mFiles.tmpDirectory);
+    }
 }
 
 void RemoteMethods::offerImage(const std::string& file)
 {
-    if (mFiles.tmpDirectory.empty())
+    if (mFiles.tmpDirectory.empty()) {
         throw std::runtime_error("no folder for the link: start vexasim with --tmp");
+    }
     mRemote().receiver().setExpectedImage(readFile(file));
     const std::string link = mFiles.tmpDirectory + kImageLink;
     std::filesystem::remove(link);
     std::filesystem::create_symlink(std::filesystem::absolute(file), link);
 }
 
-// ---- the remote
+// --- the remote ---
 
 void RemoteMethods::addRemoteMethods()
 {
@@ -188,7 +198,7 @@ void RemoteMethods::addRemoteMethods()
     mObject.method("Status", {}, [this] { return statusOf(mRemote()); }, {"status", "a{sv}"});
 }
 
-// ---- its update
+// --- its update ---
 
 void RemoteMethods::addUpdateMethods()
 {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/Remote.h"
-#include "sim/program/ControlObject.h"
-
 #include <functional>
 #include <string>
+
+#include "sim/model/Remote.h"
+#include "sim/program/ControlObject.h"
 
 namespace vexasim
 {

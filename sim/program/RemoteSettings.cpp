@@ -2,7 +2,6 @@
 #include "sim/program/RemoteSettings.h"
 
 #include <CLI/CLI.hpp>
-
 #include <stdexcept>
 
 namespace vexasim
@@ -14,9 +13,10 @@ Bytes versionBytes(const std::string& hexadecimal)
 {
     const std::string complaint = "--fw-version " + hexadecimal + ": 0 to ffff is wanted";
     const unsigned long version = wholeNumber(hexadecimal, 16, complaint);
-    if (version > 0xffff)
+    if (version > 0xffff) {
         throw std::invalid_argument(complaint);
-    return {static_cast<uint8_t>(version & 0xff), static_cast<uint8_t>(version >> 8)};
+    }
+    return {static_cast<std::uint8_t>(version & 0xff), static_cast<std::uint8_t>(version >> 8)};
 }
 } // namespace
 
@@ -25,8 +25,9 @@ unsigned long wholeNumber(const std::string& text, int base, const std::string& 
     try {
         std::size_t used = 0;
         const unsigned long value = std::stoul(text, &used, base);
-        if (used == text.size())
+        if (used == text.size()) {
             return value;
+        }
     } catch (const std::logic_error&) { // NOLINT(bugprone-empty-catch): its text helps nobody
     }
     throw std::invalid_argument(complaint);
@@ -63,20 +64,24 @@ void addBoxOptions(CLI::App& app, RemoteSettings& settings)
 
 void complete(RemoteSettings& settings)
 {
-    settings.remote.battery = {static_cast<uint8_t>(settings.battery)};
+    settings.remote.battery = {static_cast<std::uint8_t>(settings.battery)};
     settings.remote.version = versionBytes(settings.version);
-    if (!settings.keyFile.empty())
+    if (!settings.keyFile.empty()) {
         settings.remote.key = readKeyFile(settings.keyFile);
+    }
 }
 
 void prepare(Remote& remote, const RemoteSettings& settings)
 {
-    if (!settings.image.empty())
+    if (!settings.image.empty()) {
         remote.receiver().setExpectedImage(readFile(settings.image));
-    if (settings.away)
+    }
+    if (settings.away) {
         remote.leave();
-    if (settings.asleep)
+    }
+    if (settings.asleep) {
         remote.sleep();
+    }
 }
 
 } // namespace vexasim

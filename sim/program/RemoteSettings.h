@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <string>
+
 #include "sim/model/Remote.h"
 #include "sim/program/RemoteMethods.h"
-
-#include <string>
 
 namespace CLI
 {
@@ -31,12 +31,10 @@ struct RemoteSettings {
 void addRemoteOptions(CLI::App& app, RemoteSettings& settings);
 void addBoxOptions(CLI::App& app, RemoteSettings& settings);
 
-/// The whole text as a number of that base. Throws std::invalid_argument with
-/// `complaint`.
+/// The whole text as a number of that base. Throws std::invalid_argument with `complaint`.
 unsigned long wholeNumber(const std::string& text, int base, const std::string& complaint);
 
-/// Fills in `remote` what the options only say in words. Throws
-/// std::invalid_argument or std::runtime_error.
+/// Fills in `remote` what the options only say in words. Throws std::invalid_argument or std::runtime_error.
 void complete(RemoteSettings& settings);
 
 /// Brings the remote where the story begins. Throws std::runtime_error.

@@ -1,12 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "sim/bluez/Simulator.h"
-#include "sim/program/AirCommand.h"
-#include "sim/program/BlueZControl.h"
-#include "sim/program/MainLoop.h"
-#include "sim/program/RemoteSettings.h"
-
 #include <CLI/CLI.hpp>
-
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -15,6 +8,12 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "sim/bluez/Simulator.h"
+#include "sim/program/AirCommand.h"
+#include "sim/program/BlueZControl.h"
+#include "sim/program/MainLoop.h"
+#include "sim/program/RemoteSettings.h"
 
 namespace
 {
@@ -80,12 +79,13 @@ void setTiming(Timings& timings, const std::string& text)
     };
     const std::string complaint = "--timing " + text + ": NAME=MILLISECONDS is wanted, see --help";
     const auto equals = text.find('=');
-    for (const auto& [name, member] : known)
+    for (const auto& [name, member] : known) {
         if (equals != std::string::npos && text.substr(0, equals) == name) {
             timings.*member =
                 std::chrono::milliseconds{vexasim::wholeNumber(text.substr(equals + 1), 10, complaint)};
             return;
         }
+    }
     throw std::invalid_argument(complaint);
 }
 
@@ -101,20 +101,24 @@ std::string adapterAddress(std::size_t index)
 void completeAll(Settings& settings)
 {
     SimulatorOptions& options = settings.simulator;
-    if (settings.realistic)
+    if (settings.realistic) {
         options.timings = Timings::realistic();
-    for (const std::string& timing : settings.timings)
+    }
+    for (const std::string& timing : settings.timings) {
         setTiming(options.timings, timing);
+    }
     options.autoEnable = !settings.noAutoEnable;
     options.withRemote = !settings.noRemote;
     options.startService = false;
     vexasim::complete(settings);
     options.remote = settings.remote;
     options.adapters.clear();
-    if (settings.noAdapter)
+    if (settings.noAdapter) {
         return;
-    for (std::size_t i = 0; i < settings.adapters.size(); ++i)
+    }
+    for (std::size_t i = 0; i < settings.adapters.size(); ++i) {
         options.adapters.push_back({settings.adapters[i], adapterAddress(i), !settings.unpowered});
+    }
 }
 
 void play(Settings& settings)

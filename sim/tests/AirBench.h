@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/Controller.h"
-#include "sim/air/L2cap.h"
-#include "sim/air/PeripheralRadio.h"
-#include "sim/model/Remote.h"
-
 #include <algorithm>
 #include <deque>
 #include <gtest/gtest.h>
@@ -14,6 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "sim/air/Controller.h"
+#include "sim/air/L2cap.h"
+#include "sim/air/PeripheralRadio.h"
+#include "sim/model/Remote.h"
 #include "tests/kit/Hex.h"
 
 namespace vexasim::air
@@ -91,7 +90,7 @@ public:
         return true;
     }
 
-    // ---- commands
+    // --- commands ---
     /// What command complete returned behind its status, which must be success.
     template <class... Parameter>
     Bytes command(Opcode opcode, const Parameter&... parameters)
@@ -123,8 +122,9 @@ public:
         mStatus.reset();
         send(encode(hci::PacketType::Command, opcode, static_cast<std::uint8_t>(parameters.size()),
                     parameters));
-        if (!mComplete || mComplete->opcode != opcode)
+        if (!mComplete || mComplete->opcode != opcode) {
             return std::nullopt;
+        }
         return mComplete->returned;
     }
 
@@ -151,13 +151,13 @@ public:
     }
 
     /// The handle of the new link.
-    uint16_t connect(const Address& peer)
+    std::uint16_t connect(const Address& peer)
     {
         EXPECT_EQ(status(Opcode::LeCreateConnection, connectionTo(peer)), Status::Success);
         const auto complete = await<hci::ConnectionComplete>();
         EXPECT_TRUE(complete && complete->status == Status::Success && complete->peer == peer);
         mPeer = peer;
-        mHandle = complete ? complete->handle : uint16_t{0};
+        mHandle = complete ? complete->handle : std::uint16_t{0};
         return mHandle;
     }
 
@@ -170,7 +170,7 @@ public:
         return end ? std::optional(end->reason) : std::nullopt;
     }
 
-    // ---- events, each given out once
+    // --- events, each given out once ---
     template <class Packet>
     std::optional<Packet> take()
     {
@@ -194,10 +194,11 @@ public:
         return packet;
     }
 
-    // ---- upper packets on the link
+    // --- upper packets on the link ---
     void sendOn(Channel channel, const Bytes& payload)
     {
-        const Bytes frame = encode(L2capHeader{static_cast<uint16_t>(payload.size()), channel}) + payload;
+        const Bytes frame =
+            encode(L2capHeader{static_cast<std::uint16_t>(payload.size()), channel}) + payload;
         send(encode(hci::PacketType::AclData, mHandle, static_cast<std::uint16_t>(frame.size()), frame));
     }
 
@@ -227,7 +228,7 @@ public:
         return answer ? kit::toHex(*answer) : "silence";
     }
 
-    uint16_t handle() const { return mHandle; }
+    std::uint16_t handle() const { return mHandle; }
     Address peer() const { return mPeer; }
     Address self() const { return defaults().address; }
     unsigned completedPackets() const { return mCompletedPackets; }
@@ -252,14 +253,15 @@ private:
     void keepEvent(const hci::EventPacket& event)
     {
         EXPECT_EQ(event.length, event.parameters.size());
-        if (event.code == hci::EventCode::CommandComplete)
+        if (event.code == hci::EventCode::CommandComplete) {
             mComplete = decode<hci::CommandComplete>(event.parameters);
-        else if (event.code == hci::EventCode::CommandStatus)
+        } else if (event.code == hci::EventCode::CommandStatus) {
             mStatus = decode<hci::CommandStatus>(event.parameters);
-        else if (event.code == hci::EventCode::NumberOfCompletedPackets)
+        } else if (event.code == hci::EventCode::NumberOfCompletedPackets) {
             mCompletedPackets += decode<hci::CompletedPackets>(event.parameters).value().count;
-        else
+        } else {
             mEvents.push_back(encode(event.code, event.parameters));
+        }
     }
 
     void keepData(const Bytes& body)
@@ -270,8 +272,9 @@ private:
         const bool first = (acl.handleAndFlags & hci::AclPacket::kBoundaryMask) == hci::AclPacket::kStart;
         const auto packet =
             mReassembler.add({first ? LinkPacket::Start : LinkPacket::Continuation, acl.data});
-        if (packet)
+        if (packet) {
             mPackets.push_back(*packet);
+        }
     }
 
     ManualScheduler mScheduler;
@@ -282,7 +285,7 @@ private:
     Reassembler mReassembler;
     std::deque<Reassembler::Packet> mPackets;
     unsigned mCompletedPackets = 0;
-    uint16_t mHandle = 0;
+    std::uint16_t mHandle = 0;
     Address mPeer;
     Controller mController;
 };

@@ -1,24 +1,23 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/air/PairingToolbox.h"
-
 #include <algorithm>
 #include <optional>
 #include <string>
 
+#include "sim/air/PairingToolbox.h"
 #include "sim/tests/AirBench.h"
 
 namespace vexasim::air
 {
 
-/// The box's security manager, played by the test: the initiator of a pairing,
-/// packet by packet, so that a test can go wrong at any of them.
+/// The box's security manager, played by the test: the initiator of a pairing, packet by packet, so that a
+/// test can go wrong at any of them.
 class Initiator
 {
 public:
-    static constexpr uint8_t kEncryptionKey = 1;
-    static constexpr uint8_t kIdentityKey = 2;
+    static constexpr std::uint8_t kEncryptionKey = 1;
+    static constexpr std::uint8_t kIdentityKey = 2;
 
     explicit Initiator(ScriptedHost& host) : mHost(host) {}
 
@@ -35,19 +34,21 @@ public:
         return answer ? kit::toHex(*answer) : "silence";
     }
 
-    // ---- both ways of pairing begin alike
+    // --- both ways of pairing begin alike ---
     /// "Just works", bonding, keys of 16 bytes.
-    std::string request(bool secure, uint8_t ownKeys = kIdentityKey,
-                        uint8_t theirKeys = kEncryptionKey | kIdentityKey)
+    std::string request(bool secure, std::uint8_t ownKeys = kIdentityKey,
+                        std::uint8_t theirKeys = kEncryptionKey | kIdentityKey)
     {
-        mRequest = {0x01, 0x03, 0x00, static_cast<uint8_t>(secure ? 0x09 : 0x01), 16, ownKeys, theirKeys};
+        mRequest = {0x01, 0x03,    0x00,     static_cast<std::uint8_t>(secure ? 0x09 : 0x01),
+                    16,   ownKeys, theirKeys};
         const std::string answer = exchange(Bytes(mRequest.begin(), mRequest.end()));
-        if (mLast.size() == mResponse.size())
+        if (mLast.size() == mResponse.size()) {
             std::copy(mLast.begin(), mLast.end(), mResponse.begin());
+        }
         return answer;
     }
 
-    // ---- legacy
+    // --- legacy ---
     /// Commits; true if the peripheral commits in turn.
     bool commit()
     {
@@ -59,21 +60,23 @@ public:
     bool open()
     {
         exchange(packet(0x04, mRandom));
-        if (!takeValue(0x04, mTheirRandom))
+        if (!takeValue(0x04, mTheirRandom)) {
             return false;
+        }
         key = s1({}, mTheirRandom, mRandom);
         return c1({}, mTheirRandom, mRequest, mResponse, mHost.self(), mHost.peer()) == mTheirConfirm;
     }
 
-    // ---- secure connections
+    // --- secure connections ---
     /// Exchanges public keys; true if the peripheral sent a good one and a commitment.
     bool exchangeKeys()
     {
         const Point own = mPair.publicKey();
         mOwnX = swapped(own.x);
         exchange(encode(std::uint8_t{0x0c}, mOwnX, swapped(own.y)));
-        if (mLast.size() != 65 || mLast.front() != 0x0c)
+        if (mLast.size() != 65 || mLast.front() != 0x0c) {
             return false;
+        }
         Point theirs;
         std::tie(std::ignore, theirs.x, theirs.y) = decodeFields<std::uint8_t, Scalar, Scalar>(mLast).value();
         mTheirX = theirs.x;
@@ -87,8 +90,9 @@ public:
     {
         mRandom = randomArray<16>();
         exchange(packet(0x04, mRandom));
-        if (!takeValue(0x04, mTheirRandom))
+        if (!takeValue(0x04, mTheirRandom)) {
             return false;
+        }
         const auto keys = f5(mSecret, mRandom, mTheirRandom, mHost.self(), mHost.peer());
         mMacKey = keys.macKey;
         key = keys.longTermKey;
@@ -106,7 +110,7 @@ public:
                             mHost.peer(), mHost.self());
     }
 
-    // ---- the end, and what comes of it
+    // --- the end, and what comes of it ---
     void startEncryption()
     {
         EXPECT_EQ(mHost.status(hci::Opcode::LeStartEncryption, mHost.handle(), random, diversifier, key),
@@ -162,12 +166,12 @@ public:
         exchangeBondingKeys();
     }
 
-    static Bytes packet(uint8_t code, const Key128& value) { return encode(code, value); }
+    static Bytes packet(std::uint8_t code, const Key128& value) { return encode(code, value); }
 
     /// What encrypts the next link.
     Key128 key{};
-    uint64_t random = 0;
-    uint16_t diversifier = 0;
+    std::uint64_t random = 0;
+    std::uint16_t diversifier = 0;
     /// Of a peripheral with a private address.
     Key128 identityKey{};
     Address identity;
@@ -178,18 +182,19 @@ private:
         std::reverse(scalar.begin(), scalar.end());
         return scalar;
     }
-    bool takeValue(uint8_t code, Key128& value)
+    bool takeValue(std::uint8_t code, Key128& value)
     {
-        if (mLast.size() != 17 || mLast.front() != code)
+        if (mLast.size() != 17 || mLast.front() != code) {
             return false;
+        }
         std::copy(mLast.begin() + 1, mLast.end(), value.begin());
         return true;
     }
 
     ScriptedHost& mHost;
     Bytes mLast;
-    std::array<uint8_t, 7> mRequest{};
-    std::array<uint8_t, 7> mResponse{};
+    std::array<std::uint8_t, 7> mRequest{};
+    std::array<std::uint8_t, 7> mResponse{};
     Key128 mRandom{};
     Key128 mTheirRandom{};
     Key128 mTheirConfirm{};

@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: MIT
-// The peripheral's attribute server, asked in the bytes of the protocol over a
-// whole link.
+// The peripheral's attribute server, asked in the bytes of the protocol over a whole link.
 #include "sim/air/AttributeTable.h"
-
 #include "sim/tests/AirBench.h"
 #include "sim/tests/AirInitiator.h"
 #include "tests/kit/NamedCase.h"
 
-namespace
+namespace vexasim::air
 {
 
-using namespace vexasim;
-using namespace vexasim::air;
+namespace
+{
 
 const Address kRemote = Address::parse("C0:FF:EE:00:00:01").value();
 
@@ -29,10 +27,13 @@ protected:
     void allowOnlyEncrypted(const std::string& uuid, const std::string& flag)
     {
         auto services = remote->normal()->services();
-        for (auto& service : services)
-            for (auto& characteristic : service.characteristics)
-                if (characteristic.uuid == uuid)
+        for (auto& service : services) {
+            for (auto& characteristic : service.characteristics) {
+                if (characteristic.uuid == uuid) {
                     characteristic.flags.push_back(flag);
+                }
+            }
+        }
         remote->normal()->setServices(services);
         reconnect();
     }
@@ -51,7 +52,7 @@ protected:
 
 } // namespace
 
-// ---- what it answers as it stands, without a bond or a subscription
+// --- what it answers as it stands, without a bond or a subscription ---
 
 namespace
 {
@@ -120,7 +121,7 @@ INSTANTIATE_TEST_SUITE_P(
                   {"d2 1200 00", "silence"}}}),
     kit::named);
 
-// ---- discovery
+// --- discovery ---
 
 TEST_F(AnAttributeServer, KeepsLongAndShortUuidsApart)
 {
@@ -134,7 +135,7 @@ TEST_F(AnAttributeServer, KeepsLongAndShortUuidsApart)
     EXPECT_EQ(host.ask("04 1200 1300"), "0502120012a24d2efe14488e93d2173c87640000");
 }
 
-// ---- reading
+// --- reading ---
 
 TEST_F(AnAttributeServer, GivesTheBatteryLevel)
 {
@@ -146,12 +147,13 @@ TEST_F(AnAttributeServer, GivesTheBatteryLevel)
 TEST_F(AnAttributeServer, CutsALongValueAndGivesTheRestInPieces)
 {
     Bytes value(50);
-    for (size_t i = 0; i < value.size(); ++i)
-        value[i] = static_cast<uint8_t>(i);
+    for (size_t i = 0; i < value.size(); ++i) {
+        value[i] = static_cast<std::uint8_t>(i);
+    }
     remote->setVersionBytes(value);
     const auto from = [&](size_t begin, size_t end) {
         return kit::toHex(Bytes(value.begin() + static_cast<std::ptrdiff_t>(begin),
-                           value.begin() + static_cast<std::ptrdiff_t>(end)));
+                                value.begin() + static_cast<std::ptrdiff_t>(end)));
     };
     EXPECT_EQ(host.ask("0a 2200"), "0b" + from(0, 22));
     EXPECT_EQ(host.ask("0c 2200 1600"), "0d" + from(22, 44));
@@ -160,7 +162,7 @@ TEST_F(AnAttributeServer, CutsALongValueAndGivesTheRestInPieces)
     EXPECT_EQ(host.ask("0c 2200 3300"), "010c220007");
 }
 
-// ---- writing and notifying
+// --- writing and notifying ---
 
 TEST_F(AnAttributeServer, TakesAWriteAndAnswersIt)
 {
@@ -225,7 +227,7 @@ TEST_F(AnAttributeServer, ForgetsSubscriptionsWithTheLink)
     EXPECT_EQ(host.ask("0a 1300"), "0b0000");
 }
 
-// ---- how it behaves
+// --- how it behaves ---
 
 TEST_F(AnAttributeServer, DemandsEncryptionWhereItIsNeeded)
 {
@@ -254,12 +256,13 @@ TEST_F(AnAttributeServer, AnswersLateWhenItIsSlow)
     EXPECT_GE(host.scheduler().now() - before, std::chrono::seconds(2));
 }
 
-// ---- the table's parts
+// --- the table's parts ---
 
 TEST(AUuid, IsShortIfItIsOfTheBluetoothBase)
 {
     EXPECT_EQ(kit::toHex(uuidBytes("0000180f-0000-1000-8000-00805f9b34fb")), "0f18");
-    EXPECT_EQ(kit::toHex(uuidBytes("00006487-3C17-d293-8e48-14fe2e4da212")), "12a24d2efe14488e93d2173c87640000");
+    EXPECT_EQ(kit::toHex(uuidBytes("00006487-3C17-d293-8e48-14fe2e4da212")),
+              "12a24d2efe14488e93d2173c87640000");
     EXPECT_EQ(uuidBytes("0001180f-0000-1000-8000-00805f9b34fb").size(), 16U);
 }
 
@@ -269,3 +272,5 @@ TEST(AUuid, IsRefusedIfItIsMalformed)
     EXPECT_THROW(uuidBytes("180f"), std::invalid_argument);
     EXPECT_THROW(uuidBytes("0000180x-0000-1000-8000-00805f9b34fb"), std::invalid_argument);
 }
+
+} // namespace vexasim::air

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The simulated BlueZ bent in every way that tests of a client want.
-#include "sim/bluez/Simulator.h"
-#include "tests/kit/Bus.h"
-
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <future>
 #include <thread>
+
+#include "sim/bluez/Simulator.h"
+#include "tests/kit/Bus.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -37,7 +36,7 @@ protected:
     kit::BusClient client{sim.busAddress()};
 };
 
-// ---- methods
+// --- methods ---
 
 TEST_F(ABentBlueZ, AnswersWithAnErrorAsOftenAsAsked)
 {
@@ -125,7 +124,7 @@ TEST_F(ABentBlueZ, LetsTheNewestBendRuleAndStraightens)
     EXPECT_EQ(client.call(kAdapter, kStop).error, "");
 }
 
-// ---- objects and signals
+// --- objects and signals ---
 
 TEST_F(ABentBlueZ, ShowsAnyObjectAtAnyPath)
 {
@@ -154,9 +153,11 @@ TEST_F(ABentBlueZ, AnnouncesGattChildrenFirst)
     client.clearSignals();
     ASSERT_EQ(client.call(kDevice, "org.bluez.Device1.Pair").error, "");
     std::vector<std::string> added;
-    for (const std::string& line : client.story())
-        if (line.rfind("InterfacesAdded", 0) == 0 && line.find("/service") != std::string::npos)
+    for (const std::string& line : client.story()) {
+        if (line.rfind("InterfacesAdded", 0) == 0 && line.find("/service") != std::string::npos) {
             added.push_back(line.substr(line.rfind('/') + 1));
+        }
+    }
     EXPECT_THAT(added,
                 ElementsAre("char0023", "char0021", "service0020", "desc0013", "char0011", "service0010"));
 }
@@ -230,7 +231,7 @@ TEST_F(ABentBlueZ, HasRoomForOtherDevices)
     EXPECT_TRUE(client.await("/", "InterfacesRemoved", "AA_BB_CC_DD_EE_FF"));
 }
 
-// ---- the record
+// --- the record ---
 
 TEST_F(ABentBlueZ, RecordsEveryCall)
 {

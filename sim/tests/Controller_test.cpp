@@ -1,27 +1,26 @@
 // SPDX-License-Identifier: MIT
 // The box's controller, driven by a scripted host, and its transport to the kernel.
-#include "sim/air/VhciTransport.h"
-
+#include <algorithm>
+#include <array>
+#include <bitset>
+#include <cstddef>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <bitset>
-#include <cstddef>
-#include <thread>
-
+#include "sim/air/VhciTransport.h"
 #include "sim/tests/AirBench.h"
+
+namespace vexasim::air
+{
 
 namespace
 {
 
-using namespace vexasim;
-using namespace vexasim::air;
 using hci::Opcode;
 using hci::Status;
 
@@ -54,9 +53,10 @@ protected:
     {
         std::vector<std::string> reports;
         host.pass(duration);
-        while (const auto report = host.take<hci::AdvertisingReport>())
+        while (const auto report = host.take<hci::AdvertisingReport>()) {
             reports.push_back(report->address.text() + " " + std::to_string(static_cast<int>(report->type)) +
                               " " + kit::toHex(report->dataAndRssi));
+        }
         return reports;
     }
 
@@ -66,7 +66,7 @@ protected:
 
 } // namespace
 
-// ---- set-up
+// --- set-up ---
 
 TEST_F(AController, AnswersEverythingThatTheKernelAsksAtItsStart)
 {
@@ -141,11 +141,11 @@ TEST_F(AController, DropsWhatIsNoPacket)
 TEST_F(AController, EnciphersWithTheKeyGiven)
 {
     EXPECT_EQ(kit::toHex(host.command(Opcode::LeEncrypt, kit::fromHex("0f0e0d0c0b0a09080706050403020100"),
-                                 kit::fromHex("ffeeddccbbaa99887766554433221100"))),
+                                      kit::fromHex("ffeeddccbbaa99887766554433221100"))),
               "5ac5b47080b7cdd830047b6ad8e0c469");
 }
 
-// ---- scanning
+// --- scanning ---
 
 TEST_F(AController, ReportsAdvertisementAndScanResponse)
 {
@@ -231,8 +231,9 @@ TEST_F(AController, ReportsOnlyTheAcceptListWhenAsked)
     host.command(Opcode::LeAddToAcceptList, kStranger);
     host.scan(true, false, true, true);
     EXPECT_EQ(host.status(Opcode::LeRemoveFromAcceptList, kStranger), Status::CommandDisallowed);
-    for (const auto& report : reportsWithin(std::chrono::seconds(2)))
+    for (const auto& report : reportsWithin(std::chrono::seconds(2))) {
         EXPECT_EQ(report.substr(0, 17), kStranger.text());
+    }
 }
 
 TEST_F(AController, KeepsSixteenAddressesInItsAcceptList)
@@ -263,7 +264,7 @@ TEST_F(AController, IsIdleWhileNobodyListens)
     EXPECT_FALSE(host.scheduler().step(host.scheduler().now() + std::chrono::hours(1)));
 }
 
-// ---- links
+// --- links ---
 
 TEST_F(AController, ConnectsToTheAddressGiven)
 {
@@ -371,7 +372,7 @@ TEST_F(AController, LosesItsLinksAtAReset)
 TEST_F(AController, SurvivesAPeripheralThatIsTakenOffTheAir)
 {
     addRemote();
-    const uint16_t handle = host.connect(kRemote);
+    const std::uint16_t handle = host.connect(kRemote);
     host.pass(std::chrono::seconds(1));
     radios.clear();
     EXPECT_EQ(kit::toHex(host.command(Opcode::ReadRssi, handle)), "40007f");
@@ -381,7 +382,7 @@ TEST_F(AController, SurvivesAPeripheralThatIsTakenOffTheAir)
 TEST_F(AController, AsksThePeripheralForFeaturesAndVersion)
 {
     addRemote();
-    const uint16_t handle = host.connect(kRemote);
+    const std::uint16_t handle = host.connect(kRemote);
     EXPECT_EQ(host.status(Opcode::LeReadRemoteFeatures, handle), Status::Success);
     EXPECT_EQ(host.status(Opcode::ReadRemoteVersion, handle), Status::Success);
     const auto features = host.await<hci::RemoteFeatures>();
@@ -393,7 +394,7 @@ TEST_F(AController, AsksThePeripheralForFeaturesAndVersion)
 TEST_F(AController, ChangesTheIntervalOfALink)
 {
     addRemote();
-    const uint16_t handle = host.connect(kRemote);
+    const std::uint16_t handle = host.connect(kRemote);
     EXPECT_EQ(host.status(Opcode::LeConnectionUpdate, handle, hci::ConnectionParameters{6, 17, 0, 500, 0, 0}),
               Status::Success);
     const auto update = host.await<hci::ConnectionUpdateComplete>();
@@ -410,12 +411,13 @@ TEST_F(AController, UsesLongPacketsWithAPeripheralThatTakesThem)
     radio.maximumPayload = 251;
     addRemote(radio);
     host.command(Opcode::LeWriteDefaultDataLength, std::uint16_t{100}, std::uint16_t{912});
-    const uint16_t handle = host.connect(kRemote);
+    const std::uint16_t handle = host.connect(kRemote);
     auto change = host.await<hci::DataLengthChange>();
     ASSERT_TRUE(change);
     EXPECT_EQ(change->sendOctets, 100);
-    EXPECT_EQ(kit::toHex(host.command(Opcode::LeSetDataLength, handle, std::uint16_t{251}, std::uint16_t{2120})),
-              "4000");
+    EXPECT_EQ(
+        kit::toHex(host.command(Opcode::LeSetDataLength, handle, std::uint16_t{251}, std::uint16_t{2120})),
+        "4000");
     change = host.await<hci::DataLengthChange>();
     ASSERT_TRUE(change);
     EXPECT_EQ(change->sendOctets, 251);
@@ -425,11 +427,12 @@ TEST_F(AController, UsesLongPacketsWithAPeripheralThatTakesThem)
 TEST_F(AController, GivesBackEachBufferWhenItsPacketHasArrived)
 {
     addRemote();
-    const uint16_t handle = host.connect(kRemote);
+    const std::uint16_t handle = host.connect(kRemote);
     // Nothing that the peripheral would answer: only the buffers matter.
     const Bytes packet = encode(hci::PacketType::AclData, handle, std::uint16_t{100}, Bytes(100));
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 8; ++i) {
         host.send(packet);
+    }
     EXPECT_EQ(host.completedPackets(), 0U);
     // Four pieces of 27 bytes each, four pieces to the event of 30 ms.
     host.pass(std::chrono::milliseconds(35));
@@ -437,7 +440,7 @@ TEST_F(AController, GivesBackEachBufferWhenItsPacketHasArrived)
     EXPECT_TRUE(host.until([&] { return host.completedPackets() == 8; }));
 }
 
-// ---- the kernel's device
+// --- the kernel's device ---
 
 namespace
 {
@@ -557,3 +560,5 @@ TEST(AMissingVirtualController, SaysWhatIsMissing)
                                    "kernel's module hci_vhci (modprobe hci_vhci)");
     }
 }
+
+} // namespace vexasim::air

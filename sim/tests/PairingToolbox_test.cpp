@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The ciphers of the air against the sample data of the Bluetooth core
-// documents and of the standards they stand on.
-#include "sim/air/LinkCipher.h"
+// The ciphers of the air against the sample data of the Bluetooth core documents and of the standards they
+// stand on.
 #include "sim/air/PairingToolbox.h"
 
 #include <algorithm>
@@ -9,12 +8,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "sim/air/LinkCipher.h"
 #include "tests/kit/Hex.h"
+
+namespace vexasim::air
+{
 
 namespace
 {
-
-using namespace vexasim::air;
 
 /// As the documents print it: the most significant octet first.
 template <class Array>
@@ -22,8 +23,9 @@ Array printed(const std::string& hex)
 {
     const auto bytes = kit::fromHex(hex);
     Array array{};
-    if (bytes.size() != array.size())
+    if (bytes.size() != array.size()) {
         throw std::invalid_argument("wrong size: " + hex);
+    }
     std::copy(bytes.begin(), bytes.end(), array.begin());
     return array;
 }
@@ -78,7 +80,7 @@ EncryptionHalves sampleHalves()
 
 } // namespace
 
-// ---- the standards
+// --- the standards ---
 
 TEST(Aes, EnciphersTheBlockOfTheStandard)
 {
@@ -99,7 +101,7 @@ TEST(AesCmac, AnswersAsRfc4493Prints)
     EXPECT_EQ(kit::toHex(aesCmac(k, kit::fromHex(fourth))), "51f0bebf7e3b9d92fc49741779363cfe");
 }
 
-// ---- key agreement, Bluetooth Core 5.3, Vol 2, G 7.1.2
+// --- key agreement, Bluetooth Core 5.3, Vol 2, G 7.1.2 ---
 
 TEST(KeyAgreement, GivesBothTheSecretOfTheSampleData)
 {
@@ -127,12 +129,12 @@ TEST(KeyAgreement, MakesAnotherPairEachTime)
     EXPECT_FALSE(KeyPair().publicKey() == KeyPair().publicKey());
 }
 
-// ---- legacy pairing, Vol 3, H 2.2
+// --- legacy pairing, Vol 3, H 2.2 ---
 
 TEST(LegacyPairing, ConfirmsAsTheSampleData)
 {
-    const std::array<uint8_t, 7> request = onAir<std::array<uint8_t, 7>>("07071000000101");
-    const std::array<uint8_t, 7> response = onAir<std::array<uint8_t, 7>>("05000800000302");
+    const std::array<std::uint8_t, 7> request = onAir<std::array<std::uint8_t, 7>>("07071000000101");
+    const std::array<std::uint8_t, 7> response = onAir<std::array<std::uint8_t, 7>>("05000800000302");
     const auto confirm = c1({}, key("5783d52156ad6f0e6388274ec6702ee0"), request, response,
                             address("A1:A2:A3:A4:A5:A6", AddressKind::Random), address("B1:B2:B3:B4:B5:B6"));
     EXPECT_EQ(print(confirm), "1e1e3fef878988ead2a74dc5bef13b86");
@@ -144,7 +146,7 @@ TEST(LegacyPairing, MakesTheShortTermKeyOfTheSampleData)
     EXPECT_EQ(print(k), "9a1fe1f0e8b0f49b5b4216ae796da062");
 }
 
-// ---- secure connections, Vol 3, H, sample data of the toolbox
+// --- secure connections, Vol 3, H, sample data of the toolbox ---
 
 TEST(SecureConnections, ConfirmsAsTheSampleData)
 {
@@ -163,18 +165,19 @@ TEST(SecureConnections, MakesTheKeysOfTheSampleData)
 TEST(SecureConnections, ProvesAsTheSampleData)
 {
     const auto proof = f6(key(kMacKey), key(kNumber1), key(kNumber2), key("12a3343bb453bb5408da42d20c2d0fc8"),
-                          onAir<std::array<uint8_t, 3>>("010102"), address("56:12:37:37:BF:CE"),
+                          onAir<std::array<std::uint8_t, 3>>("010102"), address("56:12:37:37:BF:CE"),
                           address("A7:13:70:2D:CF:C1"));
     EXPECT_EQ(print(proof), "e3c473989cd0e8c5d26c0b09da958f61");
 }
 
 TEST(PrivateAddress, HashesAsTheSampleData)
 {
-    const auto hash = ah(key("ec0234a357c8ad05341010a60a397d9b"), onAir<std::array<uint8_t, 3>>("708194"));
+    const auto hash =
+        ah(key("ec0234a357c8ad05341010a60a397d9b"), onAir<std::array<std::uint8_t, 3>>("708194"));
     EXPECT_EQ(print(hash), "0dfbaa");
 }
 
-// ---- the encrypted link, Vol 6, C 1
+// --- the encrypted link, Vol 6, C 1 ---
 
 TEST(EncryptedLink, HasTheSessionKeyOfTheSampleData)
 {
@@ -193,14 +196,15 @@ TEST(EncryptedLink, SealsThePacketsOfTheSampleData)
 
     const std::string message = "cdefghijklmnopq1234567890";
     const LinkPacket data{LinkPacket::Start, Bytes{0x17, 0x00} + Bytes(message.begin(), message.end())};
-    EXPECT_EQ(kit::toHex(central.seal(data)), "7a70d66415226df26b17839a060405596bd6564f796b5b9ce6ff32f75a6d33");
+    EXPECT_EQ(kit::toHex(central.seal(data)),
+              "7a70d66415226df26b17839a060405596bd6564f796b5b9ce6ff32f75a6d33");
 }
 
 TEST(EncryptedLink, OpensWhatTheOtherEndSealed)
 {
     LinkCipher central(LinkCipher::End::Central, kLinkKey, sampleHalves());
     LinkCipher peripheral(LinkCipher::End::Peripheral, kLinkKey, sampleHalves());
-    for (uint8_t i = 0; i < 3; ++i) {
+    for (std::uint8_t i = 0; i < 3; ++i) {
         const LinkPacket down{LinkPacket::Start, {i, 1, 2}};
         const LinkPacket up{LinkPacket::Continuation, {i, 3}};
         EXPECT_EQ(peripheral.open({down.kind, central.seal(down)}), down.payload);
@@ -222,3 +226,5 @@ TEST(EncryptedLink, RefusesAnotherKeyAChangedPacketAndALostOne)
     LinkCipher late(LinkCipher::End::Peripheral, kLinkKey, sampleHalves());
     EXPECT_FALSE(late.open({packet.kind, sender.seal(packet)}));
 }
+
+} // namespace vexasim::air

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
 // Whole stories of a remote on the air, as a box lives through them.
-#include "sim/air/L2cap.h"
-
 #include <set>
 
+#include "sim/air/L2cap.h"
 #include "sim/tests/AirBench.h"
 #include "sim/tests/AirInitiator.h"
+
+namespace vexasim::air
+{
 
 namespace
 {
 
-using namespace vexasim;
-using namespace vexasim::air;
 using hci::Opcode;
 using hci::Status;
 
@@ -46,8 +46,9 @@ protected:
         host.scan(true, false);
         host.pass(std::chrono::seconds(1));
         host.scan(false);
-        while (const auto report = host.take<hci::AdvertisingReport>())
+        while (const auto report = host.take<hci::AdvertisingReport>()) {
             addresses.insert(report->address.text());
+        }
         return addresses;
     }
 
@@ -79,8 +80,9 @@ TEST_F(ARemoteOnTheAir, ReadsAndNotifiesOverAnEncryptedLinkWithOtherBytesOnTheAi
 {
     host.connect(kNormal);
     Initiator(host).pairLegacy();
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         ASSERT_EQ(host.ask("0a 1200"), "0b50");
+    }
     EXPECT_EQ(host.ask("12 1300 0100"), "13");
     remote->setBattery(5);
     EXPECT_EQ(kit::toHex(host.awaitOn(Channel::Attributes).value()), "1b120005");
@@ -124,8 +126,9 @@ TEST_F(ARemoteOnTheAir, KeepsTheIntervalOfItsLink)
 {
     host.connect(kNormal);
     const auto begin = host.scheduler().now();
-    for (int i = 0; i < 10; ++i)
+    for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(host.ask("0a 1200"), "0b50");
+    }
     // A request with one event, its answer with the next, 30 ms apart.
     EXPECT_GE(host.scheduler().now() - begin, std::chrono::milliseconds(570));
     EXPECT_LE(host.scheduler().now() - begin, std::chrono::milliseconds(630));
@@ -199,7 +202,7 @@ TEST(AHurriedAir, AnswersWithinMilliseconds)
     EXPECT_LE(host.scheduler().now() - begin, std::chrono::milliseconds(3));
 }
 
-// ---- packets in pieces
+// --- packets in pieces ---
 
 TEST(APacketInPieces, IsPutTogether)
 {
@@ -223,3 +226,5 @@ TEST(APacketInPieces, IsDroppedIfItIsTooLongOrItsBeginningIsMissing)
     EXPECT_FALSE(reassembler.add({LinkPacket::Start, kit::fromHex("0100")}));
     EXPECT_TRUE(reassembler.add({LinkPacket::Start, kit::fromHex("01000400aa")}));
 }
+
+} // namespace vexasim::air

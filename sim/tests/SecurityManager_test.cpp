@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
-// The peripheral's security manager against an initiator played by the test,
-// over a whole link: HCI, connection events, channels.
+// The peripheral's security manager against an initiator played by the test, over a whole link: HCI,
+// connection events, channels.
 #include "sim/tests/AirBench.h"
 #include "sim/tests/AirInitiator.h"
+
+namespace vexasim::air
+{
 
 namespace
 {
 
-using namespace vexasim;
-using namespace vexasim::air;
 using hci::Status;
 
 const Address kRemote = Address::parse("C0:FF:EE:00:00:01").value();
@@ -59,7 +60,7 @@ protected:
 
 } // namespace
 
-// ---- the two ways
+// --- the two ways ---
 
 TEST_F(APairing, WorksTheLegacyWay)
 {
@@ -106,7 +107,7 @@ TEST_F(APairing, EndsAtOnceWhenNoKeysAreExchanged)
     EXPECT_TRUE(remote->paired());
 }
 
-// ---- the bond
+// --- the bond ---
 
 TEST_F(APairing, LeavesAKeyForTheNextLink)
 {
@@ -169,7 +170,7 @@ TEST_F(APairing, IsUnknownUnderOtherNumbers)
     EXPECT_EQ(initiator.encrypt(), Status::KeyMissing);
 }
 
-// ---- how the peripheral behaves
+// --- how the peripheral behaves ---
 
 TEST_F(APairing, IsRefused)
 {
@@ -245,7 +246,7 @@ TEST_F(APairing, IsAskedForByARemoteThatWantsIt)
     EXPECT_EQ(initiator.next(), "0b09");
 }
 
-// ---- the initiator's mistakes
+// --- the initiator's mistakes ---
 
 TEST_F(APairing, FailsWhenTheInitiatorsCommitmentDoesNotOpen)
 {
@@ -289,7 +290,7 @@ TEST_F(APairing, IsGivenUpAfterHalfAMinute)
     EXPECT_EQ(initiator.request(false), "02030001100201");
 }
 
-// ---- private addresses
+// --- private addresses ---
 
 TEST_F(APairing, RevealsWhoIsBehindAPrivateAddress)
 {
@@ -308,3 +309,5 @@ TEST_F(APairing, RevealsWhoIsBehindAPrivateAddress)
     EXPECT_TRUE(std::equal(hash.begin(), hash.end(), second.octets.begin()));
     EXPECT_EQ(initiator.encrypt(), Status::Success);
 }
+
+} // namespace vexasim::air

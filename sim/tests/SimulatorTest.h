@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Simulator.h"
-#include "tests/kit/Bus.h"
-
+#include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <chrono>
 #include <string>
+
+#include "sim/bluez/Simulator.h"
+#include "tests/kit/Bus.h"
 
 inline constexpr const char* kAdapter = "/org/bluez/hci0";
 inline constexpr const char* kDevice = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
@@ -32,7 +31,7 @@ inline GVariant* noOptions()
     return g_variant_new_parsed("(@a{sv} {},)");
 }
 
-inline GVariant* oneByte(uint8_t byte)
+inline GVariant* oneByte(std::uint8_t byte)
 {
     return g_variant_new_parsed("([%y], @a{sv} {})", byte);
 }

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 // How the simulated BlueZ behaves to a plain client when nobody bends it: links, removal, attributes.
-#include "sim/tests/SimulatorTest.h"
-
 #include <future>
+
+#include "sim/tests/SimulatorTest.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// ---- connection
+// --- connection ---
 
 TEST_F(ABoxWithARemoteInRange, AnswersConnectBeforeTheServicesAreKnown)
 {
@@ -86,7 +86,7 @@ TEST_F(ABoxWithARemoteInRange, DisconnectsOnRequest)
     EXPECT_FALSE(sim.remote().normal()->connected());
 }
 
-// ---- removal
+// --- removal ---
 
 TEST_F(ABoxWithARemoteInRange, IsRemovedChildrenFirst)
 {
@@ -137,7 +137,7 @@ TEST_F(ABoxWithARemoteInRange, StaysWhilePairedHoweverLongItIsAway)
     EXPECT_EQ(device("Paired"), "(<true>,)");
 }
 
-// ---- attributes
+// --- attributes ---
 
 TEST_F(ABoxWithARemoteInRange, TellsAValueReadBeforeItAnswers)
 {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // How the simulated BlueZ behaves to a plain client when nobody bends it: calls, discovery, pairing, the
 // process.
+#include <future>
+
 #include "sim/tests/SimulatorTest.h"
 #include "tests/kit/NamedCase.h"
-
-#include <future>
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -13,7 +13,7 @@ using vexasim::Peripheral;
 using vexasim::Simulator;
 using vexasim::SimulatorOptions;
 
-// ---- refusals
+// --- refusals ---
 
 /// What was done before the call that is refused.
 enum class Before { Nothing, Discovery, Pairing, PowerOff, PairingAndPowerOff };
@@ -84,7 +84,7 @@ TEST_P(ARefusedCall, IsAnsweredWithBlueZsError)
 
 INSTANTIATE_TEST_SUITE_P(Calls, ARefusedCall, testing::ValuesIn(kRefusals), kit::named);
 
-// ---- discovery
+// --- discovery ---
 
 TEST_F(ABoxWithARemoteInRange, IsFoundOnceSomebodyDiscovers)
 {
@@ -148,7 +148,7 @@ TEST_F(ABoxWithARemoteInRange, ForgetsWhatIsNotPairedWithThePower)
     EXPECT_EQ(client.story().front(), std::string("InterfacesRemoved ") + kDevice);
 }
 
-// ---- names
+// --- names ---
 
 TEST_F(ABoxWithARemoteInRange, HasNoNameUntilOneIsHeard)
 {
@@ -170,7 +170,7 @@ TEST_F(ABoxWithARemoteInRange, KeepsANameAcrossRemoveDevice)
     EXPECT_EQ(device("Name"), "(<'VEXA RC'>,)");
 }
 
-// ---- pairing
+// --- pairing ---
 
 TEST_F(ABoxWithARemoteInRange, PairsInBlueZsOrder)
 {
@@ -264,7 +264,7 @@ TEST_F(ABoxWithARemoteInRange, CancelsAPairingOnRequest)
     EXPECT_EQ(pairing.get(), "org.bluez.Error.AuthenticationCanceled");
 }
 
-// ---- properties and methods in general
+// --- properties and methods in general ---
 
 TEST_F(ABoxWithARemoteInRange, RefusesPropertiesAsBlueZsDBusLayerDoes)
 {
@@ -283,15 +283,14 @@ TEST_F(ABoxWithARemoteInRange, ListsItsObjects)
 {
     discover();
     const auto objects = client.call("/", "org.freedesktop.DBus.ObjectManager.GetManagedObjects");
-    EXPECT_THAT(kit::textOf(objects.reply),
-                AllOf(HasSubstr("'/org/bluez'"), HasSubstr("'/org/bluez/hci0'"), HasSubstr(kDevice),
-                      HasSubstr("'org.bluez.Device1'")));
+    EXPECT_THAT(kit::textOf(objects.reply), AllOf(HasSubstr("'/org/bluez'"), HasSubstr("'/org/bluez/hci0'"),
+                                                  HasSubstr(kDevice), HasSubstr("'org.bluez.Device1'")));
     const auto device = client.call(kDevice, "org.freedesktop.DBus.Properties.GetAll",
                                     g_variant_new("(s)", "org.bluez.Device1"));
     EXPECT_THAT(kit::textOf(device.reply), HasSubstr("'Address': <'C0:FF:EE:00:00:01'>"));
 }
 
-// ---- the process
+// --- the process ---
 
 TEST_F(ABoxWithARemoteInRange, TakesEverythingAlongWhenTerminated)
 {

@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The receiving side of the update, with packets made by hand.
+#include <deque>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <stdexcept>
+
 #include "sim/model/Remote.h"
 #include "tests/kit/Cipher.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <memory>
-#include <stdexcept>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -43,11 +42,12 @@ Bytes imageOf(std::size_t words, std::size_t payloadBytes)
     ImageHeader header;
     header.signature = 0x1234;
     header.version = 0x01a4;
-    header.length = static_cast<uint16_t>(words);
+    header.length = static_cast<std::uint16_t>(words);
     header.otaFlag = 1;
     Bytes image = header.encode();
-    for (std::size_t i = 0; i < payloadBytes; ++i)
-        image.push_back(static_cast<uint8_t>(i * 7));
+    for (std::size_t i = 0; i < payloadBytes; ++i) {
+        image.push_back(static_cast<std::uint8_t>(i * 7));
+    }
     return image;
 }
 
@@ -58,10 +58,11 @@ public:
     void onLinkLost(Peripheral&) override { ++linksLost; }
     void onAdvertisingChanged(Peripheral& peripheral) override
     {
-        if (peripheral.advertising())
+        if (peripheral.advertising()) {
             appeared.push_back(peripheral.advertisedName().value_or("nameless"));
+        }
     }
-    void onNotification(Peripheral&, uint16_t, const Bytes& value) override { answers.push_back(value); }
+    void onNotification(Peripheral&, std::uint16_t, const Bytes& value) override { answers.push_back(value); }
 
     int linksLost = 0;
     std::vector<std::string> appeared;
@@ -119,7 +120,7 @@ protected:
         ASSERT_EQ(remote->update()->subscribe(controlPoint(), true).error, 0);
     }
 
-    uint16_t controlPoint() const { return remote->update()->handleOf(vexasim::uuid::kControlPoint); }
+    std::uint16_t controlPoint() const { return remote->update()->handleOf(vexasim::uuid::kControlPoint); }
 
     AttReply command(const Bytes& bytes)
     {
@@ -133,14 +134,18 @@ protected:
         return remote->update()->write(remote->update()->handleOf(vexasim::uuid::kData), bytes);
     }
 
-    void start(const Bytes& image) { command(Bytes{0x01} + kit::enciphered(part(image, 0, 12) + Bytes(4), key)); }
+    void start(const Bytes& image)
+    {
+        command(Bytes{0x01} + kit::enciphered(part(image, 0, 12) + Bytes(4), key));
+    }
 
     void upload(const Bytes& image)
     {
         for (std::size_t at = ImageHeader::kSize; at < image.size(); at += 20) {
             Bytes block = part(image, at, std::min(image.size(), at + 20));
-            if (block.size() >= 16)
+            if (block.size() >= 16) {
                 block = kit::enciphered(part(block, 0, 16), key) + part(block, 16, block.size());
+            }
             data(block);
         }
     }
@@ -300,7 +305,7 @@ TEST_F(ARemoteInTheHand, RecordsEachPacketWithItsTime)
     EXPECT_LE(packets[1].timeUs, packets[2].timeUs);
 }
 
-// ---- faults
+// --- faults ---
 
 class ARemoteWithAFault : public ARemoteInTheHand
 {
@@ -408,7 +413,7 @@ TEST_F(ARemoteWithAFault, RefusesNotifications)
     EXPECT_FALSE(remote->update()->subscribed(controlPoint()));
 }
 
-// ---- how it appears
+// --- how it appears ---
 
 TEST_F(ARemoteInTheHand, CanFailToAppear)
 {
@@ -445,7 +450,7 @@ TEST_F(ARemoteInTheHand, CanOfferOneOfItsTwoCharacteristics)
     EXPECT_EQ(controlPoint(), 0);
 }
 
-// ---- the key
+// --- the key ---
 
 class AKeyFile : public testing::Test
 {

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The program vexasim as a person or a script uses it: command line, first line
-// of output, the control interface, the ends.
-#include "sim/bluez/PrivateBus.h"
-#include "tests/kit/Bus.h"
-#include "tests/kit/Program.h"
-#include "tests/kit/ScratchFolder.h"
-
+// The program vexasim as a person or a script uses it: command line, first line of output, the control
+// interface, the ends.
 #include <csignal>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+
+#include "sim/bluez/PrivateBus.h"
+#include "tests/kit/Bus.h"
+#include "tests/kit/Program.h"
+#include "tests/kit/ScratchFolder.h"
 
 using testing::HasSubstr;
 using testing::StartsWith;

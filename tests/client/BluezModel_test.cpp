@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "Bluez.h"
-
-#include "tests/kit/NamedCase.h"
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <memory>
 #include <new>
 #include <string>
@@ -13,7 +10,8 @@
 #include <type_traits>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include "Bluez.h"
+#include "tests/kit/NamedCase.h"
 
 namespace
 {

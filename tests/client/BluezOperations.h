@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/client/BluezTest.h"
-
 #include <string>
 #include <vector>
+
+#include "tests/client/BluezTest.h"
 
 // The client's operations on a path as one table, for what holds for all of them or for all of a sort.
 
@@ -34,7 +34,7 @@ struct Message {
     const char* outcomeOfError = "refused";
     const char* reply = "()"; ///< a good one
     const char* outcome = "done";
-    kit::Lines errors = {};        ///< logged behind the error itself
+    kit::Lines errors = {};   ///< logged behind the error itself
     bool asksForError = true; ///< without, an error isn't logged
 };
 

@@ -1,18 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "Bluez.h"
-#include "sim/bluez/PrivateBus.h"
-#include "sim/bluez/Simulator.h"
-#include "tests/client/BluezInside.h"
-#include "tests/client/RecordingListener.h"
-#include "tests/kit/LogRecorder.h"
-#include "tests/kit/NamedCase.h"
-
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,7 +13,13 @@
 #include <utility>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include "Bluez.h"
+#include "sim/bluez/PrivateBus.h"
+#include "sim/bluez/Simulator.h"
+#include "tests/client/BluezInside.h"
+#include "tests/client/RecordingListener.h"
+#include "tests/kit/LogRecorder.h"
+#include "tests/kit/NamedCase.h"
 
 using vexasim::Bend;
 using vexasim::InterfaceMap;

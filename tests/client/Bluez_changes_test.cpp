@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
 // What listeners hear of changed properties and values.
-#include "Bluez.h"
-
-#include "tests/client/BluezTest.h"
-#include "tests/client/GioSpy.h"
-
 #include <chrono>
 #include <future>
+
+#include "Bluez.h"
+#include "tests/client/BluezTest.h"
+#include "tests/client/GioSpy.h"
 
 namespace
 {
@@ -45,7 +44,8 @@ TEST_P(AChangeOfADevice, IsReportedIfItMatters)
     const std::string event = given.event;
     const std::size_t blank = event.find(' ');
     EXPECT_EQ(listener.events(),
-              event.empty() ? kit::Lines{} : kit::Lines{event.substr(0, blank) + " " + kDevice + event.substr(blank)});
+              event.empty() ? kit::Lines{}
+                            : kit::Lines{event.substr(0, blank) + " " + kDevice + event.substr(blank)});
     EXPECT_EQ(log.lines(), said);
 }
 
@@ -88,10 +88,10 @@ TEST_F(ATrackedTree, DeliversEveryChangeOfOneSignalInItsOrder)
     settle();
 
     const std::string path = kDevice;
-    EXPECT_EQ(listener.events(),
-              (kit::Lines{"onDeviceServicesResolvedStatusChanged " + path + " true",
-                     "onDeviceRSSIChanged " + path + " -50", "onDevicePairedStatusChanged " + path + " true",
-                     "onDeviceConnectionStatusChanged " + path + " true"}));
+    EXPECT_EQ(listener.events(), (kit::Lines{"onDeviceServicesResolvedStatusChanged " + path + " true",
+                                             "onDeviceRSSIChanged " + path + " -50",
+                                             "onDevicePairedStatusChanged " + path + " true",
+                                             "onDeviceConnectionStatusChanged " + path + " true"}));
     EXPECT_EQ(log.count("D props changed: " + path), 1U);
 }
 
@@ -111,7 +111,7 @@ TEST_F(ATrackedTree, FinishesTheFanOutOfOneChangeBeforeTheNext)
     settle();
 
     EXPECT_EQ(order, (kit::Lines{"onDevicePairedStatusChanged", "onDevicePairedStatusChanged",
-                            "onDeviceConnectionStatusChanged", "onDeviceConnectionStatusChanged"}));
+                                 "onDeviceConnectionStatusChanged", "onDeviceConnectionStatusChanged"}));
 }
 
 TEST_F(ATrackedTree, IgnoresTheInvalidatedNames)
@@ -171,7 +171,8 @@ TEST_F(ATrackedTree, ReportsAnEmptyValueAndOneOfAWrongTypeWithoutBytes)
     change(kCharacteristicKind, {{"Value", text("80")}});
     change(kCharacteristicKind, {{"Value", Variant::strings({"80"})}});
 
-    EXPECT_EQ(listener.events(), kit::Lines(3, std::string("onGattCharacteristicChanged ") + kCharacteristic));
+    EXPECT_EQ(listener.events(),
+              kit::Lines(3, std::string("onGattCharacteristicChanged ") + kCharacteristic));
     EXPECT_EQ(log.lines("EW"), (kit::Lines{"E Not an array", "E Not an array of bytes: as"}));
     expectFromGlib({});
 }

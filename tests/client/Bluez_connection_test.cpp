@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The client's start, with and without a bus, BlueZ and its objects.
-#include "Bluez.h"
-
-#include "tests/client/BluezOperations.h"
-#include "tests/client/GioSpy.h"
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <future>
 #include <thread>
+
+#include "Bluez.h"
+#include "tests/client/BluezOperations.h"
+#include "tests/client/GioSpy.h"
 
 namespace
 {
@@ -106,12 +105,12 @@ TEST_F(AClient, ReportsWhatExistsInAscendingOrderOfThePaths)
     addDevice(second + "/dev_AA_BB_CC_DD_EE_03");
     settle();
 
-    EXPECT_EQ(
-        listener.events(),
-        (kit::Lines{kAdapterKind.added(), kDeviceKind.added(), kServiceKind.added(service0), kServiceKind.added(),
-               kCharacteristicKind.added(), kDescriptorKind.added(), kDeviceKind.added(device2),
-               kAdapterKind.added(second), kAdapterKind.added("/org/bluez/hci10"),
-               kDeviceKind.added(second + "/dev_AA_BB_CC_DD_EE_03")}));
+    EXPECT_EQ(listener.events(),
+              (kit::Lines{kAdapterKind.added(), kDeviceKind.added(), kServiceKind.added(service0),
+                          kServiceKind.added(), kCharacteristicKind.added(), kDescriptorKind.added(),
+                          kDeviceKind.added(device2), kAdapterKind.added(second),
+                          kAdapterKind.added("/org/bluez/hci10"),
+                          kDeviceKind.added(second + "/dev_AA_BB_CC_DD_EE_03")}));
     const auto services = tree();
     EXPECT_EQ(services.size(), 2U) << "no placeholder is left";
     EXPECT_EQ(services.at(kService).characteristics.at(kCharacteristic).descriptors.count(kDescriptor), 1U);
@@ -215,7 +214,8 @@ TEST_F(AClientWithoutBlueZ, StartsAndWaitsForOneInSilence)
     start();
     settle();
 
-    EXPECT_EQ(log.lines(), (kit::Lines{"D Bluez constructor", "D Initing Bluez..", "D Init Bluez completed"}));
+    EXPECT_EQ(log.lines(),
+              (kit::Lines{"D Bluez constructor", "D Initing Bluez..", "D Init Bluez completed"}));
     EXPECT_EQ(listener.events(), kit::Lines{});
     EXPECT_EQ(client->getAdapters(), kit::Lines{});
 }
@@ -252,7 +252,8 @@ TEST_F(AClientWithoutAnObjectManager, RefusesWhatNeedsAProxy)
 
         EXPECT_EQ(operation.call(*client, operation.kind->path), operation.refused);
 
-        EXPECT_EQ(log.lines(), complaint.empty() ? kit::Lines{} : kit::Lines{complaint + operation.kind->path});
+        EXPECT_EQ(log.lines(),
+                  complaint.empty() ? kit::Lines{} : kit::Lines{complaint + operation.kind->path});
     }
     kit::GlibMessages::instance().take(); // of the reads that don't look at their proxy
 }

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
 // The name, the trust and the pairing of devices, and their removal, beyond what BluezOperations.h says.
-#include "Bluez.h"
-
-#include "tests/client/BluezTest.h"
-#include "tests/client/GioSpy.h"
-
 #include <chrono>
 #include <future>
+
+#include "Bluez.h"
+#include "tests/client/BluezTest.h"
+#include "tests/client/GioSpy.h"
 
 namespace
 {
 
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 
 const std::string kUnknownAdapter = "/org/bluez/hci7";
 constexpr std::size_t kPolls = 30;

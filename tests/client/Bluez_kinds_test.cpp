@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Paths whose last component is of several kinds: each step tests the kinds in an order of its own.
-#include "Bluez.h"
-
-#include "tests/client/BluezTest.h"
-
 #include <algorithm>
+
+#include "Bluez.h"
+#include "tests/client/BluezTest.h"
 
 namespace
 {
@@ -89,7 +88,7 @@ TEST_P(APathOfSeveralKinds, HasTheItemsOfOne)
     const bool isDevice = kind->path == kDevice;
     EXPECT_EQ(items, kit::Lines{path + (isDevice ? "/service0002" : "/char0003")});
     EXPECT_EQ(log.lines(), (kit::Lines{"T Fetching item for " + path,
-                                  "T " + path + (isDevice ? " is device" : " is service")}));
+                                       "T " + path + (isDevice ? " is device" : " is service")}));
 }
 
 INSTANTIATE_TEST_SUITE_P(

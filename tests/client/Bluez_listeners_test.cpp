@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Who hears of an event.
-#include "Bluez.h"
-
-#include "tests/client/BluezTest.h"
-
 #include <thread>
+
+#include "Bluez.h"
+#include "tests/client/BluezTest.h"
 
 namespace
 {

@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: MIT
 // The client's one lock: which operations wait for it, which don't, and how long an operation that takes none
 // keeps the proxy that it has found.
-#include "Bluez.h"
-
-#include "tests/client/BluezOperations.h"
-#include "tests/client/GioSpy.h"
-
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <pthread.h>
 #include <thread>
 
-#include <pthread.h>
+#include "Bluez.h"
+#include "tests/client/BluezOperations.h"
+#include "tests/client/GioSpy.h"
 
 int realLock(pthread_mutex_t*) __asm__("__real_pthread_mutex_lock");
 int realUnlock(pthread_mutex_t*) __asm__("__real_pthread_mutex_unlock");

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "Bluez.h"
-
-#include "tests/client/BluezTest.h"
-
 #include <cstdio>
+
+#include "Bluez.h"
+#include "tests/client/BluezTest.h"
 
 namespace
 {
@@ -78,12 +77,12 @@ TEST_F(ATrackedTree, ListsTheItemsOfEachKind)
     EXPECT_EQ(client->itemsFor(kDevice), kit::Lines{kService});
     EXPECT_EQ(client->itemsFor(kService), (kit::Lines{second, kCharacteristic}));
     EXPECT_EQ(client->itemsFor(kCharacteristic), kit::Lines{kDescriptor});
-    EXPECT_EQ(
-        log.lines(),
-        (kit::Lines{std::string("T Fetching item for ") + kDevice, std::string("T ") + kDevice + " is device",
-               std::string("T Fetching item for ") + kService, std::string("T ") + kService + " is service",
-               std::string("T Fetching item for ") + kCharacteristic,
-               std::string("T ") + kCharacteristic + " is characteristic"}));
+    EXPECT_EQ(log.lines(), (kit::Lines{std::string("T Fetching item for ") + kDevice,
+                                       std::string("T ") + kDevice + " is device",
+                                       std::string("T Fetching item for ") + kService,
+                                       std::string("T ") + kService + " is service",
+                                       std::string("T Fetching item for ") + kCharacteristic,
+                                       std::string("T ") + kCharacteristic + " is characteristic"}));
 }
 
 TEST_F(ATrackedTree, ListsNoItemsOfOtherPaths)

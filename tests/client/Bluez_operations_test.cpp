@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: MIT
 // What holds for each of the client's operations on a path, by the table of BluezOperations.h.
-#include "Bluez.h"
+#include <algorithm>
 
+#include "Bluez.h"
 #include "tests/client/BluezOperations.h"
 #include "tests/client/GioSpy.h"
-
-#include <algorithm>
 
 namespace
 {
 
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""ms;
 
 /// A path of the same kind that no object has.
 std::string unknownOf(const Operation& operation)

@@ -1,10 +1,5 @@
 // SPDX-License-Identifier: MIT
 // How the client and its event thread come to their end, and what they give back.
-#include "Bluez.h"
-
-#include "tests/client/BluezTest.h"
-#include "tests/client/GioSpy.h"
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -12,11 +7,14 @@
 #include <functional>
 #include <future>
 #include <stdexcept>
-#include <thread>
-
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
+
+#include "Bluez.h"
+#include "tests/client/BluezTest.h"
+#include "tests/client/GioSpy.h"
 
 namespace
 {
@@ -49,7 +47,7 @@ TEST_F(AClient, LogsItsEndStepByStep)
     ASSERT_EQ(lines.size(), 5U) << testing::PrintToString(lines);
     EXPECT_EQ(kit::Lines(lines.begin(), lines.begin() + 4),
               (kit::Lines{"T Posting stopping task", "D Stopping loop task", "D Deiniting Bluez..",
-                     "D Deiniting Bluez completed"}));
+                          "D Deiniting Bluez completed"}));
     // The proxies go last, when the connection has been given back.
     EXPECT_EQ(lines.back().rfind("T Unref object 0x", 0), 0U) << lines.back();
 }
@@ -63,9 +61,9 @@ TEST_F(AClient, GivesBackWhatItTookAndOneReferenceMoreOnTheContextAndItsProxiesL
 
     destroy();
 
-    EXPECT_EQ(spy.releases(),
-              (kit::Lines{"GDBusObjectManagerClient", "GDBusConnection", "GCancellable", "GMainLoop",
-                     "GMainContext", "GDBusProxy", "GDBusProxy", "GDBusProxy", "GDBusProxy", "GDBusProxy"}));
+    EXPECT_EQ(spy.releases(), (kit::Lines{"GDBusObjectManagerClient", "GDBusConnection", "GCancellable",
+                                          "GMainLoop", "GMainContext", "GDBusProxy", "GDBusProxy",
+                                          "GDBusProxy", "GDBusProxy", "GDBusProxy"}));
 }
 
 // --- At any time ---
@@ -156,8 +154,8 @@ TEST_F(AClientWithoutBlueZ, CanBeDestroyed)
 
     destroy();
 
-    EXPECT_EQ(log.lines(), (kit::Lines{"T Posting stopping task", "D Stopping loop task", "D Deiniting Bluez..",
-                                  "D Deiniting Bluez completed"}));
+    EXPECT_EQ(log.lines(), (kit::Lines{"T Posting stopping task", "D Stopping loop task",
+                                       "D Deiniting Bluez..", "D Deiniting Bluez completed"}));
 }
 
 TEST_F(AClientWithoutBlueZ, CanBeDestroyedRightAfterItsConstruction)

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Objects that arrive and go: what the client keeps of them, and what its listeners hear.
-#include "Bluez.h"
+#include <algorithm>
 
+#include "Bluez.h"
 #include "tests/client/BluezTest.h"
 #include "tests/client/GioSpy.h"
-
-#include <algorithm>
 
 namespace
 {
@@ -167,8 +166,8 @@ TEST_F(ATrackedTree, PassesOverAnObjectOfNoKind)
     sim->removeObject("/org/bluez/test");
     settle();
 
-    EXPECT_EQ(log.lines(),
-              (kit::Lines{"T + /org/bluez/test", "T Unhandled object: /org/bluez/test", "T - /org/bluez/test"}));
+    EXPECT_EQ(log.lines(), (kit::Lines{"T + /org/bluez/test", "T Unhandled object: /org/bluez/test",
+                                       "T - /org/bluez/test"}));
     EXPECT_EQ(listener.events(), kit::Lines{});
     EXPECT_EQ(known(), kit::Lines{});
 }
@@ -197,7 +196,7 @@ TEST_F(ATrackedTree, ReportsChildrenBeforeTheirParentsAsBlueZRemovesThem)
 
     EXPECT_EQ(listener.events(),
               (kit::Lines{kDescriptorKind.removed(), kCharacteristicKind.removed(), kServiceKind.removed(),
-                     kDeviceKind.removed(), kAdapterKind.removed()}));
+                          kDeviceKind.removed(), kAdapterKind.removed()}));
 }
 
 // --- Second arrivals ---

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The client's image of the GATT tree: records, and placeholders for what hasn't arrived.
 #include "Bluez.h"
-
 #include "tests/client/BluezTest.h"
 
 namespace

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 // The values of characteristics, beyond what BluezOperations.h says of their reading and writing.
-#include "Bluez.h"
+#include <algorithm>
 
+#include "Bluez.h"
 #include "tests/client/BluezTest.h"
 #include "tests/client/GioSpy.h"
-
-#include <algorithm>
 
 namespace
 {

@@ -3,10 +3,9 @@
 
 #include <chrono>
 #include <functional>
+#include <gio/gio.h>
 #include <string>
 #include <vector>
-
-#include <gio/gio.h>
 
 #include "Bluez.h"
 #include "tests/kit/LogRecorder.h"

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "Bluez.h"
-#include "tests/kit/LogRecorder.h"
-
 #include <algorithm>
 #include <condition_variable>
 #include <cstddef>
@@ -13,6 +10,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "Bluez.h"
+#include "tests/kit/LogRecorder.h"
 
 /**
  * Writes down every callback as one line of text, "onDeviceRSSIChanged /org/bluez/... -40", and lets a test

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Box.h"
-#include "tests/kit/Objects.h"
-
 #include <chrono>
 #include <cstdint>
 #include <string>
+
+#include "tests/kit/Box.h"
+#include "tests/kit/Objects.h"
 
 namespace kit
 {

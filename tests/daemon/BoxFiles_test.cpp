@@ -1,27 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "BoxFiles.h"
 
+#include <algorithm>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <limits>
+#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <limits>
-#include <sstream>
-
-#include <gtest/gtest.h>
-
 #include "tests/daemon/Planter.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
 
-using namespace std::string_literals;
+using std::string_literals::operator""s;
 using kit::Planter;
 
 ssize_t realWrite(int file, const void* bytes, std::size_t size) __asm__("__real_write");
@@ -73,7 +71,7 @@ protected:
     kit::Planter planter{folder.path("victim"), folder.path("victim"), path};
 };
 
-// ------------------------------------------------------------------------- The number
+// --- The number ---
 
 struct Content : kit::NamedCase {
     std::string text;
@@ -140,7 +138,7 @@ TEST_F(ABoxFile, IsReadForItsFirst256BytesAlone)
     EXPECT_EQ(1000 - 256, left);
 }
 
-// ------------------------------------------------------------------------- The things
+// --- The things ---
 
 struct Thing : kit::NamedCase {
     kit::Plant plant;
@@ -191,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Thing{{"IsALinkToNothing"}, &Planter::linkToNothing, false, kOtherwise}),
     kit::named);
 
-// ------------------------------------------------------------------- The status files
+// --- The status files ---
 
 class AStatusFile : public ABoxFile
 {
@@ -302,7 +300,7 @@ TEST_F(AStatusFile, IsMadeAnewInThePlaceOfAHardLink)
     EXPECT_EQ("untouched", folder.read("victim"));
 }
 
-// --------------------------------------------------------------------------- The image
+// --- The image ---
 
 TEST_F(ABoxFile, IsReadAsItWasOpenedThoughItIsReplaced)
 {

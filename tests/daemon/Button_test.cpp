@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: MIT
-// The main loop: its pace, its three states and the button. The daemon's clock
-// stands still in these cases, so each pass is one that the case has asked for.
+// The main loop: its pace, its three states and the button. The daemon's clock stands still in these cases,
+// so each pass is one that the case has asked for.
+
+#include <gmock/gmock.h>
 
 #include "tests/kit/Box.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/TrueTime.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""us;
 using vexasim::Bend;
 
 namespace
@@ -43,7 +47,7 @@ protected:
     }
 };
 
-// ---- the pace
+// --- the pace ---
 
 TEST_F(AMainLoop, MakesAPassHalfASecondAfterTheBeginningOfTheLast)
 {
@@ -73,7 +77,7 @@ TEST_F(AMainLoop, DoesNothingInAQuietPassButPublishTheStatus)
                 ::testing::ElementsAre("I Adapter 00:1A:7D:DA:71:13 found", "I Adapter powered"));
 }
 
-// ---- what counts as pressed
+// --- what counts as pressed ---
 
 struct Sample : NamedCase {
     const char* text;
@@ -122,7 +126,7 @@ TEST_F(AMainLoop, DoesntSeeAPressBetweenTwoPasses)
     EXPECT_NO_LOG(box, INFO, "main", kPressed);
 }
 
-// ---- activation
+// --- activation ---
 
 TEST_F(AMainLoop, GoesToActivationAlthoughTheFlagAsksToPair)
 {
@@ -206,7 +210,7 @@ TEST_F(AMainLoop, NeitherPublishesNorServesWhileTheButtonIsDown)
     EXPECT_TRUE(box.exists("bluetooth_pair"));
 }
 
-// ---- pairing
+// --- pairing ---
 
 TEST_F(AMainLoop, PairsWhateverTheButtonSaysInThatPass)
 {
@@ -237,7 +241,7 @@ TEST_F(AMainLoop, DoesntSampleTheButtonWhileItPairs)
     EXPECT_EQ(box.countLog(DEBUG, "main", "Pairing..."), 1U) << "no second attempt is queued";
 }
 
-// ---- a press beside the other answers of a pass
+// --- a press beside the other answers of a pass ---
 
 class AMainLoopWithAPairedRemote : public AMainLoop
 {
@@ -302,3 +306,5 @@ TEST_F(AMainLoop, CountsAPressFromTheEndOfTheRequestThatCameWithIt)
 }
 
 } // namespace
+
+} // namespace kit

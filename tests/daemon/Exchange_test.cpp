@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: MIT
 // The table of a whole update in docs/interface.md against a real one.
 
-#include "tests/daemon/UpdateStory.h"
-
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <numeric>
 
-using namespace kit;
+#include "tests/daemon/UpdateStory.h"
+
+namespace kit
+{
+
 using ::testing::ElementsAreArray;
 using vexasim::Bytes;
 using vexasim::UpdatePacket;
@@ -83,7 +84,7 @@ TEST_F(ARemoteWithItsReadings, IsUpdatedAsTheInterfaceDocumentShows)
     image.version = 0x1a4;
     image.length = kPayloadBytes / 4;
     image.payload.resize(kPayloadBytes);
-    std::iota(image.payload.begin(), image.payload.end(), uint8_t{0});
+    std::iota(image.payload.begin(), image.payload.end(), std::uint8_t{0});
 
     offer(image);
     ASSERT_TRUE(ends("succeed"));
@@ -102,3 +103,5 @@ TEST_F(ARemoteWithItsReadings, IsUpdatedAsTheInterfaceDocumentShows)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 // Texts that come from the air, from the bus or from another user of the box: none makes a line of the log.
 
+#include <gmock/gmock.h>
+
 #include "tests/kit/Box.h"
 #include "tests/kit/Objects.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-using namespace kit;
 using ::testing::IsEmpty;
 using vexasim::Bend;
 
@@ -89,3 +91,5 @@ TEST_F(ATextFromOutside, MakesNoLineAsTheTargetOfTheFirmwareLink)
 }
 
 } // namespace
+
+} // namespace kit

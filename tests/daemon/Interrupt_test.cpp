@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
-// One interrupt never kills the daemon, wherever it stands and however much it
-// logs. Each one meets a daemon of its own at a random moment of a phase. The
-// seed of the moments is printed; --gtest_random_seed takes it again.
-
-#include "tests/daemon/UpdateStory.h"
+// One interrupt never kills the daemon, wherever it stands and however much it logs. Each one meets a daemon
+// of its own at a random moment of a phase. The seed of the moments is printed; --gtest_random_seed takes it
+// again.
 
 #include <chrono>
 #include <csignal>
@@ -14,8 +12,13 @@
 #include <thread>
 #include <vector>
 
-using namespace kit;
-using namespace std::chrono_literals;
+#include "tests/daemon/UpdateStory.h"
+
+namespace kit
+{
+
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 
 namespace
 {
@@ -26,7 +29,7 @@ using std::chrono::steady_clock;
 constexpr auto kStop = 2s * 2 * kSlowness; // two seconds, and as much for the cases that run beside this one
 constexpr int kLargestSeed = 99999;        // that --gtest_random_seed takes
 
-// ---- the phases
+// --- the phases ---
 
 struct Phase {
     std::string name;
@@ -116,7 +119,7 @@ std::vector<Phase> phases()
             {"Pairing", {}, pair, 1500ms, 60}};
 }
 
-// ---- the interrupts
+// --- the interrupts ---
 
 struct Series {
     Phase phase;
@@ -191,8 +194,8 @@ private:
         }
     }
 
-    /// Either anywhere in the phase or right behind a line of the log, where the
-    /// daemon is most likely to write another one.
+    /// Either anywhere in the phase or right behind a line of the log, where the daemon is most likely to
+    /// write another one.
     void awaitMoment(Box& box)
     {
         constexpr microseconds kBehindLine{300};
@@ -221,7 +224,7 @@ TEST_P(AnInterrupt, NeverKills)
 
 INSTANTIATE_TEST_SUITE_P(Of, AnInterrupt, ::testing::ValuesIn(allSeries(4, 7, 4, 2)), nameOf); // 204
 
-// ---- at the worst moment of all
+// --- at the worst moment of all ---
 
 TEST(AnInterruptInTheMiddleOfALine, WaitsForItsEnd)
 {
@@ -254,3 +257,5 @@ INSTANTIATE_TEST_SUITE_P(Of, AnInterruptForLong, ::testing::ValuesIn(allSeries(6
                          nameOf); // 5,004
 
 } // namespace
+
+} // namespace kit

@@ -11,17 +11,16 @@
 namespace kit
 {
 
-/// The intervals between things that happen again and again, mostly the blocks
-/// of an upload, from the times at which they were noted. One that was noted late
-/// makes one interval longer and the next one shorter by the same; the sum knows
-/// only the delays of its two ends.
+/// The intervals between things that happen again and again, mostly the blocks of an upload, from the times
+/// at which they were noted. One that was noted late makes one interval longer and the next one shorter by
+/// the same; the sum knows only the delays of its two ends.
 class Pacing
 {
 public:
-    static constexpr int64_t kPaceUs = 13000; ///< from the start of a block to that of the next
+    static constexpr std::int64_t kPaceUs = 13000; ///< from the start of a block to that of the next
 
     /// Takes at least two times, in microseconds and in order.
-    explicit Pacing(const std::vector<int64_t>& times)
+    explicit Pacing(const std::vector<std::int64_t>& times)
     {
         for (std::size_t i = 1; i < times.size(); ++i) {
             mIntervals.push_back(times[i] - times[i - 1]);
@@ -30,16 +29,16 @@ public:
     }
 
     std::size_t count() const { return mIntervals.size(); }
-    int64_t wholeUs() const { return mWholeUs; }
+    std::int64_t wholeUs() const { return mWholeUs; }
     /// 1 is the most that the pace allows.
     double rate() const
     {
         return static_cast<double>(kPaceUs) * static_cast<double>(count()) / static_cast<double>(mWholeUs);
     }
     /// The middle one, which is free of the recorder's jitter.
-    int64_t medianUs() const
+    std::int64_t medianUs() const
     {
-        std::vector<int64_t> sorted = mIntervals;
+        std::vector<std::int64_t> sorted = mIntervals;
         const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
         std::nth_element(sorted.begin(), middle, sorted.end());
         return *middle;
@@ -48,8 +47,8 @@ public:
     /// A table of all intervals, by the millisecond.
     void print() const
     {
-        std::map<int64_t, unsigned> table;
-        for (const int64_t us : mIntervals) {
+        std::map<std::int64_t, unsigned> table;
+        for (const std::int64_t us : mIntervals) {
             ++table[us / 1000];
         }
         std::printf("ms between two blocks | how often\n");
@@ -61,8 +60,8 @@ public:
     }
 
 private:
-    std::vector<int64_t> mIntervals;
-    int64_t mWholeUs = 0;
+    std::vector<std::int64_t> mIntervals;
+    std::int64_t mWholeUs = 0;
 };
 
 } // namespace kit

@@ -1,17 +1,21 @@
 // SPDX-License-Identifier: MIT
 // The pairing procedure, from the request to the report.
 
+#include <algorithm>
+#include <functional>
+#include <gmock/gmock.h>
+
 #include "tests/daemon/AtRest.h"
 #include "tests/daemon/Pacing.h"
 #include "tests/kit/TrueTime.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <algorithm>
-#include <functional>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""us;
+using std::chrono_literals::operator""min;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Not;
@@ -104,7 +108,7 @@ protected:
     }
 };
 
-// ---- all goes well
+// --- all goes well ---
 
 TEST_F(APairing, ScansPairsAndReportsInThisOrder)
 {
@@ -163,7 +167,7 @@ TEST_F(APairing, TakesARemoteThatSaysAtOnceThatItIsPaired)
     EXPECT_EQ(box.busCalls({"Pair"}).size(), 1U);
 }
 
-// ---- what was known before
+// --- what was known before ---
 
 TEST_F(APairing, ForgetsEveryDeviceInTheOrderOfItsArrival)
 {
@@ -249,7 +253,7 @@ TEST_F(APairingOfAPairedRemote, LeavesTheBoxWithoutARemoteIfItFails)
     expectNoneInTheEnd();
 }
 
-// ---- the scan
+// --- the scan ---
 
 TEST_F(APairing, LooksForTheRemoteEveryTenthOfASecondAndGivesUpAfterSixty)
 {
@@ -288,8 +292,8 @@ TEST_F(APairing, GoesOnScanningWhenOtherDevicesComeAlong)
 TEST_F(APairing, AcceptsARemoteThatComesJustAsTheLimitIsReached)
 {
     scanInVain();
-    // The handler holds the lock while it asks for the name; meanwhile the
-    // limit passes, and the wait ends by its slice and not by the signal.
+    // The handler holds the lock while it asks for the name; meanwhile the limit passes, and the wait ends by
+    // its slice and not by the signal.
     box.sim().bend(Bend::late("Get", 500ms).property("Name"));
     box.remote().comeBack();
     EXPECT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
@@ -347,7 +351,7 @@ TEST_F(APairing, EndsAtTheScansEndIfTheAdapterIsPulledOut)
     EXPECT_TRUE(box.awaitStatus("no device"));
 }
 
-// ---- the pairing call
+// --- the pairing call ---
 
 TEST_F(APairing, PollsThirtyTimesForARemoteThatRefuses)
 {
@@ -445,7 +449,7 @@ TEST_F(APairing, ReturnsWithABrokenHandleIfTheRemoteGoesBeforeTheCall)
     EXPECT_TRUE(box.awaitStatus("no device"));
 }
 
-// ---- the wait for the paired state
+// --- the wait for the paired state ---
 
 TEST_F(APairing, LooksForThePairingEveryTenthOfASecondAndGivesUpAfterTen)
 {
@@ -501,7 +505,7 @@ TEST_F(APairing, ReportsABrokenHandleWhenTheRemoteIsRemovedMeanwhile)
     EXPECT_TRUE(box.awaitStatus("no device"));
 }
 
-// ---- an interrupt on the way
+// --- an interrupt on the way ---
 
 TEST_F(APairing, SkipsTheScanWaitWhenItIsToldToStopBefore)
 {
@@ -541,3 +545,5 @@ TEST_F(APairing, EndsItsLastWaitWhenItIsToldToStop)
 }
 
 } // namespace
+
+} // namespace kit

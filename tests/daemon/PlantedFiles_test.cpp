@@ -1,25 +1,25 @@
 // SPDX-License-Identifier: MIT
-// Things that others plant where the daemon reads or writes: nothing of it makes
-// the daemon wait, leads its writing elsewhere, or stands for a file of its own.
-
-#include "tests/daemon/Planter.h"
-#include "tests/daemon/UpdateStory.h"
-#include "tests/kit/NamedCase.h"
-
-#include <sys/prctl.h>
-#include <sys/wait.h>
-
-#include <gmock/gmock.h>
+// Things that others plant where the daemon reads or writes: nothing of it makes the daemon wait, leads its
+// writing elsewhere, or stands for a file of its own.
 
 #include <algorithm>
 #include <array>
 #include <csignal>
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <iterator>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <tuple>
 
-using namespace kit;
-using namespace std::chrono_literals;
+#include "tests/daemon/Planter.h"
+#include "tests/daemon/UpdateStory.h"
+#include "tests/kit/NamedCase.h"
+
+namespace kit
+{
+
+using std::chrono_literals::operator""s;
 
 namespace
 {
@@ -104,7 +104,7 @@ bool isForSeveralNames(const Planted& planted)
     return planted.plant != &Planter::fifoOfBlanks && planted.plant != &Planter::hugeFile;
 }
 
-// ---- the flags
+// --- the flags ---
 
 class FlagsThatAre : public InAPlantedBox, public ::testing::WithParamInterface<Planted>
 {
@@ -133,7 +133,7 @@ TEST_P(FlagsThatAre, AreTakenIfTheyOpenAtOnce)
 
 INSTANTIATE_TEST_SUITE_P(Each, FlagsThatAre, ::testing::ValuesIn(plantedIf(isForSeveralNames)), named);
 
-// ---- the status files
+// --- the status files ---
 
 struct Published {
     const char* name;
@@ -214,7 +214,7 @@ INSTANTIATE_TEST_SUITE_P(Which, AFolderForEachStatusFile,
                                            Planted{{"IsFull"}, &Planter::fullFolder, false, false}),
                          named);
 
-// ---- the image
+// --- the image ---
 
 class AnImageThatIs : public UpdateStory, public ::testing::WithParamInterface<Planted>
 {
@@ -242,7 +242,7 @@ INSTANTIATE_TEST_SUITE_P(Each, AnImageThatIs, ::testing::ValuesIn(plantedIf([](c
                          })),
                          named);
 
-// ---- the button
+// --- the button ---
 
 class AButtonThatIs : public FlagsThatAre
 {
@@ -262,7 +262,7 @@ TEST_P(AButtonThatIs, IsReadAtOnce)
 
 INSTANTIATE_TEST_SUITE_P(Each, AButtonThatIs, ::testing::ValuesIn(kPlanted), named);
 
-// ---- a race
+// --- a race ---
 
 constexpr int kRacedPasses = 100;
 constexpr std::array kRaced = {"bluetooth_status", "bluetooth_rc"};
@@ -335,3 +335,5 @@ TEST_F(ARacingPlanter, HasNothingWrittenThroughItsLinks)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: MIT
-// How the daemon ends: by one interrupt, by two, and by other signals, wherever
-// its main thread stands.
+// How the daemon ends: by one interrupt, by two, and by other signals, wherever its main thread stands.
+
+#include <csignal>
+#include <functional>
+#include <gmock/gmock.h>
 
 #include "tests/daemon/AtRest.h"
 #include "tests/kit/NamedCase.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <csignal>
-#include <functional>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using vexasim::Bend;
@@ -37,7 +38,7 @@ protected:
     }
 };
 
-// ---- one interrupt
+// --- one interrupt ---
 
 TEST_F(ADaemon, EndsWithStatus0AndNoWordOnAnInterruptBeforeItsObjectExists)
 {
@@ -143,7 +144,7 @@ TEST_F(ADaemonThatReadsASlowTree, FetchesNoFurtherObjectAfterAnInterrupt)
     EXPECT_LE(box.sim().calls("Get").size(), asked + 1);
 }
 
-// ---- two interrupts
+// --- two interrupts ---
 
 TEST_F(ADaemon, LeavesAllItsFilesOnTheSecondInterrupt)
 {
@@ -256,7 +257,7 @@ TEST_F(ADaemon, EndsWithStatus1OnTheSecondInterruptWhileItWaitsForItsClientsEnd)
     EXPECT_EQ(box.awaitExit(), Exit::with(1));
 }
 
-// ---- two interrupts while the lock is held
+// --- two interrupts while the lock is held ---
 
 class ALockThatIsHeld : public InABox
 {
@@ -369,7 +370,7 @@ INSTANTIATE_TEST_SUITE_P(That, ACallThatHoldsTheLock,
                                                       }}),
                          named);
 
-// ---- other signals
+// --- other signals ---
 
 class ASignalLeftAtItsDefault : public ADaemon, public ::testing::WithParamInterface<int>
 {
@@ -391,3 +392,5 @@ INSTANTIATE_TEST_SUITE_P(Signals, ASignalLeftAtItsDefault,
                          [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
 
 } // namespace
+
+} // namespace kit

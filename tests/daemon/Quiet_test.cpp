@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: MIT
 // While nothing changes the daemon has nothing to say on the bus.
 
+#include <gmock/gmock.h>
+
 #include "tests/kit/Box.h"
 #include "tests/kit/Bus.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""min;
+using std::chrono_literals::operator""h;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
@@ -64,3 +69,5 @@ TEST_F(AQuietBoxForLong, HearsNoMessageOfTheDaemonInTenMinutes)
 }
 
 } // namespace
+
+} // namespace kit

@@ -3,17 +3,20 @@
 // to be usable: a look-up between an object's end and the daemon's hearing of it would spoil that path, and
 // the remote would be removed with its bond.
 
+#include <algorithm>
+#include <functional>
+#include <gmock/gmock.h>
+
 #include "tests/kit/Box.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/Objects.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <algorithm>
-#include <functional>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""h;
 using ::testing::Contains;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -57,7 +60,7 @@ void startDisconnected(Box& box)
     ASSERT_TRUE(box.awaitStatus("disconnected"));
 }
 
-// ---- the remote
+// --- the remote ---
 
 struct Way : NamedCase {
     std::function<void(Simulator&)> go;
@@ -145,7 +148,7 @@ TEST_P(ARemoteThatGoesForLong, IsKeptEachTime)
 
 INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesForLong, ::testing::ValuesIn(kWays), named);
 
-// ---- a removal that has erased its object, and of which the daemon hears only behind one of its steps
+// --- a removal that has erased its object, and of which the daemon hears only behind one of its steps ---
 
 struct Step : NamedCase {
     void (*reach)(Box& box); ///< up to the step
@@ -296,7 +299,7 @@ const Step kStepsWithTheAdapter[] = {
 
 INSTANTIATE_TEST_SUITE_P(Behind, AnAdapterWithALateRemoval, ::testing::ValuesIn(kStepsWithTheAdapter), named);
 
-// ---- an object that goes while the daemon looks paths up, or stands in a call
+// --- an object that goes while the daemon looks paths up, or stands in a call ---
 
 class AStepWithPaths : public ARemovalDuringACall, public ::testing::WithParamInterface<Step>
 {
@@ -369,7 +372,7 @@ const Step kStepsWithPaths[] = {
 
 INSTANTIATE_TEST_SUITE_P(Steps, AStepWithPaths, ::testing::ValuesIn(kStepsWithPaths), named);
 
-// ---- what goes within a step isn't asked any more, nor asked about
+// --- what goes within a step isn't asked any more, nor asked about ---
 
 TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoes)
 {
@@ -434,7 +437,7 @@ TEST_F(ARemovalDuringACall, KeepsARemoteThatGoesAtTheScansEndFromBeingPaired)
     EXPECT_THAT(box.sim().calls("Pair"), IsEmpty());
 }
 
-// ---- a handler that waits for the lock
+// --- a handler that waits for the lock ---
 
 TEST_F(ARemovalDuringACall, LetsAHandlerThatWaitsGoBeforeTheNextPass)
 {
@@ -456,3 +459,5 @@ TEST_F(ARemovalDuringACall, LetsAHandlerThatWaitsGoBeforeTheNextPass)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: MIT
 // What an idle pass makes of the flags, the firmware link and the remote's state.
 
+#include <filesystem>
+#include <gmock/gmock.h>
+
 #include "tests/daemon/AtRest.h"
 #include "tests/kit/NamedCase.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <filesystem>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""us;
+using std::chrono_literals::operator""h;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using vexasim::Bend;
@@ -27,7 +31,7 @@ const std::string kTryToConnect = "Trying to connect to C0:FF:EE:00:00:01";
 const std::string kRemoving = "Removing failed to pair device";
 const std::string kNothing = "Do Action_eDoNothing";
 
-// ---- no remote
+// --- no remote ---
 
 class ABoxWithoutARemote : public AtRest
 {
@@ -147,7 +151,7 @@ TEST_F(ABoxWithoutARemote, TakesAFlagAgainAndAgainThatItCantRemove)
     EXPECT_LOG(box, INFO, "main", kFlag);
 }
 
-// ---- a remote that is connected
+// --- a remote that is connected ---
 
 class ABoxWithAConnectedRemote : public AtRest
 {
@@ -184,7 +188,7 @@ TEST_F(ABoxWithAConnectedRemote, LeavesItAloneForAnHourAfterItHasGone)
     EXPECT_THAT(box.busCalls(), ElementsAre(kConnect));
 }
 
-// ---- a remote that is paired and away; the hour began with the clock's time
+// --- a remote that is paired and away; the hour began with the clock's time ---
 
 class ARemoteThatIsPairedAndAway : public AtRest
 {
@@ -337,7 +341,7 @@ TEST_F(ARemoteThatIsPairedAndAway, IsConnectedUnderTheLock)
     expectHandlersToWaitFor("Connect");
 }
 
-// ---- a remote that is known and not paired
+// --- a remote that is known and not paired ---
 
 class ARemoteThatIsKnownAndNotPaired : public AtRest
 {
@@ -422,3 +426,5 @@ TEST_F(ABoxWithoutARemote, KeepsAnUnpairedRemoteThatItHasNoAdapterFor)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: MIT
-// From the first line of the log to the main loop: the adapter, and the five
-// seconds for the remote.
+// From the first line of the log to the main loop: the adapter, and the five seconds for the remote.
+
+#include <algorithm>
+#include <gmock/gmock.h>
 
 #include "tests/daemon/AtRest.h"
 #include "tests/daemon/Pacing.h"
 #include "tests/kit/TrueTime.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <algorithm>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""us;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
@@ -60,7 +61,7 @@ protected:
     }
 };
 
-// ---- the log's first lines, with the logger's own defaults
+// --- the log's first lines, with the logger's own defaults ---
 
 class ABoxThatStarts : public InABox
 {
@@ -169,7 +170,7 @@ TEST_F(ABoxThatStarts, WaitsFiveSecondsForARemoteThatNeverComes)
     EXPECT_LOG(box, DEBUG, "main", "process loop start");
 }
 
-// ---- no adapter, no BlueZ, no bus
+// --- no adapter, no BlueZ, no bus ---
 
 class ABoxWithoutAnAdapter : public AStart
 {
@@ -248,7 +249,7 @@ TEST_F(ABoxWithoutABus, SaysSoAndStillStopsInOrder)
     EXPECT_THAT(box.statusCourse(), ElementsAre("init", kGone));
 }
 
-// ---- a remote that has been paired before
+// --- a remote that has been paired before ---
 
 class ABoxWithAPairedRemote : public InABox
 {
@@ -335,7 +336,7 @@ TEST_F(ABoxWithAPairedRemote, EndsWithStatus0OnAnInterruptWhileItTries)
     EXPECT_THAT(box.statusCourse(), ElementsAre("init", kGone));
 }
 
-// ---- a remote that is known and not paired
+// --- a remote that is known and not paired ---
 
 class ABoxWithAStrangeRemote : public AStart
 {
@@ -382,3 +383,5 @@ TEST_F(ABoxWithoutAnAdapter, EndsAtOnceOnTwoQuickInterruptsAndLeavesItsStatus)
 }
 
 } // namespace
+
+} // namespace kit

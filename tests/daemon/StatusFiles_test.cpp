@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: MIT
 // The files that the daemon publishes, and the readings behind them.
 
+#include <filesystem>
+#include <gmock/gmock.h>
+
 #include "tests/daemon/AtRest.h"
 #include "tests/kit/NamedCase.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <filesystem>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""us;
+using std::chrono_literals::operator""h;
 using ::testing::ElementsAre;
 using vexasim::Bend;
 using vexasim::Bytes;
@@ -63,7 +67,7 @@ protected:
     }
 };
 
-// ---- the words and the address
+// --- the words and the address ---
 
 TEST_F(AConnectedRemote, HasItsFilesBackAPassAfterSomebodyRemovedThem)
 {
@@ -186,7 +190,7 @@ TEST_F(ABoxWithoutARemote, TouchesASignalStrengthFromElsewhereOnlyAtItsEnd)
     EXPECT_EQ(box.files().writes("bluetooth_rc_rssi"), 1U) << "this case's own";
 }
 
-// ---- when it is read
+// --- when it is read ---
 
 TEST_F(AConnectedRemote, IsNotReadAtFifteenWholeSeconds)
 {
@@ -241,7 +245,7 @@ TEST_F(AConnectedRemote, IsReadWhateverTheWallClockDoes)
     EXPECT_EQ(readings(), 2U);
 }
 
-// ---- levels
+// --- levels ---
 
 struct Reading : NamedCase {
     Bytes bytes;
@@ -353,7 +357,7 @@ TEST_F(AConnectedRemote, HasItsLevelLeftAsItIsByAReadingThatFailsThreeHoursLater
     EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");
 }
 
-// ---- versions
+// --- versions ---
 
 class AFirmwareVersion : public AConnectedRemote, public ::testing::WithParamInterface<Reading>
 {
@@ -407,7 +411,7 @@ TEST_F(AConnectedRemote, LosesItsVersionOverAReadingThatFails)
     EXPECT_LOG(box, WARN, "main", "Update canceled: invalid state: battery: 80% version: 0");
 }
 
-// ---- what the remote may lack
+// --- what the remote may lack ---
 
 vexasim::RemoteOptions without(bool vexasim::RemoteOptions::*service)
 {
@@ -454,3 +458,5 @@ TEST_F(ARemoteWithoutAVersion, StillHasItsBatteryRead)
 }
 
 } // namespace
+
+} // namespace kit

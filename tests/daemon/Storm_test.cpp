@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: MIT
 // An interrupt in the middle of a storm of events ends the daemon in order.
 
-#include "tests/kit/Box.h"
-#include "tests/kit/Objects.h"
-
 #include <atomic>
 #include <random>
 #include <thread>
 
-using namespace kit;
-using namespace std::chrono_literals;
+#include "tests/kit/Box.h"
+#include "tests/kit/Objects.h"
+
+namespace kit
+{
+
+using std::chrono_literals::operator""ms;
 
 namespace
 {
@@ -17,11 +19,9 @@ namespace
 constexpr int kRounds = 15;
 constexpr int kDevices = 6;
 
-/// Adds, changes and removes devices for as long as it lives, in batches as
-/// fast as the bus takes them. The next batch waits until the daemon has asked
-/// for the names of the last one's devices, so that what lies in the queues
-/// before it stays the same on a slow machine; with no daemon to ask it goes on
-/// after a while.
+/// Adds, changes and removes devices for as long as it lives, in batches as fast as the bus takes them. The
+/// next batch waits until the daemon has asked for the names of the last one's devices, so that what lies in
+/// the queues before it stays the same on a slow machine; with no daemon to ask it goes on after a while.
 class Storm
 {
 public:
@@ -88,3 +88,5 @@ TEST_F(AStormOfEvents, DoesntKeepAnInterruptFromStoppingTheDaemonInOrder)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: MIT
 // The daemon's log goes to syslog when VEXA_LOG_SYSLOG says so.
 
-#include "tests/kit/Box.h"
-
+#include <array>
 #include <gmock/gmock.h>
-
 #include <poll.h>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
-
-#include <array>
-#include <stdexcept>
 #include <vector>
 
-using namespace kit;
+#include "tests/kit/Box.h"
+
+namespace kit
+{
+
 using ::testing::Each;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
@@ -115,3 +115,5 @@ TEST_F(ABoxWithSyslog, HasTheWholeLogThereAndNoneOnStandardError)
 }
 
 } // namespace
+
+} // namespace kit

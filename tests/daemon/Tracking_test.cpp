@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: MIT
 // How the daemon's picture of the remote follows what BlueZ reports.
 
+#include <gmock/gmock.h>
+
 #include "tests/daemon/AtRest.h"
 #include "tests/kit/NamedCase.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""us;
+using std::chrono_literals::operator""h;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -28,7 +33,7 @@ std::string readOf(const std::string& path)
     return path.substr(11) + " GattCharacteristic1.ReadValue (@a{sv} {},)";
 }
 
-// ---- recognition
+// --- recognition ---
 
 struct Name : NamedCase {
     const char* text;
@@ -116,7 +121,7 @@ TEST_F(AStrangeDevice, CanSayWhatItLikes)
     EXPECT_TRUE(box.stops());
 }
 
-// ---- adapters
+// --- adapters ---
 
 TEST_F(AStrangeDevice, IsScannedForOnTheSecondAdapterWhenTheFirstIsGone)
 {
@@ -148,7 +153,7 @@ TEST_F(AStrangeDevice, IsScannedForOnAnAdapterThatCameBackAndWasntPoweredAgain)
     EXPECT_THAT(box.busCalls({"Set", "StartDiscovery"}), ElementsAre("hci0 Adapter1.StartDiscovery ()"));
 }
 
-// ---- a remote that is known: connected, at rest, and read once
+// --- a remote that is known: connected, at rest, and read once ---
 
 class AKnownRemote : public AtRest
 {
@@ -305,7 +310,7 @@ TEST_F(AKnownRemote, HasItsServicesResolvedLogged)
     }
 }
 
-// ---- services and characteristics
+// --- services and characteristics ---
 
 TEST_F(AKnownRemote, LosesItsBatteryFileWithItsBatteryService)
 {
@@ -469,3 +474,5 @@ TEST_F(AKnownRemote, IsFoundAgainWhenBlueZHasBeenRestarted)
 }
 
 } // namespace
+
+} // namespace kit

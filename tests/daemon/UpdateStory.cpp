@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "tests/daemon/UpdateStory.h"
 
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <memory>
 
 namespace kit
@@ -16,7 +15,8 @@ namespace kit
 namespace
 {
 
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 using ::testing::ElementsAreArray;
 using vexasim::Bend;
 using vexasim::Bytes;
@@ -56,7 +56,7 @@ std::string signatureOf(const FirmwareImage& image)
 
 } // namespace
 
-// ---- the status file
+// --- the status file ---
 
 void StatusSampler::watch(const Room& room)
 {
@@ -96,7 +96,7 @@ Lines StatusSampler::course() const
     return mCourse;
 }
 
-// ---- the story
+// --- the story ---
 
 UpdateStory::UpdateStory(const BoxOptions& options) : InABox(sampled(options))
 {
@@ -112,7 +112,7 @@ BoxOptions UpdateStory::sampled(BoxOptions options)
     return options;
 }
 
-bool UpdateStory::remoteIsRead(uint8_t battery, uint16_t version)
+bool UpdateStory::remoteIsRead(std::uint8_t battery, std::uint16_t version)
 {
     box.remote().setBattery(battery);
     box.remote().setVersion(version);
@@ -186,16 +186,16 @@ Lines UpdateStory::exchange()
     return lines;
 }
 
-// ---- the image and its packets
+// --- the image and its packets ---
 
-FirmwareImage newerImage(uint16_t words, std::size_t bytes)
+FirmwareImage newerImage(std::uint16_t words, std::size_t bytes)
 {
     FirmwareImage image = FirmwareImage::ofBytes(words, bytes);
     image.version = 0x1a4;
     return image;
 }
 
-FirmwareImage newerImage(uint16_t words)
+FirmwareImage newerImage(std::uint16_t words)
 {
     return newerImage(words, std::size_t{4} * words);
 }
@@ -240,7 +240,7 @@ Lines sentIn(const Lines& exchange)
     return sent;
 }
 
-// ---- another behaviour
+// --- another behaviour ---
 
 Arrangement both(const Arrangement& first, const Arrangement& second)
 {
@@ -285,7 +285,7 @@ Arrangement slowWrites(std::chrono::milliseconds delay)
     };
 }
 
-// ---- the log and the words
+// --- the log and the words ---
 
 Lines logOfStart(const FirmwareImage& image, const std::string& name)
 {

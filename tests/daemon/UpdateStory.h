@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Box.h"
-#include "tests/kit/Cipher.h"
-#include "tests/kit/FirmwareImage.h"
-#include "tests/kit/Hex.h"
-
 #include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "tests/kit/Box.h"
+#include "tests/kit/Cipher.h"
+#include "tests/kit/FirmwareImage.h"
+#include "tests/kit/Hex.h"
+
 namespace kit
 {
 
 using Lines = std::vector<std::string>;
 
-/// Reads the status file while the daemon waits for the answer to a write, so
-/// that no word is missed however late this side wakes up. Any thread.
+/// Reads the status file while the daemon waits for the answer to a write, so that no word is missed however
+/// late this side wakes up. Any thread.
 class StatusSampler
 {
 public:
@@ -47,13 +47,13 @@ class UpdateStory : private HasStatusSampler, public InABox
 protected:
     explicit UpdateStory(const BoxOptions& options = pairedRemote());
 
-    // ---- before the update
+    // --- before the update ---
     /// Starts the daemon: the remote is connected, its battery and version are read.
-    bool remoteIsRead(uint8_t battery = 80, uint16_t version = 0x1a3);
+    bool remoteIsRead(std::uint8_t battery = 80, std::uint16_t version = 0x1a3);
     /// Writes the image's file, and links it for the daemon.
     void offer(const FirmwareImage& image, const std::string& name = "image.bin");
 
-    // ---- its end
+    // --- its end ---
     /// "succeed", "failed" or "canceled"; the word stands for three seconds.
     bool ends(const std::string& outcome, std::chrono::milliseconds limit = kPatience);
     /// The ordinary word that follows the outcome.
@@ -62,7 +62,7 @@ protected:
     void expectFailure(const FirmwareImage& image, const Lines& log, const std::vector<int>& numbers,
                        const std::string& idle = "disconnected");
 
-    // ---- what was seen
+    // --- what was seen ---
     /// The words of the status file since the image was offered.
     Lines course() const { return sampler.course(); }
     /// The daemon's records about the update, as "E Upload fw failed".
@@ -81,18 +81,18 @@ private:
 };
 
 /// An image of version 1a4 that announces `words` words and holds `bytes` of payload.
-FirmwareImage newerImage(uint16_t words, std::size_t bytes);
-FirmwareImage newerImage(uint16_t words);
+FirmwareImage newerImage(std::uint16_t words, std::size_t bytes);
+FirmwareImage newerImage(std::uint16_t words);
 
-/// What a good remote and the daemon send each other for this image when `bytes`
-/// of its payload are sent in blocks of 20.
+/// What a good remote and the daemon send each other for this image when `bytes` of its payload are sent in
+/// blocks of 20.
 Lines goodExchange(const FirmwareImage& image, std::size_t bytes);
 Lines exchangeUpToData(const FirmwareImage& image);
 Lines dataPackets(const FirmwareImage& image, std::size_t bytes);
 /// Those of an exchange that go to the remote.
 Lines sentIn(const Lines& exchange);
 
-// ---- another behaviour of the remote or of BlueZ
+// --- another behaviour of the remote or of BlueZ ---
 using Arrangement = std::function<void(Box&)>;
 Arrangement both(const Arrangement& first, const Arrangement& second);
 Arrangement with(vexasim::UpdateStep step, const std::function<void(vexasim::UpdateFault&)>& edit);
@@ -107,7 +107,7 @@ Arrangement answering(vexasim::UpdateStep step, const std::vector<vexasim::Bytes
 /// BlueZ takes so long to answer the writes of the connection parameters and of the question for the image.
 Arrangement slowWrites(std::chrono::milliseconds delay);
 
-// ---- the log
+// --- the log ---
 /// From the link to the end of a good update, in which so many bytes are sent.
 Lines logOfGoodUpdate(const FirmwareImage& image, std::size_t bytes);
 /// From the link to the beginning of the update.
@@ -115,9 +115,9 @@ Lines logOfStart(const FirmwareImage& image, const std::string& name = "image.bi
 /// "I 20 bytes written. Sent 20 of 100 left 80 (20.00%)" and so on.
 Lines logOfBlocks(const FirmwareImage& image, std::size_t bytes);
 
-// ---- the status file
-/// The numbers of an upload: a percentage is published when it has risen by more
-/// than 0.95, rounded up from single precision.
+// --- the status file ---
+/// The numbers of an upload: a percentage is published when it has risen by more than 0.95, rounded up from
+/// single precision.
 std::vector<int> publishedNumbers(int total, std::size_t bytes);
 /// "connected", "rc_fw_update_preparing", a word for each number, and `rest`.
 Lines words(const std::vector<int>& numbers, const Lines& rest);

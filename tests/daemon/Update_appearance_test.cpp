@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
-// How the daemon finds the remote in its update mode: which device it takes for
-// it, and how long it waits.
+// How the daemon finds the remote in its update mode: which device it takes for it, and how long it waits.
+
+#include <gmock/gmock.h>
+#include <memory>
+#include <thread>
 
 #include "tests/daemon/UpdateStory.h"
 #include "tests/kit/Objects.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <memory>
-#include <thread>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""min;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
@@ -133,7 +135,7 @@ protected:
     const FirmwareImage image = newerImage(kImageBytes / 4);
 };
 
-// ---- which device it is
+// --- which device it is ---
 
 TEST_F(ARemoteToBeFound, IsTheFirstOfTwoWithItsName)
 {
@@ -218,7 +220,7 @@ TEST_F(ARemoteToBeFound, IsFoundAfterAnInterruptThatComesBeforeTheUpdate)
     EXPECT_EQ(box.awaitExit(), Exit::with(0));
 }
 
-// ---- how long it takes
+// --- how long it takes ---
 
 class ARemoteThatTakesHalfAMinute : public ARemoteToBeFound
 {
@@ -263,7 +265,7 @@ TEST_F(ARemoteToBeFound, HasTimeAnewForTheSecondCharacteristic)
     EXPECT_EQ(box.sim().calls("WriteValue", data).size(), 1U);
 }
 
-// ---- where its characteristics are
+// --- where its characteristics are ---
 
 TEST_F(ARemoteToBeFound, HasItsDataWhereItWasAnnouncedLast)
 {
@@ -287,3 +289,5 @@ TEST_F(ARemoteToBeFound, HasItsControlPointWhereItWasAnnouncedLast)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: MIT
-// Whether an offered image is sent to the remote at all, and what each outcome
-// leaves behind.
+// Whether an offered image is sent to the remote at all, and what each outcome leaves behind.
+
+#include <gmock/gmock.h>
 
 #include "tests/daemon/UpdateStory.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/Objects.h"
 #include "tests/kit/TrueTime.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
@@ -64,11 +65,11 @@ protected:
 
 const Lines kLinkTaken = {"D Firmware symlink found: /tmp/image.bin", "W REMOVE: /tmp/bluetooth_rc_fw"};
 
-// ---- the state of the remote
+// --- the state of the remote ---
 
 struct Refusal : NamedCase {
-    uint8_t battery;
-    uint16_t version;
+    std::uint8_t battery;
+    std::uint16_t version;
     std::string state; ///< as the log has it
 };
 
@@ -112,7 +113,7 @@ class AnImageForABattery : public AnOfferedImage, public ::testing::WithParamInt
 
 TEST_P(AnImageForABattery, IsSent)
 {
-    ASSERT_TRUE(remoteIsRead(static_cast<uint8_t>(GetParam())));
+    ASSERT_TRUE(remoteIsRead(static_cast<std::uint8_t>(GetParam())));
 
     offer(newerImage(5));
 
@@ -122,7 +123,7 @@ TEST_P(AnImageForABattery, IsSent)
 
 INSTANTIATE_TEST_SUITE_P(At, AnImageForABattery, ::testing::Values(16, 100));
 
-// ---- the version of the image
+// --- the version of the image ---
 
 class AnImageOfVersion : public AnOfferedImage, public ::testing::WithParamInterface<int>
 {
@@ -132,7 +133,7 @@ TEST_P(AnImageOfVersion, IsUnnecessary)
 {
     ASSERT_TRUE(remoteIsRead());
     FirmwareImage image = newerImage(5);
-    image.version = static_cast<uint16_t>(GetParam());
+    image.version = static_cast<std::uint16_t>(GetParam());
 
     offer(image);
 
@@ -162,7 +163,7 @@ TEST_F(ARemoteWithALongVersion, IsNewerThanAnyImage)
     expectCanceled(logOfStart(image) + Lines{"W RC update is unnecessary"});
 }
 
-// ---- the file
+// --- the file ---
 
 TEST_F(AnOfferedImage, IsUnnecessaryIfItsHeaderIsCutOff)
 {
@@ -262,7 +263,7 @@ TEST_F(AnOfferedImage, IsRefusedWithoutARemote)
                                                                  "battery: 0% version: 0"}));
 }
 
-// ---- attempts
+// --- attempts ---
 
 TEST_F(AnOfferedImage, IsServedOnceForEachLink)
 {
@@ -303,10 +304,10 @@ TEST_F(AnOfferedImage, ReplacesThePublishedVersionWhenItIsInTheRemote)
     EXPECT_TRUE(box.files().await(kVersionFile, "1a4"));
 }
 
-// ---- the outcome
+// --- the outcome ---
 
 struct Outcome : NamedCase { ///< by its word
-    uint16_t version;        ///< of the image
+    std::uint16_t version;   ///< of the image
     bool refused;            ///< the switch, by the remote
     const char* idle;
 };
@@ -342,3 +343,5 @@ INSTANTIATE_TEST_SUITE_P(ThatIs, AnOutcome,
                          named);
 
 } // namespace
+
+} // namespace kit

@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
 // Good updates: every packet, every word, every record of the log.
 
+#include <filesystem>
+#include <gmock/gmock.h>
+
 #include "tests/daemon/Pacing.h"
 #include "tests/daemon/UpdateStory.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/TrueTime.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <filesystem>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
@@ -43,7 +45,7 @@ protected:
     }
 };
 
-// ---- the whole log
+// --- the whole log ---
 
 TEST_F(AnUpdate, TellsEachStepInTheLog)
 {
@@ -86,7 +88,7 @@ TEST_F(AnUpdate, CallsTheStackInItsOrder)
                                    "StopNotify " + controlPoint, command));
 }
 
-// ---- images
+// --- images ---
 
 class AnImageThatIs : public AnUpdate, public ::testing::WithParamInterface<bool>
 {
@@ -113,8 +115,8 @@ INSTANTIATE_TEST_SUITE_P(DuringItsUpdate, AnImageThatIs, ::testing::Bool(),
                          [](const auto& test) { return test.param ? "Replaced" : "Removed"; });
 
 struct GoodImage : NamedCase {
-    uint16_t words;    ///< as the header announces
-    std::size_t bytes; ///< as the file holds
+    std::uint16_t words; ///< as the header announces
+    std::size_t bytes;   ///< as the file holds
     std::size_t sent;
     std::vector<int> numbers;
 };
@@ -173,7 +175,7 @@ class AFileThatEndsEarly : public AnUpdate, public ::testing::WithParamInterface
 TEST_P(AFileThatEndsEarly, IsSentToItsEndAndFails)
 {
     const std::size_t bytes = GetParam();
-    const FirmwareImage image = newerImage(static_cast<uint16_t>(bytes / 4 + 1), bytes);
+    const FirmwareImage image = newerImage(static_cast<std::uint16_t>(bytes / 4 + 1), bytes);
     offer(image);
     ASSERT_TRUE(ends("failed"));
     ASSERT_LOG(box, ERROR, "main", "Firmware update failed");
@@ -189,7 +191,7 @@ TEST_P(AFileThatEndsEarly, IsSentToItsEndAndFails)
 
 INSTANTIATE_TEST_SUITE_P(OfBytes, AFileThatEndsEarly, ::testing::Values(0, 1, 21, 33, 35, 36, 37, 39, 40));
 
-// ---- pacing
+// --- pacing ---
 
 // From the remote's record. A packet that was noted late shortens the interval behind it, so single intervals
 // may be shorter than 13 ms; from the first block to any later one the sum may be only by that one delay.
@@ -201,7 +203,7 @@ TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
     offer(newerImage(1250));
     ASSERT_TRUE(ends("succeed", 120s));
 
-    std::vector<int64_t> times;
+    std::vector<std::int64_t> times;
     for (const UpdatePacket& packet : packets()) {
         if (packet.channel == UpdatePacket::Channel::Data) {
             times.push_back(packet.timeUs);
@@ -218,7 +220,7 @@ TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
     EXPECT_GE(pacing.rate(), kWorstRate);
 }
 
-// ---- pauses
+// --- pauses ---
 
 TEST_F(AnUpdate, PausesForTheParametersBeforeTheVerificationAndAfterTheReset)
 {
@@ -235,11 +237,11 @@ TEST_F(AnUpdate, PausesForTheParametersBeforeTheVerificationAndAfterTheReset)
     ASSERT_EQ(data.channel, UpdatePacket::Channel::Data);
     EXPECT_THAT(verify.timeUs - data.timeUs, isNearly(5s));
     // Nothing can answer the reset, and still its answer is waited for.
-    const int64_t ended = microseconds(box.files().moments("bluetooth_status").back().time);
+    const std::int64_t ended = microseconds(box.files().moments("bluetooth_status").back().time);
     EXPECT_THAT(ended - reset.timeUs, isAbout(1s));
 }
 
-// ---- answers
+// --- answers ---
 
 struct Tolerated : NamedCase {
     Arrangement arrange;
@@ -324,7 +326,7 @@ TEST_F(AnUpdate, TakesALateAnswerForThatOfTheNextCommand)
     EXPECT_LOG(box, DEBUG, "RcuOtaUpdater", "image version: 1122 image offset: 0");
 }
 
-// ---- an interrupt
+// --- an interrupt ---
 
 TEST_F(AnUpdate, IsCompletedAfterAnInterrupt)
 {
@@ -357,3 +359,5 @@ TEST_F(AnUpdate, EndsWithStatus1OnTheSecondInterrupt)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,19 +1,22 @@
 // SPDX-License-Identifier: MIT
-// Updates that fail: at each step the words of the log, the course of the status
-// file, what was sent, and what is left behind.
+// Updates that fail: at each step the words of the log, the course of the status file, what was sent, and
+// what is left behind.
+
+#include <algorithm>
+#include <functional>
+#include <gmock/gmock.h>
+#include <optional>
 
 #include "tests/daemon/UpdateStory.h"
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/TrueTime.h"
 
-#include <gmock/gmock.h>
+namespace kit
+{
 
-#include <algorithm>
-#include <functional>
-#include <optional>
-
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""min;
 using ::testing::ElementsAreArray;
 using vexasim::Bend;
 using vexasim::UpdateAppearance;
@@ -44,7 +47,7 @@ protected:
     const FirmwareImage image = newerImage(kImageBytes / 4); // five blocks
 };
 
-// ---- one step after the other
+// --- one step after the other ---
 
 /// How long the daemon waits for something behind its last call of a member, and to no avail.
 struct Wait {
@@ -61,7 +64,7 @@ struct Failure : NamedCase {
     const char* idle = "disconnected";
 };
 
-Arrangement status(UpdateStep step, uint8_t byte)
+Arrangement status(UpdateStep step, std::uint8_t byte)
 {
     return with(step, [byte](UpdateFault& fault) { fault.status = byte; });
 }
@@ -115,11 +118,11 @@ protected:
     void expectWait(const Wait& wait)
     {
         const std::vector<vexasim::Call> calls = box.sim().calls(wait.member);
-        const std::vector<int64_t> errors = arrivals(box, [](const LogRecord& record) {
+        const std::vector<std::int64_t> errors = arrivals(box, [](const LogRecord& record) {
             return record.level == ERROR && record.module == "RcuOtaUpdater";
         });
         ASSERT_FALSE(calls.empty() || errors.empty());
-        const int64_t waited = errors.front() - calls.back().timeUs;
+        const std::int64_t waited = errors.front() - calls.back().timeUs;
         EXPECT_THAT(waited, wait.limit.count() > 1 ? isNearly(wait.limit) : isAbout(wait.limit));
     }
 };
@@ -248,7 +251,7 @@ const Failure kFailures[] = {
 
 INSTANTIATE_TEST_SUITE_P(Each, AnUpdateThat, ::testing::ValuesIn(kFailures), named);
 
-// ---- the remote and the stack go
+// --- the remote and the stack go ---
 
 TEST_F(AFailingUpdate, FindsTheRemoteAway)
 {
@@ -331,7 +334,7 @@ TEST_F(AnUploadWithoutAStack, FailsWhenBluetoothdIsStopped)
     endsWhen([this] { box.sim().stopService(vexasim::Simulator::Stop::Terminate); }, "no device");
 }
 
-// ---- an answer from the wrong place
+// --- an answer from the wrong place ---
 
 TEST_F(AFailingUpdate, HearsNoCharacteristicButTheControlPoint)
 {
@@ -339,7 +342,7 @@ TEST_F(AFailingUpdate, HearsNoCharacteristicButTheControlPoint)
     offer(image);
     // The sixth command is the verification.
     ASSERT_TRUE(box.sim().awaitCall("WriteValue", updatePathOf(vexasim::uuid::kControlPoint), 5, kPatience));
-    const std::vector<uint8_t> good = {3, 0, 1};
+    const std::vector<std::uint8_t> good = {3, 0, 1};
     box.sim().emitPropertiesChanged(
         updatePathOf(vexasim::uuid::kData), "org.bluez.GattCharacteristic1",
         {{"Value", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, good.data(), good.size(), 1)}});
@@ -347,7 +350,7 @@ TEST_F(AFailingUpdate, HearsNoCharacteristicButTheControlPoint)
     expectFailure(image, kNoAnswer, kAll);
 }
 
-// ---- the next attempt
+// --- the next attempt ---
 
 TEST_F(AFailingUpdate, LeavesTheWayFreeForTheNextOne)
 {
@@ -370,3 +373,5 @@ TEST_F(AFailingUpdate, LeavesTheWayFreeForTheNextOne)
 }
 
 } // namespace
+
+} // namespace kit

@@ -1,25 +1,26 @@
 // SPDX-License-Identifier: MIT
-// The largest image that the format can name: every packet, every word, and what
-// the daemon's memory comes to. Takes some three minutes, so it runs on demand.
-
-#include "tests/daemon/UpdateStory.h"
-
-#include <gmock/gmock.h>
-
-#include <sys/types.h>
+// The largest image that the format can name: every packet, every word, and what the daemon's memory comes
+// to. Takes some three minutes, so it runs on demand.
 
 #include <cstdio>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <string>
+#include <sys/types.h>
 
-using namespace kit;
-using namespace std::chrono_literals;
+#include "tests/daemon/UpdateStory.h"
+
+namespace kit
+{
+
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""min;
 using ::testing::ElementsAreArray;
 
 namespace
 {
 
-constexpr uint16_t kMostWords = 65535;
+constexpr std::uint16_t kMostWords = 65535;
 constexpr std::size_t kMostBytes = 262140;
 constexpr std::size_t kBlocks = 13107;
 constexpr auto kReport = 10s;
@@ -92,3 +93,5 @@ TEST_F(TheLargestImageForLong, ArrivesWholeAndCostsLittleMemory)
 }
 
 } // namespace
+
+} // namespace kit

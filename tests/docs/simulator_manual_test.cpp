@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
-// Runs every example of docs/simulator.md that is marked for it, in order, in
-// one shell against one simulator.
+// Runs every example of docs/simulator.md that is marked for it, in order, in one shell against one
+// simulator.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+
 #include "sim/bluez/PrivateBus.h"
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/ScratchFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
 
 namespace
 {
@@ -28,8 +27,9 @@ std::string examples()
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to)
 {
-    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
         text.replace(at, from.size(), to);
+    }
 }
 } // namespace
 

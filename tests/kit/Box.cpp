@@ -12,7 +12,8 @@ namespace kit
 namespace
 {
 
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
 
 constexpr const char* kRoot = "/org/bluez/";
 constexpr const char* kBlueZ = "org.bluez.";
@@ -110,8 +111,8 @@ bool Box::startConnected()
 
 bool Box::awaitPasses(unsigned count)
 {
-    // The pass that is under way may have looked at things before they changed,
-    // and the next one's beginning is the end of the one before.
+    // The pass that is under way may have looked at things before they changed, and the next one's beginning
+    // is the end of the one before.
     return log().awaitCount(passBegins(), passesBegun() + count + 1);
 }
 
@@ -122,8 +123,8 @@ std::size_t Box::passesBegun()
 
 bool Box::awaitEvents()
 {
-    // An object of which the daemon only logs the arrival; its event thread
-    // deals with one thing after the other.
+    // An object of which the daemon only logs the arrival; its event thread deals with one thing after the
+    // other.
     std::array<char, 40> path{};
     std::snprintf(path.data(), path.size(), "/org/bluez/marker/desc%04x", ++mMarkers);
     mSimulator->addObject(path.data(), {{"org.bluez.GattDescriptor1", {{"UUID", g_variant_new_string("")}}}});

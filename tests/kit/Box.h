@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Bus.h"
-#include "tests/kit/Room.h"
-
-#include "sim/bluez/Simulator.h"
-
-#include <gtest/gtest.h>
-
 #include <chrono>
+#include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "sim/bluez/Simulator.h"
+#include "tests/kit/Bus.h"
+#include "tests/kit/Room.h"
 
 namespace kit
 {
@@ -28,8 +26,8 @@ BoxOptions pairedRemote();
 /// With nothing on the air.
 BoxOptions noRemote();
 
-/// A set-top box for one daemon: the room, a bus, and the simulated BlueZ with
-/// its remote. The daemon's real binary runs in it.
+/// A set-top box for one daemon: the room, a bus, and the simulated BlueZ with its remote. The daemon's real
+/// binary runs in it.
 class Box : public Room
 {
 public:
@@ -41,24 +39,23 @@ public:
 
     /// Starts the daemon and returns at once.
     void startDaemon(const std::vector<std::string>& arguments = {});
-    /// Starts it and has its start-up behind it: returns in the main loop, after
-    /// the first pass. The five seconds for the remote pass at once.
+    /// Starts it and has its start-up behind it: returns in the main loop, after the first pass. The five
+    /// seconds for the remote pass at once.
     bool startToIdle();
     /// Starts it and lets the five seconds pass; nothing of the main loop is awaited.
     bool startAndSkipWait();
-    /// Starts it with a remote that is paired (see pairedRemote()): returns when
-    /// the daemon has connected it, knows its services and publishes it.
+    /// Starts it with a remote that is paired (see pairedRemote()): returns when the daemon has connected it,
+    /// knows its services and publishes it.
     bool startConnected();
     /// Until `count` idle passes have begun and ended from now on.
     bool awaitPasses(unsigned count = 2);
-    /// Until the daemon has dealt with everything that BlueZ has told so far. A line of
-    /// the log may come before what it tells of: a handler logs, and then does it.
+    /// Until the daemon has dealt with everything that BlueZ has told so far. A line of the log may come
+    /// before what it tells of: a handler logs, and then does it.
     bool awaitEvents();
-    /// Stops the daemon's clock between two passes of its main loop. From here on
-    /// it makes one only when pass() lets it.
+    /// Stops the daemon's clock between two passes of its main loop. From here on it makes one only when
+    /// pass() lets it.
     bool stopClock();
-    /// Moves the stopped clock on and sees one pass in State_eIdle or
-    /// State_eActivation through.
+    /// Moves the stopped clock on and sees one pass in State_eIdle or State_eActivation through.
     bool pass(std::chrono::microseconds step = std::chrono::milliseconds{500});
     /// Sees that the loop looks at the stopped clock again and makes no pass.
     bool makesNoPass();
@@ -76,14 +73,14 @@ public:
     /// The course of /tmp/bluetooth_status.
     std::vector<std::string> statusCourse() { return files().course("bluetooth_status"); }
 
-    // ---- what reaches BlueZ
-    /// The daemon's calls in order, as "hci0 Adapter1.StartDiscovery ()". Those
-    /// that GDBus makes to load a proxy's properties are left out.
+    // --- what reaches BlueZ ---
+    /// The daemon's calls in order, as "hci0 Adapter1.StartDiscovery ()". Those that GDBus makes to load a
+    /// proxy's properties are left out.
     std::vector<std::string> busCalls() const;
     /// The same, of these members only.
     std::vector<std::string> busCalls(const std::vector<std::string>& members) const;
 
-    // ---- the remote on the bus
+    // --- the remote on the bus ---
     std::string remotePath() { return mSimulator->remotePath(); }
     std::string pathOf(const std::string& uuid);
     /// Another program of the box connects it; returns when its services are known.
@@ -123,8 +120,8 @@ protected:
     void startAtRest();
     /// The same with a remote that it has connected; see pairedRemote().
     void startConnectedAtRest();
-    /// The same with a paired remote that is away. The first pass, at which the
-    /// daemon saw that, was at the time that the clock shows.
+    /// The same with a paired remote that is away. The first pass, at which the daemon saw that, was at the
+    /// time that the clock shows.
     void startDisconnectedAtRest();
 
     /// Expects that what a handler does under the daemon's lock waits for the answer to the first call of

@@ -36,7 +36,7 @@ std::string textOf(const vexasim::Variant& value)
     return text.get();
 }
 
-// ---- a connection
+// --- a connection ---
 
 BusConnection::BusConnection(const std::string& address)
 {
@@ -96,7 +96,7 @@ Answer BusConnection::callOn(const std::string& name, const std::string& path, c
     return reply != nullptr ? Answer{reply, "", ""} : answerFrom(error);
 }
 
-// ---- a client
+// --- a client ---
 
 BusClient::BusClient(const std::string& address) : BusConnection(address)
 {
@@ -171,7 +171,7 @@ std::vector<std::string> BusClient::story() const
     return lines;
 }
 
-// ---- a monitor
+// --- a monitor ---
 
 BusMonitor::BusMonitor(const std::string& address) : BusConnection(address)
 {

@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Limits.h"
-
-#include "sim/bluez/Variant.h"
-
-#include <gio/gio.h>
-
 #include <condition_variable>
 #include <functional>
+#include <gio/gio.h>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "sim/bluez/Variant.h"
+#include "tests/kit/Limits.h"
 
 namespace kit
 {

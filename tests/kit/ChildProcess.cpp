@@ -1,20 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/ChildProcess.h"
 
-#include "tests/kit/Handle.h"
-#include "tests/kit/Limits.h"
-
 #include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
-
 #include <gtest/gtest.h>
+#include <sstream>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "tests/kit/Handle.h"
+#include "tests/kit/Limits.h"
 
 namespace kit
 {

@@ -3,9 +3,8 @@
 
 #include <algorithm>
 #include <memory>
-#include <stdexcept>
-
 #include <openssl/evp.h>
+#include <stdexcept>
 
 namespace kit
 {

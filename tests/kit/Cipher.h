@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/model/UpdateReceiver.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "sim/model/UpdateReceiver.h"
 
 namespace kit
 {

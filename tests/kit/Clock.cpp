@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/Clock.h"
 
-#include "tests/kit/Limits.h"
-
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <system_error>
 #include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
+#include "tests/kit/Limits.h"
 
 namespace kit
 {
@@ -16,7 +15,7 @@ namespace kit
 namespace
 {
 
-int64_t nowNs()
+std::int64_t nowNs()
 {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
@@ -53,7 +52,7 @@ void Clock::stop()
 
 void Clock::run()
 {
-    const int64_t stoppedAt = mPage->stoppedAtNs.load();
+    const std::int64_t stoppedAt = mPage->stoppedAtNs.load();
     if (stoppedAt != 0) {
         mPage->monotonicOffsetNs.store(stoppedAt - nowNs());
         mPage->stoppedAtNs.store(0);
@@ -82,7 +81,7 @@ void Clock::advanceAndHold(Duration duration, unsigned look)
     mPage->stoppedAtNs.fetch_add(duration.count());
 }
 
-bool Clock::awaitSet(const std::atomic<int64_t>& field)
+bool Clock::awaitSet(const std::atomic<std::int64_t>& field)
 {
     return eventually([&field] { return field.load() != 0; });
 }

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/ClockPage.h"
-
 #include <chrono>
 #include <string>
+
+#include "tests/kit/ClockPage.h"
 
 namespace kit
 {
@@ -22,17 +22,16 @@ public:
     Clock(const Clock&) = delete;
     Clock& operator=(const Clock&) = delete;
 
-    /// Lets the monotonic clock stand still; only advance moves it then, so a
-    /// test can stop on either side of a threshold.
+    /// Lets the monotonic clock stand still; only advance moves it then, so a test can stop on either side of
+    /// a threshold.
     void stop();
     /// Lets it run on from where it stands.
     void run();
     void advance(Duration duration);
-    /// The stopped clock holds the program's main thread at its next look at it:
-    /// between two steps of the daemon that nothing else tells apart.
+    /// The stopped clock holds the program's main thread at its next look at it: between two steps of the
+    /// daemon that nothing else tells apart.
     void hold();
-    /// Moves the stopped clock, which then holds the main thread at its `look`th
-    /// look at the new time.
+    /// Moves the stopped clock, which then holds the main thread at its `look`th look at the new time.
     void advanceAndHold(Duration duration, unsigned look);
     /// Until the main thread stands there.
     bool awaitHeld() const;
@@ -51,7 +50,7 @@ public:
     void stepWallClock(std::chrono::microseconds step);
 
 private:
-    static bool awaitSet(const std::atomic<int64_t>& field);
+    static bool awaitSet(const std::atomic<std::int64_t>& field);
 
     ClockPage* mPage = nullptr;
 };

@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the program in the box: moves the clocks as the test says, for
-// calls that come from the program's own code. What GLib and the C library ask
-// on their own account is answered truly, so their timers aren't moved.
-
-#include "tests/kit/InsideProgram.h"
-
-#include <sys/time.h>
+// Preloaded into the program in the box: moves the clocks as the test says, for calls that come from the
+// program's own code. What GLib and the C library ask on their own account is answered truly, so their timers
+// aren't moved.
 
 #include <ctime>
+#include <sys/time.h>
+
+#include "tests/kit/InsideProgram.h"
 
 namespace
 {
 
 using kit::ClockPage;
 
-constexpr int64_t kNsPerSecond = 1000000000;
-constexpr int64_t kUsPerSecond = 1000000;
+constexpr std::int64_t kNsPerSecond = 1000000000;
+constexpr std::int64_t kUsPerSecond = 1000000;
 
 ClockPage* page = nullptr;
 const kit::OwnCode program;
@@ -30,12 +29,11 @@ bool isMoved(const void* caller)
     return page != nullptr && program.has(caller);
 }
 
-// The main thread stands here as long as the test holds it at the time that the
-// stopped clock shows.
-void standIfHeld(int64_t stoppedAtNs)
+// The main thread stands here as long as the test holds it at the time that the stopped clock shows.
+void standIfHeld(std::int64_t stoppedAtNs)
 {
-    static int64_t lastSeenNs = 0;
-    static int64_t looks = 0;
+    static std::int64_t lastSeenNs = 0;
+    static std::int64_t looks = 0;
     if (!kit::inMainThread()) {
         return;
     }
@@ -60,7 +58,7 @@ extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t cl
     if (result != 0 || clock != CLOCK_MONOTONIC || !isMoved(caller)) {
         return static_cast<int>(result);
     }
-    int64_t ns = page->stoppedAtNs.load();
+    std::int64_t ns = page->stoppedAtNs.load();
     if (ns != 0) {
         standIfHeld(ns);
     } else {
@@ -78,7 +76,7 @@ extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* time
     if (result != 0 || !isMoved(caller)) {
         return static_cast<int>(result);
     }
-    const int64_t us = time->tv_sec * kUsPerSecond + time->tv_usec + page->wallOffsetUs.load();
+    const std::int64_t us = time->tv_sec * kUsPerSecond + time->tv_usec + page->wallOffsetUs.load();
     time->tv_sec = us / kUsPerSecond;
     time->tv_usec = us % kUsPerSecond;
     return 0;

@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/FileWatch.h"
 
+#include <array>
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
-#include <cstring>
 #include <system_error>
+#include <unistd.h>
 
 namespace kit
 {
@@ -96,8 +95,8 @@ void FileWatch::handle(const std::string& name, unsigned mask)
     mChanged.notify_all();
 }
 
-// Whatever the event was: what is there now is the truth, and the file that was
-// there before still shows, by its open handle, what it held at its end.
+// Whatever the event was: what is there now is the truth, and the file that was there before still shows, by
+// its open handle, what it held at its end.
 void FileWatch::look(File& file, const std::string& name)
 {
     Handle now = openRegular(mFolder + "/" + name);

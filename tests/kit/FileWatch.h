@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Handle.h"
-#include "tests/kit/Limits.h"
-
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -12,17 +9,19 @@
 #include <thread>
 #include <vector>
 
+#include "tests/kit/Handle.h"
+#include "tests/kit/Limits.h"
+
 namespace kit
 {
 
 /// Stands in a file's course for its removal.
 extern const std::string kGone;
 
-/// Watches the files of one folder and keeps the whole course of each: every
-/// other line that it came to hold, and its removals. Only a file that ends in a
-/// newline counts as written; the newline isn't kept. Two contents that follow
-/// each other within less than the time in which this side wakes up can show as
-/// the later one alone; the last one before a removal is never lost.
+/// Watches the files of one folder and keeps the whole course of each: every other line that it came to hold,
+/// and its removals. Only a file that ends in a newline counts as written; the newline isn't kept. Two
+/// contents that follow each other within less than the time in which this side wakes up can show as the
+/// later one alone; the last one before a removal is never lost.
 class FileWatch
 {
 public:
@@ -40,8 +39,7 @@ public:
     bool await(const std::string& name, const std::string& content,
                std::chrono::milliseconds limit = kPatience) const;
     bool awaitGone(const std::string& name, std::chrono::milliseconds limit = kPatience) const;
-    /// Waits until the file has been written so often since the watch began,
-    /// also with what it held already.
+    /// Waits until the file has been written so often since the watch began, also with what it held already.
     bool awaitWrites(const std::string& name, std::size_t count,
                      std::chrono::milliseconds limit = kPatience) const;
     // These first see to it that everything that has happened so far is recorded.

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <string>
+#include <unistd.h>
 #include <utility>
 
 namespace kit

@@ -11,8 +11,8 @@
 namespace kit
 {
 
-/// The bytes that hexadecimal digits stand for; blanks between them are skipped.
-/// Throws std::invalid_argument on anything else.
+/// The bytes that hexadecimal digits stand for; blanks between them are skipped. Throws std::invalid_argument
+/// on anything else.
 inline std::vector<std::uint8_t> fromHex(std::string_view text)
 {
     std::string digits;

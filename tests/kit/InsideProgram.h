@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/ClockPage.h"
-
+#include <cstdlib>
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>
@@ -11,7 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include "tests/kit/ClockPage.h"
 
 // What the preloaded libraries share. By bare system calls: the sanitizers replace the C library's functions
 // and aren't ready when these libraries are loaded.
@@ -46,10 +45,10 @@ public:
         // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel gives addresses as numbers
         const auto* headers = reinterpret_cast<const ElfW(Phdr)*>(getauxval(AT_PHDR));
         const auto* const end = headers + getauxval(AT_PHNUM);
-        uintptr_t base = 0;
+        std::uintptr_t base = 0;
         for (const auto* header = headers; header != end; ++header) {
             if (header->p_type == PT_PHDR) {
-                base = reinterpret_cast<uintptr_t>(headers) - header->p_vaddr;
+                base = reinterpret_cast<std::uintptr_t>(headers) - header->p_vaddr;
             }
         }
         for (const auto* header = headers; header != end; ++header) {
@@ -61,13 +60,13 @@ public:
     }
     bool has(const void* caller) const
     {
-        const auto address = reinterpret_cast<uintptr_t>(caller);
+        const auto address = reinterpret_cast<std::uintptr_t>(caller);
         return address >= mBegin && address < mEnd;
     }
 
 private:
-    uintptr_t mBegin = 0;
-    uintptr_t mEnd = 0;
+    std::uintptr_t mBegin = 0;
+    std::uintptr_t mEnd = 0;
 };
 
 inline bool inMainThread()

@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the program in the box: interrupts it as soon as it reads the
-// clock with its handler of SIGINT installed, which is while it makes its first
-// objects. Once in its life.
+// Preloaded into the program in the box: interrupts it as soon as it reads the clock with its handler of
+// SIGINT installed, which is while it makes its first objects. Once in its life.
 //
-// By bare system calls, as the clock is; but raise(3) is the C library's, or the
-// thread sanitizer's own, which would put any other signal off.
-
-#include <sys/syscall.h>
-#include <unistd.h>
+// By bare system calls, as the clock is; but raise(3) is the C library's, or the thread sanitizer's own,
+// which would put any other signal off.
 
 #include <csignal>
 #include <cstdint>
 #include <ctime>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace
 {

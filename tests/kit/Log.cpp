@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/Log.h"
 
-#include <poll.h>
-#include <sys/ioctl.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <poll.h>
 #include <regex>
+#include <sys/ioctl.h>
 
 namespace kit
 {

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Handle.h"
-#include "tests/kit/Limits.h"
-
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -13,6 +10,9 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "tests/kit/Handle.h"
+#include "tests/kit/Limits.h"
 
 namespace kit
 {
@@ -61,8 +61,8 @@ public:
 
     void append(std::string_view text);
 
-    /// Waits for a record behind the one that was awaited last: a test that
-    /// awaits one record after the other proves their order.
+    /// Waits for a record behind the one that was awaited last: a test that awaits one record after the other
+    /// proves their order.
     bool await(const LogPredicate& predicate, std::chrono::milliseconds limit = kPatience);
     /// Waits until there are `count` such records in the whole log; moves nothing.
     bool awaitCount(const LogPredicate& predicate, std::size_t count,
@@ -72,8 +72,8 @@ public:
     /// Waits for the line behind the one that was awaited last, and returns it; nothing at the log's end.
     std::optional<std::string> next();
 
-    /// Nothing is read while the lock lives, so the program comes to wait for its
-    /// reader. Its holder may ask this object nothing meanwhile.
+    /// Nothing is read while the lock lives, so the program comes to wait for its reader. Its holder may ask
+    /// this object nothing meanwhile.
     std::unique_lock<std::mutex> pause() { return std::unique_lock<std::mutex>(mMutex); }
 
     // These first see to it that all that the program has written so far is read.

@@ -2,11 +2,9 @@
 #include "tests/kit/LogRecorder.h"
 
 #include <cstdlib>
-#include <utility>
-
-#include <unistd.h>
-
 #include <glib.h>
+#include <unistd.h>
+#include <utility>
 
 namespace kit
 {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Log.h"
-
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "tests/kit/Log.h"
 
 namespace kit
 {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "sim/bluez/Simulator.h"
-
 #include <string>
+
+#include "sim/bluez/Simulator.h"
 
 namespace kit
 {

@@ -1,18 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/Program.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -20,8 +8,18 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
 #include <stdexcept>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
 
 namespace kit
 {
@@ -109,8 +107,8 @@ void expectNoReport(const std::vector<LogRecord>& records)
     ADD_FAILURE() << "the program was caught by a sanitizer:\n" << report;
 }
 
-/// Everything that the new process needs. Made before the fork: other threads
-/// of the test may hold the allocator's lock at that moment.
+/// Everything that the new process needs. Made before the fork: other threads of the test may hold the
+/// allocator's lock at that moment.
 struct Launch {
     explicit Launch(const ProgramOptions& options)
         : path(options.path),

@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/ChildProcess.h"
-#include "tests/kit/Limits.h"
-#include "tests/kit/Log.h"
-
-#include <sys/types.h>
-
 #include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <utility>
 #include <vector>
+
+#include "tests/kit/ChildProcess.h"
+#include "tests/kit/Limits.h"
+#include "tests/kit/Log.h"
 
 namespace kit
 {
@@ -32,11 +31,11 @@ struct ProgramOptions {
 /// A program that runs beside the test. It dies with the thread that started it. Of the test's own
 /// environment it gets only what every program needs. A sanitizer's report by it fails the case.
 ///
-/// If it has mounts it gets a mount namespace of its own; a user namespace as well where the caller may
-/// not make one without, with its own user mapped to itself so that D-Bus knows it.
+/// If it has mounts it gets a mount namespace of its own; a user namespace as well where the caller may not
+/// make one without, with its own user mapped to itself so that D-Bus knows it.
 ///
-/// Its standard output is a terminal, so that nothing is left in a buffer when
-/// it kills itself; its standard error is a pipe.
+/// Its standard output is a terminal, so that nothing is left in a buffer when it kills itself; its standard
+/// error is a pipe.
 class Program
 {
 public:

@@ -1,23 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include "tests/kit/Room.h"
 
-#include "tests/kit/Handle.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/kit/Handle.h"
 
 namespace kit
 {
@@ -47,8 +46,8 @@ std::string makeFolder()
     return pattern;
 }
 
-/// Starts a process that waits for the test's end, however it comes, and then
-/// removes `folder`. Returns its id and what to close when it shall begin.
+/// Starts a process that waits for the test's end, however it comes, and then removes `folder`. Returns its
+/// id and what to close when it shall begin.
 std::pair<pid_t, Handle> hireJanitor(const std::string& folder)
 {
     std::array<int, 2> ends{};
@@ -116,7 +115,7 @@ Room::~Room()
     waitpid(mJanitorPid, nullptr, 0);
 }
 
-// ---- the program
+// --- the program ---
 
 // What the program finds below /run/own, since the build may lie under the /tmp that is hidden.
 std::string Room::showSuppressions(const std::string& options) const
@@ -192,7 +191,7 @@ void Room::startOwn(const std::string& path, const std::vector<std::string>& arg
     launch(options);
 }
 
-// ---- files
+// --- files ---
 
 std::string Room::file(const std::string& name) const
 {
@@ -239,7 +238,7 @@ void Room::linkFirmware(const std::string& image) const
     std::filesystem::create_symlink(image, file("bluetooth_rc_fw"));
 }
 
-// ---- the button
+// --- the button ---
 
 void Room::writeAdc(const std::string& text) const
 {
@@ -263,15 +262,15 @@ std::string Room::adcFile() const
     return mFolder + kAdcFile;
 }
 
-// ---- signals
+// --- signals ---
 
 void Room::interrupt()
 {
     mProgram->signal(SIGINT);
 }
 
-// One for the process and one for its main thread: two pending signals of the
-// same number would be one. Delivered together when it goes on.
+// One for the process and one for its main thread: two pending signals of the same number would be one.
+// Delivered together when it goes on.
 void Room::interruptTwice()
 {
     mProgram->awaitMainThreadAsleep();

@@ -3,21 +3,21 @@
 
 #include "tests/kit/Room.h"
 
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
+namespace kit
+{
 
-using namespace kit;
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""ms;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -218,3 +218,5 @@ TEST(ARoomOfATestThatDies, IsSweptAwayWithItsProgram)
 }
 
 } // namespace
+
+} // namespace kit

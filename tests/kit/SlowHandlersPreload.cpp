@@ -3,13 +3,12 @@
 // has become free, so that the main thread wins each race for one that both want. And a thread that has
 // erased an object can be held before it takes its next lock.
 
-#include "tests/kit/InsideProgram.h"
-
+#include <cerrno>
+#include <ctime>
 #include <dlfcn.h>
 #include <pthread.h>
 
-#include <cerrno>
-#include <ctime>
+#include "tests/kit/InsideProgram.h"
 
 namespace
 {

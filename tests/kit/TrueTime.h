@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/kit/Box.h"
-
-#include <gmock/gmock.h>
-
 #include <chrono>
 #include <cstdint>
+#include <gmock/gmock.h>
 #include <vector>
+
+#include "tests/kit/Box.h"
 
 namespace kit
 {
@@ -61,8 +60,8 @@ inline std::vector<std::int64_t> times(const std::vector<vexasim::Call>& calls)
     return times;
 }
 
-/// How long the next `count` waits of the daemon's main thread take together. It is to do nothing but to
-/// wait and to look whether it shall go on.
+/// How long the next `count` waits of the daemon's main thread take together. It is to do nothing but to wait
+/// and to look whether it shall go on.
 inline std::int64_t timeOfWaits(Box& box, unsigned count)
 {
     const auto start = std::chrono::steady_clock::now();

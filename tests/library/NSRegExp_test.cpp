@@ -2,11 +2,10 @@
 #include "NSRegExp.h"
 
 #include <cstdio>
-#include <string>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
+#include <vector>
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/NamedCase.h"
@@ -19,7 +18,7 @@ using testing::IsEmpty;
 
 using Groups = std::vector<std::string>;
 
-// --- Matching
+// --- Matching ---
 
 struct MatchCase : kit::NamedCase {
     const char* pattern;
@@ -80,7 +79,7 @@ TEST(AnExpression, MatchesOneTextAfterTheOther)
     EXPECT_THAT(groups, ElementsAre("42", "42"));
 }
 
-// --- Flags
+// --- Flags ---
 
 TEST(TheFlagsOfTheConstructor, GoToTheCompilation)
 {
@@ -110,7 +109,7 @@ TEST(AnExpressionThatReportsNoGroups, GivesEmptyStringsInTheirPlaces)
     EXPECT_THAT(groups, ElementsAre("", "", ""));
 }
 
-// --- A pattern that doesn't compile
+// --- A pattern that doesn't compile ---
 
 TEST(AnInvalidPattern, IsReportedOnceWhenItIsMade)
 {

@@ -4,11 +4,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <gtest/gtest.h>
 #include <limits>
 #include <ostream>
 #include <string>
-
-#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include "tests/kit/NamedCase.h"
@@ -49,7 +48,7 @@ namespace
 constexpr long long kDayUs = 86400000000;
 constexpr long long kLargest = std::numeric_limits<std::int64_t>::max();
 
-// --- Clocks and values
+// --- Clocks and values ---
 
 TEST(ATimeThatIsNotSet, IsZero)
 {
@@ -141,7 +140,7 @@ const ComparisonCase kComparisons[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, AComparison, testing::ValuesIn(kComparisons), kit::named);
 
-// --- Arithmetic
+// --- Arithmetic ---
 
 TEST(Arithmetic, AddsAndTakesOffMicrosecondsAndTimes)
 {
@@ -188,7 +187,7 @@ const UnitCase kUnits[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, AddingAUnit, testing::ValuesIn(kUnits), kit::named);
 
-// --- Other forms
+// --- Other forms ---
 
 struct FormCase : kit::NamedCase {
     long long us;
@@ -263,7 +262,7 @@ const IntervalCase kIntervals[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, AnInterval, testing::ValuesIn(kIntervals), kit::named);
 
-// --- Local time
+// --- Local time ---
 
 constexpr long long kNoon = 1700049600000000; // 2023-11-15 12:00:00 UTC
 constexpr const char* kDumped = nullptr;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "Printable.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
+#include <string>
 
 #include "tests/kit/Allocations.h"
 #include "tests/kit/NamedCase.h"
@@ -16,7 +15,7 @@ struct TextCase : kit::NamedCase {
     std::string shown;
 };
 
-// --- With control characters
+// --- With control characters ---
 
 class AControlCharacter : public testing::TestWithParam<TextCase>
 {
@@ -52,7 +51,7 @@ const TextCase kReplaced[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, AControlCharacter, testing::ValuesIn(kReplaced), kit::named);
 
-// --- Without
+// --- Without ---
 
 class AnOrdinaryText : public testing::TestWithParam<TextCase>
 {

@@ -2,7 +2,6 @@
 #include "tests/library/PthreadCalls.h"
 
 #include <cstring>
-
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>

@@ -5,9 +5,8 @@
 #include <ctime>
 #include <map>
 #include <string>
-#include <vector>
-
 #include <sys/time.h>
+#include <vector>
 
 // What a test sees and bends of the system calls below the locks and threads. The linker sends the calls of
 // the program and its static libraries here (--wrap); those of shared libraries go their usual way.

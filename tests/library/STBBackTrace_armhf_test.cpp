@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
 // The stack trace on 32-bit ARM, which has a way of its own to the program counter: cross-compiled and run
 // here.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/NamedCase.h"
@@ -73,10 +72,10 @@ protected:
     std::string trace()
     {
         const std::string program = mFolder.path("trace");
-        const kit::Outcome build = kit::runProgram(
-            {kCompiler, "-std=c++17", "-O1", "-funwind-tables", "-rdynamic", GetParam().option,
-             "-I" VEXA_LIBRARY "/inc/private", VEXA_LIBRARY "/src/common/STBBackTrace.cpp",
-             BACKTRACE_PROGRAM, "-o", program});
+        const kit::Outcome build =
+            kit::runProgram({kCompiler, "-std=c++17", "-O1", "-funwind-tables", "-rdynamic",
+                             GetParam().option, "-I" VEXA_LIBRARY "/inc/private",
+                             VEXA_LIBRARY "/src/common/STBBackTrace.cpp", BACKTRACE_PROGRAM, "-o", program});
         EXPECT_TRUE(build.exitedWith(0)) << build;
         const kit::Outcome run = kit::runProgram({kEmulator, "-L", kLibraries, program});
         EXPECT_TRUE(run.exitedWith(0)) << run;

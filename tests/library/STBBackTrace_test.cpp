@@ -4,11 +4,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/mman.h>
 
 #include "tests/kit/ChildProcess.h"

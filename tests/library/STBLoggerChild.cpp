@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
 #include <gmock/gmock.h>
 #include <sys/time.h>
 #include <unistd.h>

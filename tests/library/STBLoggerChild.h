@@ -52,7 +52,7 @@ std::vector<std::string> logged(const Environment& more, const std::function<voi
 /// The records that syslog gets behind the greeting; expects that the process ends with status 0.
 std::vector<std::string> sent(const Environment& more, const std::function<void()>& body);
 
-// --- What happens inside of the library's calls, in this process
+// --- What happens inside of the library's calls, in this process ---
 
 /// Called with each step into and out of the calls: "before lock A", "lock A", "unlock A", "after unlock A",
 /// "write [34m" for colours, "clock", "syslog". The locks are named in the order in which they are met.

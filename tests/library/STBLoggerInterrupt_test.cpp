@@ -2,16 +2,15 @@
 // A handler that logs interrupts the logger at each step that it takes.
 #include <csignal>
 #include <cstdio>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/seccomp.h>
+#include <string>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "tests/kit/Allocations.h"
 #include "tests/library/STBLoggerChild.h"
@@ -29,7 +28,7 @@ constexpr const char* kStep = "step: ";
 constexpr const char* kDeferred = "deferred";
 constexpr const char* kHandled = "handled";
 
-// --- In the child: the steps go to its standard output as they are made
+// --- In the child: the steps go to its standard output as they are made ---
 
 int stepsMade = 0;
 int interruptedStep = -1; // from 0
@@ -62,7 +61,7 @@ void handleInterrupt(int signal)
     onStep = told;
 }
 
-// --- In the test
+// --- In the test ---
 
 Steps stepsOf(const kit::Outcome& outcome)
 {
@@ -84,7 +83,7 @@ std::size_t occurrences(const std::string& text, const std::string& part)
     return count;
 }
 
-// --- Each step of a message is interrupted twice
+// --- Each step of a message is interrupted twice ---
 
 struct Message {
     std::string name;
@@ -236,7 +235,7 @@ TEST(AnInterruptInTheEndOfTheLoggers, IsHandledBehindItAndLogsNothing)
     EXPECT_EQ(0U, occurrences(outcome.errors, "Interrupt!"));
 }
 
-// --- Where there is nothing to wait for
+// --- Where there is nothing to wait for ---
 
 TEST(AnInterruptOutsideOfTheLogger, IsHandledAtOnce)
 {
@@ -302,7 +301,7 @@ TEST(ANumberThatIsNoSignal, IsNeverDeferred)
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
 }
 
-// --- What it costs
+// --- What it costs ---
 
 TEST(ADroppedMessage, MakesNoSystemCall)
 {

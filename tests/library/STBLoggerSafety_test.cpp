@@ -5,13 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "tests/kit/Allocations.h"
 #include "tests/kit/Limits.h"
@@ -23,6 +22,7 @@ namespace
 using testing::ElementsAre;
 
 // --- Static objects that log: the first when it is destroyed, after the registry; the second all the time
+// ---
 
 constexpr const char* kStaticsLog = "STATICS_LOG";
 
@@ -48,7 +48,7 @@ private:
 const Logs logsWhenDestroyed(nullptr, "too late");
 const Logs logsAllTheTime("early", "late");
 
-// --- Threads and memory
+// --- Threads and memory ---
 
 TEST(LinesOfSeveralThreads, DontMix)
 {
@@ -91,7 +91,7 @@ TEST(AMessageOfAModuleOfTheDaemon, AllocatesNothing)
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
 }
 
-// --- A handler that exits
+// --- A handler that exits ---
 
 void exitAtOnce(int /*signal*/)
 {
@@ -118,7 +118,7 @@ TEST(AnInterruptWhileALineIsWritten, CanEndTheProcess)
     EXPECT_TRUE(outcome.exitedWith(1)) << outcome;
 }
 
-// --- The end of the process
+// --- The end of the process ---
 
 void logLate()
 {

@@ -2,12 +2,11 @@
 // What the record of an application and the environment tell a logger, its life, and syslog.
 #include <algorithm>
 #include <cstdlib>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/kit/NamedCase.h"
 #include "tests/library/STBLoggerChild.h"
@@ -20,7 +19,7 @@ using kit::NamedCase;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// --- Yes and no
+// --- Yes and no ---
 
 struct FlagCase : kit::NamedCase {
     const char* value; ///< null: not set
@@ -90,7 +89,7 @@ const FlagCase kFlags[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, AFlagOfTheEnvironment, testing::ValuesIn(kFlags), named);
 
-// --- Lists of modules, and the life of a logger
+// --- Lists of modules, and the life of a logger ---
 
 struct StoryCase : kit::NamedCase {
     Environment environment;
@@ -303,7 +302,7 @@ TEST(ThePrefix, IsWrittenAsItIs)
     }
 }
 
-// --- syslog
+// --- syslog ---
 
 TEST(Syslog, IsOpenedWithTheDefaultNameAndClosedAtTheEnd)
 {

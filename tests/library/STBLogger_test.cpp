@@ -5,12 +5,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "tests/kit/NamedCase.h"
 #include "tests/library/STBLoggerChild.h"
@@ -23,7 +22,7 @@ using kit::NamedCase;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// --- A line on standard error
+// --- A line on standard error ---
 
 TEST(ALineOfTheDaemon, HasTheColourThePrefixTheTimeTheLetterTheTagAndTheText)
 {
@@ -72,7 +71,7 @@ TEST(EachLine, IsOutAtOnceAlthoughStandardErrorIsBuffered)
     });
 }
 
-// --- Levels
+// --- Levels ---
 
 struct LevelCase : kit::NamedCase {
     STBLogLevel level;
@@ -140,7 +139,7 @@ TEST(AMessageAboveTheLevels, IsDroppedUnlessItsModuleIsSetAsHighAndThenHasNoLett
     EXPECT_THAT(lines, ElementsAre(" [Deep:42] passed"));
 }
 
-// --- Module, line and text
+// --- Module, line and text ---
 
 TEST(ALoggersOwnEntry, TakesTheModuleAsItIs)
 {
@@ -261,7 +260,7 @@ TEST(ATextThatFillsTheBuffer, LosesItsNewlineByTheCutAndNotOnceMore)
     EXPECT_EQ(head + text, kit::linesOf(outcome.errors).back());
 }
 
-// --- The filter
+// --- The filter ---
 
 struct FilterCase : kit::NamedCase {
     Environment environment;

@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: MIT
 // Which locks each operation of a thread takes, in which order, and what it does under them.
-#include "STBThread.h"
-
 #include <algorithm>
 #include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include "STBThread.h"
 #include "tests/library/PthreadCalls.h"
 #include "tests/library/Worker.h"
 

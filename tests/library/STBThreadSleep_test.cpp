@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "STBThread.h"
-
 #include <chrono>
 #include <ctime>
 #include <future>
+#include <gtest/gtest.h>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
+#include "STBThread.h"
 #include "tests/library/PthreadCalls.h"
 #include "tests/library/Worker.h"
 

@@ -8,15 +8,14 @@
 #include <fstream>
 #include <functional>
 #include <future>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/NamedCase.h"
@@ -76,7 +75,7 @@ kit::Outcome inPlainChild(const std::function<void()>& body)
     return outcome;
 }
 
-// --- Start
+// --- Start ---
 
 TEST(AThread, IsIdleAtFirst)
 {
@@ -172,7 +171,7 @@ TEST(AThreadThatCantBeMade, EndsTheProcess)
     EXPECT_THAT(outcome.output, HasSubstr(" ASSERT (res == 0) ret=11 on "));
 }
 
-// --- The end of the body
+// --- The end of the body ---
 
 TEST(AListener, HearsOnTheEndingThreadThatTheBodyHasReturned)
 {
@@ -209,7 +208,7 @@ TEST(ABodyThatHasReturned, LeavesTheThreadMarkedAsRunning)
     EXPECT_THAT(logged(outcome), testing::ElementsAre(ContainsRegex("already running$")));
 }
 
-// --- Stop
+// --- Stop ---
 
 TEST(AStop, ClearsTheRunningMarkAndAwaitsTheBodyWithoutALimit)
 {
@@ -358,7 +357,7 @@ TEST(TheDestructor, JoinsAThreadWhoseBodyHasReturnedWithoutAMessage)
     EXPECT_EQ("", outcome.errors + outcome.output);
 }
 
-// --- The second names
+// --- The second names ---
 
 TEST(EachSecondName, DoesTheSame)
 {
@@ -381,7 +380,7 @@ TEST(EachSecondName, DoesTheSame)
                 testing::ElementsAre(ContainsRegex("already running$"), ContainsRegex("already stopped$")));
 }
 
-// --- Priority
+// --- Priority ---
 
 struct PriorityCase : kit::NamedCase {
     STBThread::Priority priority;
@@ -421,7 +420,7 @@ const PriorityCase kPriorities[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, APriority, testing::ValuesIn(kPriorities), kit::named);
 
-// --- The owner of a record
+// --- The owner of a record ---
 
 using Record = pthread_helper::thread<STBThread>;
 

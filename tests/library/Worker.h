@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "STBThread.h"
-
 #include "tests/kit/Limits.h"
 
 // Helpers of the tests that run threads.

@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstdio>
 #include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -13,9 +15,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/NamedCase.h"
@@ -51,7 +50,7 @@ bool heldByCaller(mutex& lock)
     return result == EDEADLK;
 }
 
-// --- Every call and every result
+// --- Every call and every result ---
 
 struct Subject {
     void run() {}
@@ -170,7 +169,7 @@ TEST_P(ACall, PassesOrEndsTheProcessByItsResult)
 
 INSTANTIATE_TEST_SUITE_P(WithResult, ACall, testing::ValuesIn(kCalls), kit::named);
 
-// --- Locks as they really are
+// --- Locks as they really are ---
 
 TEST(ALock, EndsTheProcessIfItIsDestroyedWhileItIsHeld)
 {
@@ -259,7 +258,7 @@ TEST(AScopedLock, EndsWithoutAMessageIfItsScopeHasUnlocked)
     EXPECT_EQ("", outcome.output + outcome.errors);
 }
 
-// --- Waits
+// --- Waits ---
 
 struct DeadlineCase : kit::NamedCase {
     timeval now;
@@ -390,7 +389,7 @@ TEST(AWait, IsLengthenedByAStepOfTheWallClockBack)
     EXPECT_GE(waited, std::chrono::milliseconds(200));
 }
 
-// --- The record of a thread
+// --- The record of a thread ---
 
 struct Runner {
     void run()
@@ -425,7 +424,7 @@ TEST(TheRecordOfAThread, HasAnEntryThatReturnsNull)
     EXPECT_EQ(1, runner.runs);
 }
 
-// --- The fatal path as a whole
+// --- The fatal path as a whole ---
 
 TEST(TheFatalPath, TracesTheStackOnStandardErrorWithoutTheLogger)
 {

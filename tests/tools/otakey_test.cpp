@@ -1,21 +1,19 @@
 // SPDX-License-Identifier: MIT
-// The over-the-air key, from its file into the build: the real cmake, on the
-// module alone and on the whole project in a scratch folder.
+// The over-the-air key, from its file into the build: the real cmake, on the module alone and on the whole
+// project in a scratch folder.
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <iterator>
 #include <regex>
 #include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/Hex.h"
@@ -50,8 +48,8 @@ std::string asList(const std::string& key)
     return list;
 }
 
-/// Whether any eight digits of the key in a row can be read in `text`, in either case, in its list form or
-/// as bytes.
+/// Whether any eight digits of the key in a row can be read in `text`, in either case, in its list form or as
+/// bytes.
 bool reveals(const std::string& text, const std::string& key)
 {
     for (std::size_t i = 0; i + 8 <= key.size(); i += 2) {
@@ -79,7 +77,7 @@ mode_t modeOf(const std::string& path)
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-// ------------------------------------------------------------------------- The module
+// --- The module ---
 
 class TheKeyFile : public testing::Test
 {
@@ -263,7 +261,7 @@ TEST_F(TheKeyFile, MakesTheSourceAnewOnlyWhenTheKeyChanges)
     EXPECT_EQ(kDevelopmentKey, chosenKey());
 }
 
-// ------------------------------------------------------------------ The whole project
+// --- The whole project ---
 
 class TheProject : public testing::Test
 {

@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The pairing agent's program on a bus of its own, with the simulated BlueZ.
-#include "sim/bluez/PrivateBus.h"
-#include "sim/bluez/Simulator.h"
-
-#include "tests/kit/Bus.h"
-#include "tests/kit/Program.h"
-
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 #include <string>
+
+#include "sim/bluez/PrivateBus.h"
+#include "sim/bluez/Simulator.h"
+#include "tests/kit/Bus.h"
+#include "tests/kit/Program.h"
 
 using vexasim::Bend;
 using vexasim::Peripheral;
@@ -71,8 +70,9 @@ protected:
     /// The unique name of the agent's connection.
     std::string agentName()
     {
-        if (!sim.awaitCall("RequestDefaultAgent"))
+        if (!sim.awaitCall("RequestDefaultAgent")) {
             throw std::runtime_error("no agent was registered");
+        }
         return sim.calls("RequestDefaultAgent").back().sender;
     }
 

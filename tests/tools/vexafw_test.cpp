@@ -2,14 +2,12 @@
 // The real program vexafw, on real files.
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
-#include <string>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
+#include <iterator>
+#include <string>
 #include <sys/stat.h>
+#include <vector>
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/FirmwareImage.h"
@@ -58,7 +56,7 @@ protected:
     kit::ScratchFolder mFolder;
 };
 
-// ------------------------------------------------------------------------------- info
+// --- info ---
 
 TEST_F(Vexafw, InfoShowsTheHeaderThePayloadAndTheTransfer)
 {
@@ -150,7 +148,10 @@ protected:
         }
         return text;
     }
-    std::string path() const { return image(kit::FirmwareImage::ofBytes(GetParam().words, GetParam().bytes)); }
+    std::string path() const
+    {
+        return image(kit::FirmwareImage::ofBytes(GetParam().words, GetParam().bytes));
+    }
 };
 
 TEST_P(AnImage, IsWarnedAboutByInfo)
@@ -190,7 +191,7 @@ TEST_F(Vexafw, VerifyRefusesVersionZeroWhichIsNeverSent)
                 HasSubstr("version 0: never newer than the remote's, so the daemon cancels the update"));
 }
 
-// ------------------------------------------------------------------ Files at fault
+// --- Files at fault ---
 
 TEST_F(Vexafw, SaysWhyAFileIsNoImage)
 {
@@ -207,7 +208,7 @@ TEST_F(Vexafw, SaysWhyAFileIsNoImage)
     }
 }
 
-// ------------------------------------------------------------------------------- pack
+// --- pack ---
 
 TEST_F(Vexafw, PackWritesTheHeaderAndThePayload)
 {
@@ -345,7 +346,7 @@ TEST_F(Vexafw, PackSaysWhichFieldIsOutOfRange)
     EXPECT_FALSE(std::filesystem::exists(packed()));
 }
 
-// ------------------------------------------------------------------- The command line
+// --- The command line ---
 
 TEST_F(Vexafw, ExplainsItself)
 {

@@ -2,15 +2,13 @@
 #include "Firmware.h"
 
 #include <algorithm>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "tests/kit/FirmwareImage.h"
 #include "tests/kit/LogRecorder.h"
@@ -90,7 +88,7 @@ protected:
     kit::LogRecorder& mLog = kit::LogRecorder::cleared();
 };
 
-// -------------------------------------------------------------- What can't be opened
+// --- What can't be opened ---
 
 TEST_F(AFirmware, WithAnEmptyPathIsRefusedAloud)
 {
@@ -140,7 +138,7 @@ TEST_F(AFirmware, ClosesItsFile)
     EXPECT_EQ(-1, descriptorOf("image.bin"));
 }
 
-// ------------------------------------------------------------------------ The header
+// --- The header ---
 
 TEST_F(AFirmware, DecodesItsHeaderLowByteFirst)
 {
@@ -170,7 +168,7 @@ TEST_F(AFirmware, PrintsItsHeaderWithLeadingZeros)
                             "length: 0x0005 ota_flag: 0x06 reserved: 0x07"));
 }
 
-// ------------------------------------------------------------------------ The blocks
+// --- The blocks ---
 
 struct Payload : kit::NamedCase {
     std::uint16_t words; ///< as the header announces
@@ -264,7 +262,7 @@ TEST_F(AFirmware, StaysAtItsEndThoughTheFileGrows)
     EXPECT_THAT(blockSizes(*firmware, 2), ElementsAre(0, 0));
 }
 
-// -------------------------------------------------------------------- Starting again
+// --- Starting again ---
 
 TEST_F(AFirmware, BeginsWithItsHeaderOnceReset)
 {

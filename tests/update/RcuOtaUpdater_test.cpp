@@ -12,15 +12,13 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <gmock/gmock.h>
 #include <mutex>
+#include <pthread.h>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
-
-#include <pthread.h>
 #include <unistd.h>
-
-#include <gmock/gmock.h>
 
 #include "sim/bluez/Simulator.h"
 #include "tests/kit/Cipher.h"
@@ -29,11 +27,12 @@
 #include "tests/kit/NamedCase.h"
 #include "tests/kit/ScratchFolder.h"
 
-
 namespace
 {
 
-using namespace std::chrono_literals;
+using std::chrono_literals::operator""s;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""h;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using vexasim::Bend;
@@ -109,7 +108,10 @@ protected:
     vexasim::Remote& remote() { return mSimulator->remote(); }
     vexasim::UpdateReceiver& receiver() { return remote().receiver(); }
 
-    std::string write(const kit::FirmwareImage& image) const { return mFolder.write("image.bin", image.file()); }
+    std::string write(const kit::FirmwareImage& image) const
+    {
+        return mFolder.write("image.bin", image.file());
+    }
     /// An updater for the image; its words are kept.
     bool create(const kit::FirmwareImage& image)
     {
@@ -167,7 +169,7 @@ protected:
     std::function<void(const std::string&)> mOnWord; ///< called with each word, on the update's thread
 };
 
-// ----------------------------------------------------------------------------------- Making an updater
+// --- Making an updater ---
 
 class AnUpdater : public AnUpdate
 {
@@ -334,7 +336,7 @@ TEST_F(AnUpdater, LeavesNoRoundKeysBehind)
     EXPECT_EQ(0U, roundKeysOnHeap());
 }
 
-// ------------------------------------------------------------------------------------- Its callback
+// --- Its callback ---
 
 TEST_F(AnUpdate, WithoutACallbackGoesThroughAllTheSame)
 {
@@ -386,7 +388,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Exception{{"OfLogic"}, [] { throw std::logic_error("the reader failed"); }}),
     kit::named);
 
-// ---------------------------------------------------------------------------------- A second update
+// --- A second update ---
 
 class ASecondUpdate : public AnUpdate
 {
@@ -429,7 +431,7 @@ TEST_F(ASecondUpdate, TellsAFailureThatComesBeforeTheFutures)
     EXPECT_THAT(failures(), ElementsAre("E Failed to send connect request", "E Write RESET failed"));
 }
 
-// ---------------------------------------------------------------------- Signals at the update's thread
+// --- Signals at the update's thread ---
 
 // The remote's record is late by the way to it, but never early, so the lower bounds are exact.
 TEST_F(AnUpdate, IsPacedOnAThreadOfItsOwnThatSignalsDontHurry)
@@ -467,7 +469,7 @@ TEST_F(AnUpdate, IsPacedOnAThreadOfItsOwnThatSignalsDontHurry)
     EXPECT_GE(sent, 100U);
 }
 
-// ---------------------------------------------------------------------------------- Its destruction
+// --- Its destruction ---
 
 class AnUpdateThatIsOver : public AnUpdate
 {

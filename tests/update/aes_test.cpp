@@ -5,6 +5,7 @@
 #include <array>
 #include <cstring>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <map>
 #include <memory>
 #include <ostream>
@@ -12,8 +13,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
 
 #include "tests/kit/ChildProcess.h"
 #include "tests/kit/Cipher.h"
@@ -33,7 +32,7 @@ AesContext contextFor(const Bytes& key)
     return context;
 }
 
-// ---------------------------------------------------------------- Setting a key
+// --- Setting a key ---
 
 class AKeySizeThatIsNone : public testing::TestWithParam<int>
 {
@@ -78,7 +77,7 @@ TEST(AKey, IsExpandedIntoASchedulePerDirection)
                 ElementsAre(0x00010203, 0x04050607, 0x08090a0b, 0x0c0d0e0f));
 }
 
-// ------------------------------------------- Known answers of NIST, mode ECB
+// --- Known answers of NIST, mode ECB ---
 
 struct AnswerFile {
     std::string name;
@@ -141,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(Nist, TheKnownAnswers,
                                                                    {"VarKey256", 256}}),
                          [](const auto& given) { return given.param.name; });
 
-// ------------------------------------------------- Random blocks and libcrypto
+// --- Random blocks and libcrypto ---
 
 /// Each block is its own output.
 Bytes byOurs(const Bytes& key, Bytes blocks, Cipher direction)
@@ -181,7 +180,7 @@ TEST_P(RandomBlocks, ComeOutAsFromLibcrypto)
 INSTANTIATE_TEST_SUITE_P(KeyBits, RandomBlocks, testing::Values(128, 192, 256),
                          [](const auto& given) { return "Of" + std::to_string(given.param); });
 
-// ------------------------------------------------------------------ The tables
+// --- The tables ---
 
 TEST(TheTables, AreConstantDataOfTheBinary)
 {

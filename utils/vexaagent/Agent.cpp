@@ -21,11 +21,10 @@ constexpr const char* kPath = "/org/vexabluetoohtd/agent";
 constexpr const char* kCapability = "NoInputNoOutput";
 constexpr const char* kRejected = "org.bluez.Error.Rejected";
 
-
 constexpr guint kRetrySeconds = 1;
 constexpr int kCallTimeoutMs = 5000;
-// On a weak machine bluetoothd owns its name long before it answers, and without
-// the agent nothing pairs. If it dies instead, the bus ends the call.
+// On a weak machine bluetoothd owns its name long before it answers, and without the agent nothing pairs. If
+// it dies instead, the bus ends the call.
 constexpr int kNoTimeout = G_MAXINT;
 
 constexpr const char* kInterfaces = R"xml(<node>
@@ -77,37 +76,42 @@ struct Agent::Question {
 };
 
 Agent::Agent()
-    : mInterfaces(g_dbus_node_info_new_for_xml(kInterfaces, nullptr)), mName(std::string(ota_format::kRemoteNamePattern) + "|" + ota_format::kUpdateNamePart, REG_EXTENDED)
+    : mInterfaces(g_dbus_node_info_new_for_xml(kInterfaces, nullptr)),
+      mName(std::string(ota_format::kRemoteNamePattern) + "|" + ota_format::kUpdateNamePart, REG_EXTENDED)
 {
 }
 
 Agent::~Agent()
 {
-    if (mRetry != 0)
+    if (mRetry != 0) {
         g_source_remove(mRetry);
+    }
     leave();
     g_dbus_node_info_unref(mInterfaces);
 }
 
-// ---- the bus
+// --- the bus ---
 
 void Agent::start()
 {
-    if (!connect())
+    if (!connect()) {
         retryLater();
+    }
 }
 
 void Agent::retryLater()
 {
-    if (mRetry == 0)
+    if (mRetry == 0) {
         mRetry = g_timeout_add_seconds(kRetrySeconds, onRetry, this);
+    }
 }
 
 gboolean Agent::onRetry(gpointer self)
 {
     auto* agent = static_cast<Agent*>(self);
-    if (!agent->connect())
+    if (!agent->connect()) {
         return G_SOURCE_CONTINUE;
+    }
     agent->mRetry = 0;
     return G_SOURCE_REMOVE;
 }
@@ -118,12 +122,14 @@ bool Agent::connect()
     const glib_owner::Text address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
     const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    if (address)
+    if (address) {
         mConnection =
             g_dbus_connection_new_for_address_sync(address.get(), flags, nullptr, nullptr, error.out());
+    }
     if (mConnection == nullptr) {
-        if (!mWaiting)
+        if (!mWaiting) {
             LOG_WARN("no system bus yet, waiting for it: %s", Printable(error.message()).text());
+        }
         mWaiting = true;
         return false;
     }
@@ -140,8 +146,9 @@ bool Agent::connect()
 
 void Agent::leave()
 {
-    if (mConnection == nullptr)
+    if (mConnection == nullptr) {
         return;
+    }
     g_cancellable_cancel(mCancellable);
     g_clear_object(&mCancellable);
     g_signal_handlers_disconnect_by_data(mConnection, this);
@@ -161,7 +168,7 @@ void Agent::onBusClosed(GDBusConnection*, gboolean, GError*, gpointer self)
     agent->retryLater();
 }
 
-// ---- bluetoothd
+// --- bluetoothd ---
 
 void Agent::onStackAppeared(GDBusConnection*, const char*, const char*, gpointer self)
 {
@@ -172,8 +179,9 @@ void Agent::onStackAppeared(GDBusConnection*, const char*, const char*, gpointer
 void Agent::onStackVanished(GDBusConnection* connection, const char*, gpointer)
 {
     // It may be the bus that has vanished, and that is said elsewhere.
-    if (connection != nullptr && g_dbus_connection_is_closed(connection) == FALSE)
+    if (connection != nullptr && g_dbus_connection_is_closed(connection) == FALSE) {
         LOG_INFO("bluetoothd isn't running; registering when it starts");
+    }
 }
 
 void Agent::callManager(const char* method, GVariant* parameters, GAsyncReadyCallback done)
@@ -187,8 +195,9 @@ void Agent::onRegistered(GObject* connection, GAsyncResult* result, gpointer sel
     Error error;
     const Bluez::GVariantHolder reply(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.out()));
-    if (error && isCancelled(error))
+    if (error && isCancelled(error)) {
         return;
+    }
     if (error) {
         LOG_ERROR("bluetoothd rejected the agent: %s", Printable(error.message()).text());
         return;
@@ -201,29 +210,34 @@ void Agent::onMadeDefault(GObject* connection, GAsyncResult* result, gpointer)
     Error error;
     const Bluez::GVariantHolder reply(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.out()));
-    if (error && isCancelled(error))
+    if (error && isCancelled(error)) {
         return;
-    if (error)
+    }
+    if (error) {
         LOG_ERROR("bluetoothd didn't make the agent the default: %s", Printable(error.message()).text());
-    else
+    } else {
         LOG_INFO("registered as the default agent");
+    }
 }
 
-// ---- what bluetoothd asks
+// --- what bluetoothd asks ---
 
 void Agent::onCall(GDBusConnection*, const char*, const char*, const char*, const char* method,
                    GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self)
 {
     const std::string asked = method;
-    if (asked == "Release")
+    if (asked == "Release") {
         LOG_INFO("bluetoothd released the agent");
-    if (asked == "Release" || asked == "Cancel")
+    }
+    if (asked == "Release" || asked == "Cancel") {
         return g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
 
     const char* device = nullptr;
     g_variant_get_child(parameters, 0, "&o", &device);
-    if (asked == "RequestAuthorization")
+    if (asked == "RequestAuthorization") {
         return static_cast<Agent*>(self)->askForName(device, invocation);
+    }
     LOG_WARN("%s refused to %s: this box has neither keys nor a display", method, device);
     refuse(invocation, "this box pairs only its remote, and without a passkey");
 }
@@ -244,9 +258,10 @@ void Agent::onName(GObject* connection, GAsyncResult* result, gpointer data)
     const Bluez::GVariantHolder reply(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error.out()));
     if (error) {
-        if (!isCancelled(error))
+        if (!isCancelled(error)) {
             LOG_WARN("pairing refused to %s, whose name can't be read: %s", question->device.c_str(),
                      Printable(error.message()).text());
+        }
         return refuse(question->invocation, "a device without a name isn't the remote");
     }
     std::string name;

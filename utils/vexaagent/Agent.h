@@ -1,20 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "NSRegExp.h"
-
 #include <gio/gio.h>
-
 #include <string>
 
-/// The pairing agent of a box without keys or display. bluetoothd pairs nothing
-/// unless some program has registered one, and asks it when a device wants to
-/// pair of its own accord. This one registers as the default agent whenever
-/// bluetoothd appears, lets devices with the remote's name pair without a
-/// passkey, and refuses everything else.
+#include "NSRegExp.h"
+
+/// The pairing agent of a box without keys or display. bluetoothd pairs nothing unless some program has
+/// registered one, and asks it when a device wants to pair of its own accord. This one registers as the
+/// default agent whenever bluetoothd appears, lets devices with the remote's name pair without a passkey, and
+/// refuses everything else.
 ///
-/// Sources: org.bluez.AgentManager1 and org.bluez.Agent1. All of it runs on the
-/// thread of the default main context.
+/// Sources: org.bluez.AgentManager1 and org.bluez.Agent1. All of it runs on the thread of the default main
+/// context.
 class Agent
 {
 public:
@@ -23,8 +21,7 @@ public:
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
-    /// Joins the system bus, and again whenever it was lost; until it is there,
-    /// one attempt a second.
+    /// Joins the system bus, and again whenever it was lost; until it is there, one attempt a second.
     void start();
 
 private:

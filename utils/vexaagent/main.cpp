@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "Agent.h"
-
-#include <glib-unix.h>
-
 #include <csignal>
+#include <glib-unix.h>
 #include <memory>
+
+#include "Agent.h"
 
 namespace
 {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "App.h"
-
 #include <unistd.h>
+
+#include "App.h"
 
 namespace
 {

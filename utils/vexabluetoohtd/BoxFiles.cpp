@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "BoxFiles.h"
 
-#include <ext/stdio_filebuf.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <ext/stdio_filebuf.h>
+#include <fcntl.h>
 #include <limits>
 #include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace

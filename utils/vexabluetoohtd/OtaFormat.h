@@ -4,8 +4,9 @@
 #include <cstddef>
 
 /**
- * What the remote's firmware prescribes for an update: its names, its characteristics and the sizes of what it takes.
- * The daemon, the tool for images and the pairing agent have it from here. Constants alone; any thread.
+ * What the remote's firmware prescribes for an update: its names, its characteristics and the sizes of what
+ * it takes. The daemon, the tool for images and the pairing agent have it from here. Constants alone; any
+ * thread.
  */
 namespace ota_format
 {

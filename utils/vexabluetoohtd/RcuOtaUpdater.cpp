@@ -148,7 +148,7 @@ bool RcuOtaUpdater::update()
     return std::async(std::launch::async, [this] { return run(); }).get();
 }
 
-// ------------------------------------------------------------------------------------------ Event thread
+// --- Event thread ---
 
 void RcuOtaUpdater::onDeviceAdded(const std::string& path)
 {
@@ -199,7 +199,7 @@ void RcuOtaUpdater::onGattCharacteristicChanged(const Bluez::Service::Characteri
     }
 }
 
-// ------------------------------------------------------------------------------------- The update's thread
+// --- The update's thread ---
 
 bool RcuOtaUpdater::run()
 {

@@ -39,9 +39,8 @@ public:
                                                  const std::string& otaPath,
                                                  ProgressCallback progressCallback);
     ~RcuOtaUpdater() override;
-    /// Ends an updater while its client runs: unsubscribes it, wipes its keys and closes its image at once.
-    /// A callback may be under way, so the storage goes on the event thread, after it; nothing waits for
-    /// that.
+    /// Ends an updater while its client runs: unsubscribes it, wipes its keys and closes its image at once. A
+    /// callback may be under way, so the storage goes on the event thread, after it; nothing waits for that.
     static void retire(std::unique_ptr<RcuOtaUpdater> updater);
     RcuOtaUpdater(const RcuOtaUpdater&) = delete;
     RcuOtaUpdater& operator=(const RcuOtaUpdater&) = delete;

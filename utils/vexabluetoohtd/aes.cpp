@@ -84,9 +84,8 @@ constexpr ByteTable makeInverse(const ByteTable& box)
     return inverted;
 }
 
-// Substitution and column mix in one: the column that byte i of the first row
-// contributes, mixed with the polynomial whose coefficients are given from the
-// lowest; the other rows' columns are the same, rotated.
+// Substitution and column mix in one: the column that byte i of the first row contributes, mixed with the
+// polynomial whose coefficients are given from the lowest; the other rows' columns are the same, rotated.
 constexpr RoundTables makeRoundTables(const ByteTable& box, unsigned c0, unsigned c1, unsigned c2,
                                       unsigned c3)
 {
@@ -166,8 +165,7 @@ inline State addRoundKey(const State& s, const std::uint32_t* key)
     return {s.c0 ^ key[0], s.c1 ^ key[1], s.c2 ^ key[2], s.c3 ^ key[3]};
 }
 
-// Forced inline: left to itself the compiler makes a call of each round, with the
-// state through memory.
+// Forced inline: left to itself the compiler makes a call of each round, with the state through memory.
 [[gnu::always_inline]] inline State encryptRound(const State& s, const std::uint32_t* key)
 {
     const auto& t = kEncryptTables;
@@ -238,8 +236,7 @@ void expandKey(AesContext& context, const unsigned char* key, int keyWords)
     }
 }
 
-// The tables substitute before they mix, so the bytes go through the S-box
-// first to cancel the inverse one.
+// The tables substitute before they mix, so the bytes go through the S-box first to cancel the inverse one.
 std::uint32_t inverseMixWord(std::uint32_t word)
 {
     const std::uint32_t substituted = substituteWord(word);

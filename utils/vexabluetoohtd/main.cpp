@@ -1,8 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include "App.h"
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -10,7 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
+#include <unistd.h>
 
+#include "App.h"
 #include "BoxFiles.h"
 #include "NSRegExp.h"
 #include "OtaFormat.h"

@@ -53,9 +53,10 @@ std::vector<std::string> Delivery::warnings() const
             " from beyond the payload: the length isn't a multiple of 5 words and the file goes on");
     }
     if (sent == announced && announced % ota_format::kBlockBytes != 0) {
-        all.push_back(
-            "the length isn't a multiple of 5 words: the last block holds " + bytes(lastBlock) +
-            (lastBlock < ota_format::kCipherBytes ? ", too few to be enciphered, and is sent in the clear" : ""));
+        all.push_back("the length isn't a multiple of 5 words: the last block holds " + bytes(lastBlock) +
+                      (lastBlock < ota_format::kCipherBytes
+                           ? ", too few to be enciphered, and is sent in the clear"
+                           : ""));
     }
     if (present > sent) {
         all.push_back("the last " + bytes(present - sent) + " of the file are never read");

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // vexafw: inspects and creates firmware images for the remote.
+#include <CLI/CLI.hpp>
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
@@ -12,13 +13,10 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <system_error>
-#include <vector>
-
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
-
-#include <CLI/CLI.hpp>
+#include <vector>
 
 #include "Delivery.h"
 #include "Firmware.h"
@@ -148,7 +146,8 @@ Bytes readPayload(const PackOptions& options)
     }
     if (payload.size() > kMostWords * ota_format::kWordBytes && !options.lengthGiven) {
         throw UserError{options.payload + " has " + std::to_string(payload.size()) +
-                        " bytes, but an image carries at most " + std::to_string(kMostWords * ota_format::kWordBytes)};
+                        " bytes, but an image carries at most " +
+                        std::to_string(kMostWords * ota_format::kWordBytes)};
     }
     return payload;
 }

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <ctime>
-
 #include <pthread.h>
 #include <sys/time.h>
 

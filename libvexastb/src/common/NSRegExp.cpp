@@ -2,10 +2,9 @@
 #include "NSRegExp.h"
 
 #include <algorithm>
+#include <alloca.h>
 #include <cstddef>
 #include <cstdio>
-
-#include <alloca.h>
 
 // NOLINTNEXTLINE(modernize-pass-by-value): callers pass literals and long-lived patterns alike
 NSRegExp::NSRegExp(const std::string& pattern, int flags) : _pattern(pattern)

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <regex.h>
 #include <string>
 #include <vector>
-
-#include <regex.h>
 
 /// A regular expression of POSIX (regcomp, regexec), compiled once and matched often. Not shared by threads.
 class NSRegExp

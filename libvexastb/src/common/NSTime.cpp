@@ -2,11 +2,10 @@
 #include "NSTime.h"
 
 #include <algorithm>
+#include <alloca.h>
 #include <array>
 #include <cstddef>
 #include <cstdio>
-
-#include <alloca.h>
 
 namespace
 {

@@ -2,7 +2,6 @@
 #include "Printable.h"
 
 #include <cstring>
-
 #include <glib.h>
 
 namespace

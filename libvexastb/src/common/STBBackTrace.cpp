@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-
 #include <dlfcn.h>
 #include <unistd.h>
 

@@ -12,7 +12,6 @@
 #include <ctime>
 #include <memory>
 #include <string_view>
-
 #include <sys/time.h>
 #include <syslog.h>
 

@@ -441,7 +441,8 @@ void Bluez::onPropertiesChanged(GDBusProxy* proxy, GVariant* changed, const gcha
     g_variant_iter_init(&iterator, changed);
     const gchar* name = nullptr;
     GVariant* value = nullptr;
-    while (g_variant_iter_loop(&iterator, "{&sv}", &name, &value) != FALSE) { // frees the value before the next
+    while (g_variant_iter_loop(&iterator, "{&sv}", &name, &value) !=
+           FALSE) { // frees the value before the next
         onPropertyChanged(path, name, value);
     }
 }

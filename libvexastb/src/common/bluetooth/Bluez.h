@@ -4,13 +4,12 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <gio/gio.h>
 #include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <gio/gio.h>
 
 #include "RemovalGate.h"
 #include "STBThread.h"

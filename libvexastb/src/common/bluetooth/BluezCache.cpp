@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "Bluez.h"
-
 #include "BluezVariant.h"
 
 namespace

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "Bluez.h"
-
 #include <cstddef>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
 
+#include "Bluez.h"
 #include "NSRegExp.h"
 
 namespace

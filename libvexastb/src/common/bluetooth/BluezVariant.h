@@ -2,10 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <gio/gio.h>
 #include <string>
 #include <vector>
-
-#include <gio/gio.h>
 
 #include "Bluez.h"
 

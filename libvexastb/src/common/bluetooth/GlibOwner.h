@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <memory>
-
 #include <gio/gio.h>
+#include <memory>
 
 /**
  * Owners of GLib's plain resources, each released on every way out of its scope. A GVariant's is
