@@ -151,11 +151,11 @@ bool App::findAdapter(std::string& path, std::optional<std::string>& address)
     std::string text;
     RemovalGate& removals = mBluez->removals();
     const pthread_helper::scoped_lock hold(removals.hold());
-    {
-        const Lock lock(*this, Lock::MainThread);
-        path = firstOf(mAdapters);
-    }
-    if (!path.empty() && !removals.isGoing(path) && mBluez->adapterGetAddress(path, text)) {
+    Lock lock(*this, Lock::MainThread);
+    path = firstOf(mAdapters);
+    const bool usable = !removals.isGoing(path); // asked before a handler that waits can end the removal
+    lock.unlock();
+    if (usable && mBluez->adapterGetAddress(path, text)) {
         address = text;
     }
     return !path.empty();
