@@ -247,7 +247,7 @@ using AnAdapterWithALateRemoval = ALateRemoval;
 TEST_P(AnAdapterWithALateRemoval, ScansWhenItComesBack)
 {
     const std::string path = box.sim().adapterPath();
-    box.sim().addInterface(path, "org.bluez.Adapter1", {{"Powered", g_variant_new_boolean(TRUE)}});
+    box.sim().addObject(path, {{"org.bluez.Adapter1", {{"Powered", g_variant_new_boolean(TRUE)}}}});
     ASSERT_LOG(box, DEBUG, "main", "Adapter: + " + path);
 
     box.setFlag("reset");
