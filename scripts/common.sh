@@ -16,8 +16,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
     testPackages=("${developmentPackages[@]}" util-linux python3 python3-cryptography-vectors
         g++-arm-linux-gnueabihf qemu-user)
     demoPackages=("${developmentPackages[@]}" util-linux python3)
-    lintPackages=("${developmentPackages[@]}" git clang clang-format clang-tidy cppcheck shellcheck
-        mandoc python3)
+    lintPackages=("${developmentPackages[@]}" git clang clang-format-16 clang-tidy cppcheck shellcheck
+        mandoc pyflakes3 python3)
 }
 
 if [[ -t 1 && ${TERM:-dumb} != dumb && -z ${NO_COLOR:-} ]]; then
