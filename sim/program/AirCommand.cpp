@@ -61,15 +61,15 @@ void AirCommand::run()
     mBox.pace = mHurried ? Pace::Hurried : Pace::RealTime;
 
     Narrator narrator(mSettings.quiet);
-    // These outlive the box, like all that its settings refer to.
     const MainLoop loop;
     std::string lost;
-    mBox.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
-    mBox.onLost = [&lost, &loop](const std::string& why) {
+    auto options = mBox; // a copy, which refers to what stands above
+    options.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
+    options.onLost = [&lost, &loop](const std::string& why) {
         lost = why;
         loop.quit();
     };
-    AirBox box(mBox);
+    AirBox box(options);
     prepare(*box.remotes().front().remote, mSettings);
 
     std::optional<PrivateBus> bus;
