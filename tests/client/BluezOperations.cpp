@@ -167,12 +167,12 @@ constexpr Property word(const char* name)
 constexpr Property kStrength{"RSSI", "@n -71", "@n 127", "@i -71"};
 constexpr Property kUuid{"UUID", "'0000180f-0000-1000-8000-00805f9b34fb'", "'another'", "@n 6159"};
 
-const Message kWrite{"WriteValue", "([byte 0x00, 0x7f, 0xff], @a{sv} {})"};
-const Message kRead{"ReadValue", "(@a{sv} {},)", "refused", "([byte 80],)"};
-const Message kReadVector{"ReadValue",    "(@a{sv} {},)", "refused",
-                          "([byte 80],)", "done",         {"E Empty variant", "E Not an array"}};
-const Message kGetName{"Get", "('org.bluez.Device1', 'Name')", "refused", "(<'VEXA RC'>,)", "'VEXA RC'", {},
-                       false};
+const BusMessage kWrite{"WriteValue", "([byte 0x00, 0x7f, 0xff], @a{sv} {})"};
+const BusMessage kRead{"ReadValue", "(@a{sv} {},)", "refused", "([byte 80],)"};
+const BusMessage kReadVector{"ReadValue",    "(@a{sv} {},)", "refused",
+                             "([byte 80],)", "done",         {"E Empty variant", "E Not an array"}};
+const BusMessage kGetName{
+    "Get", "('org.bluez.Device1', 'Name')", "refused", "(<'VEXA RC'>,)", "'VEXA RC'", {}, false};
 
 using Call = std::string (*)(Bluez&, const std::string&);
 
@@ -189,7 +189,7 @@ Operation reading(const Property& property, const char* name, const Kind& kind, 
     return {{name}, &kind, call, Proxy::Shared, complaints, property};
 }
 
-Operation sending(const Message& message, const char* name, const Kind& kind, Call call, Proxy proxy,
+Operation sending(const BusMessage& message, const char* name, const Kind& kind, Call call, Proxy proxy,
                   const Complaints& complaints = {})
 {
     return {{name}, &kind, call, proxy, complaints, {}, message};

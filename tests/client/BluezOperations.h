@@ -28,7 +28,7 @@ struct Property {
 };
 
 /// The one message that an operation sends.
-struct Message {
+struct BusMessage {
     const char* method = nullptr; ///< null for an operation that sends none or, as devicePair, several
     const char* parameters = "()";
     const char* outcomeOfError = "refused";
@@ -45,7 +45,7 @@ struct Operation : kit::NamedCase {
     Proxy proxy;
     Complaints complaints = {};
     Property property = {};
-    Message message = {};
+    BusMessage message = {};
     const char* refused = "refused";
 };
 

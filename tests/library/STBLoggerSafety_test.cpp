@@ -21,8 +21,9 @@ namespace
 
 using testing::ElementsAre;
 
-// --- Static objects that log: the first when it is destroyed, after the registry; the second all the time
-// ---
+// --- Static objects that log ---
+
+// The first logs when it is destroyed, after the registry; the second all the time.
 
 constexpr const char* kStaticsLog = "STATICS_LOG";
 
