@@ -149,13 +149,9 @@ bool Bluez::isDescriptor(const std::string& path) const
 
 bool Bluez::endpointMatches(const std::string& path, const char* pattern) const
 {
-    const std::string endpoint = getEndpoint(path);
-    if (endpoint.empty()) {
-        return false;
-    }
     NSRegExp expression(pattern, REG_EXTENDED);
     std::vector<std::string> groups;
-    return expression.match(endpoint, groups, 0);
+    return expression.match(getEndpoint(path), groups, 0);
 }
 
 Bluez::Service::Type Bluez::serviceTypeByString(const std::string& uuid)
@@ -163,14 +159,10 @@ Bluez::Service::Type Bluez::serviceTypeByString(const std::string& uuid)
     if (uuid.find(kBluetoothBase) == std::string::npos && uuid.find(kVendorBase) == std::string::npos) {
         return Service::Type::Unknown;
     }
-    const std::vector<std::string> tokens = tokenize(uuid, '-');
-    if (tokens.empty()) {
-        return Service::Type::Unknown;
-    }
     try {
-        return _codeToServiceType.at(parseCode(tokens.front()));
+        return _codeToServiceType.at(parseCode(tokenize(uuid, '-').at(0)));
     } catch (...) {
-        // No digit, a number too large, or a service that has no type here.
+        // No token, no digit, a number too large, or a service that has no type here.
         return Service::Type::Unknown;
     }
 }
