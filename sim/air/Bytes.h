@@ -34,7 +34,7 @@ public:
                 mBytes.push_back(static_cast<std::uint8_t>(static_cast<std::uint64_t>(value) >> (8 * i)));
             }
         } else {
-            std::apply([this](const auto&... field) { (put(field), ...); }, Value(value).fields());
+            std::apply([this](const auto&... field) { (this->put(field), ...); }, Value(value).fields());
         }
     }
     void put(const Bytes& bytes) { mBytes.insert(mBytes.end(), bytes.begin(), bytes.end()); }

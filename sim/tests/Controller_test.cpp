@@ -477,7 +477,7 @@ protected:
     void TearDown() override { ::close(mKernel); }
 
     /// The next packet that the kernel gets, in hexadecimal.
-    std::string kernelReceives()
+    std::string kernelReceives() const
     {
         Bytes packet(8);
         const ssize_t size = ::recv(mKernel, packet.data(), packet.size(), 0);
@@ -485,7 +485,7 @@ protected:
         return kit::toHex(packet);
     }
 
-    void kernelSends(const std::string& packet)
+    void kernelSends(const std::string& packet) const
     {
         const Bytes bytes = kit::fromHex(packet);
         ASSERT_EQ(::send(mKernel, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
