@@ -11,7 +11,7 @@
 namespace kit
 {
 
-// The simulated remote, and a device beside it.
+// The simulated remote, and another device.
 inline const std::string kRemoteAddress = "C0:FF:EE:00:00:01";
 inline const std::string kRemote = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
 inline const std::string kOtherAddress = "C0:FF:EE:00:00:0A";
@@ -20,7 +20,7 @@ inline const std::string kDeviceInterface = "org.bluez.Device1";
 // Their calls, as Box::busCalls() shows them.
 inline const std::string kConnect = "hci0/dev_C0_FF_EE_00_00_01 Device1.Connect ()";
 
-/// BlueZ says that the remote is paired but never tells of the change, so that the daemon waits for that.
+/// BlueZ reports the remote as paired but never signals the change, so the daemon waits for the signal.
 inline void claimPaired(Box& box)
 {
     using vexasim::Bend;
@@ -28,27 +28,28 @@ inline void claimPaired(Box& box)
     box.sim().bend(Bend::silence("Pair"));
 }
 
-/// A box whose daemon makes a pass when the case asks for it; the case starts it by one of InABox's ways.
+/// A box whose daemon makes a pass only when the case asks for one. The case starts it with one of InABox's
+/// methods.
 class AtRest : public InABox
 {
 protected:
     using InABox::InABox;
 
-    /// Lets the daemon deal with all that BlueZ has reported, and then make a pass.
+    /// Lets the daemon handle everything that BlueZ has reported, then make a pass.
     void settle(std::chrono::microseconds step = std::chrono::milliseconds{500})
     {
         ASSERT_TRUE(box.awaitEvents());
         ASSERT_TRUE(box.pass(step));
     }
 
-    /// A characteristic behind which nothing stands answers so.
+    /// Has a characteristic with nothing behind it answer reads with `value`.
     void answerReads(const std::string& path, std::uint8_t value)
     {
         const vexasim::Variant bytes = vexasim::Variant::bytes({value});
         box.sim().bend(vexasim::Bend::answer("ReadValue", g_variant_new("(@ay)", bytes.get())).on(path));
     }
 
-    /// Another device than the remote, known to BlueZ and to the daemon on return.
+    /// Adds a device other than the remote; on return BlueZ and the daemon know it.
     void announceOther(const std::string& name, bool paired = false, bool connected = false)
     {
         box.sim().addObject(kOther, deviceObject(name, kOtherAddress, paired, connected));
@@ -56,7 +57,7 @@ protected:
         ASSERT_TRUE(box.awaitEvents());
     }
 
-    /// The remote's link ends, and the daemon has heard of it on return.
+    /// Ends the remote's link; on return the daemon has noticed.
     void loseLink()
     {
         box.remote().loseLink();

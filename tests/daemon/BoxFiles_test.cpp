@@ -200,7 +200,8 @@ protected:
         afterUnlink = nullptr;
     }
 
-    // Somebody is faster than the daemon so often, with a link to the file "victim".
+    // After each of the next `times` unlinks, somebody is faster than the daemon and plants a link to the
+    // file "victim".
     void plantAfterTheNextUnlinks(int times)
     {
         folder.write("victim", "untouched"s);

@@ -32,7 +32,7 @@ protected:
 
     void SetUp() override { startAtRest(); }
 
-    /// Until the main thread is in pair(), where with nothing on the air it stays.
+    /// Waits until the main thread is in pair(), where it stays, as there is nothing on the air.
     void expectPairing()
     {
         box.clock().advance(500ms);
@@ -51,7 +51,7 @@ protected:
 
 TEST_F(AMainLoop, MakesAPassHalfASecondAfterTheBeginningOfTheLast)
 {
-    box.clock().advance(10s); // let the time of the last pass be known
+    box.clock().advance(10s); // so that the time of the last pass is known
     ASSERT_LOG(box, TRACE, "main", "IDLING...");
     ASSERT_TRUE(box.program().awaitMainThreadInUsleep());
 
@@ -88,7 +88,7 @@ class AButtonFile : public AMainLoop, public ::testing::WithParamInterface<Sampl
 {
 };
 
-// What a text reads as is told by the cases of BoxFiles.
+// How a text is parsed is covered by the cases of BoxFiles.
 TEST_P(AButtonFile, IsReadAsPressedOrReleased)
 {
     box.writeAdc(GetParam().text);
@@ -192,8 +192,8 @@ TEST_F(AMainLoop, EndsAHoldOnOneBadSample)
     ASSERT_TRUE(box.pass());
 
     EXPECT_LOG(box, INFO, "main", kReleased);
-    EXPECT_LOG(box, INFO, "main", kPressed); // and the two seconds begin anew
-    ASSERT_TRUE(box.pass(1999999us));        // which count as one
+    EXPECT_LOG(box, INFO, "main", kPressed); // and the two seconds start again
+    ASSERT_TRUE(box.pass(1999999us));        // truncated to one whole second
     EXPECT_NO_LOG(box, INFO, "main", kHeld);
 }
 
@@ -235,13 +235,13 @@ TEST_F(AMainLoop, DoesntSampleTheButtonWhileItPairs)
     box.clock().advance(30s);
 
     EXPECT_LOG(box, INFO, "main", "Transiting to Idle...");
-    EXPECT_LOG(box, TRACE, "main", "IDLING..."); // at once: a long pass doesn't put off the next one
+    EXPECT_LOG(box, TRACE, "main", "IDLING..."); // at once: a long pass doesn't delay the next one
     EXPECT_TRUE(box.pass());
     EXPECT_NO_LOG(box, INFO, "main", kPressed);
     EXPECT_EQ(box.countLog(DEBUG, "main", "Pairing..."), 1U) << "no second attempt is queued";
 }
 
-// --- a press beside the other answers of a pass ---
+// --- a press together with a pass's other actions ---
 
 class AMainLoopWithAPairedRemote : public AMainLoop
 {
@@ -250,7 +250,7 @@ protected:
 
     void SetUp() override
     {
-        box.sim().bend(Bend::answer("Connect", g_variant_new("()"))); // and never a link
+        box.sim().bend(Bend::answer("Connect", g_variant_new("()"))); // answered, but no link follows
         AMainLoop::SetUp();
     }
 };
@@ -277,7 +277,7 @@ TEST_F(AMainLoopWithAPairedRemote, RemovesAnUnpairedRemoteAndGoesToActivation)
     EXPECT_LOG(box, INFO, "main", kPressed);
 }
 
-// The outcome of an update stands for three seconds, in which the pass goes on.
+// The outcome of an update stays for three seconds, during which the pass continues.
 TEST_F(AMainLoop, SamplesTheButtonBeforeItServesARequest)
 {
     box.linkFirmware("/nowhere");
@@ -297,7 +297,7 @@ TEST_F(AMainLoop, CountsAPressFromTheEndOfTheRequestThatCameWithIt)
     ASSERT_TRUE(box.awaitStatus("rc_fw_update_canceled"));
     box.clock().advance(3s);
     EXPECT_LOG(box, INFO, "main", kPressed);
-    ASSERT_LOG(box, TRACE, "main", "ACTIVATING..."); // due at once, after so long a pass
+    ASSERT_LOG(box, TRACE, "main", "ACTIVATING..."); // due at once after such a long pass
     ASSERT_TRUE(box.program().awaitMainThreadInUsleep());
     EXPECT_NO_LOG(box, INFO, "main", kHeld);
     ASSERT_TRUE(box.pass(2s));

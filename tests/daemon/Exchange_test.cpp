@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The table of a whole update in docs/interface.md against a real one.
+// Compares the table of a complete update in docs/interface.md with a real update.
 
 #include <algorithm>
 #include <cstddef>
@@ -25,7 +25,7 @@ constexpr const char* kBegin = "<!-- the exchange of an update -->";
 constexpr const char* kEnd = "<!-- end of the exchange -->";
 constexpr std::size_t kPayloadBytes = 48;
 
-// The rows between the marks, without the heading and the last column, which is for people.
+// The rows between the markers, without the heading and the last column, which only explains.
 Rows documentedExchange()
 {
     std::ifstream document(VEXA_INTERFACE_DOCUMENT);
@@ -41,7 +41,7 @@ Rows documentedExchange()
     return rows;
 }
 
-// The document shows the published development key, and this build may have another.
+// The document uses the published development key; this build may have another.
 Bytes underTheDocumentsKey(Bytes packet, std::size_t cipherBegin)
 {
     const auto begin = packet.begin() + static_cast<std::ptrdiff_t>(cipherBegin);
@@ -78,7 +78,7 @@ class ARemoteWithItsReadings : public UpdateStory
 TEST_F(ARemoteWithItsReadings, IsUpdatedAsTheInterfaceDocumentShows)
 {
     ASSERT_TRUE(remoteIsRead());
-    FirmwareImage image; // of nothing but zeros where the document says nothing
+    FirmwareImage image; // all zeros where the document says nothing
     image.offset = image.checksum = image.otaFlag = image.reserved = 0;
     image.signature = 0x5a5a;
     image.version = 0x1a4;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Texts that come from the air, from the bus or from another user of the box: none makes a line of the log.
+// Texts that come over the air, over the bus or from another user of the box: none can forge a line of the
+// log.
 
 #include <gmock/gmock.h>
 
@@ -24,7 +25,7 @@ class ATextFromOutside : public InABox
 protected:
     ATextFromOutside() : InABox(noRemote()) {}
 
-    /// What the daemon didn't write as a line of its own.
+    /// The lines in the log that aren't the daemon's own.
     std::vector<std::string> foreignLines()
     {
         std::vector<std::string> lines;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// One interrupt never kills the daemon, wherever it stands and however much it logs. Each one meets a daemon
-// of its own at a random moment of a phase. The seed of the moments is printed; --gtest_random_seed takes it
-// again.
+// A single interrupt never kills the daemon, whatever it is doing and however much it logs. Each interrupt
+// goes to a fresh daemon, at a random moment of a phase. The seed of the moments is printed; pass it to
+// --gtest_random_seed to repeat a run.
 
 #include <chrono>
 #include <csignal>
@@ -26,8 +26,8 @@ namespace
 using std::chrono::microseconds;
 using std::chrono::steady_clock;
 
-constexpr auto kStop = 2s * 2 * kSlowness; // two seconds, and as much for the cases that run beside this one
-constexpr int kLargestSeed = 99999;        // that --gtest_random_seed takes
+constexpr auto kStop = 2s * 2 * kSlowness; // two seconds, and as much again for cases run in parallel
+constexpr int kLargestSeed = 99999;        // the largest that --gtest_random_seed takes
 
 // --- the phases ---
 
@@ -35,9 +35,9 @@ struct Phase {
     std::string name;
     BoxOptions options;
     bool (*reach)(Box& box);
-    microseconds length;      ///< of which any moment may be the one
-    unsigned lines;           ///< that the daemon logs in it, or about
-    bool goesOnFirst = false; ///< as an update does, which can't be interrupted
+    microseconds length;      ///< the interrupt comes at any moment of it
+    unsigned lines;           ///< that the daemon logs in it, roughly
+    bool goesOnFirst = false; ///< like an update, which can't be interrupted
 };
 
 bool startWithoutAdapter(Box& box)
@@ -132,7 +132,7 @@ struct Series {
     }
 };
 
-/// `updates` parts of the phase that takes longest, `others` of each of the others.
+/// `updates` parts of the longest phase, `others` parts of each other phase.
 std::vector<Series> allSeries(unsigned others, unsigned interrupts, unsigned updates,
                               unsigned interruptsOfUpdates)
 {
@@ -194,8 +194,8 @@ private:
         }
     }
 
-    /// Either anywhere in the phase or right behind a line of the log, where the daemon is most likely to
-    /// write another one.
+    /// Waits for a moment anywhere in the phase, or right after a line of the log, where the daemon is most
+    /// likely to write another one.
     void awaitMoment(Box& box)
     {
         constexpr microseconds kBehindLine{300};
@@ -224,12 +224,12 @@ TEST_P(AnInterrupt, NeverKills)
 
 INSTANTIATE_TEST_SUITE_P(Of, AnInterrupt, ::testing::ValuesIn(allSeries(4, 7, 4, 2)), nameOf); // 204
 
-// --- at the worst moment of all ---
+// --- at the worst moment ---
 
 TEST(AnInterruptInTheMiddleOfALine, WaitsForItsEnd)
 {
     BoxOptions options;
-    // Without colours the first that is written is the line, under the logger's lock.
+    // Without colours the line is the first thing written, under the logger's lock.
     options.environment = {{"VEXA_LOG_LEVEL", "TRACE"}, {"VEXA_LOG_USE_COLORS", "0"}};
     Box box(options);
     ASSERT_TRUE(box.startToIdle());

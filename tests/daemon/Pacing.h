@@ -11,9 +11,9 @@
 namespace kit
 {
 
-/// The intervals between things that happen again and again, mostly the blocks of an upload, from the times
-/// at which they were noted. One that was noted late makes one interval longer and the next one shorter by
-/// the same; the sum knows only the delays of its two ends.
+/// The intervals between repeated events, mostly the blocks of an upload, from the times at which they were
+/// recorded. An event recorded late makes one interval longer and the next one shorter by the same amount;
+/// the sum is affected only by the delays at its two ends.
 class Pacing
 {
 public:
@@ -30,12 +30,12 @@ public:
 
     std::size_t count() const { return mIntervals.size(); }
     std::int64_t wholeUs() const { return mWholeUs; }
-    /// 1 is the most that the pace allows.
+    /// The rate relative to the pace: 1 is the maximum.
     double rate() const
     {
         return static_cast<double>(kPaceUs) * static_cast<double>(count()) / static_cast<double>(mWholeUs);
     }
-    /// The middle one, which is free of the recorder's jitter.
+    /// The median interval, which the recorder's jitter doesn't affect.
     std::int64_t medianUs() const
     {
         std::vector<std::int64_t> sorted = mIntervals;
@@ -44,7 +44,7 @@ public:
         return *middle;
     }
 
-    /// A table of all intervals, by the millisecond.
+    /// Prints a table of all intervals, by millisecond.
     void print() const
     {
         std::map<std::int64_t, unsigned> table;

@@ -67,7 +67,7 @@ protected:
         ASSERT_LOG(box, DEBUG, "main", "Pairing...");
     }
 
-    /// The polls of the pairing end at once: a wait's deadline lies in the past.
+    /// Ends the pairing's polls at once, by putting each wait's deadline in the past.
     void hurryPolls() { box.clock().stepWallClock(-1min); }
 
     std::shared_ptr<Peripheral> neighbour(const std::string& name, const std::string& address)
@@ -80,7 +80,7 @@ protected:
         return peripheral;
     }
 
-    /// Requests a pairing that finds no remote; returns in the wait for one.
+    /// Requests a pairing that finds no remote; returns while the daemon waits for one.
     void scanInVain()
     {
         box.remote().leave();
@@ -88,7 +88,7 @@ protected:
         ASSERT_TRUE(box.awaitWaitAt("scanning"));
     }
 
-    /// Requests a pairing that ends in the wait for the paired state.
+    /// Requests a pairing that gets as far as the wait for the paired state.
     void pairInVain()
     {
         claimPaired(box);
@@ -146,10 +146,10 @@ TEST_F(APairing, WaitsAtMostASliceForARemoteThatIsThere)
     box.sim().bend(Bend::lateReply("StartDiscovery", 2s * kSlowness)); // by then the remote is there
     request();
     EXPECT_LOG(box, DEBUG, "main", "Scanning on");
-    box.clock().hold(); // its next look is the start of the scan's sixty seconds
+    box.clock().hold(); // its next reading starts the scan's sixty seconds
     ASSERT_TRUE(box.clock().awaitHeld());
     EXPECT_LOG(box, DEBUG, "main", "RC found VEXA RC : " + kRemote);
-    ASSERT_TRUE(box.awaitEvents()); // the signal is over, and nobody has heard it
+    ASSERT_TRUE(box.awaitEvents()); // the signal has passed, and nobody was waiting for it
     const auto start = std::chrono::steady_clock::now();
     box.clock().letGo();
 
@@ -163,7 +163,7 @@ TEST_F(APairing, TakesARemoteThatSaysAtOnceThatItIsPaired)
     box.sim().bend(Bend::answer("Get", g_variant_new("(v)", g_variant_new_boolean(TRUE))).property("Paired"));
     request();
 
-    EXPECT_LOG(box, INFO, "main", kSuccess); // as soon as the stack tells of it
+    EXPECT_LOG(box, INFO, "main", kSuccess); // as soon as the stack reports it
     EXPECT_EQ(box.busCalls({"Pair"}).size(), 1U);
 }
 
@@ -218,7 +218,7 @@ TEST_F(APairingOfAPairedRemote, ForgetsItAndPairsItAnew)
 
     EXPECT_THAT(box.files().course("bluetooth_rc"),
                 ElementsAre("C0:FF:EE:00:00:01", kGone, "C0:FF:EE:00:00:01"));
-    // The first pass may come before the daemon hears of its own connection.
+    // The first pass may come before the daemon notices its own connection.
     EXPECT_THAT(box.statusCourse(),
                 ::testing::AnyOf(
                     ElementsAre("init", "connected", "scanning", "pairing", "connected"),
@@ -292,8 +292,8 @@ TEST_F(APairing, GoesOnScanningWhenOtherDevicesComeAlong)
 TEST_F(APairing, AcceptsARemoteThatComesJustAsTheLimitIsReached)
 {
     scanInVain();
-    // The handler holds the lock while it asks for the name; meanwhile the limit passes, and the wait ends by
-    // its slice and not by the signal.
+    // The handler holds the lock while it asks for the name. Meanwhile the limit passes, and the wait ends
+    // with its slice, not with the signal.
     box.sim().bend(Bend::late("Get", 500ms).property("Name"));
     box.remote().comeBack();
     EXPECT_LOG(box, DEBUG, "main", "Device: + " + kRemote);
@@ -383,7 +383,7 @@ TEST_F(APairing, PausesHalfASecondBetweenItsPolls)
     EXPECT_THAT(Pacing(times(calls)).medianUs(), isAbout(500ms));
 }
 
-// The polls before it pass at once. While the last one isn't answered, the wall clock is put right again.
+// The earlier polls pass at once. While the last one is unanswered, the wall clock is set right again.
 TEST_F(APairing, PausesOnceMoreBehindItsLastPoll)
 {
     constexpr auto kWhileHeld = 3s * kSlowness;
@@ -433,7 +433,7 @@ TEST_F(APairing, ReturnsWithABrokenHandleIfTheRemoteGoesBeforeTheCall)
     box.sim().bend(Bend::late("StopDiscovery", 2s * kSlowness));
     request();
     EXPECT_LOG(box, DEBUG, "main", "Scanning off");
-    box.clock().hold(); // its next look is the start of the pairing's ten seconds
+    box.clock().hold(); // its next reading starts the pairing's ten seconds
     EXPECT_LOG(box, INFO, "main", kFound);
     ASSERT_TRUE(box.clock().awaitHeld());
     box.sim().removePeripheral(box.remote().normal());

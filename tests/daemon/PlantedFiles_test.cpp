@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Things that others plant where the daemon reads or writes: nothing of it makes the daemon wait, leads its
-// writing elsewhere, or stands for a file of its own.
+// Things that others plant where the daemon reads or writes. None makes the daemon wait, redirects its writes
+// or passes for one of its own files.
 
 #include <algorithm>
 #include <array>
@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds kEndsWithin = 2s * kSlowness;
 const std::string kVictim = "victim";
 const std::string kVictimsText = "what belongs to somebody else\n";
 
-/// What somebody planted, and a file of his that has to stay as it is.
+/// A box with things that somebody planted, and a victim's file that must not change.
 class InAPlantedBox : public InABox
 {
 protected:
@@ -70,7 +70,7 @@ struct Planted : NamedCase {
     Plant plant;
     bool areFlags;
     bool isPress;
-    bool isRegular = false; ///< so that it may be an image
+    bool isRegular = false; ///< and may therefore be an image
 };
 
 const std::vector<Planted> kPlanted = {
@@ -98,7 +98,7 @@ std::vector<Planted> plantedIf(Condition condition)
     return chosen;
 }
 
-// The planter has one endless writer, and the watch of /tmp would read a huge file.
+// The planter has only one endless writer, and the watcher of /tmp would read a huge file.
 bool isForSeveralNames(const Planted& planted)
 {
     return planted.plant != &Planter::fifoOfBlanks && planted.plant != &Planter::hugeFile;
@@ -151,7 +151,7 @@ protected:
     AStatusFileThatIs() : InAPlantedBox(pairedRemote()) {}
     void SetUp() override { skipWithoutRoot(GetParam().plant); }
 
-    /// At each of the four names.
+    /// Plants the thing at each of the four names.
     void plant(Plant thing)
     {
         for (const Published& file : kPublished) {
@@ -159,7 +159,7 @@ protected:
             (planter.*thing)(box.file(file.name));
         }
     }
-    /// A pass that has an occasion to write each of them.
+    /// Makes a pass that has reason to write each of them.
     void publishAll()
     {
         ASSERT_TRUE(box.pass(16s));
@@ -267,8 +267,8 @@ INSTANTIATE_TEST_SUITE_P(Each, AButtonThatIs, ::testing::ValuesIn(kPlanted), nam
 constexpr int kRacedPasses = 100;
 constexpr std::array kRaced = {"bluetooth_status", "bluetooth_rc"};
 
-/// The child of another user, as fast as it can, until it is killed. Every name comes by one rename, so that
-/// it can come between any two calls of the daemon.
+/// Runs in a child as another user, as fast as it can, until it is killed. Each name appears by a single
+/// rename, so that it can come between any two of the daemon's calls.
 [[noreturn]] void plantForEver(int folder)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -278,7 +278,7 @@ constexpr std::array kRaced = {"bluetooth_status", "bluetooth_rc"};
             renameat(folder, "planted", folder, name);
             unlinkat(folder, name, 0);
             std::ignore = symlinkat("/tmp/victim.made", folder, name);
-            std::ignore = linkat(folder, "victim", folder, "planted", 0); // if the kernel lets it
+            std::ignore = linkat(folder, "victim", folder, "planted", 0); // if the kernel allows it
             renameat(folder, "planted", folder, name);
             unlinkat(folder, "planted", 0);
         }

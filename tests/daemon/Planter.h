@@ -26,14 +26,14 @@
 namespace kit
 {
 
-constexpr uid_t kAnotherUser = 65534; // neither root nor the test's
+constexpr uid_t kAnotherUser = 65534; // neither root nor the test's user
 
-/// Everything that may be found at a path of the daemon's. Paths are as seen from outside.
+/// Plants anything that may be found at one of the daemon's paths. Paths are as seen from outside the box.
 class Planter
 {
 public:
-    /// Links to a file lead to `target`, hard links to `victim`. What opening disturbs is made `elsewhere`
-    /// first.
+    /// Symbolic links to a file point to `target`, hard links to `victim`. What opening would disturb is
+    /// first made at `elsewhere`.
     Planter(std::string target, std::string victim, std::string elsewhere)
         : mTarget(std::move(target)), mVictim(std::move(victim)), mElsewhere(std::move(elsewhere))
     {
@@ -56,7 +56,7 @@ public:
         fifo(path);
         hold(path);
     }
-    /// One that never comes to an end.
+    /// A FIFO whose content never ends.
     void fifoOfBlanks(const std::string& path)
     {
         fifo(path);
@@ -70,7 +70,7 @@ public:
             }
         });
     }
-    /// With the header of an image that is newer.
+    /// A FIFO with the header of a newer image.
     void fifoWithImage(const std::string& path)
     {
         fifo(path);
@@ -109,10 +109,10 @@ public:
         mHeld.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         must(bind(mHeld.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), path);
     }
-    /// Whoever opens it waits until its owner gives it back, or for 45 seconds.
+    /// A file under a lease: whoever opens it waits until the owner gives the lease up, or for 45 seconds.
     void leasedFile(const std::string& path)
     {
-        ::signal(SIGIO, SIG_IGN); // so does the kernel ask for it
+        ::signal(SIGIO, SIG_IGN); // how the kernel asks for the lease back
         const std::string elsewhere = mElsewhere + ".leased";
         const std::vector<std::uint8_t> image = FirmwareImage::ofWords(5).file();
         std::ofstream(elsewhere).write(reinterpret_cast<const char*>(image.data()),
@@ -120,7 +120,7 @@ public:
         must(fcntl(hold(elsewhere), F_SETLEASE, F_WRLCK), path);
         std::filesystem::rename(elsewhere, path);
     }
-    /// Begins with what is a number below the threshold.
+    /// A huge file that begins with a number below the threshold.
     void hugeFile(const std::string& path)
     {
         std::ofstream(path) << "12" << std::flush;
@@ -155,7 +155,7 @@ private:
 
 using Plant = void (Planter::*)(const std::string& path);
 
-/// Published by the daemon itself, and by nobody else.
+/// Whether the file was published by the daemon itself.
 inline bool isOwnFile(const std::string& path)
 {
     struct stat info {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How the daemon ends: by one interrupt, by two, and by other signals, wherever its main thread stands.
+// How the daemon ends: on one interrupt, on two, and on other signals, whatever its main thread is doing.
 
 #include <csignal>
 #include <functional>
@@ -75,7 +75,7 @@ TEST_F(ADaemon, EndsItsClientAndThenRemovesItsFilesOnAnInterrupt)
 
 TEST_F(ADaemon, LeavesTheRequestsOfTheBoxAloneWhenItStops)
 {
-    box.sim().removeAdapter(); // so that it never comes to serve them
+    box.sim().removeAdapter(); // so that it never gets to serve them
     box.setFlag("pair");
     box.setFlag("reset");
     box.linkFirmware("/nowhere");
@@ -97,7 +97,7 @@ TEST_F(ADaemon, TakesNoArguments)
     EXPECT_THAT(box.output().records(), IsEmpty());
 }
 
-// The three seconds in which the outcome of an update stands.
+// The pause is the three seconds for which the outcome of an update stays.
 TEST_F(ADaemon, EndsAnInterruptedPauseEarly)
 {
     ASSERT_TRUE(box.startToIdle());
@@ -118,7 +118,7 @@ TEST_F(ADaemon, StopsAlthoughTheBusIsGone)
     EXPECT_TRUE(box.stops());
 }
 
-/// A tree that takes twenty seconds to be read, since each name does.
+/// A tree that takes twenty seconds to read: each of its twenty names takes one.
 class ADaemonThatReadsASlowTree : public ADaemon
 {
 protected:
@@ -177,11 +177,12 @@ void leavePollUnanswered(Box& box)
     box.sim().bend(Bend::silence("Get").property("Paired"));
 }
 
-/// Where a request to pair leads the main thread, which holds no lock there.
+/// A wait into which a pairing request leads the main thread, without a lock held.
 struct PairingWait : NamedCase {
     void (*arrange)(Box&);
     const char* status;
-    const char* call; ///< told by its text, if the wait is no condition, which the first interrupt would end
+    const char* call; ///< text of the call that shows the wait; null: a wait on a condition, which the first
+                      ///< interrupt would end
 };
 
 class AWaitOfThePairing : public ADaemon, public ::testing::WithParamInterface<PairingWait>
@@ -219,7 +220,7 @@ TEST_P(AWaitOfThePairing, EndsTheDaemonWithStatus1OnTheSecondInterrupt)
     EXPECT_EQ(box.content("bluetooth_status"), std::string(GetParam().status) + "\n");
 }
 
-// The polls go on behind the first interrupt, since nobody stops the client.
+// The polls continue after the first interrupt, since nobody stops the client.
 INSTANTIATE_TEST_SUITE_P(
     That, AWaitOfThePairing,
     ::testing::Values(PairingWait{{"IsForTheRemote"}, leave, "scanning", nullptr},
@@ -276,7 +277,7 @@ protected:
     }
 };
 
-/// A device whose name is asked for under the lock, and never told.
+/// A device whose name is asked for under the lock and never answered.
 class AHandlerThatHoldsTheLock : public ALockThatIsHeld
 {
 protected:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// While nothing changes the daemon has nothing to say on the bus.
+// While nothing changes, the daemon sends nothing on the bus.
 
 #include <gmock/gmock.h>
 
@@ -43,7 +43,7 @@ TEST_F(AQuietBox, HearsNoMessageOfTheDaemonInTenPasses)
     const std::vector<std::string> heard = monitor.messagesOf(sender);
 
     EXPECT_THAT(heard, IsEmpty());
-    // The monitor would have heard: the next reading is heard.
+    // The monitor works: it sees the next reading.
     box.clock().advance(4h);
     ASSERT_TRUE(box.sim().awaitCall("ReadValue", "", 4, kPatience));
     ASSERT_TRUE(box.awaitPasses(1));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Objects that go while the daemon stands in a call under its lock. What comes back under the same path has
-// to be usable: a look-up between an object's end and the daemon's hearing of it would spoil that path, and
-// the remote would be removed with its bond.
+// Objects that disappear while the daemon is in a call under its lock. What comes back under the same path
+// must be usable: a lookup between the end of an object and the daemon's notice of it would spoil that path,
+// and the remote would be removed together with its bond.
 
 #include <algorithm>
 #include <functional>
@@ -38,14 +38,14 @@ class ARemovalDuringACall : public InABox
 protected:
     ARemovalDuringACall() : InABox(pairedRemote()) { box.slowHandlers(); }
 
-    /// From now on the method is answered late, by an error where its object has gone.
+    /// From now on the method is answered late, with an error if its object has gone.
     void slowDown(const std::string& member, std::chrono::milliseconds delay = kCallTakes)
     {
         box.sim().clearBends();
         box.sim().clearCalls();
         box.sim().bend(Bend::late(member, delay));
     }
-    /// The daemon stands in the call, and its next pass is due as soon as that has ended.
+    /// Waits until the daemon is in the call; its next pass is due as soon as that has ended.
     void awaitCallOf(const std::string& member)
     {
         ASSERT_TRUE(box.sim().awaitCall(member, "", 1, kPatience)) << member;
@@ -72,7 +72,7 @@ void start(Simulator& sim)
     sim.startService();
 }
 
-// A device as bluetoothd shows one that is bonded and away.
+// Adds the remote as bluetoothd shows a bonded device that is away.
 void addBonded(Simulator& sim)
 {
     sim.addObject(kRemote, deviceObject("VEXA RC", "C0:FF:EE:00:00:01", true, false));
@@ -148,10 +148,10 @@ TEST_P(ARemoteThatGoesForLong, IsKeptEachTime)
 
 INSTANTIATE_TEST_SUITE_P(Ways, ARemoteThatGoesForLong, ::testing::ValuesIn(kWays), named);
 
-// --- a removal that has erased its object, and of which the daemon hears only behind one of its steps ---
+// --- an object already erased, whose removal the daemon handles only after one of its steps ---
 
 struct Step : NamedCase {
-    void (*reach)(Box& box); ///< up to the step
+    void (*reach)(Box& box); ///< runs up to the step
     void (*lose)(Box& box) = nullptr;
     void (*seeThrough)(Box& box) = nullptr;
 };
@@ -192,10 +192,10 @@ void seePassThrough(Box& box)
     ASSERT_TRUE(box.awaitPasses(1));
 }
 
-// Up to the look at the back-off, behind which the remote is connected.
+// Runs up to the check of the back-off, after which the remote is connected.
 void reachReconnection(Box& box)
 {
-    constexpr unsigned kBackOff = 3; // the pass was due, its beginning is noted, then this
+    constexpr unsigned kBackOff = 3; // clock readings: the pass is due, its beginning is noted, then this
     startDisconnected(box);
     ASSERT_TRUE(box.stopClock());
     box.clock().advanceAndHold(1h, kBackOff);
@@ -299,7 +299,7 @@ const Step kStepsWithTheAdapter[] = {
 
 INSTANTIATE_TEST_SUITE_P(Behind, AnAdapterWithALateRemoval, ::testing::ValuesIn(kStepsWithTheAdapter), named);
 
-// --- an object that goes while the daemon looks paths up, or stands in a call ---
+// --- an object that goes while the daemon looks up paths or is in a call ---
 
 class AStepWithPaths : public ARemovalDuringACall, public ::testing::WithParamInterface<Step>
 {
@@ -317,7 +317,7 @@ TEST_P(AStepWithPaths, KeepsObjectsFromBeingErased)
     EXPECT_TRUE(box.clock().awaitHandlerWaiting()) << "it has been erased";
 }
 
-// In a call that isn't answered, for which `ask` has the daemon.
+// Leaves the daemon in a call that isn't answered, and that `ask` has it make.
 void askInVain(Box& box, const std::string& member, const std::function<void()>& ask)
 {
     box.sim().bend(Bend::silence(member));
@@ -372,7 +372,7 @@ const Step kStepsWithPaths[] = {
 
 INSTANTIATE_TEST_SUITE_P(Steps, AStepWithPaths, ::testing::ValuesIn(kStepsWithPaths), named);
 
-// --- what goes within a step isn't asked any more, nor asked about ---
+// --- what goes within a step is neither called nor queried any more ---
 
 TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoes)
 {
@@ -392,7 +392,7 @@ TEST_F(ARemovalDuringACall, KeepsTheVersionFromBeingReadOnceItsCharacteristicGoe
 
 TEST_F(ARemovalDuringACall, KeepsTheBatteryFromBeingReadOnceItsCharacteristicGoes)
 {
-    constexpr unsigned kLastReading = 3; // the pass was due, its beginning is noted, then this
+    constexpr unsigned kLastReading = 3; // clock readings: the pass is due, its beginning is noted, then this
     ASSERT_TRUE(box.startConnected());
     ASSERT_TRUE(box.stopClock());
     const std::string level = box.pathOf(vexasim::uuid::kBatteryLevel);
@@ -449,7 +449,7 @@ TEST_F(ARemovalDuringACall, LetsAHandlerThatWaitsGoBeforeTheNextPass)
     ASSERT_LOG(box, DEBUG, "main", "Device: + " + kOther);
     ASSERT_LOG(box, WARN, "main", "Removing failed to pair device");
 
-    // The pass behind the call already saw the remote that was announced during it.
+    // The pass after the call already saw the remote that was announced during it.
     const std::vector<std::string> log = box.logOf("main", TRACE);
     const auto found = std::find(log.begin(), log.end(), "D RC found VEXA Two : " + kOther);
     ASSERT_NE(found, log.end());

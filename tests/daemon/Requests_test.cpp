@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What an idle pass makes of the flags, the firmware link and the remote's state.
+// How an idle pass reacts to the flags, the firmware link and the remote's state.
 
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -41,7 +41,7 @@ protected:
 };
 
 struct Flags : NamedCase {
-    const char* pair; ///< what the file holds; none if there is no such flag
+    const char* pair; ///< what the file holds; null: no such flag
     const char* reset;
 };
 
@@ -126,7 +126,7 @@ TEST_F(ABoxWithoutARemote, TakesALinkWhoseTargetIsAsLongAsItCanBe)
     while (target.size() < 4095) {
         target += "/" + std::string(std::min<std::size_t>(200, 4094 - target.size()), 'x');
     }
-    ASSERT_EQ(target.size(), 4095U); // the kernel takes no longer one
+    ASSERT_EQ(target.size(), 4095U); // the longest that the kernel takes
     box.linkFirmware(target);
     ASSERT_TRUE(box.pass());
 
@@ -188,7 +188,7 @@ TEST_F(ABoxWithAConnectedRemote, LeavesItAloneForAnHourAfterItHasGone)
     EXPECT_THAT(box.busCalls(), ElementsAre(kConnect));
 }
 
-// --- a remote that is paired and away; the hour began with the clock's time ---
+// --- a remote that is paired and away; the hour began at the clock's time ---
 
 class ARemoteThatIsPairedAndAway : public AtRest
 {
@@ -228,7 +228,7 @@ TEST_F(ARemoteThatIsPairedAndAway, IsLeftAloneForAnotherHourAfterAConnectThatFai
     refuseConnections();
     ASSERT_TRUE(box.pass(3600s));
     EXPECT_LOG(box, ERROR, "Bluez", busError("org.bluez.Error.Failed", "away"));
-    ASSERT_TRUE(box.pass()); // begins the hour anew
+    ASSERT_TRUE(box.pass()); // restarts the hour
     EXPECT_TRUE(box.awaitStatus("disconnected"));
     ASSERT_TRUE(box.pass(3599999999us));
     EXPECT_THAT(box.busCalls(), ElementsAre(kConnect));

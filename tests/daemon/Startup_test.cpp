@@ -33,7 +33,7 @@ BoxOptions withoutAdapter()
     return options;
 }
 
-// What is logged again and again while there is something to wait for, once.
+// Merges the repeats of a line that is logged again and again during a wait.
 std::vector<std::string> withoutRepeats(std::vector<std::string> lines)
 {
     lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
@@ -122,14 +122,14 @@ TEST_F(ABoxThatStarts, AsksARefusingAdapterAgainWithoutAPause)
               std::size_t{kRefusals});
     EXPECT_EQ(box.countLog(INFO, "main", kAdapterFound), kRefusals + 1U);
     EXPECT_EQ(box.countLog(INFO, "main", "Adapter powered"), 1U);
-    // With a pause of half a second between them they would have taken ten.
+    // With a pause of half a second between them they would have taken ten seconds.
     const std::vector<vexasim::Call> calls = box.sim().calls("Set");
     EXPECT_LT(calls.back().timeUs - calls.front().timeUs, 5000000);
 }
 
 TEST_F(ABoxThatStarts, StopsInOrderOnAnInterruptWhileItsAdapterRefuses)
 {
-    // The refusals take their time, so that the interrupt comes in the middle of one.
+    // Each refusal is slow, so that the interrupt comes in the middle of one.
     box.sim().dropProperty(box.sim().adapterPath(), "org.bluez.Adapter1", "Powered");
     box.sim().bend(Bend::late("Set", kLateAnswer));
     box.startDaemon();

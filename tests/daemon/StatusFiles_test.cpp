@@ -51,7 +51,7 @@ protected:
         EXPECT_LOG(box, DEBUG, "main", kShouldRead);
     }
 
-    /// Begins the delay anew, at the time at which the clock stands.
+    /// Restarts the delay at the clock's current time.
     void restartDelay()
     {
         box.sim().emitPropertiesChanged(box.remotePath(), kDeviceInterface,
@@ -105,12 +105,12 @@ TEST_F(AConnectedRemote, IsPublishedAsDisconnectedAndNotReadAfterItsLinkEnded)
     EXPECT_NO_LOG(box, DEBUG, "main", kShouldRead);
 }
 
-// Between the two looks of one pass at the bond, which are the only ones that tell.
+// The bond is lost between the two checks of it in one pass, the only ones that can show this.
 TEST_F(AConnectedRemote, IsPublishedAsNotPairedIfItsBondIsLostWithinAPass)
 {
     const std::string path = box.remotePath();
     setProperty("Connected", g_variant_new_boolean(FALSE));
-    constexpr unsigned kBackOffBegins = 3; // the pass was due, its beginning is noted, then this
+    constexpr unsigned kBackOffBegins = 3; // readings: the pass is due, its beginning is noted, then this
     box.clock().advanceAndHold(500ms, kBackOffBegins);
     ASSERT_TRUE(box.clock().awaitHeld());
     box.sim().setProperty(path, kDeviceInterface, "Paired", g_variant_new_boolean(FALSE));
@@ -133,7 +133,7 @@ TEST_F(AConnectedRemote, IsPublishedAlthoughOneOfItsFilesCantBeWritten)
     EXPECT_EQ(box.log().count([](const LogRecord& record) { return record.level == ERROR; }), errors);
 }
 
-// The remote's properties, of which each is needed.
+// The properties of the remote, each of which is needed.
 class AConnectedRemoteWithout : public AConnectedRemote, public ::testing::WithParamInterface<const char*>
 {
 };
@@ -281,7 +281,7 @@ class ASecondLevel : public ABatteryLevel
 {
 };
 
-// The first was 80, and the two are merged bit by bit.
+// The first level was 80; the second is combined with it by a bitwise or.
 TEST_P(ASecondLevel, IsJudgedAndFollowedByAThirdAfterThreeHours)
 {
     letItBeRead();
@@ -351,7 +351,7 @@ TEST_F(AConnectedRemote, HasItsLevelLeftAsItIsByAReadingThatFailsThreeHoursLater
 
     EXPECT_EQ(box.content(kBattery), "80\n");
     EXPECT_EQ(box.files().writes(kBattery), 1U) << "the level counts no longer as valid";
-    // For an update it still counts: this one lacks nothing but its image.
+    // It still counts for an update: this one lacks only its image.
     box.linkFirmware("/nowhere");
     ASSERT_TRUE(box.pass());
     EXPECT_LOG(box, WARN, "main", "RC update is unnecessary");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// An interrupt in the middle of a storm of events ends the daemon in order.
+// An interrupt in the middle of a storm of events ends the daemon cleanly.
 
 #include <atomic>
 #include <random>
@@ -19,9 +19,9 @@ namespace
 constexpr int kRounds = 15;
 constexpr int kDevices = 6;
 
-/// Adds, changes and removes devices for as long as it lives, in batches as fast as the bus takes them. The
-/// next batch waits until the daemon has asked for the names of the last one's devices, so that what lies in
-/// the queues before it stays the same on a slow machine; with no daemon to ask it goes on after a while.
+/// Adds, changes and removes devices for as long as it lives, in batches, as fast as the bus takes them. Each
+/// batch waits until the daemon has asked for the names of the last one's devices, so that the queues stay
+/// equally full on a slow machine. With no daemon to ask, it continues after a while.
 class Storm
 {
 public:
@@ -78,7 +78,7 @@ TEST_F(AStormOfEvents, DoesntKeepAnInterruptFromStoppingTheDaemonInOrder)
         SCOPED_TRACE("round " + std::to_string(round));
         box.startDaemon();
         ASSERT_TRUE(box.log().await(beginsLog(DEBUG, "main", "Device: + ")));
-        // Somewhere in the start-up or the first passes; where makes no difference.
+        // Somewhere in the start-up or the first passes; it makes no difference where.
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 900));
         ASSERT_TRUE(box.stops());
         for (const char* name : {"bluetooth_status", "bluetooth_rc", "bluetooth_rc_battery"}) {

@@ -22,7 +22,7 @@ using ::testing::MatchesRegex;
 namespace
 {
 
-/// The system's end of syslog. The daemon waits for it when much is unread.
+/// The receiving end of syslog. The daemon blocks when too much is unread.
 class SyslogSocket
 {
 public:

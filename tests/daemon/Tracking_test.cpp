@@ -181,7 +181,8 @@ protected:
         return box.countLog(DEBUG, "main", "Should read battery level") == before + 1;
     }
 
-    /// BlueZ reports that this object is gone with all its interfaces, and nothing of those below it.
+    /// BlueZ reports that this object is gone with all its interfaces, but reports none of the objects below
+    /// it.
     void loseAlone(const std::string& path, std::vector<std::string> interfaces)
     {
         interfaces.emplace_back("org.freedesktop.DBus.Properties");
@@ -203,7 +204,7 @@ protected:
         EXPECT_EQ(box.log().count(beginsLog(INFO, "main", "Removing device ")), devices.size());
     }
 
-    /// What an update would go by: it is refused in a record with this level and no version.
+    /// Checks what an update would be based on: it is refused in a record with this level and no version.
     void expectKnownForAnUpdate(const std::string& level)
     {
         box.linkFirmware("/nowhere");
@@ -273,7 +274,7 @@ TEST_F(AKnownRemote, IsLeftAloneWhenAnotherDeviceIsRemoved)
     EXPECT_EQ(box.content("bluetooth_rc"), kRemoteAddress + "\n");
     EXPECT_NO_LOG(box, WARN, "main", "REMOVE /tmp/bluetooth_rc");
 
-    expectForgottenByAPairing({kRemote}); // the other one is off the list of devices, too
+    expectForgottenByAPairing({kRemote}); // the other device has left the list, too
 }
 
 TEST_F(AKnownRemote, IsReplacedByTheNextDeviceWhoseNameMatches)
@@ -322,7 +323,7 @@ TEST_F(AKnownRemote, LosesItsBatteryFileWithItsBatteryService)
 
     EXPECT_FALSE(box.exists(kBatteryFile));
     EXPECT_THAT(box.busCalls({"ReadValue"}), IsEmpty());
-    // Another service that comes and goes at the same path isn't taken for it.
+    // Another service that comes and goes at the same path isn't mistaken for it.
     box.sim().addObject(kBatteryService, serviceObject(vexasim::uuid128(0x1812), kRemote));
     box.sim().removeObject(kBatteryService);
     ASSERT_TRUE(box.awaitEvents());
@@ -397,7 +398,7 @@ TEST_F(AKnownRemote, IsReadByTheLastCharacteristicOfItsBatteryServiceWhateverTha
     box.sim().addObject(last, characteristicObject(vexasim::uuid128(0x2a1a), kBatteryService));
     EXPECT_LOG(box, DEBUG, "main", "Battery level characteristic resolved");
 
-    EXPECT_TRUE(isReadAfterTheDelay()); // its arrival has begun the delay anew
+    EXPECT_TRUE(isReadAfterTheDelay()); // its arrival restarted the delay
     EXPECT_THAT(box.busCalls({"ReadValue"}), ElementsAre(readOf(last), readOf(kVersionPath)));
     EXPECT_EQ(box.content(kBatteryFile), "7\n");
 }

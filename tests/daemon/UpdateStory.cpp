@@ -33,7 +33,7 @@ bool begins(const std::string& text, const std::string& beginning)
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
-// Of the daemon's core, these records tell of the update; the others of the remote's links.
+// Of the core's records, these concern the update, the others the remote's links.
 bool isAboutUpdate(const LogRecord& record)
 {
     if (record.module == "RcuOtaUpdater" || record.module == "Firmware") {
@@ -69,7 +69,7 @@ void StatusSampler::begin()
     const std::lock_guard lock(mMutex);
     mCourse.clear();
     while (mCourse.empty()) {
-        sample(); // again if the daemon is just writing it
+        sample(); // again if the daemon is writing it right now
     }
 }
 
@@ -96,12 +96,12 @@ Lines StatusSampler::course() const
     return mCourse;
 }
 
-// --- the story ---
+// --- the fixture ---
 
 UpdateStory::UpdateStory(const BoxOptions& options) : InABox(sampled(options))
 {
     sampler.watch(box);
-    // Changes nothing but that the simulator tells of each write before it answers.
+    // Changes only one thing: the simulator reports each write before it answers.
     box.sim().bend(Bend::lateReply("WriteValue", 0ms));
 }
 
@@ -155,7 +155,7 @@ bool UpdateStory::idlesWith(const std::string& word)
 void UpdateStory::expectFailure(const FirmwareImage& image, const Lines& log, const std::vector<int>& numbers,
                                 const std::string& idle)
 {
-    constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
+    constexpr auto kFindLimit = 60s; // real time: the update's waits don't follow the moved clock
     ASSERT_TRUE(ends("failed", kFindLimit + kPatience));
     ASSERT_TRUE(idlesWith(idle));
     EXPECT_THAT(updateLog(), ElementsAreArray(logOfStart(image) + Lines{kUpdating} + log +
@@ -240,7 +240,7 @@ Lines sentIn(const Lines& exchange)
     return sent;
 }
 
-// --- another behaviour ---
+// --- other behaviour ---
 
 Arrangement both(const Arrangement& first, const Arrangement& second)
 {

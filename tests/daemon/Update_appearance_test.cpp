@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How the daemon finds the remote in its update mode: which device it takes for it, and how long it waits.
+// How the daemon finds the remote in its update mode: which device it picks, and how long it waits.
 
 #include <gmock/gmock.h>
 #include <memory>
@@ -25,8 +25,8 @@ namespace
 
 constexpr const char* kDevice = "org.bluez.Device1";
 constexpr std::size_t kImageBytes = 100;
-constexpr auto kFindLimit = 60s; // true time: the update's waits aren't moved with the clock
-constexpr auto kWhileHeld = 3s;  // how long the switch isn't answered, so that the air can change first
+constexpr auto kFindLimit = 60s; // real time: the update's waits don't follow the moved clock
+constexpr auto kWhileHeld = 3s;  // how long the switch goes unanswered, so that devices can come or go first
 
 class ARemoteToBeFound : public UpdateStory
 {
@@ -49,7 +49,7 @@ protected:
         box.sim().clearCalls();
     }
 
-    /// Another device on the air, announced at once; the daemon has seen it on return.
+    /// Puts another device on the air, announced at once; on return the daemon has seen it.
     std::string show(const std::string& name)
     {
         vexasim::PeripheralOptions options;
@@ -71,7 +71,7 @@ protected:
         return box.sim().awaitCall("WriteValue", path, 1, kPatience);
     }
 
-    /// A characteristic behind which nothing stands, announced at once. Returns its path.
+    /// Announces a characteristic with nothing behind it, at once. Returns its path.
     std::string announce(const std::string& service, const std::string& name, const std::string& uuid)
     {
         const std::string path = service + "/" + name;
@@ -86,7 +86,7 @@ protected:
         box.remote().setUpdateAppearance(appearance);
     }
 
-    /// From the link to the end of the reading of its services.
+    /// Sets the time from the link until its services are resolved.
     void resolvesIn(std::chrono::milliseconds time)
     {
         vexasim::Timings timings = box.sim().timings();
@@ -94,8 +94,8 @@ protected:
         box.sim().setTimings(timings);
     }
 
-    /// In an update that has found both, and in a service that isn't even of the same device. The second
-    /// isn't one of them, since BlueZ writes lower case.
+    /// Announces a characteristic again while an update has found both, in a service that isn't even of the
+    /// same device; returns its path. The one in upper case doesn't count, since BlueZ writes lower case.
     std::string announceAgain(const std::string& uuid, const std::string& upperCase)
     {
         box.sim().bend(Bend::late("StartNotify", kWhileHeld));
@@ -167,7 +167,7 @@ TEST_F(ARemoteToBeFound, IsNotOneThatWasThereBefore)
     expectFound();
 }
 
-// BlueZ keeps the device of an update that failed for half a minute, and doesn't announce it again.
+// BlueZ keeps the device of a failed update for half a minute and doesn't announce it again.
 TEST_F(ARemoteToBeFound, IsNotSeenIfItsDeviceIsStillThere)
 {
     box.sim().announce(box.remote().update());
@@ -191,7 +191,7 @@ TEST_F(ARemoteToBeFound, IsNotSeenIfItsNameComesLater)
     expectNotFound();
 }
 
-// The update goes on to its end, and needs the events of its remote for it.
+// The update runs to its end, for which it needs the events of its remote.
 TEST_F(ARemoteToBeFound, IsFoundAfterAnInterrupt)
 {
     offer(image);
@@ -202,7 +202,7 @@ TEST_F(ARemoteToBeFound, IsFoundAfterAnInterrupt)
     EXPECT_EQ(box.awaitExit(), Exit::with(0));
 }
 
-// A handler holds the lock that the update takes first, and goes on after the interrupt.
+// A handler holds the lock that the update takes first, and continues after the interrupt.
 TEST_F(ARemoteToBeFound, IsFoundAfterAnInterruptThatComesBeforeTheUpdate)
 {
     const std::string other = "/org/bluez/hci0/dev_C0_FF_EE_00_00_0F";
@@ -258,7 +258,7 @@ TEST_F(ARemoteToBeFound, HasTimeAnewForTheSecondCharacteristic)
     const std::string data =
         announce(box.sim().updateDevicePath() + "/service0099", "char00aa", vexasim::uuid::kData);
 
-    // Nothing stands behind it, so the first block ends the update.
+    // Nothing is behind it, so the first block ends the update.
     ASSERT_TRUE(ends("failed"));
     EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Write buffer failed");
     EXPECT_NO_LOG(box, ERROR, "RcuOtaUpdater", "Data not found");
@@ -281,7 +281,7 @@ TEST_F(ARemoteToBeFound, HasItsControlPointWhereItWasAnnouncedLast)
     const std::string controlPoint =
         announceAgain(vexasim::uuid::kControlPoint, "00006487-3C17-D293-8E48-14FE2E4DA212");
 
-    // Nothing stands behind it: the connection parameters may go astray, the question may not.
+    // Nothing is behind it: the update tolerates lost connection parameters, but not a lost image query.
     ASSERT_TRUE(ends("failed"));
     EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Couldn't get img info from rc");
     EXPECT_EQ(box.sim().calls("WriteValue", controlPoint).size(), 2U);

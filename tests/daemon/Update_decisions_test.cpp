@@ -36,7 +36,7 @@ protected:
         EXPECT_TRUE(box.exists("image.bin")); // the link goes, not the image
     }
 
-    /// Another device than the remote; not on the air, but known to BlueZ.
+    /// Adds a device other than the remote: not on the air, but known to BlueZ.
     void announceOther(const std::string& name)
     {
         box.sim().addObject(kOther, deviceObject(name, "C0:FF:EE:00:00:0A", true, true));
@@ -70,7 +70,7 @@ const Lines kLinkTaken = {"D Firmware symlink found: /tmp/image.bin", "W REMOVE:
 struct Refusal : NamedCase {
     std::uint8_t battery;
     std::uint16_t version;
-    std::string state; ///< as the log has it
+    std::string state; ///< as logged
 };
 
 class AnImageForARemote : public AnOfferedImage, public ::testing::WithParamInterface<Refusal>
@@ -207,7 +207,7 @@ TEST_F(AnOfferedImage, IsSentByWayOfTheUpdateSwitchThatWasAnnouncedLast)
 
     offer(newerImage(5));
 
-    ASSERT_TRUE(ends("failed")); // nothing stands behind it
+    ASSERT_TRUE(ends("failed")); // nothing is behind it
     EXPECT_LOG(box, ERROR, "RcuOtaUpdater", "Write RESET failed");
     EXPECT_EQ(box.sim().calls("WriteValue", last).size(), 1U);
     EXPECT_EQ(box.sim().calls("WriteValue").size(), 1U);
@@ -226,7 +226,7 @@ TEST_P(ABoxThatLacks, MakesAnImageUnnecessary)
     ASSERT_TRUE(remoteIsRead());
     GetParam().arrange(box);
     ASSERT_TRUE(box.awaitEvents());
-    ASSERT_TRUE(box.awaitPasses(2)); // the second of them begins behind the change
+    ASSERT_TRUE(box.awaitPasses(2)); // the second of them begins after the change
 
     offer(newerImage(5));
 
@@ -275,7 +275,7 @@ TEST_F(AnOfferedImage, IsServedOnceForEachLink)
 
     offer(first, "first.bin");
     ASSERT_TRUE(ends("canceled"));
-    offer(second, "second.bin"); // while the word of the first still stands
+    offer(second, "second.bin"); // while the word of the first is still published
     ASSERT_TRUE(box.log().awaitCount(isLog(WARN, "main", "RC update is unnecessary"), 2));
     ASSERT_TRUE(idlesWith("connected"));
     ASSERT_TRUE(box.awaitPasses(2));
@@ -306,9 +306,9 @@ TEST_F(AnOfferedImage, ReplacesThePublishedVersionWhenItIsInTheRemote)
 
 // --- the outcome ---
 
-struct Outcome : NamedCase { ///< by its word
+struct Outcome : NamedCase { ///< named by its word
     std::uint16_t version;   ///< of the image
-    bool refused;            ///< the switch, by the remote
+    bool refused;            ///< whether the remote refuses the switch
     const char* idle;
 };
 

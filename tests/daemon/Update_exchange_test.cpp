@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Good updates: every packet, every word, every record of the log.
+// Successful updates: every packet, every word, every record of the log.
 
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ using vexasim::UpdateStep;
 namespace
 {
 
-// What follows the word behind the last block.
+// The words that follow the one after the last block.
 const Lines kWellEnded = {"rc_fw_update_succeed", "disconnected"};
 
 class AnUpdate : public UpdateStory
@@ -125,7 +125,7 @@ class AnImage : public AnUpdate, public ::testing::WithParamInterface<GoodImage>
 {
 };
 
-// Its last block is cut by the end of the file alone, and the length decides when it is the last.
+// Only the end of the file shortens the last block; the length decides which block is the last.
 TEST_P(AnImage, IsSentInBlocks)
 {
     const FirmwareImage image = newerImage(GetParam().words, GetParam().bytes);
@@ -152,8 +152,8 @@ INSTANTIATE_TEST_SUITE_P(
                       GoodImage{{"Has4096Words"}, 4096, 16384, 16384, publishedNumbers(16384, 16384)}),
     named);
 
-// A block is 0.9506 percent of the first, so each one is published, and 0.9488 of the second: every other
-// one.
+// A block is 0.9506 percent of the first image, so each one is published, and 0.9488 percent of the second,
+// so every other one is.
 TEST_F(AnUpdate, Of526WordsPublishesEachBlock)
 {
     const std::vector<int> numbers = publishedNumbers(2104, 2104);
@@ -193,12 +193,13 @@ INSTANTIATE_TEST_SUITE_P(OfBytes, AFileThatEndsEarly, ::testing::Values(0, 1, 21
 
 // --- pacing ---
 
-// From the remote's record. A packet that was noted late shortens the interval behind it, so single intervals
-// may be shorter than 13 ms; from the first block to any later one the sum may be only by that one delay.
+// Measured from the remote's record. A packet recorded late shortens the next interval, so single intervals
+// may be shorter than 13 ms; the sum from the first block to any later one may be short only by the first
+// one's delay.
 TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
 {
-    // Of the pace; a busy machine decides nothing here. Beside twelve programs that never rest two processors
-    // came to 50 % of it, with a median of 20 ms, and at a lower priority to 19 % and 29 ms.
+    // Relative to the pace; low enough that a busy machine doesn't fail the case. Next to twelve busy loops,
+    // two processors reached 50 % with a median of 20 ms, and at a lower priority 19 % with 29 ms.
     constexpr double kWorstRate = 0.15;
     offer(newerImage(1250));
     ASSERT_TRUE(ends("succeed", 120s));
@@ -215,7 +216,7 @@ TEST_F(AnUpdate, LeavesThirteenMillisecondsFromBlockToBlock)
 
     EXPECT_GE(pacing.medianUs(), Pacing::kPaceUs - 1000);
     EXPECT_LE(pacing.medianUs(), 4 * Pacing::kPaceUs);
-    // 100 ms for the first packet's being noted late.
+    // 100 ms allow for the first packet being recorded late.
     EXPECT_LE(pacing.rate(), 1.0 + 100000.0 / static_cast<double>(pacing.wholeUs()));
     EXPECT_GE(pacing.rate(), kWorstRate);
 }
@@ -236,7 +237,7 @@ TEST_F(AnUpdate, PausesForTheParametersBeforeTheVerificationAndAfterTheReset)
     const UpdatePacket& reset = all.back();
     ASSERT_EQ(data.channel, UpdatePacket::Channel::Data);
     EXPECT_THAT(verify.timeUs - data.timeUs, isNearly(5s));
-    // Nothing can answer the reset, and still its answer is waited for.
+    // Nothing can answer the reset, yet the daemon waits for an answer.
     const std::int64_t ended = microseconds(box.files().moments("bluetooth_status").back().time);
     EXPECT_THAT(ended - reset.timeUs, isAbout(1s));
 }
@@ -282,15 +283,16 @@ INSTANTIATE_TEST_SUITE_P(
         Tolerated{{"ThinksAboutTheImageInfo"}, late(UpdateStep::GetImageInfo, kThinks)},
         Tolerated{{"ThinksAboutTheStart"}, late(UpdateStep::StartUpdate, kThinks)},
         Tolerated{{"ThinksAboutTheVerification"}, late(UpdateStep::Verify, kThinks)},
-        // Its second begins when the write has returned, and BlueZ takes longer than that to answer.
+        // The second allowed for the answer begins once the write has returned, which BlueZ delays by more
+        // than that.
         Tolerated{{"AnswersBehindASlowWrite"},
                   both(slowWrites(kSlowWrite), late(UpdateStep::GetImageInfo, kSlowWrite + 200ms))},
-        // Nothing answers the connection parameters twice: whether the second answer falls into the wait of
-        // the next command, whose answer it is then, is a matter of time.
+        // No case answers the connection parameters twice: timing would decide whether the second answer
+        // falls into the next command's wait and is taken for its answer.
         Tolerated{{"AnswersTheImageInfoTwice"}, twice(UpdateStep::GetImageInfo)},
         Tolerated{{"AnswersTheStartTwice"}, twice(UpdateStep::StartUpdate)},
         Tolerated{{"AnswersTheVerificationTwice"}, twice(UpdateStep::Verify)},
-        // Both answers are there before the daemon takes one.
+        // Both answers arrive before the daemon takes one.
         Tolerated{{"AnswersWellBehindABadAnswer"},
                   both(slowWrites(1s),
                        answering(UpdateStep::GetImageInfo, {{6, 0, 0}, {6, 0, 1, 2, 0, 3, 0, 0, 0}}))},
@@ -312,7 +314,7 @@ TEST_F(AnUpdate, LogsTheImageThatTheRemoteHolds)
     EXPECT_LOG(box, DEBUG, "RcuOtaUpdater", "image version: 1234 image offset: 12345678");
 }
 
-// Each answer comes so late that it falls into the wait of the command behind its own.
+// Each answer comes so late that it falls into the next command's wait.
 TEST_F(AnUpdate, TakesALateAnswerForThatOfTheNextCommand)
 {
     with(UpdateStep::ConnectionParameters, [](UpdateFault& fault) {
@@ -345,7 +347,7 @@ TEST_F(AnUpdate, IsCompletedAfterAnInterrupt)
 
 TEST_F(AnUpdate, EndsWithStatus1OnTheSecondInterrupt)
 {
-    constexpr auto kWide = 3s; // a second, and room for a busy machine; the update had ten to go
+    constexpr auto kWide = 3s; // one second, with room for a busy machine; the update had ten more to go
     offer(newerImage(2000));
     ASSERT_TRUE(box.sim().awaitCall("WriteValue", updatePathOf(vexasim::uuid::kData), 1, kPatience));
     box.interrupt();

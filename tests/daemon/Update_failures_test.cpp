@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Updates that fail: at each step the words of the log, the course of the status file, what was sent, and
+// Updates that fail: for each step the words of the log, the course of the status file, what was sent, and
 // what is left behind.
 
 #include <algorithm>
@@ -28,7 +28,7 @@ namespace
 
 constexpr const char* kFailed = "E Firmware update failed";
 constexpr const char* kImageHeld = "D image version: 1a3 image offset: 0";
-constexpr auto kWhileHeld = 3s; // how long an answer is kept back, so that something can happen before
+constexpr auto kWhileHeld = 3s; // how long an answer is delayed, so that something else can happen first
 constexpr std::size_t kImageBytes = 100;
 
 const std::vector<int> kAll = {20, 40, 61, 80, 100}; // 60 % of 100 bytes is just above it in single precision
@@ -49,7 +49,7 @@ protected:
 
 // --- one step after the other ---
 
-/// How long the daemon waits for something behind its last call of a member, and to no avail.
+/// How long the daemon waits in vain after its last call of a member.
 struct Wait {
     const char* member = "";
     std::chrono::seconds limit{0};
@@ -104,7 +104,7 @@ Arrangement without(bool UpdateAppearance::*part)
     return [appearance](Box& box) { box.remote().setUpdateAppearance(appearance); };
 }
 
-// By one bit.
+// The key differs by one bit.
 void withAnotherKey(Box& box)
 {
     vexasim::UpdateKey another = sharedKey();
@@ -134,7 +134,7 @@ TEST_P(AnUpdateThat, Fails)
 
     offer(image);
 
-    // Whatever follows the sixth packet, which is the first block, tells that a block has arrived.
+    // The sixth packet is the first block; each later packet shows that one more block has arrived.
     const std::size_t arrived = failure.packets > 6 ? std::min(failure.packets - 6, kAll.size()) : 0;
     expectFailure(image, failure.log, {kAll.begin(), kAll.begin() + static_cast<std::ptrdiff_t>(arrived)},
                   failure.idle);
@@ -171,9 +171,9 @@ Lines refusedBlock(std::size_t bytesBefore)
     return uploaded(bytesBefore, {"E Write buffer failed", "E Upload fw failed"});
 }
 
-// The waits of half a minute and more run beside the other cases.
+// Cases that wait for half a minute or more run in parallel with the others.
 const Failure kFailures[] = {
-    // To switch, find and connect.
+    // Switching, finding, connecting.
     {{"IsRefusedTheSwitch"},
      refused(UpdateStep::Switch),
      {"E Write RESET failed"},
@@ -195,7 +195,7 @@ const Failure kFailures[] = {
      refused(UpdateStep::StartNotify),
      {"E Could not start to notify about control point changes"},
      1},
-    // To announce.
+    // Announcing.
     {{"IsRefusedTheImageInfo"}, refused(UpdateStep::GetImageInfo), kNoImage, 3},
     {{"HearsNoReplyToACommand"}, withoutReply(UpdateStep::GetImageInfo), kNoImage, 3},
     {{"HearsNoImageInfo"}, silent(UpdateStep::GetImageInfo), kNoImage, 3, kForAnswer},
@@ -209,7 +209,7 @@ const Failure kFailures[] = {
      both(late(UpdateStep::ConnectionParameters, 1500ms), silent(UpdateStep::GetImageInfo)),
      kNoImage,
      3},
-    // Both answers are there before the daemon takes one.
+    // Both answers arrive before the daemon takes one.
     {{"HearsABadAnswerBehindAGoodOne"},
      both(slowWrites(1s), answering(UpdateStep::GetImageInfo, {{6, 0, 1, 2, 0, 3, 0, 0, 0}, {6, 0, 0}})),
      kNoImage,
@@ -224,7 +224,7 @@ const Failure kFailures[] = {
      refused(UpdateStep::ImageInfo),
      {kImageHeld, "E Couldn't send img info to rcu"},
      5},
-    // To send.
+    // Sending.
     {{"IsRefusedTheFirstBlock"}, refused(UpdateStep::Data), refusedBlock(0), 6},
     {{"IsRefusedTheFourthBlock"},
      with(UpdateStep::Data,
@@ -236,13 +236,13 @@ const Failure kFailures[] = {
      9},
     {{"HearsNoReplyToABlock"}, withoutReply(UpdateStep::Data, 1), refusedBlock(20), 7},
     {{"LosesTheRemoteAtABlock"}, vanishing(UpdateStep::Data, 2), refusedBlock(40), 8},
-    // To verify.
+    // Verifying.
     {{"IsRefusedTheVerification"}, refused(UpdateStep::Verify), kNoAnswer, 11},
     {{"HearsNothingOfTheVerification"}, silent(UpdateStep::Verify), kNoAnswer, 11, kForAnswer},
     {{"HearsStatus0OfTheVerification"}, status(UpdateStep::Verify, 0), kBadAnswer, 11},
     {{"HearsStatus2OfTheVerification"}, status(UpdateStep::Verify, 2), kBadAnswer, 11},
     {{"HearsTwoBytesOfTheVerification"}, cutTo(UpdateStep::Verify, 2), kBadAnswer, 11},
-    // What came between commands would do for the verification.
+    // An answer that came between commands would pass for the verification's.
     {{"ForgetsAnAnswerThatNobodyAskedFor"},
      both(answering(UpdateStep::ImageInfo, {{3, 0, 1}}), silent(UpdateStep::Verify)),
      kNoAnswer,
@@ -251,7 +251,7 @@ const Failure kFailures[] = {
 
 INSTANTIATE_TEST_SUITE_P(Each, AnUpdateThat, ::testing::ValuesIn(kFailures), named);
 
-// --- the remote and the stack go ---
+// --- the remote or the stack goes ---
 
 TEST_F(AFailingUpdate, FindsTheRemoteAway)
 {
@@ -296,7 +296,7 @@ TEST_F(AFailingUpdate, LosesTheAdapterWhileItConnects)
 class AnUploadWithoutAStack : public AFailingUpdate
 {
 protected:
-    /// Breaks the stack at the third block, and sees the update end there.
+    /// Breaks the stack at the third block, and expects the update to end there.
     void endsWhen(const std::function<void()>& breaks, const std::string& idle)
     {
         const FirmwareImage longImage = newerImage(2000);
@@ -318,7 +318,7 @@ TEST_F(AnUploadWithoutAStack, FailsWhenTheAdapterIsPulled)
 {
     endsWhen([this] { box.sim().removeAdapter(); }, "no device");
 
-    // And again is refused: nothing is known of a remote any more.
+    // Another update is refused: nothing is known of a remote any more.
     offer(newerImage(kImageBytes / 4));
     ASSERT_TRUE(ends("canceled"));
     EXPECT_LOG(box, WARN, "main", "Update canceled: invalid state: battery: 0% version: 0");
@@ -361,7 +361,7 @@ TEST_F(AFailingUpdate, LeavesTheWayFreeForTheNextOne)
     offer(image);
     ASSERT_TRUE(ends("failed"));
 
-    box.linkFirmware("/tmp/image.bin"); // while the word of the first still stands
+    box.linkFirmware("/tmp/image.bin"); // while the word of the first is still published
 
     ASSERT_TRUE(ends("succeed"));
     EXPECT_THAT(exchange(), ElementsAreArray(Lines{"> switch 01"} + goodExchange(image, kImageBytes)));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The largest image that the format can name: every packet, every word, and what the daemon's memory comes
-// to. Takes some three minutes, so it runs on demand.
+// The largest image that the format allows: every packet, every word, and the daemon's memory. Takes about
+// three minutes, so it runs on demand.
 
 #include <cstdio>
 #include <fstream>
@@ -25,8 +25,8 @@ constexpr std::size_t kMostBytes = 262140;
 constexpr std::size_t kBlocks = 13107;
 constexpr auto kReport = 10s;
 constexpr auto kLimit = 15min * kSlowness; // five times the pace of 13 ms
-// Each write leaves its builder behind: some two megabytes for a whole image. Four times as much, and more
-// than an allocator's whims; a copy of the image kept for each percent would be beyond it.
+// Each write leaks its builder: about two megabytes for a whole image. This is four times as much, which
+// leaves room for the allocator; a copy of the image kept for each percent would exceed it.
 constexpr long kMostGrowthKiB = 8L * 1024;
 
 // In KiB, from the kernel's record of the process.
@@ -47,7 +47,7 @@ class TheLargestImageForLong : public UpdateStory
 protected:
     void SetUp() override { ASSERT_TRUE(remoteIsRead()); }
 
-    /// Tells how far it is every ten seconds.
+    /// Waits for the update to succeed; prints its progress every ten seconds.
     bool succeeds()
     {
         const auto end = std::chrono::steady_clock::now() + kLimit;
