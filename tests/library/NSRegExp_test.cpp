@@ -87,7 +87,7 @@ TEST(TheFlagsOfTheConstructor, GoToTheCompilation)
 
     EXPECT_FALSE(NSRegExp("vexa", REG_EXTENDED).match("VEXA", groups, 0));
     EXPECT_TRUE(NSRegExp("vexa", REG_EXTENDED | REG_ICASE).match("VEXA", groups, 0));
-    EXPECT_TRUE(NSRegExp("a+", 0).match("a+", groups, 0)); // a plus is a plus in a basic expression
+    EXPECT_TRUE(NSRegExp("a+", 0).match("a+", groups, 0)); // a plus is literal in a basic expression
     EXPECT_THAT(groups, ElementsAre("a+"));
 }
 

@@ -48,7 +48,7 @@ bool isInjected(const char* function)
     return injected != nullptr && std::strcmp(injected, function) == 0;
 }
 
-// The counts are those of one test, also where the whole program runs in one process.
+// Resets the counts before each test, since all tests may run in one process.
 class CountsFromZero : public testing::EmptyTestEventListener
 {
     void OnTestStart(const testing::TestInfo&) override

@@ -8,14 +8,14 @@
 #include <sys/time.h>
 #include <vector>
 
-// What a test sees and bends of the system calls below the locks and threads. The linker sends the calls of
-// the program and its static libraries here (--wrap); those of shared libraries go their usual way.
+// Lets a test observe and change the system calls below the locks and threads. The linker sends the calls of
+// the program and its static libraries here (--wrap); shared libraries call the C library as usual.
 
-/// The C function whose calls do nothing but give `injectedResult`; null: none.
+/// The C function whose calls only return `injectedResult`; null: none.
 extern std::atomic<const char*> injectedFunction;
 extern std::atomic<int> injectedResult;
 
-/// What gettimeofday gives: this, if it isn't null, or else the clock and so many microseconds more.
+/// What gettimeofday gives: `fixedClock` if it isn't null, otherwise the clock plus `clockAheadUs`.
 extern std::atomic<const timeval*> fixedClock;
 extern std::atomic<long long> clockAheadUs;
 
@@ -24,12 +24,12 @@ extern std::atomic<void (*)()> onTimedwait;
 extern std::atomic<void (*)()> onJoin;
 
 /// Calls in their order, as "lock A", "timedwait", "broadcast", "unlock A", "create", "join", "destroy A" and
-/// "destroy cond"; the mutexes are named in the order in which they are met.
+/// "destroy cond"; the mutexes are named in the order of their first use.
 struct CallTrace {
     std::vector<std::string> calls;
     std::map<const void*, char> names;
 };
-/// Gets this thread's calls; null: nothing.
+/// Records this thread's calls; null: none are recorded.
 extern thread_local CallTrace* callTrace;
 
 /// The deadline of this thread's last timed wait.
@@ -39,7 +39,7 @@ extern thread_local timespec givenDeadline;
 extern std::atomic<int> timedwaits;
 extern std::atomic<int> joins;
 
-/// What setpriority was asked for last. The call is only recorded.
+/// The last call of setpriority, which is recorded but not made.
 struct PriorityCall {
     int which;
     int who;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The stack trace on 32-bit ARM, which has a way of its own to the program counter: cross-compiled and run
-// here.
+// The stack trace on 32-bit ARM, which gets the program counter in its own way: cross-compiled, and run on
+// this machine.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <regex>
@@ -30,7 +30,7 @@ struct Frame {
     std::string object;
 };
 
-// Fails the case if a line has another form than those of the trace.
+// Fails the case if a line isn't in one of the trace's forms.
 std::vector<Frame> framesOf(const std::string& trace)
 {
     static const std::regex form(
@@ -68,7 +68,7 @@ protected:
         }
     }
 
-    // Compiles the program and gives what it writes.
+    // Compiles and runs the program; returns its output.
     std::string trace()
     {
         const std::string program = mFolder.path("trace");
@@ -92,7 +92,7 @@ TEST_P(AStackOn32BitArm, IsTracedFromTheInnermostFrameOutward)
     const std::string text = trace();
     const std::vector<Frame> frames = framesOf(text);
 
-    ASSERT_GE(frames.size(), 4U) << text; // and goes on to the C library
+    ASSERT_GE(frames.size(), 4U) << text; // and continues into the C library
     const std::vector<std::string> functions = {"innerFunction", "outerFunction", "main"};
     for (std::size_t i = 0; i < functions.size(); ++i) {
         EXPECT_EQ(functions[i], frames[i].function) << text;

@@ -43,17 +43,17 @@ Environment plain(Environment more = {});
 /// Adds to the variables that syslog is on.
 Environment onSyslogOnly(Environment more = {});
 
-/// What the lines on standard error say, behind the head that all of them have.
+/// The lines on standard error without the head that all of them have.
 std::vector<std::string> told(const kit::Outcome& outcome);
 
-/// What `body` logs behind the greeting with colours off; expects that its process ends with status 0.
+/// What `body` logs after the greeting with colours off; expects that its process ends with status 0.
 std::vector<std::string> logged(const Environment& more, const std::function<void()>& body);
 
-/// The records that syslog gets behind the greeting; expects that the process ends with status 0.
+/// The records that syslog gets after the greeting; expects that the process ends with status 0.
 std::vector<std::string> sent(const Environment& more, const std::function<void()>& body);
 
-// --- What happens inside of the library's calls, in this process ---
+// --- What happens inside the library's calls, in this process ---
 
 /// Called with each step into and out of the calls: "before lock A", "lock A", "unlock A", "after unlock A",
-/// "write [34m" for colours, "clock", "syslog". The locks are named in the order in which they are met.
+/// "write [34m" for colours, "clock", "syslog". The locks are named in the order of their first use.
 extern void (*onStep)(const std::string& step);

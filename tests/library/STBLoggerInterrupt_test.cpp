@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A handler that logs interrupts the logger at each step that it takes.
+// A signal handler that logs interrupts the logger at each of its steps.
 #include <csignal>
 #include <cstdio>
 #include <gmock/gmock.h>
@@ -28,7 +28,7 @@ constexpr const char* kStep = "step: ";
 constexpr const char* kDeferred = "deferred";
 constexpr const char* kHandled = "handled";
 
-// --- In the child: the steps go to its standard output as they are made ---
+// --- In the child: the steps go to its standard output as they happen ---
 
 int stepsMade = 0;
 int interruptedStep = -1; // from 0
@@ -153,7 +153,8 @@ std::string nameOf(const testing::TestParamInfo<InterruptedStep>& given)
     return name;
 }
 
-// Two interrupts where they come, and their handling behind the registry's lock or the whole line.
+// The steps with two interrupts, which are handled after the registry's lock is released or after the whole
+// line.
 Steps withInterrupts(const Message& message, std::size_t step)
 {
     Steps expected;

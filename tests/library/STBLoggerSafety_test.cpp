@@ -166,7 +166,7 @@ TEST(StaticObjects, LogInTheirConstructorsAndUntilTheRegistryIsGone)
 
     EXPECT_TRUE(outcome.exitedWith(0)) << outcome;
     const auto lines = kit::linesOf(outcome.errors);
-    ASSERT_EQ(3U, lines.size()) << outcome; // one greeting: they all meet the same logger
+    ASSERT_EQ(3U, lines.size()) << outcome; // one greeting: they all use the same logger
     EXPECT_THAT(lines[0], testing::EndsWith(kGreeting));
     EXPECT_THAT(lines[1], testing::EndsWith("[STBLoggerSafety_test] early"));
     EXPECT_THAT(lines[2], testing::EndsWith("[STBLoggerSafety_test] late"));
@@ -209,7 +209,7 @@ TEST(AMessageUnderWay, IsWrittenToItsEndAlthoughTheProcessExits)
     EXPECT_THAT(lines, ElementsAre("I [Bluez:42] first", "I [Bluez:42] second"));
 }
 
-// Each round ends at another moment of the messages of the threads beside it.
+// Each round ends at a different moment of the messages of the other threads.
 TEST(AProcessThatExits, EndsWithItsStatusWhileOtherThreadsLog)
 {
     constexpr int kRounds = 50;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the record of an application and the environment tell a logger, its life, and syslog.
+// How an application's record and the environment configure a logger, how long it lives, and syslog.
 #include <algorithm>
 #include <cstdlib>
 #include <gmock/gmock.h>
@@ -89,12 +89,12 @@ const FlagCase kFlags[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, AFlagOfTheEnvironment, testing::ValuesIn(kFlags), named);
 
-// --- Lists of modules, and the life of a logger ---
+// --- Lists of modules, and the lifetime of a logger ---
 
 struct StoryCase : kit::NamedCase {
     Environment environment;
     void (*log)();
-    std::vector<std::string> lines; ///< behind the greeting
+    std::vector<std::string> lines; ///< after the greeting
 };
 
 class ALogger : public testing::TestWithParam<StoryCase>

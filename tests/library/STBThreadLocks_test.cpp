@@ -20,8 +20,8 @@ using testing::IsEmpty;
 
 using Calls = std::vector<std::string>;
 
-// A is the lock that serialises start and stop, B the sleepers': whatever comes first names them. Others,
-// which are the logger's, are left out.
+// A is the lock that serialises start and stop, B the sleepers': they are named in the order of their first
+// use. The logger's locks are left out.
 Calls callsOf(CallTrace& trace, const std::function<void()>& operation)
 {
     trace.calls.clear();
@@ -147,7 +147,7 @@ TEST(TheRunningMark, IsReadWithoutALock)
 
 TEST(AThreadThatEnds, TakesNoLockToTellItsListener)
 {
-    static CallTrace trace; // of the thread, behind its body
+    static CallTrace trace; // of the thread, after its body
     class Listener : public STBThread::OnThreadCompletedListener
     {
     public:

@@ -64,7 +64,7 @@ std::vector<std::string> logged(const kit::Outcome& outcome)
     return lines;
 }
 
-// Expects that the body goes well.
+// Expects the body to succeed.
 kit::Outcome inPlainChild(const std::function<void()>& body)
 {
     const kit::Outcome outcome = kit::inChild([&] {
@@ -247,7 +247,7 @@ TEST(AStopThatWaits, BlocksOtherStartsAndStopsButNoSleepAndNoNotify)
         auto stop = std::async(std::launch::async, [&] { worker.stopThread(); });
         ASSERT_EQ(std::future_status::ready, joining.get_future().wait_for(kit::kPatience));
 
-        worker.sleepMs(kLongMs); // at once: it isn't meant to run any more
+        worker.sleepMs(kLongMs); // at once: the thread isn't marked as running any more
         worker.notify();
         auto otherStop = std::async(std::launch::async, [&] { worker.stopThread(); });
         auto otherStart = std::async(std::launch::async, [&] { worker.startThread(nullptr); });
@@ -334,9 +334,9 @@ TEST(AThreadThatStopsItself, IsIdleAfterwardsAlthoughItCouldntBeJoined)
 
         release.set_value();
         while (listener.completions < 2) {
-            std::this_thread::yield(); // ended by the child's limit
+            std::this_thread::yield(); // at most until the child's time limit
         }
-        // Past the thread sanitizer, which would report that the first thread was never joined.
+        // Bypasses the thread sanitizer, which would report that the first thread was never joined.
         syscall(SYS_exit_group, testing::Test::HasFailure() ? 99 : 0);
     });
 
@@ -437,7 +437,7 @@ TEST(AUniqueThreadPtr, IsEmptyAtFirstAndGivesAccessToItsRecord)
     pointer->_joined = true;
     EXPECT_TRUE(record->_joined);
 
-    pointer.reset(new Record(nullptr, nullptr)); // deletes the old one: the address sanitizer watches
+    pointer.reset(new Record(nullptr, nullptr)); // deletes the old one, which the address sanitizer checks
     EXPECT_NE(nullptr, pointer.operator->());
     pointer.reset(nullptr);
     EXPECT_FALSE(pointer);

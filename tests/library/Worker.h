@@ -26,7 +26,7 @@ private:
     std::future<void> mFuture = mPromise.get_future();
 };
 
-/// A thread with a body that the test gives. Its destructor stops it if it runs.
+/// A thread with a body that the test gives. Its destructor stops it if it is running.
 class Worker : public STBThread
 {
 public:
@@ -52,7 +52,7 @@ private:
     std::function<void(Worker&)> mBody;
 };
 
-/// A thread whose end is left to the destructor under test: run() may be gone only once it has been called.
+/// A thread that the destructor under test ends. Once started, destroy it only after run() has been called.
 class Bare : public STBThread
 {
 public:

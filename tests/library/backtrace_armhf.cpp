@@ -10,7 +10,7 @@ __attribute__((noinline)) int innerFunction();
 __attribute__((noinline)) int outerFunction();
 }
 
-// The additions keep a frame for each caller.
+// The additions make each caller keep its frame.
 int innerFunction()
 {
     return static_cast<int>(_Unwind_Backtrace(STBBackTrace::backtrace_helper, stdout)) + 1;

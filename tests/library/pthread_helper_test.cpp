@@ -56,7 +56,7 @@ struct Subject {
     void run() {}
 };
 
-// One of each, made before each test's child, which has them at the same addresses.
+// One of each kind, made before each test's child, which has them at the same addresses.
 struct Objects {
     Subject subject;
     std::optional<mutex> lock{std::in_place};
@@ -145,7 +145,7 @@ TEST_P(ACall, PassesOrEndsTheProcessByItsResult)
         GetParam().call();
         injectedFunction = nullptr;
         if (!testing::Test::HasFailure()) {
-            _exit(0); // past the exit handlers: what a test has left half made isn't the point
+            _exit(0); // skips the exit handlers: what a test leaves half done doesn't matter
         }
     });
 
@@ -169,7 +169,7 @@ TEST_P(ACall, PassesOrEndsTheProcessByItsResult)
 
 INSTANTIATE_TEST_SUITE_P(WithResult, ACall, testing::ValuesIn(kCalls), kit::named);
 
-// --- Locks as they really are ---
+// --- Real locks ---
 
 TEST(ALock, EndsTheProcessIfItIsDestroyedWhileItIsHeld)
 {
@@ -191,7 +191,7 @@ TEST(ALock, CanBeUnlockedTwiceWithoutAMessage)
         lock.lock();
         lock.unlock();
         lock.unlock();
-        lock.lock(); // and is as good as before
+        lock.lock(); // and works as before
         lock.unlock();
     });
 
@@ -412,7 +412,7 @@ TEST(TheRecordOfAThread, RunsItsMethodOnItsObjectOnceOnAThreadOfItsOwn)
 
     EXPECT_EQ(1, runner.runs);
     EXPECT_EQ(thread._id, runner.ranOn);
-    EXPECT_FALSE(thread._joined); // for the one who joins to set
+    EXPECT_FALSE(thread._joined); // whoever joins sets it
 }
 
 TEST(TheRecordOfAThread, HasAnEntryThatReturnsNull)
