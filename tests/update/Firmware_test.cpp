@@ -61,7 +61,7 @@ protected:
         return sizes;
     }
 
-    /// Where this process has the file open, -1 if nowhere.
+    /// The descriptor by which this process has the file open, -1 if there is none.
     int descriptorOf(const std::string& name) const
     {
         const std::string path = mFolder.path(name);
@@ -74,7 +74,7 @@ protected:
         return -1;
     }
 
-    /// From here on no read of the image succeeds: its descriptor turns into a folder's.
+    /// From here on every read of the image fails: its descriptor becomes a folder's.
     void breakDisk() const
     {
         const int descriptor = descriptorOf("image.bin");
@@ -220,7 +220,7 @@ TEST_P(ABufferOfSomeSize, IsFilledUpToTwentyBytes)
 
     const auto begin = image.payload.begin();
     EXPECT_EQ(Bytes(begin, begin + static_cast<std::ptrdiff_t>(given)), buffer);
-    // The file stands right behind what was given.
+    // The next read starts right after the bytes that were given.
     EXPECT_EQ(image.payload.at(given), nextBlock(*firmware).at(0));
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What only the class can show; what an update does is told by the daemon's cases, tests/daemon/Update_*.
+// What only the class itself can show; whole updates are tested by the daemon's cases, tests/daemon/Update_*.
 #include "RcuOtaUpdater.h"
 
 #include <algorithm>
@@ -41,7 +41,7 @@ using vexasim::UpdatePacket;
 using vexasim::UpdateStep;
 using Texts = std::vector<std::string>;
 
-/// Hears what the stack client reports, so that a test can wait for it.
+/// Records what the stack client reports, so that a test can wait for it.
 class Watcher : public Bluez::Listener
 {
 public:
@@ -112,7 +112,7 @@ protected:
     {
         return mFolder.write("image.bin", image.file());
     }
-    /// An updater for the image; its words are kept.
+    /// Creates an updater for the image and records its words.
     bool create(const kit::FirmwareImage& image)
     {
         const auto keep = [this](const std::string& word) {
@@ -130,7 +130,7 @@ protected:
 
     /// What the updater logged at ERROR and WARN.
     Texts failures() const { return mLog.linesOf("RcuOtaUpdater", "EW"); }
-    /// When the remote noted each block, in microseconds.
+    /// When the remote recorded each block, in microseconds.
     std::vector<std::int64_t> dataTimes()
     {
         std::vector<std::int64_t> times;
@@ -141,7 +141,7 @@ protected:
         }
         return times;
     }
-    /// When the remote noted a command, in microseconds; 0 if it never came.
+    /// When the remote recorded a command, in microseconds; 0 if it never came.
     std::int64_t timeOf(std::uint8_t command)
     {
         for (const auto& packet : receiver().packets()) {
@@ -244,7 +244,7 @@ TEST_F(AnUpdater, ListensForItsLifeAndSendsNothing)
     EXPECT_THAT(receiver().packets(), IsEmpty());
 }
 
-/// A device whose name takes a while: the updater's callback stands in that call.
+/// A device whose name takes a while to read: the updater's callback is in that call.
 class AnUpdaterInACallback : public AnUpdater
 {
 protected:
@@ -286,7 +286,7 @@ TEST_F(AnUpdaterInACallback, IsRetiredWithoutWaitingForThat)
     EXPECT_TRUE(mWatcher.await(kStranger)) << "and the callback goes on in it";
 }
 
-// The last round key, looked for in the memory that updaters live in.
+// Counts the copies of the last round key in the heap, where updaters live.
 std::size_t roundKeysOnHeap()
 {
     AesContext context{};
@@ -357,7 +357,7 @@ class AnException : public AnUpdate, public testing::WithParamInterface<Exceptio
 {
 };
 
-// Of a word's reader, say. Only what the hand-over of an answer itself raises ends in a failed update.
+// Raised by a word's reader, say. Only an exception from the hand-over of an answer makes the update fail.
 TEST_P(AnException, LeavesTheUpdate)
 {
     mOnWord = [](const std::string& word) {
@@ -381,7 +381,7 @@ TEST_P(AnException, LeavesTheUpdate)
     EXPECT_EQ(2U, dataTimes().size()) << "it ends there";
 }
 
-// The second is what the caught one derives from.
+// The second is the base class of the one that is caught.
 INSTANTIATE_TEST_SUITE_P(
     OfAReader, AnException,
     testing::Values(Exception{{"AtRunTime"}, [] { throw std::runtime_error("the reader failed"); }},
@@ -431,9 +431,9 @@ TEST_F(ASecondUpdate, TellsAFailureThatComesBeforeTheFutures)
     EXPECT_THAT(failures(), ElementsAre("E Failed to send connect request", "E Write RESET failed"));
 }
 
-// --- Signals at the update's thread ---
+// --- Signals to the update's thread ---
 
-// The remote's record is late by the way to it, but never early, so the lower bounds are exact.
+// The remote records packets late, by their way to it, but never early, so the lower bounds are exact.
 TEST_F(AnUpdate, IsPacedOnAThreadOfItsOwnThatSignalsDontHurry)
 {
     constexpr std::int64_t kPaceUs = 13'000;     // from the start of a block to that of the next
@@ -463,7 +463,7 @@ TEST_F(AnUpdate, IsPacedOnAThreadOfItsOwnThatSignalsDontHurry)
     for (std::size_t i = 1; i < times.size(); ++i) {
         EXPECT_GE(times[i] - timeOf(0x02), kPaceUs * static_cast<std::int64_t>(i)) << "block " << i;
     }
-    // Nor held up: what is left of a sleep goes on, and doesn't begin anew.
+    // Nor delayed: an interrupted sleep continues with what is left and doesn't start over.
     EXPECT_THAT(timeOf(0x03) - times.back(),
                 testing::AllOf(testing::Ge(kPauseUs), testing::Le(2 * kPauseUs)));
     EXPECT_GE(sent, 100U);
@@ -474,7 +474,7 @@ TEST_F(AnUpdate, IsPacedOnAThreadOfItsOwnThatSignalsDontHurry)
 class AnUpdateThatIsOver : public AnUpdate
 {
 protected:
-    /// Destroys the updater and sees that neither BlueZ nor the remote hears of it.
+    /// Destroys the updater and expects that neither BlueZ nor the remote notices.
     void expectSilentEnd()
     {
         mSimulator->sync();

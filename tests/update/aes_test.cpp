@@ -81,7 +81,7 @@ TEST(AKey, IsExpandedIntoASchedulePerDirection)
 
 struct AnswerFile {
     std::string name;
-    std::size_t answers; ///< for each direction, so that a cut file doesn't pass
+    std::size_t answers; ///< for each direction, so that a truncated file doesn't pass
 
     friend std::ostream& operator<<(std::ostream& out, const AnswerFile& file) { return out << file.name; }
 };
