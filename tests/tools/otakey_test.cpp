@@ -268,7 +268,7 @@ class TheProject : public testing::Test
 protected:
     TheProject()
     {
-        // What the developer has in the environment is no part of the test.
+        // The developer's environment must not affect the test.
         for (const char* variable : {"CMAKE_CXX_COMPILER_LAUNCHER", "CMAKE_GENERATOR", "VEXA_OTA_KEY_FILE"}) {
             unsetenv(variable);
         }
@@ -338,7 +338,7 @@ TEST_F(TheProject, KeepsTheKeyInItsGeneratedSourceAndTheObjectMadeOfIt)
     EXPECT_THAT(made.output, Not(HasSubstr("env "))) << "a compiler launcher, which may keep copies";
 }
 
-// Of the build that this test belongs to, since a whole one takes its time.
+// Checks the build that this test belongs to, since a whole one takes long.
 TEST(TheBuild, LetsNobodyElseReadWhatHoldsTheKey)
 {
     for (const char* file : {VEXA_KEY_OBJECT, VEXA_KEY_ARCHIVE, VEXA_DAEMON, VEXA_UPDATER_TEST}) {
@@ -428,7 +428,7 @@ TEST_F(TheInstallation, HasAnInitScriptThatRunsTheDaemonWithoutACore)
     if (core.rlim_max == 0) {
         GTEST_SKIP() << "no process of this one may leave a core anyway, for instance under a sanitizer";
     }
-    core.rlim_cur = core.rlim_max; // what the script finds
+    core.rlim_cur = core.rlim_max; // what the script inherits
     setrlimit(RLIMIT_CORE, &core);
 
     const auto run = kit::runProgram({installed() + "/etc/init.d/vexabluetoohtd", "run"});

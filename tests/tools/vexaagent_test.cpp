@@ -36,7 +36,7 @@ public:
     {
     }
 
-    /// Waits until the words have been logged so many times.
+    /// Waits until the words have been logged this many times.
     testing::AssertionResult logs(const std::string& words, std::size_t times = 1)
     {
         if (log().awaitCount(kit::contains(words), times)) {
@@ -45,7 +45,7 @@ public:
         return testing::AssertionFailure() << "not logged: " << words << "\nbut:\n" << log().tail(60);
     }
 
-    /// Ends it by the signal; returns how it ended.
+    /// Ends it with the signal; returns how it ended.
     std::optional<kit::Exit> stop(int number)
     {
         signal(number);
@@ -134,7 +134,7 @@ TEST_F(AnAgent, RegistersAgainWheneverBluetoothdReturns)
     EXPECT_TRUE(agent.logs("registered as the default agent", 3));
 }
 
-// As one does that owns its name but is still busy with its start.
+// Like one that already owns its name but is still starting.
 TEST_F(AnAgent, WaitsForABluetoothdThatAnswersLate)
 {
     ASSERT_TRUE(agent.logs("registered as the default agent"));

@@ -45,7 +45,7 @@ protected:
         return mFolder.write("image.bin", content.file());
     }
 
-    /// Expects a failure with status 2, a word on standard error and nothing else.
+    /// Expects a failure with status 2, `word` on standard error and no other output.
     static void expectError(const kit::Outcome& result, const std::string& word)
     {
         EXPECT_EQ(kit::Exit::with(2), result.exit);
