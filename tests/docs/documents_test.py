@@ -23,7 +23,7 @@ def sources(*folders):
 
 
 def chapter(text, title):
-    """From the heading that ends in `title` to the next of its rank or above."""
+    """The text from the heading that ends in `title` to the next one of the same or a higher rank."""
     found = re.search(rf"^(#+) (?:\d+\. )?{re.escape(title)}$", text, re.MULTILINE)
     if not found:
         raise AssertionError(f"no chapter '{title}'")
@@ -33,7 +33,7 @@ def chapter(text, title):
 
 
 def first_cells(text):
-    """What stands between backticks in the first column of the tables."""
+    """The texts between backticks in the first column of the tables."""
     rows = [line.split("|")[1] for line in text.splitlines() if line.startswith("| `")]
     return {word for cell in rows for word in re.findall(r"`([^`]+)`", cell)}
 
