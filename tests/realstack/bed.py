@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The box in the virtual machine: its bus, its Bluetooth stack, the remote on
-the air, the daemon, and what is to be seen of them. Runs as root in a machine
-that is thrown away; see tests/realstack/machine."""
+the air, the daemon, and what a case can observe of them. Runs as root in a
+disposable machine; see tests/realstack/machine."""
 
 import json
 import mmap
@@ -22,28 +22,28 @@ ADC = pathlib.Path("/sys/class/saradc/saradc_ch0")
 REMOTE = "C0:FF:EE:00:00:01"
 UPDATE_DEVICE = "C0:FF:EE:00:00:02"
 BUS_SOCKET = pathlib.Path("/run/dbus/system_bus_socket")
-# Debian's file has the bus start bluetoothd by a service manager that isn't in
-# the machine; that failure ends the daemon's wait for bluetoothd.
+# Debian's file has the bus start bluetoothd through a service manager, which the
+# machine lacks; that failure would end the daemon's wait for bluetoothd.
 ACTIVATION = pathlib.Path("/usr/share/dbus-1/system-services/org.bluez.service")
 STATE = pathlib.Path("/var/lib/bluetooth")
 
-# Of the objects that stand for the remote's attributes, bluetoothd tells this last.
+# Of the objects of the remote's attributes, bluetoothd announces this one last.
 LAST_OBJECT = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01/service0020/char0023"
 
-# The daemon logs this line after every scan whose end went well.
+# The daemon logs this line after every scan that it has stopped successfully.
 KEPT = "Switching scan off failed"
 # One or more words of an update's progress.
 UPLOADING = "uploading..."
 
-# By how much the daemon's own memory may be larger at a case's end than in the
-# calm at its beginning. The allocator keeps some; a leak in a loop is larger.
+# How much the daemon's own memory may grow from the quiet moment at a case's
+# beginning to its end. The allocator keeps some; a leak in a loop is larger.
 MEMORY_MARGIN_KILOBYTES = 1024
 
 LOG_LINE = re.compile(r"^\s*[\d:.]+ ([EWIDT]) (?:\[([^]]*)\] )?(.*)$")
 
 NANOSECONDS = 1000000000
 
-# How often files are looked at. Every word that the tests wait for stands for
+# How often files are checked. Every word that the tests wait for stays for
 # longer than half a second.
 LOOK_SECONDS = 0.05
 
@@ -60,18 +60,18 @@ def run(*command, check=True):
 
 
 def bus_listens():
-    """Its socket is there before it listens, and stays when it has ended."""
+    """The socket's file isn't enough: it exists before the bus listens, and stays when the bus has ended."""
     with socket.socket(socket.AF_UNIX) as client:
         return client.connect_ex(str(BUS_SOCKET)) == 0
 
 
 def prepare_machine():
-    """Gives the machine, which is still the host's image, a box's face."""
+    """Makes the machine, which is still an image of the host, look like a box."""
     run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
     os.makedirs("/run/dbus", exist_ok=True)
-    # sysfs takes no new folder: one with the button in it goes over its class
-    # folder, and what the Bluetooth stack needs of that is bound back in. With
-    # a dead copy of rfkill bluetoothd would wait for ever at its start.
+    # sysfs allows no new folders, so a folder with the button in it is mounted
+    # over /sys/class, and what the Bluetooth stack needs of that is bind-mounted
+    # into it. With a plain copy of rfkill, bluetoothd would wait forever at its start.
     box = pathlib.Path("/run/class")
     (box / "saradc").mkdir(parents=True)
     for name in ("rfkill", "bluetooth", "misc", "net", "input"):
@@ -83,17 +83,17 @@ def prepare_machine():
 
 
 def read_at_once(path):
-    """The first line of a small file, by one read. The daemon writes its files in
-    place: behind "pairing" a read can find the end of a "connected" that is being
-    written, and so it can by itself, since the kernel copies in steps. A FIFO
-    doesn't hold it."""
+    """The first line of a small file, from one read. The daemon writes its files in
+    place: after "pairing" the file can hold the end of a "connected" that is being
+    written, and even a single read can see that, since the kernel copies in steps.
+    A FIFO doesn't block it."""
     with open(path, "rb", buffering=0, opener=lambda name, flags: os.open(name, flags | os.O_NONBLOCK)) as file:
         return (file.read(4096) or b"").decode(errors="replace").partition("\n")[0].strip()
 
 
 def own_kilobytes(pid):
-    """A process's resident memory but for the pages of files, which come as code
-    is first run."""
+    """A process's resident memory without the pages of files, which are loaded as
+    code first runs."""
     text = pathlib.Path(f"/proc/{pid}/status").read_text()
     return int(re.search(r"RssAnon:\s+(\d+)", text)[1])
 
@@ -106,7 +106,7 @@ def memory_complaints(before, after):
 
 
 class Process:
-    """A program with its output in a file."""
+    """A program whose output goes to a file."""
 
     def __init__(self, name, log, *command, **environment):
         self.name = name
@@ -138,7 +138,7 @@ class Process:
 
 
 class Clock:
-    """The daemon's monotonic clock, which a case moves on instead of waiting.
+    """The daemon's monotonic clock, which a case advances instead of waiting.
     The page is that of tests/kit/ClockPage.h, which begins with the offset
     and the time at which the clock is held, both in nanoseconds."""
 
@@ -156,8 +156,8 @@ class Clock:
         self._set(0, self._get(0) + int(seconds * NANOSECONDS))
 
     def hold(self):
-        """From now on the daemon begins no idle pass: its clock stands, a bit
-        before the last one."""
+        """From now on the daemon begins no idle pass: its clock stands still, a
+        little before the last one."""
         self._set(8, time.monotonic_ns() + self._get(0) - 10 * NANOSECONDS)
 
     def go_on(self):
@@ -188,7 +188,7 @@ class Course:
                 word = read_at_once(STATUS)
             except OSError:
                 continue
-            # A reader can meet the file just before it is written anew.
+            # A read can find the file empty, just before it is rewritten.
             if not word:
                 continue
             with self._lock:
@@ -209,9 +209,9 @@ class Course:
 
 
 class Box:
-    """One case's box. Everything of it ends with the case. Its logs are kept in
-    the machine's memory until then: a line for the host takes its time, and in
-    that the programs wait."""
+    """One case's box, which ends with the case. Its logs stay in the machine's
+    memory until then: writing a line to the host is slow, and the programs would
+    wait for it."""
 
     def __init__(self, programs, results):
         self.programs = programs
@@ -240,7 +240,7 @@ class Box:
         self.start("btmon", "btmon", "-w", str(self.folder / "btsnoop"))
 
     def start(self, name, *command, **environment):
-        """A second program of a name gets a log of its own."""
+        """A second program of the same name gets a log of its own."""
         count = self.counts[name] = self.counts.get(name, 0) + 1
         log = self.folder / (f"{name}.log" if count == 1 else f"{name}-{count}.log")
         process = Process(name, log, *command, **environment)
@@ -253,7 +253,7 @@ class Box:
         self.await_that(bus_listens, "the bus", 30)
 
     def break_activation(self):
-        """Before the bus starts: a file as Debian's, whose program fails."""
+        """Call this before the bus starts: installs a file like Debian's, but with a program that fails."""
         ACTIVATION.write_text("[D-BUS Service]\nName=org.bluez\nExec=/bin/false\nUser=root\n")
 
     def start_air(self, *options):
@@ -287,12 +287,12 @@ class Box:
         self.await_agent()
 
     def await_agent(self):
-        """Until it has registered as often as bluetoothd was started."""
+        """Waits until it has registered as often as bluetoothd was started."""
         self.await_that(lambda: self.agent.text().count("registered as the default agent")
                         >= self.counts["bluetoothd"], "the agent", 60)
 
     def start_daemon(self, *wrapper):
-        """By the command before it, if there is one."""
+        """Through the wrapper command, if there is one."""
         self.daemon = self.start("vexabluetoohtd", *wrapper, self.programs["vexabluetoohtd"],
                                  VEXA_LOG_USE_COLORS="0", VEXA_LOG_TRACE_MODULES="Bluez",
                                  **self.clock.environment())
@@ -314,7 +314,7 @@ class Box:
         self.start_agent()
 
     def end(self):
-        """Stops everything, the latest first; returns what is wrong with how it ended."""
+        """Stops everything, the latest first; returns complaints about how it ended."""
         try:
             return self.stop_all()
         finally:
@@ -359,7 +359,7 @@ class Box:
                    "org.vexabluetoohtd.Sim", "/sim", "org.vexabluetoohtd.Sim", method, *map(str, arguments)).stdout
 
     def remote(self, word):
-        """One word of the remote's own account of itself."""
+        """One value from the remote's own status."""
         return json.loads(self.play("Status"))["data"][0][word]["data"]
 
     def hold_button(self, seconds):
@@ -383,15 +383,15 @@ class Box:
         self.play("OfferImage", "s", image)
 
     def device_property(self, name, address=REMOTE, interface="org.bluez.Device1"):
-        """As bluetoothd tells it; None if it doesn't know the device."""
+        """As bluetoothd reports it; None if it doesn't know the device."""
         path = "/org/bluez/hci0/dev_" + address.replace(":", "_")
         answer = run("busctl", "--json=short", "get-property", "org.bluez", path, interface, name,
                      check=False).stdout
         return json.loads(answer)["data"] if answer else None
 
-    # ---- what is to be seen
+    # ---- what can be observed
     def read(self, name):
-        """The line in a file of the daemon's; empty if it isn't there."""
+        """The line in one of the daemon's files; empty if there is no such file."""
         try:
             return read_at_once(TMP / name)
         except OSError:
@@ -413,26 +413,25 @@ class Box:
         self.await_that(lambda: self.read(name) == text, f'"{text}" in {name}', limit)
 
     def await_log(self, text, limit, times=1):
-        """Until the daemon that runs now has logged it so often."""
+        """Waits until the running daemon has logged it this often."""
         self.await_that(lambda: self.daemon.text().count(text) >= times, f'"{text}" in the log', limit)
 
     def count(self, text):
-        """How often the daemon that runs now has logged it."""
+        """How often the running daemon has logged it."""
         return self.daemon.text().count(text)
 
     def await_services(self):
-        """Until the daemon that runs now has handled the last of the remote's
-        objects."""
+        """Waits until the running daemon has handled the last of the remote's objects."""
         self.await_that(lambda: self._last_object_at() >= 0, "the remote's services in the log", 60)
         seen = self._last_object_at()
-        # Its event thread logs an object before it handles it, and that of a
-        # characteristic shows nothing more. So another event is made to follow.
+        # The event thread logs an object before it handles it, and handling a
+        # characteristic logs nothing more. So another event is made to follow.
         path = "/org/bluez/hci0/dev_" + REMOTE.replace(":", "_")
         run("busctl", "set-property", "org.bluez", path, "org.bluez.Device1", "Alias", "s", f"Settled {seen}")
         self.await_that(lambda: "props changed" in self.daemon.text()[seen:], "the event that follows", 30)
 
     def _last_object_at(self):
-        """Where in its log the last object's arrival stands; -1 if it isn't there."""
+        """The position of the last object's arrival in the log; -1 if it isn't there."""
         text = self.daemon.text()
         at = max(text.rfind(mark + LAST_OBJECT) for mark in ("+ ", "Object "))
         return at if at > text.rfind("- " + LAST_OBJECT) else -1
@@ -441,19 +440,19 @@ class Box:
         self.await_that(lambda: self.remote(word) == value, f"{word} {value} of the remote", limit)
 
     def note_memory(self):
-        """To be called in the first calm after the daemon's start."""
+        """Call this at the first quiet moment after the daemon's start."""
         self.calm_kilobytes = self.daemon.own_kilobytes()
 
     def situation(self):
         files = {path.name: self.read(path.name) for path in sorted(TMP.glob("bluetooth_*"))}
         words = "; ".join(self.course.words())
-        # Of an update's progress the last word tells enough.
+        # Of an update's progress the last word is enough.
         words = re.sub(r"(rc_fw_update_uploading_\d+; )+(?=rc_fw_update_uploading)", "", words)
         return f"course: {words}; files: {files}"
 
     def errors(self):
         """What all the daemons of the case logged at level ERROR, and lines that
-        are none of the logger's."""
+        aren't the logger's."""
         found = []
         for log in self.daemon_logs:
             for line in log.read_text(errors="replace").splitlines():
@@ -463,16 +462,17 @@ class Box:
         return found
 
     def expect_errors(self, *patterns, tolerated=()):
-        """The errors were these and no others, in this order; tolerated ones may
-        stand anywhere."""
+        """Expects these errors and no others, in this order; tolerated ones may
+        appear anywhere."""
         left = [error for error in self.errors() if not any(re.fullmatch(one, error) for one in tolerated)]
         expect(len(left) == len(patterns) and all(map(re.fullmatch, patterns, left)),
                f"other errors in the log: {self.errors()}")
 
     def expect_course(self, *words):
-        """The status file's whole course. A word with a question mark behind it
-        may be missing; it stands too short for every look to catch it. A pass
-        between a new link and the daemon's hearing of it sees the remote away."""
+        """Checks the whole course of the status file. A word followed by a question
+        mark may be missing, since it doesn't stay long enough for every check to catch
+        it. A pass between a new link and the daemon's notice of it sees the remote as
+        away."""
         def pattern(word):
             name = word.rstrip("?")
             one = {UPLOADING: r"(rc_fw_update_uploading_\d+;)+",
@@ -494,17 +494,17 @@ LOADER = "ld-linux-x86-64.so.2"
 
 
 def key_file(build):
-    """Where the build's own update key can be read, which the remote shares; None for the published one."""
+    """The path of the build's own update key, which the remote shares; None for the published key."""
     cached = re.search(r"^VEXA_OTA_KEY_FILE:\w+=(.+)$", (build / "CMakeCache.txt").read_text(), re.MULTILINE)
     if not cached:
         return None
-    # Kept open, since the cases have a /tmp of their own.
+    # Kept open, since the cases mount a /tmp of their own.
     return f"/proc/{os.getpid()}/fd/{os.open(cached.group(1), os.O_RDONLY)}"
 
 
 def bluetoothd_of(tree):
-    """The command that runs bluetoothd: that of this machine, or if there is a
-    tree with the files of another Debian, that one's with its own libraries."""
+    """The command that runs bluetoothd: this machine's or, given a tree with the
+    files of another Debian release, that one's with its own libraries."""
     if tree is None:
         return ["/usr/libexec/bluetooth/bluetoothd"]
     folders = [pathlib.Path(tree) / folder / "x86_64-linux-gnu" for folder in ("lib", "usr/lib")]

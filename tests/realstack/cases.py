@@ -3,9 +3,9 @@
 """Usage: cases.py [--bluez TREE] PROGRAMS RESULTS [CASE...]
 
 Runs the cases in the virtual machine and prints a line for each. PROGRAMS is
-the build folder, RESULTS where the logs go, TREE the files of another Debian
-whose bluetoothd is to be taken; several machines with the same RESULTS share
-the cases among them. Ends with status 0 if all passed."""
+the build folder, RESULTS the folder for the logs, TREE the files of another
+Debian release whose bluetoothd is used. Several machines with the same RESULTS
+share the cases. Ends with status 0 if all passed."""
 
 import argparse
 import pathlib
@@ -34,7 +34,7 @@ def case(number, title):
 
 # ---- the cases
 
-@case("1", "from cold: the button leads to a remote that is connected and read")
+@case("1", "cold start: the button pairs the remote, which is then connected and read")
 def from_cold(box):
     box.start_bus()
     box.start_air()
@@ -96,7 +96,7 @@ def link_lost(box):
     lose_link(box)
     expect(box.read("bluetooth_rc_battery") == "", "the battery level outlived the link")
     expect(box.read("bluetooth_rc") == bed.REMOTE, "the address didn't outlive the link")
-    # Nobody reconnects: not bluetoothd, and the daemon only after an hour.
+    # Nothing reconnects: bluetoothd never does, and the daemon only after an hour.
     box.clock.skip(3540)
     time.sleep(5)
     expect(box.course.words()[-1] == "disconnected", f"reconnected too early: {box.course.words()}")
@@ -119,7 +119,7 @@ def reset(box):
     box.expect_errors(*[KEPT] * (2 + in_vain))
 
 
-@case("5a", "a remote whose name comes late, beside a device of another name")
+@case("5a", "a remote whose name arrives late, next to a device with another name")
 def late_name(box):
     box.start_all()
     box.play("SetName", "s", "")
@@ -133,13 +133,13 @@ def late_name(box):
     box.clock.skip(60)
     box.await_log("VEXA RC not found", SOON)
     box.await_status("no device", SOON)
-    # The second request forgets the nameless object first.
+    # The second request removes the nameless object first.
     pair(box)
     box.expect_course("init", "no device", "scanning", "no device", "scanning", "pairing?", "connected")
     box.expect_errors(KEPT, KEPT)
 
 
-@case("5b", "a second remote comes while another program discovers")
+@case("5b", "a second remote appears while another program discovers devices")
 def second_remote(box):
     paired_box(box)
     box.play("AddDevice", "ss", "C0:FF:EE:00:00:09", "VEXA Two")
@@ -162,7 +162,7 @@ def second_remote(box):
     box.expect_errors(KEPT)
 
 
-@case("6a", "a whole update, bit by bit, and the new version read after it")
+@case("6a", "a complete update, which arrives unchanged, and the new version read after it")
 def whole_update(box):
     paired_box(box)
     read_battery(box, "1a3")
@@ -178,7 +178,7 @@ def whole_update(box):
     box.expect_errors(KEPT)
 
 
-@case("6c", "a second update at once after the first, and how to get out of it")
+@case("6c", "a second update right after the first fails, and how to recover")
 def second_update(box):
     paired_box(box)
     read_battery(box, "1a3")
@@ -187,14 +187,14 @@ def second_update(box):
     box.await_status("disconnected", SOON)
     ask_to_connect(box)
     read_battery(box, "1a4")
-    # bluetoothd still knows the update device of the first and so never
-    # announces it, however long the daemon waits.
+    # bluetoothd still knows the first update's device and so never announces it,
+    # however long the daemon waits.
     offer_update(box, 0x1a5)
     box.await_status("rc_fw_update_failed", LATEST)
     box.play("LeaveUpdateMode")
     box.await_status("disconnected", SOON)
-    # The failed update left the discovery on. With it a slow bluetoothd can miss
-    # to announce a new link; it ends with the daemon.
+    # The failed update left discovery on, during which a slow bluetoothd may fail
+    # to announce a new link. Discovery ends with the daemon.
     box.stop_daemon()
     box.start_daemon()
     box.await_status("connected", LATER)
@@ -211,7 +211,7 @@ def second_update(box):
     box.expect_errors(KEPT, "Find RCU in OTA mode failed", "Firmware update failed")
 
 
-@case("6b", "the remote vanishes half way through an update")
+@case("6b", "the remote vanishes halfway through an update")
 def update_breaks(box):
     paired_box(box)
     read_battery(box, "1a3")
@@ -240,7 +240,7 @@ def failed_pairing(box):
     box.await_status("no device", LATER)
 
 
-@case("7a", "the remote refuses to pair, is silent, or no agent is there")
+@case("7a", "the remote refuses to pair or doesn't answer, or no agent is running")
 def no_pairing(box):
     box.start_all()
     start_daemon_without_remote(box)
@@ -259,7 +259,7 @@ def no_pairing(box):
     failed = ("scanning", "no device")
     box.expect_course("init", "no device", *failed, *failed, *failed, "scanning", "pairing?", "connected")
     one = (KEPT, "Device pairing call has failed")
-    # bluetoothd drops the device itself, perhaps before the daemon asks for it.
+    # bluetoothd drops the device itself, perhaps before the daemon asks it to.
     box.expect_errors(*one, *one, *one, KEPT, tolerated=[".*DoesNotExist.*"])
 
 
@@ -275,12 +275,12 @@ def lost_bond(box):
     expect(box.device_property("Paired") is True, "bluetoothd noticed the lost bond")
     in_vain = box.bluez_version() >= KEEPS_REFUSED
     first = pair_anew(box, in_vain)
-    # A link that ends before bluetoothd has made use of it leaves its wish to connect
-    # in the kernel, which at once connects, and is refused, a second time.
+    # If a link ends before bluetoothd has used it, its connection request stays in the
+    # kernel, which connects again at once, and is refused again.
     again = ("connected?", "disconnected?")
     box.expect_course(*PAIRED_COURSE, "disconnected", "connecting", "connected?", "disconnected", *again,
                       *first, "scanning", "pairing?", "connected")
-    # The answer to Connect, if the remote has hung up before bluetoothd gave it.
+    # The answer to Connect if the remote disconnects before bluetoothd has given it.
     box.expect_errors(*[KEPT] * (2 + in_vain), tolerated=[".*(br-connection-canceled|Disconnected early)"])
 
 
@@ -328,11 +328,11 @@ def bluetoothd_ends(box, how):
     box.clock.skip(60)
     box.await_log("VEXA RC not found", SOON)
     box.await_status("no device", SOON)
-    # The kernel discovers on for ten seconds after its bluetoothd was killed, and
-    # refuses another discovery until then.
+    # The kernel continues discovery for ten seconds after its bluetoothd was killed,
+    # and refuses to start another one until then.
     time.sleep(max(0, stopped + KERNEL_DISCOVERY - time.monotonic()))
 
-    # Without services, whose objects would still arrive as bluetoothd ends.
+    # The remote shows no services: their objects would still arrive as bluetoothd ends.
     box.play("SetMute", "b", "true")
     box.play("SetPairing", "s", "silent")
     box.set_flag("pair")
@@ -344,7 +344,7 @@ def bluetoothd_ends(box, how):
     box.await_status("no device", SOON)
     box.play("SetMute", "b", "false")
     box.play("SetPairing", "s", "willing")
-    # bluetoothd has kept the remote, unpaired as it is, and the daemon removes it.
+    # bluetoothd has kept the unpaired remote, and the daemon removes it.
     found = box.count("RC found VEXA RC")
     with Removal(box):
         restart_bluetoothd(box)
@@ -352,7 +352,7 @@ def bluetoothd_ends(box, how):
     box.await_status("no device", SOON)
     pair(box)
     idle = (*GONE_COURSE, "connected?", "disconnected", "connecting", "connected")
-    # The link that was let go may end before the daemon sees the flag.
+    # The dropped link may end before the daemon sees the flag.
     scanning = ("disconnected?", "scanning", "no device")
     pairing = ("scanning", "no device")
     box.expect_course(*PAIRED_COURSE, *idle, "rc_fw_update_preparing", UPLOADING, "rc_fw_update_failed", *idle,
@@ -386,7 +386,7 @@ def bluetoothd_killed_in_transfer(box):
     box.play("LeaveUpdateMode")
     box.start_bluetoothd()
     box.start_daemon()
-    # At its start it connects by itself, which spares the user the hour.
+    # At its start the daemon connects by itself, so the user needn't wait an hour.
     box.await_status("connected", LATER)
     box.note_memory()
     read_battery(box, "1a3")
@@ -396,7 +396,7 @@ def bluetoothd_killed_in_transfer(box):
                                        "Firmware update failed"])
 
 
-@case("8d", "bluetoothd is terminated, is killed or loses its adapter during a Connect, thirty times")
+@case("8d", "thirty times, bluetoothd is terminated, is killed or loses its adapter during Connect")
 def bond_is_kept(box):
     paired_box(box)
     lose_link_for_good(box)
@@ -466,7 +466,7 @@ def bluetoothd_late(box):
 
 
 def start_bluetoothd_in_vain(box):
-    """The daemon has given up, and finds it only when it is started anew."""
+    """The daemon has given up, and finds bluetoothd only after a restart."""
     box.start_bluetoothd()
     box.start_agent()
     time.sleep(5)
@@ -487,7 +487,7 @@ def bus_late(box):
     box.expect_errors("Connection failed", KEPT)
 
 
-@case("10c", "bluetoothd starts after the daemon on a bus that fails to start it")
+@case("10c", "bluetoothd starts after the daemon, on a bus that fails to activate it")
 def broken_activation(box):
     box.break_activation()
     box.start_bus()
@@ -499,7 +499,7 @@ def broken_activation(box):
     box.expect_errors("Creating object manager failed.*")
 
 
-@case("12", "somebody plants links, FIFOs and files where the daemon publishes")
+@case("12", "another user plants links, FIFOs and files in the place of the daemon's files")
 def planted_files(box):
     paired_box(box)
     box.stop_daemon()
@@ -549,7 +549,7 @@ def is_wanted(number, wanted):
 
 
 def is_ours(folder):
-    """Another machine with the same results may have begun the case."""
+    """False if another machine with the same results has begun the case."""
     try:
         folder.mkdir()
         return True

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""What a user of the box without any rights plants in /tmp where the daemon
-publishes, and what has to come of it."""
+"""What an unprivileged user of the box plants in /tmp in the place of the
+daemon's files, and what must result."""
 
 import pathlib
 import re
@@ -12,7 +12,7 @@ import time
 import bed
 from bed import TMP, expect
 
-# A file of root's, and a name at which nobody may have root make one.
+# A file of root's, and a path at which root must not be made to create one.
 VICTIM = TMP / "victim"
 MADE = TMP / "made"
 VICTIMS_TEXT = "root's own\n"
@@ -24,7 +24,7 @@ PUBLISHED = {
     "bluetooth_rc_fw_version": "1a3",
 }
 
-# By the shell, at the path $f. The kernel may refuse the hard link.
+# Shell commands that plant at the path $f. The kernel may refuse the hard link.
 THINGS = {
     "a link": f'ln -s {VICTIM} "$f"',
     "a link to nothing": f'ln -s {MADE} "$f"',
@@ -33,7 +33,7 @@ THINGS = {
     "a file": '(umask 0; echo forged >"$f")',
 }
 
-# As fast as it can, whatever each name allows.
+# Plants, as fast as it can, whatever each name allows.
 RACER = """
 import os, sys
 while True:
@@ -54,7 +54,7 @@ def as_nobody(*command):
 
 
 def with_the_units_capabilities(build):
-    """Before a command: root with what the daemon's unit leaves of its power."""
+    """The prefix of a command that runs as root with only the capabilities that the daemon's unit leaves."""
     unit = (pathlib.Path(build) / "packaging/vexabluetoohtd.service").read_text()
     names = re.search(r"^CapabilityBoundingSet=(.*)$", unit, re.MULTILINE)[1].lower().split()
     kept = ",".join(f"+{name.removeprefix('cap_')}" for name in names)
@@ -62,7 +62,7 @@ def with_the_units_capabilities(build):
 
 
 def protect(how_much):
-    """How far the kernel keeps people from such links and files in /tmp."""
+    """Sets how strictly the kernel restricts such links and files in /tmp."""
     for what in ("symlinks", "hardlinks", "regular", "fifos"):
         pathlib.Path(f"/proc/sys/fs/protected_{what}").write_text(str(how_much))
 
@@ -77,7 +77,7 @@ def make_room():
 
 
 def plant(thing):
-    """At each name, before the daemon's next pass if it is held."""
+    """Plants the thing at each name; before the daemon's next pass if its clock is held."""
     make_room()
     for name in PUBLISHED:
         bed.run(*as_nobody("sh", "-ec", f'f={TMP / name}; {THINGS[thing]}'))
@@ -116,6 +116,6 @@ def attack(box):
     racer.kill()
     racer.wait()
     expect_good_files(box, "a race")
-    # A flag of the attacker's kind is taken as any other.
+    # A flag that the attacker makes as a FIFO is taken like any other.
     bed.run(*as_nobody("mkfifo", str(TMP / "bluetooth_pair")))
     box.await_that(lambda: not (TMP / "bluetooth_pair").exists(), "the flag's removal", 60)

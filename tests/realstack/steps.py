@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: MIT
-"""What many cases on the real stack do alike, and how long they wait for it."""
+"""Steps that many cases on the real stack share, and how long they wait for them."""
 
-# From a request to the daemon's look at it, and then some for a slow machine.
+# From a request until the daemon sees it, with room for a slow machine.
 SOON = 60
-# A connection, a pairing, a removal with all that goes with it.
+# A connection, a pairing, or a removal with all its effects.
 LATER = 120
-# Longer than what a silent remote makes bluetoothd or the D-Bus library wait.
+# Longer than a silent remote makes bluetoothd or the D-Bus library wait.
 LATEST = 180
 
-# Logged when the daemon hears that bluetoothd has dropped the remote.
+# Logged when the daemon learns that bluetoothd has dropped the remote.
 REMOVED = "Device: - /org/bluez/hci0/dev_C0_FF_EE_00_00_01"
 
 # Logged when the daemon has forgotten its remote.
@@ -29,7 +29,7 @@ UPDATE_BYTES = 20 * UPDATE_BLOCKS
 def start_daemon_without_remote(box):
     box.start_daemon()
     box.await_log("Waiting RC...", LATER)
-    # The five seconds that it gives a remote to come up.
+    # The five seconds for which it waits for a remote.
     box.clock.skip(5)
     box.await_status("no device", SOON)
     box.note_memory()
@@ -43,7 +43,7 @@ def pair(box, flag="pair"):
 
 
 def paired_box(box):
-    """From cold to "connected": init, no device, scanning, pairing?, connected."""
+    """From a cold start to "connected": init, no device, scanning, pairing?, connected."""
     box.start_all()
     start_daemon_without_remote(box)
     pair(box)
@@ -61,19 +61,19 @@ def read_battery(box, version):
 
 
 def lose_link_for_good(box):
-    """The remote leaves the range of the box."""
+    """The remote goes out of range."""
     box.play("Leave")
     box.await_status("disconnected", SOON)
 
 
 def lose_link(box):
-    """The remote's radio falls silent for the time of a link's supervision."""
+    """The remote's radio is silent for the link's supervision timeout."""
     lose_link_for_good(box)
     box.play("ComeBack")
 
 
 def ask_to_connect(box):
-    """What a user's press of a key leads to on most boxes."""
+    """What pressing a key does on most boxes."""
     box.set_flag("pair")
     box.await_status("connecting", SOON)
     box.await_status("connected", LATER)
@@ -85,16 +85,16 @@ def offer_update(box, version):
 
 
 def pair_anew(box, in_vain):
-    """By the reset flag. The first time it is set in vain if bluetoothd then keeps
-    the remote's object until half a minute after the discovery, and so announces
-    no new one. Returns what comes before the last "scanning" in the course."""
+    """Pairs again through the reset flag. The first attempt is in vain if bluetoothd
+    keeps the remote's object until half a minute after discovery, and so announces
+    no new one. Returns the words before the last "scanning" in the course."""
     if not in_vain:
         pair(box, "reset")
         return ()
     removals = box.count(REMOVED)
     sights = box.count("rssi changed")
     box.set_flag("reset")
-    # The discovery sees the remote, by its old object.
+    # Discovery sees the remote as its old object.
     box.await_log("rssi changed", SOON, sights + 1)
     box.clock.skip(60)
     box.await_status("no device", SOON)
@@ -104,7 +104,7 @@ def pair_anew(box, in_vain):
 
 
 class Removal:
-    """In its block bluetoothd drops the remote's object. Ends when the daemon has forgotten the remote."""
+    """A block in which bluetoothd drops the remote's object. Ends when the daemon has forgotten it."""
 
     def __init__(self, box):
         self.box = box

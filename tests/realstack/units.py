@@ -2,9 +2,9 @@
 # SPDX-License-Identifier: MIT
 """Usage: units.py PROGRAMS RESULTS
 
-Runs in a virtual machine whose first process is systemd: the units as they are
-shipped, together with Debian's own of bluetoothd, and what docs/deployment.md
-tells integrators to add to them. Prints a line; ends with status 0 if it passed."""
+Runs in a virtual machine whose first process is systemd. Tests the units as
+shipped, together with Debian's unit of bluetoothd and what docs/deployment.md
+tells integrators to add. Prints a line; ends with status 0 if it passed."""
 
 import pathlib
 import re
@@ -17,7 +17,7 @@ from bed import KEPT, expect
 from steps import LATER, PAIRED_COURSE, SOON
 
 UNIT = "vexabluetoohtd.service"
-# More than systemd's default limit of starts.
+# More than systemd's default start limit.
 ENDS = 6
 UNITS = pathlib.Path("/etc/systemd/system")
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
@@ -40,7 +40,7 @@ def journal(*options):
 
 
 def install(build):
-    """As the install target does it."""
+    """Installs as the install target does."""
     for name in ("vexabluetoohtd", "vexaagent"):
         unit = (build / f"packaging/{name}.service").read_text()
         (UNITS / f"{name}.service").write_text(unit)
@@ -81,7 +81,7 @@ def lives_with_bluetoothd(box):
     box.await_file("bluetooth_rc_battery", "80", SOON)
     box.await_file("bluetooth_rc_fw_version", "1a3", SOON)
 
-    # A flag of somebody else, who owns neither /tmp nor the remote.
+    # A flag set by another user, who owns neither /tmp nor the remote.
     bed.run("setpriv", "--reuid=nobody", "--clear-groups", "touch", "/tmp/bluetooth_reset")
     box.await_status("scanning", SOON)
     box.await_status("connected", LATER)
@@ -110,7 +110,7 @@ def lives_with_the_adapter(box):
 
 
 def starts_anew(box):
-    """However often it is ended by what systemd takes for a clean end."""
+    """However often a signal ends it that systemd considers a clean exit."""
     for _ in range(ENDS):
         former = main_pid()
         systemctl("kill", "--signal=TERM", UNIT)
@@ -129,8 +129,8 @@ def units(box):
         starts_anew(box)
         systemctl("stop", UNIT)
         await_stopped(box)
-        # Passes may come between the end of the link, of its objects, and of the daemon;
-        # one in the very instant in which the remote's object goes sees an error.
+        # Passes may come between the ends of the link, of its objects and of the daemon;
+        # one at the very moment when the remote's object goes sees an error.
         again = ("disconnected?", "error?", "no device?", "init", "connected")
         box.expect_course(*PAIRED_COURSE, "scanning", "pairing?", "connected", *again * (3 + ENDS))
         errors = journal("-u", UNIT, "--priority=err", "--output=cat").splitlines()
