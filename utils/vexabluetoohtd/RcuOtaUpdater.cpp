@@ -203,6 +203,17 @@ void RcuOtaUpdater::onGattCharacteristicChanged(const Bluez::Service::Characteri
 
 bool RcuOtaUpdater::run()
 {
+    try {
+        return takeSteps();
+    } catch (const std::future_error& error) {
+        // A second update on one updater ends here, since each future is taken once.
+        LOG_ERROR("future error %s", error.what());
+        return false;
+    }
+}
+
+bool RcuOtaUpdater::takeSteps()
+{
     struct Step {
         bool (RcuOtaUpdater::*take)();
         const char* failure; // null where the step has said it itself
@@ -217,22 +228,16 @@ bool RcuOtaUpdater::run()
         {&RcuOtaUpdater::upload, "Upload fw failed"},
         {&RcuOtaUpdater::verifyAndReset, "Verification failed"},
     };
-    try {
-        for (const Step& step : kSteps) {
-            if ((this->*step.take)()) {
-                continue;
-            }
-            if (step.failure != nullptr) {
-                LOG_ERROR("%s", step.failure);
-            }
-            return false;
+    for (const Step& step : kSteps) {
+        if ((this->*step.take)()) {
+            continue;
         }
-        return true;
-    } catch (const std::future_error& error) {
-        // A second update on one updater ends here, since each future is taken once.
-        LOG_ERROR("future error %s", error.what());
+        if (step.failure != nullptr) {
+            LOG_ERROR("%s", step.failure);
+        }
         return false;
     }
+    return true;
 }
 
 bool RcuOtaUpdater::prepareOta()

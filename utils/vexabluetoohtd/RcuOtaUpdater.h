@@ -72,6 +72,7 @@ private:
 
     // The steps of an update; its own thread. Each returns whether to go on.
     bool run();
+    bool takeSteps();
     bool prepareOta();
     bool switchToOta();
     bool connectOtaDevice();
