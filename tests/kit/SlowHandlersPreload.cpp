@@ -64,6 +64,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_mutex_lock(pthread
 }
 
 // The event thread drops the proxy of an object when it has erased it.
+// NOLINTNEXTLINE(readability-identifier-naming): GLib's name
 extern "C" __attribute__((visibility("default"))) void g_object_unref(void* object)
 {
     using Unref = void (*)(void*);
