@@ -8,11 +8,11 @@
 
 #include "STBBackTrace.h"
 
-/// Goes the fatal path of failed checks: `object` is the wrapper whose call failed.
+/// Reports a failed check and ends the process; `object` is the wrapper whose call failed.
 #define PTHREAD_HELPER_FATAL(expression, result, object)                                                     \
     STBBackTrace::failedCheck(expression, result, __FILE__, __LINE__, object)
 
-/// Checks a result; the text of a failed check is the condition as it is written here.
+/// Checks a result; the report of a failed check quotes the condition as written.
 #define PTHREAD_HELPER_CHECK(condition, result, object)                                                      \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
@@ -22,13 +22,13 @@
 
 /**
  * Thin owners of POSIX locks, conditions and threads. A call that fails is a programming error: it is
- * reported with a stack trace and the process kills itself, so nobody tests a result.
+ * reported with a stack trace and the process kills itself, so callers don't check results.
  */
 namespace pthread_helper
 {
 
-/// A lock of the error-checking kind: a second lock by its holder ends the process, an unlock by another
-/// thread than the holder changes nothing.
+/// An error-checking mutex: a second lock by its holder ends the process; an unlock by any other thread has
+/// no effect.
 class mutex
 {
 public:
@@ -61,8 +61,8 @@ public:
         PTHREAD_HELPER_CHECK(res == 0, res, this);
     }
 
-    /// Kept: the result 1 (EPERM, the caller doesn't hold it) passes, so that a scope may unlock before its
-    /// guard does.
+    /// Kept: the result 1 (EPERM, the caller doesn't hold it) is accepted, so that a scope may unlock before
+    /// its guard does.
     void unlock()
     {
         const int res = pthread_mutex_unlock(&_mutex);
@@ -77,7 +77,7 @@ private:
     pthread_mutex_t _mutex{};
 };
 
-/// Holds a mutex for a scope. Unlocks at the end of the scope in any case, also if the scope has done so.
+/// Holds a mutex for a scope. Always unlocks at the end of the scope, even if the scope has already done so.
 class scoped_lock
 {
 public:
@@ -90,7 +90,7 @@ private:
     mutex& _lock;
 };
 
-/// A condition on the wall clock: a step of that clock lengthens or shortens a wait.
+/// A condition variable on the wall clock: setting that clock lengthens or shortens a wait.
 class cond
 {
 public:
@@ -109,8 +109,8 @@ public:
     cond(const cond&) = delete;
     cond& operator=(const cond&) = delete;
 
-    /// Waits with `held`, which the caller holds, for at most `milliseconds`. Returns 0 when it was woken,
-    /// for whatever reason, and 110 (ETIMEDOUT) at the limit.
+    /// Waits for at most `milliseconds`; meanwhile it releases `held`, which the caller holds. Returns 0 when
+    /// woken, for whatever reason, and 110 (ETIMEDOUT) on timeout.
     int timedWait(mutex& held, unsigned int milliseconds)
     {
         const timespec limit = deadline(milliseconds);
@@ -163,7 +163,7 @@ struct thread { // NOLINT(readability-identifier-naming): as mutex and cond
         PTHREAD_HELPER_CHECK(res == 0, res, this);
     }
 
-    /// The entry for pthread_create; takes the record.
+    /// The entry point for pthread_create; takes the record.
     static void* thread_callback(void* record) // NOLINT(readability-identifier-naming): as above
     {
         auto* self = static_cast<thread*>(record);

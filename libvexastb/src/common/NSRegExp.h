@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-/// A regular expression of POSIX (regcomp, regexec), compiled once and matched often. Not shared by threads.
+/// A POSIX regular expression (regcomp, regexec), compiled once and matched often. Not thread-safe.
 class NSRegExp
 {
 public:
@@ -17,8 +17,8 @@ public:
     NSRegExp& operator=(const NSRegExp&) = delete;
 
     /// Searches `text`; `flags` go to regexec. On a match `groups` holds the whole match and then each group,
-    /// empty where a group took no part; otherwise it is emptied. An invalid expression reports itself on
-    /// standard error and leaves `groups` alone.
+    /// empty for a group that didn't take part; without a match it is cleared. An invalid expression is
+    /// reported on standard error and leaves `groups` unchanged.
     bool match(const std::string& text, std::vector<std::string>& groups, int flags);
 
 private:

@@ -112,7 +112,7 @@ std::int64_t NSTime::toInt64() const
     return _microseconds;
 }
 
-// The format is the caller's to choose.
+// The caller chooses the format.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 std::string NSTime::toString(const std::string& format) const

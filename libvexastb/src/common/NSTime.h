@@ -8,19 +8,19 @@
 
 /**
  * Signed microseconds: a point on the wall clock, a point on the monotonic clock, or an interval. Only the
- * way in which a value was obtained says which; it is up to the user never to mix them. Zero means unset.
+ * way a value was obtained tells which; callers must not mix them. Zero means unset.
  *
  * A plain value without a lock. toString and dump use localtime, whose result is shared by all threads.
  */
 class NSTime
 {
 public:
-    /// No time is set.
+    /// An unset time.
     NSTime() = default;
-    /// So many microseconds.
+    /// A number of microseconds.
     NSTime(long long microseconds); // NOLINT(google-explicit-constructor): counts are times here
 
-    /// The wall clock, from 1970-01-01 00:00:00 UTC.
+    /// The wall clock, since 1970-01-01 00:00:00 UTC.
     static NSTime now();
     /// The monotonic clock.
     static NSTime nowRelative();
@@ -42,12 +42,12 @@ public:
     std::time_t toTimeT() const;
     /// Microseconds.
     std::int64_t toInt64() const;
-    /// Local time in the manner of strftime. `format` isn't empty and expands to less than five times its
-    /// length; the result is undefined otherwise.
+    /// Local time, formatted by strftime. `format` must not be empty and must expand to less than five times
+    /// its length; otherwise the result is undefined.
     std::string toString(const std::string& format) const;
     /// Seconds and microseconds, both with the sign of the value.
     timeval getTimeVal() const;
-    /// The interval for people ("1day, 2hours, 3ms"); microseconds show only when nothing else does.
+    /// The interval in readable form ("1day, 2hours, 3ms"); microseconds appear only if it is below 1 ms.
     std::string printInterval() const;
     /// Local date and time with milliseconds, or "EMPTY" for zero.
     std::string dump() const;

@@ -10,15 +10,15 @@ namespace
 constexpr char kReplacement = '?';
 constexpr unsigned int kFirstPrintable = 0x20;
 constexpr unsigned int kDelete = 0x7F;
-constexpr unsigned int kLastControl = 0x9F;     // of the second range, which begins behind kDelete
-constexpr unsigned int kLastUnicode = 0x10FFFF; // GLib answers with more where a sequence is invalid
+constexpr unsigned int kLastControl = 0x9F;     // of the second range, which starts at kDelete
+constexpr unsigned int kLastUnicode = 0x10FFFF; // GLib returns more for an invalid sequence
 
 bool isControl(unsigned int code)
 {
     return code < kFirstPrintable || (code >= kDelete && code <= kLastControl);
 }
 
-// One character, or one byte that is no part of any.
+// One character, or one byte that isn't part of any.
 struct Piece {
     std::size_t length;
     bool control;

@@ -5,14 +5,14 @@
 #include <string>
 
 /**
- * Shows a text that came from outside, such as the name of a device, within one line of a log or a terminal:
- * each control character becomes a `?`. Those are the bytes 00 to 1F and 7F, U+0080 to U+009F, and the bytes
- * 80 to 9F where they belong to no valid UTF-8 sequence. Everything else stays as it is.
+ * Makes text from outside, such as a device name, safe to show on one line of a log or terminal: each control
+ * character becomes a `?`. Control characters are the bytes 00 to 1F and 7F, U+0080 to U+009F, and the bytes
+ * 80 to 9F where they aren't part of a valid UTF-8 sequence. Everything else stays as it is.
  *
  *     LOG_DEBUG("RC found %s", Printable(name).text());
  *
- * A text without control characters is neither copied nor does it cost memory: the object points to it, so
- * the text must outlive the object.
+ * A text without control characters isn't copied and costs no memory: the object points to it, so the text
+ * must outlive the object.
  */
 class Printable
 {

@@ -23,7 +23,7 @@ std::uintptr_t programCounter(_Unwind_Context* context)
 #else
     const std::uintptr_t address = _Unwind_GetIP(context);
 #endif
-    return address & ~static_cast<std::uintptr_t>(1); // the lowest bit tells Thumb code
+    return address & ~static_cast<std::uintptr_t>(1); // the lowest bit marks Thumb code
 }
 
 void printSymbol(std::FILE* stream, void* address)

@@ -18,7 +18,7 @@
 namespace
 {
 
-constexpr std::size_t kBufferSize = 1024; // of one message, its end mark included
+constexpr std::size_t kBufferSize = 1024; // of one message, with its terminating null
 constexpr int kTracePriority = 8;         // private: syslog has nothing below LOG_DEBUG
 constexpr int kNoColor = -1;
 
@@ -93,7 +93,7 @@ void writeColor(int code)
     std::fputs(sequence.data(), stderr);
 }
 
-// One message under construction: what doesn't fit is cut without a mark.
+// One message under construction; whatever doesn't fit is cut off silently.
 class Line
 {
 public:
@@ -143,7 +143,8 @@ int millisecondsOf(const timeval& time)
     return static_cast<int>(time.tv_usec / 1000);
 }
 
-// Kept: an empty line doesn't move the start. What stands behind it is not sent; an empty text goes instead.
+// Kept: an empty line doesn't advance the start. The text after it is not sent; an empty text is sent
+// instead.
 void sendLines(int priority, char* text)
 {
     char* start = text;
@@ -163,9 +164,9 @@ void sendLines(int priority, char* text)
     }
 }
 
-// Of the calling thread, and of handlers that interrupt it: constant from its start, so that reading it
-// allocates nothing. How deep the thread stands in places where a handler that logs must not run, and how
-// often each signal has come there.
+// Per thread, and shared with the handlers that interrupt it; constant-initialised, so that reading them
+// allocates nothing. They hold how deeply the thread is nested in sections where a handler that logs must not
+// run, and how often each signal has arrived there.
 thread_local volatile std::sig_atomic_t deferralDepth = 0;
 thread_local volatile std::sig_atomic_t anyDeferred = 0;
 thread_local std::array<volatile std::sig_atomic_t, NSIG> deferredSignals{};
@@ -177,17 +178,17 @@ void raiseDeferredSignals()
     for (int signal = 1; signal < NSIG; ++signal) {
         volatile std::sig_atomic_t& deferred = deferredSignals[static_cast<std::size_t>(signal)];
         const int count = deferred;
-        deferred = 0; // before the first is raised: its handler may log and come here, too
+        deferred = 0; // before the first is raised: its handler may log and get here, too
         for (int i = 0; i < count; ++i) {
             std::raise(signal);
         }
     }
 }
 
-// A place where a handler that logs must not run on this thread: it would take a lock that the thread holds,
-// the C library's for stderr and syslog included, or wait for a thread that waits for this one. Signals are
-// counted here and raised behind the outermost such place. By variables and not by the thread's mask, which
-// would cost two system calls for each message, dropped ones included.
+// A section where a handler that logs must not run on this thread: it would take a lock that the thread
+// holds, including the C library's for stderr and syslog, or wait for a thread that waits for this one.
+// Signals are counted here and raised at the end of the outermost such section. Variables do this rather than
+// the thread's signal mask, which would cost two system calls for each message, even a dropped one.
 class SignalsDeferred
 {
 public:
@@ -200,7 +201,7 @@ public:
     {
         std::atomic_signal_fence(std::memory_order_seq_cst);
         deferralDepth = deferralDepth - 1;
-        // Only then the look: a signal that comes between the two runs its handler at once.
+        // Check only now: a signal that arrives between the two steps runs its handler at once.
         if (deferralDepth == 0 && anyDeferred != 0) {
             raiseDeferredSignals();
         }
@@ -209,8 +210,8 @@ public:
     SignalsDeferred& operator=(const SignalsDeferred&) = delete;
 };
 
-// While the process exits, other threads still log, and so may the destructors of static objects. So what a
-// message needs is never destroyed: a lock that is destroyed while somebody holds it would end the process.
+// While the process exits, other threads still log, and so may the destructors of static objects. So nothing
+// that a message needs is ever destroyed: destroying a lock that is held would end the process.
 template <typename T>
 union Immortal {
     Immortal() : value() {}
@@ -230,7 +231,7 @@ Immortal<std::map<std::string, STBLogger*>> registryLoggers BUILT_FIRST;
 std::atomic<bool> loggersGone{false};
 std::atomic<int> messagesInFlight{0};
 
-// Counts a message before it looks at loggersGone. The registry does the reverse, so that one sees the other.
+// Counts a message before it checks loggersGone. The registry does the reverse, so that one sees the other.
 class MessageInFlight
 {
 public:
@@ -262,7 +263,7 @@ public:
     STBLoggerContainer(const STBLoggerContainer&) = delete;
     STBLoggerContainer& operator=(const STBLoggerContainer&) = delete;
 
-    /// Static, and so are the members: a message may still be on its way here when the instance goes.
+    /// Static, and so are the members: a message may still arrive here when the instance is destroyed.
     static STBLogger& loggerFor(STBLoggerLogParams* params);
 
 private:
@@ -277,8 +278,8 @@ std::map<std::string, STBLogger*>& STBLoggerContainer::_loggers = registryLogger
 STBLoggerContainer::~STBLoggerContainer()
 {
     loggersGone = true;
-    // A message under way may be another thread's, or of this very thread if a handler has interrupted it: so
-    // don't wait for it, but leave the loggers to the end of the process.
+    // A message in flight may belong to another thread, or to this one if a handler has interrupted it. So
+    // don't wait for it; keep the loggers until the process ends.
     const bool inUse = messagesInFlight != 0;
     const SignalsDeferred deferred;
     const pthread_helper::scoped_lock lock(_mutex);
@@ -302,7 +303,7 @@ STBLogger& STBLoggerContainer::loggerFor(STBLoggerLogParams* params)
     if (found != _loggers.end()) {
         return *found->second;
     }
-    auto logger = std::make_unique<STBLogger>(params); // greets under the lock
+    auto logger = std::make_unique<STBLogger>(params); // logs its greeting under the lock
     return *(_loggers[params->application] = logger.release());
 }
 
@@ -319,7 +320,7 @@ void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel l
     }
     STBLogger* logger = nullptr;
     {
-        const SignalsDeferred deferred; // the making of the registry can't be entered twice either
+        const SignalsDeferred deferred; // creating the registry isn't re-entrant either
         static const std::unique_ptr<STBLoggerContainer> owner(new STBLoggerContainer);
         logger = &STBLoggerContainer::loggerFor(params);
     }

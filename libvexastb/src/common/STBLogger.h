@@ -7,8 +7,8 @@
 
 #include "pthread_helper.h"
 
-/// How severe a message is; a lower number is more severe. The type is fixed, so that a number outside of the
-/// table is a value, too: it is written without letter and colour.
+/// How severe a message is; a lower number is more severe. The underlying type is fixed, so any other number
+/// is a valid value, too: it is logged without letter and colour.
 enum STBLogLevel : int {
     STBLogLevel_eNone = 0,
     STBLogLevel_eError = 1,
@@ -18,11 +18,11 @@ enum STBLogLevel : int {
     STBLogLevel_eTrace = 5,
 };
 
-/// What a logger is made from. Read only when the first message of an application is logged; later only
-/// `application` counts, as the key. The environment variables `<application>_LOG_...` go before it.
+/// The settings of a logger. Read only when an application logs its first message; later only `application`
+/// is used, as the key. The environment variables `<application>_LOG_...` take precedence.
 struct STBLoggerLogParams {
     const char* prefix;       ///< at the head of every line on standard error
-    const char* application;  ///< key of the logger and beginning of its environment variables' names
+    const char* application;  ///< key of the logger and prefix of its environment variables
     const char* defaultLevel; ///< name of a level, in any case
     const char* warnModules;  ///< comma-separated modules that get the level WARN; may be null
     const char* infoModules;  ///< the same for INFO
@@ -33,36 +33,36 @@ struct STBLoggerLogParams {
     bool useColors;           ///< colour the lines on standard error
 };
 
-/// Logs one message through the logger of `params->application`, which the first call makes. `module` is the
-/// message's tag; if it is empty, the base name of `file` is. `level`, `format` and what follows are those of
-/// a message; a failure to write it is never reported. A null `module`, or at the first message a null
-/// `application`, `prefix` or `defaultLevel`, throws std::logic_error.
+/// Logs one message through the logger of `params->application`, which the first call creates. `module` is
+/// the message's tag; if it is empty, the base name of `file` is. `level`, `format` and the arguments are
+/// those of the message; a failure to write it is never reported. A null `module`, or at the first message a
+/// null `application`, `prefix` or `defaultLevel`, throws std::logic_error.
 ///
-/// Any thread may call it, at any time of the process's life, constructors and destructors of static objects
-/// included; once the exit handlers have taken the loggers down, messages are dropped. A message that is
-/// dropped, or that goes to standard error, allocates nothing as long as the module has at most 15 letters.
+/// Any thread may call it at any time, even in constructors and destructors of static objects; once the exit
+/// handlers have shut the loggers down, messages are dropped. A message that is dropped, or that goes to
+/// standard error, allocates nothing as long as the module's name has at most 15 letters.
 void STBLogger_log(STBLoggerLogParams* params, const char* module, STBLogLevel level, int line,
                    const char* file, const char* format, ...) __attribute__((format(printf, 6, 7)));
 
-/// For a signal handler that logs: to be called first in it, with its own argument. Gives false where the
-/// handler may go on. Where it has interrupted the calling thread in the logger, with one of the logger's
-/// locks or of the C library's output, the function counts the signal and gives true: then the handler
-/// returns at once, and when the thread leaves the logger it raises the signal as often as it was counted, so
-/// that the handler runs anew. Two signals stay two; of more, some may become one, as the kernel has it with
-/// signals that are blocked.
+/// For a signal handler that logs: it must call this first, with its own argument. Returns false if the
+/// handler may go on. If the handler has interrupted its thread in the logger, where the thread may hold a
+/// lock of the logger or of the C library's output, the function counts the signal and returns true: the
+/// handler must then return at once. When the thread leaves the logger, it raises the signal as often as it
+/// was counted, so that the handler runs again. Two signals stay two; of more, some may be merged, as the
+/// kernel does with blocked signals.
 ///
 /// Async-signal-safe; makes no system call.
 bool STBLogger_deferSignal(int signal);
 
-/// The logger of one application: its settings, which never change once it is made, and its two outputs,
-/// standard error and syslog. The registry behind STBLogger_log owns it.
+/// The logger of one application: its settings, which never change once it is created, and its two outputs,
+/// standard error and syslog. The registry used by STBLogger_log owns it.
 class STBLogger
 {
 public:
-    /// Reads the record and the environment, and greets.
+    /// Reads the settings and the environment and logs a greeting.
     explicit STBLogger(STBLoggerLogParams* params);
 
-    /// Gives each module of the comma-separated list this level, in place of an earlier one.
+    /// Gives each module of the comma-separated list this level, which replaces an earlier one.
     void setModulesSTBLogLevel(const std::string& modules, STBLogLevel level);
 
     /// Writes one line of at most 1023 characters to standard error.
@@ -99,7 +99,7 @@ private:
     static pthread_helper::mutex& _staticMutex; ///< serialises writes to standard error; never destroyed
 };
 
-// The one way in which the daemon's messages are spelled.
+// All messages of the daemon are logged by this macro.
 #define STB_LOG(level, ...)                                                                                  \
     do {                                                                                                     \
         STBLoggerLogParams stbLogParams = {};                                                                \

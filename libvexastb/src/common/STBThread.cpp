@@ -31,7 +31,7 @@ void STBThread::startThread(OnThreadCompletedListener* listener)
 {
     const pthread_helper::scoped_lock lock(_mutex);
     const pthread_helper::scoped_lock sleepLock(_sleepMutex);
-    _listener = listener; // also when the start is refused
+    _listener = listener; // even if the start is refused
     if (_running) {
         LOG_ERROR("Thread %p already running", static_cast<void*>(this));
         return;
@@ -54,7 +54,7 @@ void STBThread::start(OnThreadCompletedListener* listener)
 void STBThread::thread()
 {
     run();
-    OnThreadCompletedListener* const listener = listenerAtEnd(); // once: it may be changing
+    OnThreadCompletedListener* const listener = listenerAtEnd(); // read once: it may be changing
     if (listener != nullptr) {
         listener->onThreadCompleted(this);
     }
@@ -80,7 +80,7 @@ void STBThread::stopAndJoin(bool reportStopped)
 {
     const pthread_helper::scoped_lock lock(_mutex);
     const pthread_helper::scoped_lock sleepLock(_sleepMutex);
-    _sleepCond.broadcast(); // also for an object that isn't running
+    _sleepCond.broadcast(); // even if the thread isn't running
     if (!_running) {
         if (reportStopped) {
             LOG_ERROR("Thread %p already stopped", static_cast<void*>(this));
@@ -89,7 +89,8 @@ void STBThread::stopAndJoin(bool reportStopped)
     }
     _running = false;
     if (_thread) {
-        // So that a sleeper on its way out can finish. Kept: the guard unlocks a second time, which passes.
+        // Lets a sleeper that is waking up finish. Kept: the guard unlocks a second time, which has no
+        // effect.
         _sleepMutex.unlock();
         pthread_join(_thread->_id, nullptr);
         _thread->_joined = true;
@@ -116,7 +117,7 @@ void STBThread::notify()
     _sleepCond.broadcast();
 }
 
-// Kept: read without a lock, and no atomic.
+// Kept: read without a lock and not atomic.
 bool STBThread::isRunning() const
 {
     return _running;

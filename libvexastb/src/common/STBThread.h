@@ -6,16 +6,16 @@
 #include "pthread_helper.h"
 
 /**
- * A thread with a sleep that a stop cuts short. A subclass gives the body in run() and stops the thread in
- * its own destructor, since run() is gone when the destructor of this class runs.
+ * A thread whose sleep ends early when the thread is stopped. A subclass implements run() and stops the
+ * thread in its own destructor, since its run() no longer exists when the destructor of this class runs.
  *
- * There is no timeout and no forced end: run() watches isRunning() or is woken by its subclass. Every
+ * There is no timeout and no forced end: run() checks isRunning() or is woken by its subclass. Every
  * operation may be called on any thread; start, stop and destruction wait for one another.
  */
 class STBThread
 {
 public:
-    /// Hears, on the ending thread, that run() has returned.
+    /// Is notified, on the ending thread, that run() has returned.
     class OnThreadCompletedListener
     {
     public:
@@ -48,7 +48,7 @@ public:
     };
 
     STBThread() = default;
-    /// Stops the thread, without a message if none runs.
+    /// Stops the thread; logs nothing if none runs.
     virtual ~STBThread();
     STBThread(const STBThread&) = delete;
     STBThread& operator=(const STBThread&) = delete;
@@ -56,22 +56,22 @@ public:
     /// The thread's body.
     virtual void run() = 0;
 
-    /// Starts the thread; `listener` may be null. A running thread is only logged, but its listener becomes
-    /// the new one.
+    /// Starts the thread; `listener` may be null. If the thread is already running, that is logged and only
+    /// the listener is replaced.
     void startThread(OnThreadCompletedListener* listener);
-    /// The same.
+    /// The same as startThread.
     void start(OnThreadCompletedListener* listener);
-    /// Clears the running mark, wakes the sleepers and joins without a limit. A stopped thread is only
-    /// logged, but its sleepers wake, too.
+    /// Clears the running flag, wakes all sleepers and joins without a timeout. If the thread is already
+    /// stopped, that is logged and only the sleepers are woken.
     void stopThread();
-    /// The same.
+    /// The same as stopThread.
     void stop();
-    /// Sleeps for so many milliseconds on the wall clock, or less: a stop, a notify or a spurious wake-up
-    /// ends it, and an object that isn't running returns at once.
+    /// Sleeps for up to `milliseconds` on the wall clock: a stop, a notify or a spurious wake-up ends the
+    /// sleep early. Returns at once if the thread isn't running.
     void sleepMs(unsigned int milliseconds);
-    /// The same.
+    /// The same as sleepMs.
     void threadSleepMs(unsigned int milliseconds);
-    /// Wakes all sleepers; lost while nobody sleeps.
+    /// Wakes all sleepers; has no effect if there are none.
     void notify();
     /// Whether the thread is meant to run: set by start, cleared by stop, whether or not run() has returned.
     bool isRunning() const;
@@ -85,7 +85,7 @@ private:
 
     UniqueThreadPtr _thread;
     bool _running = false;
-    pthread_helper::mutex _mutex; ///< serialises start, stop and destruction; before _sleepMutex
+    pthread_helper::mutex _mutex; ///< serialises start, stop and destruction; locked before _sleepMutex
     OnThreadCompletedListener* _listener = nullptr;
     pthread_helper::mutex _sleepMutex; ///< guards _running against the sleepers
     pthread_helper::cond _sleepCond;

@@ -22,7 +22,7 @@ constexpr const char* kCharacteristicInterface = "org.bluez.GattCharacteristic1"
 constexpr const char* kDescriptorInterface = "org.bluez.GattDescriptor1";
 constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
-constexpr int kLibraryTimeout = -1; // the D-Bus library's own, 25 s
+constexpr int kLibraryTimeout = -1; // the D-Bus library's default, 25 s
 constexpr int kPairTimeoutMs = 5000;
 constexpr int kPairPolls = 30;
 constexpr unsigned int kPairPollPauseMs = 500;
@@ -32,7 +32,7 @@ using Characteristic = Bluez::Service::Characteristic;
 using Descriptor = Bluez::Service::Characteristic::Descriptor;
 using GVariantHolder = Bluez::GVariantHolder;
 
-// Logs the error of a D-Bus call; tells whether there was one.
+// Logs the error of a D-Bus call; returns whether there was one.
 bool reportError(const glib_owner::Error& error)
 {
     if (!error) {
@@ -49,7 +49,7 @@ GVariantHolder callProxy(GDBusProxy* proxy, const char* method, GVariant* parame
                                                  kLibraryTimeout, nullptr, error.out()));
 }
 
-// Calls a method whose answer has no content that matters; true if an answer came.
+// Calls a method whose reply carries nothing of interest; true if a reply came.
 bool callMethod(GDBusProxy* proxy, const char* method, GVariant* parameters = nullptr)
 {
     glib_owner::Error error;
@@ -67,13 +67,13 @@ bool isArrayOfBytes(GVariant* variant)
     return false;
 }
 
-// The pairing's answer is dropped unread, an error too: the outcome is polled instead.
+// The reply to Pair is ignored, even an error: the outcome is polled instead.
 void pairCompleted(GObject* /*proxy*/, GAsyncResult* /*result*/, gpointer /*client*/) {}
 
 thread_local Bluez* clientOfThisThread = nullptr;
 
-// GDBus ends the process by SIGTERM after this, which a supervisor may take for a clean end: it has to start
-// the daemon anew after every end.
+// After this, GDBus ends the process with SIGTERM, which a supervisor may take for a clean exit: it must
+// restart the daemon after every exit.
 void connectionClosed(GDBusConnection* /*connection*/, gboolean /*vanished*/, GError* error,
                       gpointer /*none*/)
 {
@@ -98,8 +98,8 @@ Bluez::Bluez(Listener* listener)
 Bluez::~Bluez()
 {
     stopEvents();
-    // Kept: these pointers belong to the event thread and are read here without a lock. Where they aren't set
-    // yet nothing is posted, and the event thread, which comes second then, stays out of its loop.
+    // Kept: these pointers belong to the event thread and are read here without a lock. If they aren't set
+    // yet, nothing is posted, and the event thread, which then comes second, doesn't enter its loop.
     if (_loopMadeOrForgone.exchange(true)) {
         g_cancellable_cancel(_cancellable);
         LOG_TRACE("Posting stopping task");
@@ -129,7 +129,7 @@ void Bluez::run()
         g_cancellable_cancel(_cancellable); // the destructor had none to cancel
     }
     if (!connectToBlueZ()) {
-        // Kept: nothing is released and nothing tried again; the client stays without objects.
+        // Kept: nothing is released or retried; the client stays without objects.
         return;
     }
     LOG_DEBUG("Init Bluez completed");
@@ -173,7 +173,7 @@ bool Bluez::connectToBlueZ()
 
 void Bluez::releaseConnection()
 {
-    // The members keep their values: until the destructor has joined this thread they are still compared.
+    // The members keep their values: they are still compared until the destructor has joined this thread.
     if (_objectManager != nullptr) {
         g_object_unref(_objectManager);
     }
@@ -259,8 +259,8 @@ Bluez::ListenerMap Bluez::getListeners() const
     return _listeners;
 }
 
-// Calls `callback` with each subscribed listener, as long as the client isn't being ended; the caller doesn't
-// hold _mutex.
+// Calls `callback` with each subscribed listener, unless the client is stopping; the caller must not hold
+// _mutex.
 template <typename Callback>
 void Bluez::fanOut(Callback callback) const
 {
@@ -276,7 +276,7 @@ void Bluez::fanOut(Callback callback) const
 void Bluez::objectAdded(GDBusObjectManager* /*manager*/, GDBusObject* object, gpointer self)
 {
     if (static_cast<Bluez*>(self)->_stopping) {
-        return; // what a storm of events has left in the queue doesn't hold up the end
+        return; // a long queue of events must not delay the end
     }
     const std::string path = g_dbus_object_get_object_path(object);
     LOG_TRACE("+ %s", path.c_str());
@@ -286,7 +286,7 @@ void Bluez::objectAdded(GDBusObjectManager* /*manager*/, GDBusObject* object, gp
 void Bluez::objectRemoved(GDBusObjectManager* /*manager*/, GDBusObject* object, gpointer self)
 {
     if (static_cast<Bluez*>(self)->_stopping) {
-        return; // what a storm of events has left in the queue doesn't hold up the end
+        return; // a long queue of events must not delay the end
     }
     const std::string path = g_dbus_object_get_object_path(object);
     LOG_TRACE("- %s", path.c_str());
@@ -307,7 +307,7 @@ void Bluez::onObjectAdded(const std::string& path)
         LOG_ERROR("Not connected");
         return;
     }
-    // The path alone decides; the interfaces that the object offers are never looked at.
+    // The path alone decides; the interfaces that the object offers are never checked.
     if (isAdapter(path)) {
         addAdapter(path);
     } else if (isDevice(path)) {
@@ -342,8 +342,8 @@ void Bluez::addDevice(const std::string& path)
     fanOut([&](Listener& listener) { listener.onDeviceAdded(path); });
 }
 
-// Kept, in this and the next two: the guard releases _mutex a second time when it goes out of scope. The lock
-// isn't held then, which unlock() passes over.
+// Kept, in this and the next two: the guard releases _mutex a second time when it goes out of scope. The
+// mutex isn't locked then, which unlock() ignores.
 void Bluez::addService(const std::string& path)
 {
     const pthread_helper::scoped_lock lock(_mutex);
@@ -378,8 +378,8 @@ void Bluez::addDescriptor(const std::string& path)
     fanOut([&](Listener& listener) { listener.onDescriptorAdded(path, descriptor); });
 }
 
-// An entry that is there already stands, also an empty one that an operation has left: the new proxy is
-// dropped. Under _mutex, although it blocks on the bus, since the maps change under it alone.
+// An existing entry is kept, even an empty one left by an operation, and the new proxy is dropped. Called
+// under _mutex although it blocks on the bus, since the maps change only under it.
 void Bluez::storeProxy(ProxyMap& proxies, const std::string& path, const char* interface)
 {
     proxies.emplace(path, makeSharedProxy(_connection, kBusName, path, interface, G_DBUS_PROXY_FLAGS_NONE,
@@ -396,11 +396,12 @@ void Bluez::onObjectRemoved(const std::string& path)
 {
     const RemovalGate::Removal removal(_removals, path);
     {
-        // A thread that stands in a call looks nothing up that is gone, and hears of it first afterwards.
+        // A thread that holds the gate during a call looks up no object that is gone, and learns of the
+        // removal only afterwards.
         const pthread_helper::scoped_lock unused(_removals.hold());
         forgetObject(path);
     }
-    // The listeners hear of it whether or not any map held the path.
+    // The listeners are notified whether or not any map held the path.
     if (isDescriptor(path)) {
         fanOut([&](Listener& listener) { listener.onDescriptorRemoved(path); });
     } else if (isCharacteristic(path)) {
@@ -490,7 +491,7 @@ void Bluez::onValueChanged(const std::string& path, GVariant* value)
 {
     const Bytes bytes = getBytesArray(value);
     fanOut([&](Listener& listener) {
-        // Built for each listener that is called, and for no other.
+        // Built only for a listener that is called.
         listener.onGattCharacteristicChanged(objectForCharacteristic(path), bytes);
     });
 }
@@ -516,7 +517,7 @@ std::vector<std::string> Bluez::itemsFor(const std::string& path)
     }
     std::vector<std::string> items;
     for (const auto& [childPath, proxy] : *children) {
-        // Kept: a test on the text's beginning alone.
+        // Kept: a plain comparison of prefixes.
         if (childPath.compare(0, path.size(), path) == 0) {
             items.push_back(childPath);
         }
@@ -524,7 +525,7 @@ std::vector<std::string> Bluez::itemsFor(const std::string& path)
     return items;
 }
 
-// --- What the operations stand on ---
+// --- Building blocks of the operations ---
 
 Bluez::ProxyPtr Bluez::makeSharedProxy(GDBusConnection* connection, const std::string& name,
                                        const std::string& path, const std::string& interface,
@@ -534,8 +535,8 @@ Bluez::ProxyPtr Bluez::makeSharedProxy(GDBusConnection* connection, const std::s
     if (_connection == nullptr || name.empty() || path.empty() || interface.empty()) {
         return {};
     }
-    // Wrapped as it comes, null too. If the control block can't be had, the deleter runs and the error goes
-    // on.
+    // Null is wrapped, too. If the control block can't be allocated, the deleter runs and the exception
+    // propagates.
     return {g_dbus_proxy_new_sync(connection, flags, info, name.c_str(), path.c_str(), interface.c_str(),
                                   cancellable, error),
             [](GDBusProxy* proxy) {
@@ -616,7 +617,7 @@ bool Bluez::adapterScanOff(const std::string& path)
 
 bool Bluez::adapterRemoveDevice(const std::string& path, const std::string& devicePath)
 {
-    // Before the lookup, so that no entry is left for the adapter; GLib refuses a malformed path by a crash.
+    // Checked before the lookup, so that no entry is left for the adapter; GLib crashes on a malformed path.
     if (g_variant_is_object_path(devicePath.c_str()) == FALSE) {
         return false;
     }
@@ -636,7 +637,7 @@ bool Bluez::deviceDisconnect(const std::string& path)
     return proxy != nullptr && callMethod(proxy, "Disconnect");
 }
 
-// --- Adapters and devices: live properties ---
+// --- Adapters and devices: current properties ---
 
 GVariant* Bluez::callProperties(const std::string& path, const char* method, GVariant* parameters,
                                 GError** error)
@@ -703,7 +704,7 @@ bool Bluez::devicePair(const std::string& path)
     return false;
 }
 
-// Reads the live "Paired"; false if that can't be had.
+// Reads the current "Paired"; false if that fails.
 bool Bluez::pollPaired(const std::string& path, bool& paired)
 {
     glib_owner::Error error;
@@ -723,7 +724,7 @@ bool Bluez::pollPaired(const std::string& path, bool& paired)
 
 // --- Characteristics ---
 
-// A copy of the pointer, so that a removal on the event thread can't end the proxy in the middle of a call.
+// A copy of the pointer, so that a removal on the event thread can't destroy the proxy during a call.
 Bluez::ProxyPtr Bluez::findCharacteristicProxy(const std::string& path)
 {
     ProxyPtr proxy = _characteristicProxies[path]; // finds or creates, as findProxy does
@@ -819,7 +820,7 @@ std::vector<std::uint8_t> Bluez::readCharacteristic(const std::string& path)
     glib_owner::Error error;
     const GVariantHolder reply = callProxy(proxy.get(), "ReadValue", bluez_variant::readParameters(), error);
     reportError(error);
-    // Kept: a failed call goes on, too, and logs its two lines more there.
+    // Kept: a failed call continues as well and logs two more lines there.
     return getBytesArray(reply);
 }
 
@@ -842,11 +843,11 @@ std::string Bluez::valueFor(const std::string& path)
     if (!isCharacteristic(path) && !isDescriptor(path)) {
         return {};
     }
-    // Kept: among the characteristics for a descriptor, too, and neither tested nor held. The call on the
-    // null proxy that this gives for a descriptor is refused by GLib.
+    // Kept: looks up a descriptor among the characteristics, too, and neither checks nor holds the proxy. A
+    // descriptor's proxy is therefore null, and GLib refuses the call on it.
     GDBusProxy* proxy = _characteristicProxies[path].get();
     const GVariantHolder parameters(
-        bluez_variant::readParameters()); // held here: GLib doesn't take them for a null proxy
+        bluez_variant::readParameters()); // held here: GLib doesn't take ownership for a null proxy
     glib_owner::Error error;
     const GVariantHolder reply = callProxy(proxy, "ReadValue", parameters.variant, error);
     reportError(error);
@@ -856,7 +857,7 @@ std::string Bluez::valueFor(const std::string& path)
     }
     const Bytes bytes = bluez_variant::bytesOf(value.variant);
     std::string text(bytes.begin(), bytes.end());
-    text.push_back('\0'); // Kept: so a value of no bytes isn't an empty text.
+    text.push_back('\0'); // Kept: so an empty value isn't an empty text.
     return text;
 }
 

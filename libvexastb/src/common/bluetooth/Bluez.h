@@ -16,17 +16,17 @@
 #include "pthread_helper.h"
 
 /**
- * The daemon's one connection to BlueZ: a local image of BlueZ's object tree, an event thread that turns what
+ * The daemon's one connection to BlueZ: a local copy of BlueZ's object tree, an event thread that turns what
  * BlueZ reports into Listener callbacks, and blocking operations on adapters, devices and characteristics.
  *
- * Everything is named by its D-Bus object path, and the kind of an object is read from the last component of
- * its path alone. `App` owns the one instance by a shared pointer and lends it to a firmware update.
+ * Every object is identified by its D-Bus path, whose last component alone determines its kind. `App` owns
+ * the only instance through a shared pointer and lends it to a firmware update.
  *
- * The event thread iterates GLib's global default main context and gives back one reference more on it than
- * it took. A process that builds several clients takes a reference of its own for each.
+ * The event thread iterates GLib's global default main context and drops one reference more to it than it
+ * took. A process that creates several clients must take a reference of its own for each.
  *
- * Threads: unless an operation says otherwise, any thread may call it, and it blocks that thread until the
- * bus has answered.
+ * Unless stated otherwise, any thread may call an operation, which blocks that thread until the bus has
+ * answered.
  */
 class Bluez : public STBThread
 {
@@ -47,7 +47,7 @@ public:
             };
 
             std::string
-                val; ///< filled by readCharacteristic(Characteristic&) only; one zero longer than the value
+                val; ///< filled by readCharacteristic(Characteristic&) only; the value and a zero byte
             std::string uuid;                              ///< the object's "UUID", as BlueZ gives it
             std::string path;                              ///< the object's own path
             std::string parent;                            ///< path of the service
@@ -57,7 +57,7 @@ public:
             std::string toString() const;
         };
 
-        /// The kind of a service, valued by its 16-bit UUID number.
+        /// The kind of a service; its value is the service's 16-bit UUID.
         enum class Type : std::uint32_t {
             Battery = 0x180F,
             OtaNormal = 0xFFD0,
@@ -70,14 +70,14 @@ public:
         std::string uuid;                 ///< the object's "UUID", as BlueZ gives it
         std::string path;                 ///< the object's own path
         std::string parent;               ///< path of the device
-        Type type = static_cast<Type>(0); ///< 0, which is no enumerator, in a record nobody has filled
+        Type type = static_cast<Type>(0); ///< 0, which is no enumerator, until the record is filled
         std::map<std::string, Characteristic> characteristics; ///< by path
 
         /// Five lines and then each characteristic's own text.
         std::string toString() const;
     };
 
-    /// Owns one reference to a GVariant, so that a reply is released on every way out.
+    /// Owns one reference to a GVariant, so that a reply is always released.
     struct GVariantHolder {
         /// Sinks a floating reference and keeps a full one; null is allowed.
         explicit GVariantHolder(GVariant* value);
@@ -89,10 +89,10 @@ public:
     };
 
     /**
-     * What the client reports. A listener overrides what it wants to hear; the default bodies do nothing.
+     * The client's events. A listener overrides those it needs; the default bodies do nothing.
      *
-     * All callbacks come on the event thread, without any lock of the client held, so they may call its
-     * operations; while one blocks, no further event is delivered. References are valid for the call only.
+     * All callbacks run on the event thread with no lock of the client held, so they may call its operations;
+     * while one blocks, no further event is delivered. References are valid for the call only.
      */
     class Listener
     {
@@ -125,45 +125,45 @@ public:
         virtual ~Listener() = default;
     };
 
-    /// Every listener ever named, and whether it is subscribed.
+    /// Every listener ever subscribed or unsubscribed, and whether it is subscribed now.
     using ListenerMap = std::map<Listener*, bool>;
     /// Shares one reference to a proxy; its deleter logs at TRACE and drops the reference.
     using ProxyPtr = std::shared_ptr<GDBusProxy>;
 
-    /// Starts the event thread and returns at once: `listener`, which may be null, can hear of objects before
-    /// the caller has stored the new client.
+    /// Starts the event thread and returns at once: `listener`, which may be null, may get events before the
+    /// caller has stored the new client.
     explicit Bluez(Listener* listener);
-    /// Cancels a start that is under way, ends the event loop and joins the event thread without a limit.
+    /// Cancels a start that is under way, ends the event loop and joins the event thread without a timeout.
     ~Bluez() override;
     Bluez(const Bluez&) = delete;
     Bluez& operator=(const Bluez&) = delete;
 
-    /// The event thread's body: connects, reports what exists, runs the loop. Event thread only.
+    /// The event thread's body: connects, reports the existing objects, runs the loop. Event thread only.
     void run() override;
 
     // --- Listeners ---
 
-    /// Lets `listener` hear events from now on; null is passed over. The client doesn't own it.
+    /// Delivers events to `listener` from now on; null is ignored. The client doesn't own it.
     void subscribe(Listener* listener);
     /// Ends the subscription. An event that is being delivered may still reach the listener once.
     void unsubscribe(Listener* listener);
-    /// The client whose event thread is the calling one, as it is in a callback: known there before the
-    /// constructor has returned and while the last owner lets go. To be called on an event thread only.
+    /// The client whose event thread is the calling thread, as in a callback. It is set even before the
+    /// constructor has returned and while the last owner releases the client. Event threads only.
     static Bluez& ofThisThread();
-    /// Runs `task` on the event thread after the event that is being delivered, and returns at once. A
-    /// listener that has unsubscribed can be destroyed in it: nothing calls it any more. `task` is destroyed
-    /// unrun if the event loop ends first; it must not hold the last reference to the client.
+    /// Runs `task` on the event thread after the event that is being delivered, and returns at once. `task`
+    /// may destroy a listener that has unsubscribed: nothing calls that any more. It is destroyed without
+    /// being run if the event loop ends first, and must not hold the last reference to the client.
     void runAfterEvents(std::function<void()> task);
-    /// Passes over all events from now on, as the destructor does first: no further object is fetched and no
-    /// further callback begins. Any thread.
+    /// Ignores all events from now on: no further object is fetched and no further callback starts. The
+    /// destructor does this first. Any thread.
     void stopEvents();
-    /// Keeps removals and a caller's look-ups apart. The event thread waits for its holder, so a holder
-    /// doesn't wait for events.
+    /// Blocks removals while a caller looks up objects. The event thread waits for the holder, so a holder
+    /// must not wait for events.
     RemovalGate& removals() { return _removals; }
     /// A copy of the table of listeners.
     ListenerMap getListeners() const;
 
-    // --- Paths and types; these touch no state and may run on any threads at once ---
+    // --- Paths and types; these use no state and may run on several threads at once ---
 
     /// The parent's path and the last component. A path of one component, and the root, are their own parent
     /// and keep their slash in both halves.
@@ -182,14 +182,14 @@ public:
     bool isCharacteristic(const std::string& path) const;
     /// Whether the last component names a descriptor ("desc" and four lower-case digits).
     bool isDescriptor(const std::string& path) const;
-    /// The type behind a 128-bit UUID in text; Unknown for another base or number. Throws nothing.
+    /// The type for a 128-bit UUID in text form; Unknown for any other base or number. Doesn't throw.
     static Service::Type serviceTypeByString(const std::string& uuid);
-    /// A name for people; "Unknown" for any value outside the enumeration.
+    /// A readable name; "Unknown" for any value outside the enumeration.
     static std::string serviceTypeToString(Service::Type type);
     /// A dump of the services for a log or a debugger.
     std::string toString(const std::vector<Service>& services) const;
 
-    // --- The image of BlueZ's tree ---
+    // --- The local copy of BlueZ's tree ---
 
     /// The service's record, made from the proxy's cached "UUID" and the path; blank for an empty path.
     Service objectForService(const std::string& path);
@@ -197,9 +197,9 @@ public:
     Service::Characteristic objectForCharacteristic(const std::string& path);
     /// The same for a descriptor.
     Service::Characteristic::Descriptor objectForDescriptor(const std::string& path);
-    /// All adapter paths in ascending order, those included that an operation only asked for.
+    /// All adapter paths in ascending order, including those that an operation only asked for.
     std::vector<std::string> getAdapters() const;
-    /// All device paths in ascending order, those included that an operation only asked for.
+    /// All device paths in ascending order, including those that an operation only asked for.
     std::vector<std::string> getDevices() const;
     /// Deep copies of the device's services of that type; empty if `devicePath` is no device.
     std::vector<Service> getServices(const std::string& devicePath, Service::Type type);
@@ -208,7 +208,7 @@ public:
     std::vector<std::string> itemsFor(const std::string& path);
 
     // --- Adapters (org.bluez.Adapter1) ---
-    // Each returns false without a connection, with an empty path or for an adapter that isn't known.
+    // Each returns false without a connection, with an empty path or for an unknown adapter.
 
     /// From the proxy's cache, no bus traffic; `address` is written on success only.
     bool adapterGetAddress(const std::string& path, std::string& address);
@@ -218,15 +218,15 @@ public:
     bool adapterGetPowered(const std::string& path, bool& powered);
     /// From the proxy's cache.
     bool adapterGetDiscovering(const std::string& path, bool& discovering);
-    /// Writes the property on the bus, also for an adapter that isn't known; true if BlueZ answered well.
+    /// Sets the property over the bus, even for an unknown adapter; true if BlueZ reports success.
     bool adapterSetPairable(const std::string& path, const bool& pairable);
-    /// Writes the property on the bus, also for an adapter that isn't known; true if BlueZ answered well.
+    /// Sets the property over the bus, even for an unknown adapter; true if BlueZ reports success.
     bool adapterSetPowered(const std::string& path, const bool& powered);
-    /// Starts discovery; true once the adapter is known, even if BlueZ refuses, which is only logged.
+    /// Starts discovery; true if the adapter is known, even if BlueZ refuses, which is only logged.
     bool adapterScanOn(const std::string& path);
-    /// Stops discovery; true once the adapter is known, even if BlueZ refuses, which is only logged.
+    /// Stops discovery; true if the adapter is known, even if BlueZ refuses, which is only logged.
     bool adapterScanOff(const std::string& path);
-    /// Makes BlueZ forget the device with its pairing; true if BlueZ answered well.
+    /// Makes BlueZ forget the device and its pairing; true if BlueZ reports success.
     bool adapterRemoveDevice(const std::string& path, const std::string& devicePath);
 
     // --- Devices (org.bluez.Device1) ---
@@ -235,7 +235,7 @@ public:
     bool deviceGetAddress(const std::string& path, std::string& address);
     /// From the proxy's cache.
     bool deviceGetAliasName(const std::string& path, std::string& alias);
-    /// The live "Name", by a call on the bus; silent on failure, and `name` is then left alone.
+    /// The current "Name", read over the bus. A failure isn't logged and leaves `name` unchanged.
     bool deviceGetName(const std::string& path, std::string& name);
     /// From the proxy's cache.
     bool deviceGetConnected(const std::string& path, bool& connected);
@@ -245,16 +245,16 @@ public:
     bool deviceGetTrusted(const std::string& path, bool& trusted);
     /// From the proxy's cache, in dBm.
     bool deviceGetRSSI(const std::string& path, std::int16_t& dBm);
-    /// The cached value itself; false on every failure too.
+    /// The cached value; false on failure, too.
     bool deviceIsServicesResolved(const std::string& path);
     /// Stores the value in the proxy's cache and nowhere else; true if the device is known.
     bool deviceSetTrusted(const std::string& path, const bool& trusted);
-    /// Connects; true if BlueZ answered well. Blocks for up to the D-Bus library's 25 s.
+    /// Connects; true if BlueZ reports success. Blocks for up to 25 s, the D-Bus library's default.
     bool deviceConnect(const std::string& path);
-    /// Disconnects; true if BlueZ answered well.
+    /// Disconnects; true if BlueZ reports success.
     bool deviceDisconnect(const std::string& path);
-    /// Asks BlueZ to pair and polls the live "Paired" for some 15 s; true as soon as it is set. stopThread
-    /// cuts the pauses between the polls short.
+    /// Asks BlueZ to pair and polls the current "Paired" for about 15 s; true as soon as it is set.
+    /// stopThread cuts short the pauses between the polls.
     bool devicePair(const std::string& path);
 
     // --- Characteristics (org.bluez.GattCharacteristic1); each refusal is logged ---
@@ -265,7 +265,7 @@ public:
     /// Turns notifications off.
     bool characteristicStopNotify(const std::string& path);
     bool characteristicStopNotify(const Service::Characteristic& characteristic);
-    /// Writes the bytes and waits for BlueZ's answer; false for no bytes.
+    /// Writes the bytes and waits for BlueZ's answer; false if there are none.
     bool writeCharacteristic(const std::string& path, const std::vector<std::uint8_t>& bytes);
     bool writeCharacteristic(const Service::Characteristic& characteristic,
                              const std::vector<std::uint8_t>& bytes);
@@ -273,17 +273,17 @@ public:
     std::vector<std::uint8_t> readCharacteristic(const std::string& path);
     /// Reads the value into `characteristic.val`, in valueFor's form; false, and an empty `val`, on failure.
     bool readCharacteristic(Service::Characteristic& characteristic);
-    /// Reads the value as text with one zero behind it, which its size counts; empty on failure.
+    /// Reads the value as text and appends a zero byte, which counts in the size; empty on failure.
     std::string valueFor(const std::string& path);
     /// The bytes of an array of bytes; logs and returns none for anything else.
     std::vector<std::uint8_t> getBytesArray(GVariant* variant) const;
     /// The bytes of an array of bytes, or of one that is the first element of a tuple.
     std::vector<std::uint8_t> getBytesArray(const GVariantHolder& holder) const;
 
-    // --- What the operations stand on ---
+    // --- Building blocks of the operations ---
 
-    /// A new proxy, made by a blocking call; empty without a connection or with an empty text, and one that
-    /// holds null if GLib couldn't make it.
+    /// Creates a proxy with a blocking call. The result is empty without a connection or if a text is empty;
+    /// it holds null if GLib couldn't create the proxy.
     ProxyPtr makeSharedProxy(GDBusConnection* connection, const std::string& name, const std::string& path,
                              const std::string& interface, GDBusProxyFlags flags, GError** error,
                              GCancellable* cancellable, GDBusInterfaceInfo* info);
@@ -351,10 +351,10 @@ private:
     ProxyMap _characteristicProxies;
     std::map<std::string, Service> _services;
     mutable pthread_helper::mutex _mutex;
-    /// Set by the event thread once _loop, _context and _cancellable are, and by the destructor. Who comes
-    /// first finds it false: that decides whether there is a loop to be stopped.
+    /// Set by the event thread once _loop, _context and _cancellable are set, and by the destructor. The
+    /// first of the two finds it false, which decides whether there is a loop to stop.
     std::atomic<bool> _loopMadeOrForgone{false};
-    /// Set first in the destructor: events that are still queued are passed over.
+    /// Set first in the destructor: events that are still queued are ignored.
     std::atomic<bool> _stopping{false};
     RemovalGate _removals;
 
@@ -362,5 +362,6 @@ private:
     static const std::map<std::uint32_t, Service::Type>& _codeToServiceType;
 };
 
-/// A GLib source that runs once: ends the GMainLoop `loop` unless it is null. Always returns false.
+/// A callback for a GLib source that runs once: ends the GMainLoop `loop` unless it is null. Always returns
+/// false.
 gboolean quit_task(gpointer loop);

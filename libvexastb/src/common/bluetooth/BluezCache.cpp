@@ -78,8 +78,8 @@ Bluez::Service::Characteristic::Descriptor Bluez::objectForDescriptor(const std:
     return recordFor<Service::Characteristic::Descriptor>(path);
 }
 
-// Kept: finds or creates, without a lock and without a reference of its own. A path that isn't known leaves
-// an empty entry behind, and that path stays unusable until its object is removed.
+// Kept: finds or creates, without a lock and without a reference of its own. An unknown path leaves an empty
+// entry behind, and the path stays unusable until its object is removed.
 GDBusProxy* Bluez::findProxy(ProxyMap& proxies, const std::string& path)
 {
     if (_connection == nullptr || path.empty()) {
@@ -181,7 +181,7 @@ bool Bluez::deviceSetTrusted(const std::string& path, const bool& trusted)
     if (proxy == nullptr) {
         return false;
     }
-    // Kept: the proxy's cache alone; nothing goes on the bus and BlueZ's own value stays as it is.
+    // Kept: sets only the proxy's cache; nothing is sent over the bus and BlueZ's own value doesn't change.
     const Bluez::GVariantHolder value(g_variant_new_boolean(trusted ? TRUE : FALSE));
     g_dbus_proxy_set_cached_property(proxy, "Trusted", value.variant);
     return true;

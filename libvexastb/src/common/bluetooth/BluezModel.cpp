@@ -30,7 +30,7 @@ std::uint32_t parseCode(const std::string& text)
 {
     constexpr int kHexadecimal = 16;
     const unsigned long code = std::stoul(text, nullptr, kHexadecimal);
-    // Where unsigned long is wider than on the box: don't let the upper bits vanish.
+    // Where unsigned long is wider than on the box: don't drop the upper bits.
     if (code > std::numeric_limits<std::uint32_t>::max()) {
         throw std::out_of_range(text);
     }
@@ -101,7 +101,7 @@ std::pair<std::string, std::string> Bluez::splitPath(const std::string& path) co
         return {"/", "/"};
     }
     if (tokens.size() == 1) {
-        // Kept: with one component the endpoint carries the slash, too.
+        // Kept: with one component the endpoint keeps the slash, too.
         return {"/" + tokens.front(), "/" + tokens.front()};
     }
     std::string parent;

@@ -81,7 +81,7 @@ GVariant* readParameters()
 
 GVariant* writeParameters(const std::vector<std::uint8_t>& bytes)
 {
-    // Kept: this builder isn't given back, unlike the one of a read. Each write leaves that little behind.
+    // Kept: unlike the builder of a read, this one isn't released. Each write leaks that little.
     GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
     GVariant* options = g_variant_builder_end(builder);
     GVariant* value = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);

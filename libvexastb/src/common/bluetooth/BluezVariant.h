@@ -9,8 +9,8 @@
 #include "Bluez.h"
 
 /**
- * What the client puts into its calls and takes out of the answers. Nothing here logs or keeps state, so any
- * thread may call it.
+ * Builds the parameters of the client's calls and unpacks the replies. Nothing here logs or keeps state, so
+ * any thread may call it.
  */
 namespace bluez_variant
 {
@@ -18,7 +18,7 @@ namespace bluez_variant
 /// The value in the reply of Properties.Get; holds null unless the reply is one variant.
 Bluez::GVariantHolder unwrapProperty(const Bluez::GVariantHolder& reply);
 
-/// Takes the value out; false, with `value` left alone, if BlueZ sent one of another type.
+/// Extracts the value; if BlueZ sent another type, returns false and leaves `value` unchanged.
 bool read(GVariant* variant, bool& value);
 bool read(GVariant* variant, std::int16_t& value);
 bool read(GVariant* variant, std::string& value);
@@ -26,7 +26,7 @@ bool read(GVariant* variant, std::string& value);
 /// The first element of a tuple; holds null for anything else and for an empty tuple.
 Bluez::GVariantHolder firstOf(GVariant* tuple);
 
-/// The bytes of an array of bytes ("ay"), which `array` has to be.
+/// The bytes of `array`, which must be an array of bytes ("ay").
 std::vector<std::uint8_t> bytesOf(GVariant* array);
 
 /// The one parameter of GattCharacteristic1.ReadValue: no options. Floating.

@@ -5,8 +5,8 @@
 #include <memory>
 
 /**
- * Owners of GLib's plain resources, each released on every way out of its scope. A GVariant's is
- * Bluez::GVariantHolder, a proxy's Bluez::ProxyPtr. One thread at a time may use an owner.
+ * Owners of plain GLib resources, which are released at the end of the scope. For a GVariant use
+ * Bluez::GVariantHolder, for a proxy Bluez::ProxyPtr. Only one thread at a time may use an owner.
  */
 namespace glib_owner
 {
@@ -24,7 +24,7 @@ struct Release {
 using Source = std::unique_ptr<GSource, Release<g_source_unref>>;
 using Text = std::unique_ptr<char, Release<g_free>>;
 
-/// The error that a call leaves behind, if any.
+/// The error that a call reports, if any.
 class Error
 {
 public:
@@ -36,7 +36,7 @@ public:
     /// For the call's last parameter; for one call only.
     GError** out() { return &mError; }
     explicit operator bool() const { return mError != nullptr; }
-    /// What went wrong, in the words of who reported it; only if something did.
+    /// The text of the error; only to be called if there is one.
     const char* message() const { return mError->message; }
     bool matches(GQuark domain, int code) const { return g_error_matches(mError, domain, code) != FALSE; }
 

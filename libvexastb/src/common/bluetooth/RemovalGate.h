@@ -7,16 +7,16 @@
 #include "pthread_helper.h"
 
 /**
- * Keeps the removal of objects apart from a thread that looks up their paths: a look-up that comes between
- * the end of an object's proxy and the listeners' hearing of it would leave an empty entry for the path.
+ * Separates the removal of objects from threads that look up their paths: a look-up after an object's proxy
+ * is gone and before the listeners are notified would leave an empty entry for the path.
  *
- * Each Bluez owns one. Its event thread announces every removal; a caller holds removals off while it looks
- * paths up and calls on them, and lets one that is under way go first.
+ * Each Bluez owns one. Its event thread announces every removal; a caller blocks removals while it looks up
+ * paths and makes calls on them, and lets a removal that is under way finish first.
  */
 class RemovalGate
 {
 public:
-    /// Announces the removal of `path` on the event thread, until the listeners have heard of it.
+    /// Announces the removal of `path` on the event thread, until the listeners have been notified.
     class Removal
     {
     public:
@@ -29,12 +29,12 @@ public:
         RemovalGate& _gate;
     };
 
-    /// Whoever holds it keeps removals from erasing anything: a removal takes it for as long as it erases.
-    /// Comes before every other lock, and the event thread takes no lock of a listener under it.
+    /// While it is held, removals can't erase anything: a removal holds it while it erases. It is locked
+    /// before every other lock, and the event thread takes no listener's lock under it.
     pthread_helper::mutex& hold() { return _hold; }
     /// Whether a removal is announced. Any thread.
     bool removing() const { return _removing; }
-    /// Whether it is `path` whose removal is announced. Any thread.
+    /// Whether the removal of `path` is announced. Any thread.
     bool isGoing(const std::string& path);
 
 private:
