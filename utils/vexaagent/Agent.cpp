@@ -23,8 +23,8 @@ constexpr const char* kRejected = "org.bluez.Error.Rejected";
 
 constexpr guint kRetrySeconds = 1;
 constexpr int kCallTimeoutMs = 5000;
-// On a weak machine bluetoothd owns its name long before it answers, and without the agent nothing pairs. If
-// it dies instead, the bus ends the call.
+// On a slow machine, bluetoothd owns its name long before it answers, and without the agent nothing pairs. If
+// it dies, the bus ends the call.
 constexpr int kNoTimeout = G_MAXINT;
 
 constexpr const char* kInterfaces = R"xml(<node>
@@ -68,7 +68,7 @@ void refuse(GDBusMethodInvocation* invocation, const char* why)
 
 } // namespace
 
-/// A request of bluetoothd that waits for the name of a device.
+/// A request from bluetoothd that waits for the name of a device.
 struct Agent::Question {
     Agent* agent;
     GDBusMethodInvocation* invocation;
@@ -154,7 +154,7 @@ void Agent::leave()
     g_signal_handlers_disconnect_by_data(mConnection, this);
     g_bus_unwatch_name(mWatch);
     g_dbus_connection_unregister_object(mConnection, mObject);
-    // bluetoothd forgets the agent of a connection that is gone.
+    // bluetoothd forgets an agent when its connection closes.
     g_dbus_connection_close_sync(mConnection, nullptr, nullptr);
     g_clear_object(&mConnection);
 }
@@ -178,7 +178,7 @@ void Agent::onStackAppeared(GDBusConnection*, const char*, const char*, gpointer
 
 void Agent::onStackVanished(GDBusConnection* connection, const char*, gpointer)
 {
-    // It may be the bus that has vanished, and that is said elsewhere.
+    // The bus itself may have vanished; that is logged elsewhere.
     if (connection != nullptr && g_dbus_connection_is_closed(connection) == FALSE) {
         LOG_INFO("bluetoothd isn't running; registering when it starts");
     }
@@ -220,7 +220,7 @@ void Agent::onMadeDefault(GObject* connection, GAsyncResult* result, gpointer)
     }
 }
 
-// --- what bluetoothd asks ---
+// --- requests from bluetoothd ---
 
 void Agent::onCall(GDBusConnection*, const char*, const char*, const char*, const char* method,
                    GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self)
@@ -244,7 +244,7 @@ void Agent::onCall(GDBusConnection*, const char*, const char*, const char*, cons
 
 void Agent::askForName(const char* device, GDBusMethodInvocation* invocation)
 {
-    // Not the alias, which anybody who may use the bus can set.
+    // Not the alias, which any client of the bus can set.
     g_dbus_connection_call(mConnection, kStack, device, "org.freedesktop.DBus.Properties", "Get",
                            g_variant_new("(ss)", kDevice, "Name"), G_VARIANT_TYPE("(v)"),
                            G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, mCancellable, onName,
@@ -265,7 +265,7 @@ void Agent::onName(GObject* connection, GAsyncResult* result, gpointer data)
         return refuse(question->invocation, "a device without a name isn't the remote");
     }
     std::string name;
-    bluez_variant::read(bluez_variant::unwrapProperty(reply).variant, name); // stays empty if it is no text
+    bluez_variant::read(bluez_variant::unwrapProperty(reply).variant, name); // stays empty if not a string
     if (!question->agent->isRemote(name)) {
         LOG_WARN("pairing refused to %s \"%s\": not the remote", question->device.c_str(),
                  Printable(name).text());

@@ -7,7 +7,7 @@
 #include "NSRegExp.h"
 
 /// The pairing agent of a box without keys or display. bluetoothd pairs nothing unless some program has
-/// registered one, and asks it when a device wants to pair of its own accord. This one registers as the
+/// registered an agent, and asks the agent when a device itself requests pairing. This one registers as the
 /// default agent whenever bluetoothd appears, lets devices with the remote's name pair without a passkey, and
 /// refuses everything else.
 ///
@@ -21,7 +21,8 @@ public:
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
-    /// Joins the system bus, and again whenever it was lost; until it is there, one attempt a second.
+    /// Connects to the system bus, and reconnects whenever the connection is lost; until it succeeds, it
+    /// tries once a second.
     void start();
 
 private:
@@ -46,10 +47,10 @@ private:
 
     GDBusConnection* mConnection = nullptr;
     GDBusNodeInfo* mInterfaces;
-    GCancellable* mCancellable = nullptr; ///< of the calls under way
+    GCancellable* mCancellable = nullptr; ///< for the calls in progress
     NSRegExp mName;
     guint mObject = 0;
     guint mWatch = 0;
     guint mRetry = 0;
-    bool mWaiting = false; ///< it has been said that the bus is missing
+    bool mWaiting = false; ///< the missing bus has been logged
 };

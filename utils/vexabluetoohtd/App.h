@@ -22,7 +22,7 @@ enum State {
     State_ePair = 2,       ///< pairing is due at the next pass
 };
 
-/// What an idle pass finds to do.
+/// What an idle pass decides to do.
 enum Action {
     Action_eDoNothing = 0,    ///< nothing to do; publish the status
     Action_eConnect = 1,      ///< try to connect the paired remote
@@ -32,28 +32,28 @@ enum Action {
 };
 
 /**
- * The daemon: looks after one remote control and serves the rest of the box by small files under /tmp.
+ * The daemon: manages one remote control and exchanges small files under /tmp with the rest of the box.
  *
  * The one instance is owned by `gApp`. main() calls init, process and deinit on the main thread, in this
- * order; the handlers of Bluez::Listener come on the stack client's event thread, record what they hear under
- * `mMutex` and leave the decisions to the main thread.
+ * order; the handlers of Bluez::Listener run on the stack client's event thread, record events under `mMutex`
+ * and leave the decisions to the main thread.
  */
 class App : public Bluez::Listener
 {
 public:
     App();
-    /// After a second interrupt the event thread still runs, and the process ends here: with status 1, or by
-    /// the check of mMutex if anybody holds that.
+    /// After a second interrupt the event thread still runs, and the process ends here: with status 1, or
+    /// through the check of mMutex if any thread holds it.
     ~App() override;
     App(const App&) = delete;
     App& operator=(const App&) = delete;
 
-    /// Creates the stack client, waits for an adapter as long as it takes, powers it, and gives a known
-    /// remote five seconds to come up.
+    /// Creates the stack client, waits without a limit for an adapter, powers it, and gives a known remote
+    /// five seconds to connect.
     void init();
-    /// The main loop of two passes a second; runs until an interrupt.
+    /// The main loop: two passes a second until an interrupt.
     void process();
-    /// Ends the stack client and removes the published files.
+    /// Destroys the stack client and removes the published files.
     void deinit();
 
     void onAdapterAdded(const std::string& path) override;
@@ -111,19 +111,19 @@ private:
         std::uint16_t batteryLevel = 0;
     };
 
-    /// Holds mMutex for a scope, where ~App sees it.
+    /// Holds mMutex for a scope and records that for ~App.
     class Lock
     {
     public:
         enum By { MainThread, Handler };
 
-        /// A handler announces itself first, so that the main thread lets it go first.
+        /// A handler announces itself first, so that the main thread yields to it.
         Lock(App& app, By by);
         ~Lock() { unlock(); }
         Lock(const Lock&) = delete;
         Lock& operator=(const Lock&) = delete;
 
-        /// Ends the holding early. The destructor then releases once more, which mutex::unlock() passes over.
+        /// Unlocks early. The destructor then unlocks once more, which mutex::unlock() ignores.
         void unlock();
 
     private:
@@ -131,8 +131,8 @@ private:
         bool mHolding = true;
     };
 
-    /// Holds mMutex for a step of the main thread that names paths to mBluez: what BlueZ has reported is
-    /// heard before it, and nothing is removed from the client's image during it.
+    /// Holds mMutex for a step of the main thread that passes paths to mBluez. Events that BlueZ has already
+    /// reported are handled before it, and nothing is removed from the client's copy of the tree during it.
     class Section
     {
     public:
@@ -141,9 +141,9 @@ private:
         Section(const Section&) = delete;
         Section& operator=(const Section&) = delete;
 
-        /// Whether the removal of `path` has begun: such a path isn't to be looked up any more.
+        /// Whether the removal of `path` has begun: such a path must not be looked up any more.
         bool isGoing(const std::string& path) const { return mRemovals.isGoing(path); }
-        /// Whether the first of mAdapters, the one that is used, is there to be looked up.
+        /// Whether the first of mAdapters, which is the one in use, can be looked up.
         bool hasAdapter() const { return !mApp.mAdapters.empty() && !isGoing(mApp.mAdapters.front()); }
 
     private:
@@ -192,7 +192,7 @@ private:
     void updateRc(const UpdateRequest& request);
     static void runUpdate(RcuOtaUpdater& updater, const UpdateRequest& request);
 
-    std::shared_ptr<Bluez> mBluez;      ///< of the main thread; handlers ask Bluez::ofThisThread
+    std::shared_ptr<Bluez> mBluez;      ///< main thread only; handlers use Bluez::ofThisThread
     std::vector<std::string> mAdapters; ///< only the first is used
     std::vector<std::string> mDevices;  ///< remote or not
     RcInfo mRc;
@@ -200,23 +200,22 @@ private:
     pthread_helper::cond mRcFoundCond;
     pthread_helper::cond mRcPairedCond;
     bool mAdapterReady = false;   ///< an adapter has been powered once; never cleared
-    bool mReconnectArmed = false; ///< the back-off before the next reconnection runs
-    bool mRunning = true;         ///< cleared by signalHandler alone, without a lock; the loops poll it
+    bool mReconnectArmed = false; ///< the wait before the next reconnection is running
+    bool mRunning = true;         ///< cleared only by signalHandler, without a lock; polled by the loops
     NSTime mReconnectSince;
     BatteryInfo mBattery;
     std::string mFirmwarePath;
-    std::atomic<bool> mLocked{false};       ///< somebody holds mMutex; not while only waiting on a condition
-    std::atomic<bool> mMayUpdate{false};    ///< a link is looked for, or its update runs
+    std::atomic<bool> mLocked{false};       ///< a thread holds mMutex; false while it waits on a condition
+    std::atomic<bool> mMayUpdate{false};    ///< checking for a link, or its update is running
     std::atomic<bool> mHandlerWaits{false}; ///< the event thread is about to take mMutex
 };
 
-/// The one daemon; the signal handler reaches it only through this.
+/// The only instance; the signal handler's only access to it.
 extern std::unique_ptr<App> gApp;
 
-/// Replaces the content of the file `path` by `text` and a newline. Does nothing if either is empty. Whatever
-/// stands there besides a regular file of the daemon's own user is removed first; what can't be written is
-/// passed over.
+/// Replaces the content of the file `path` by `text` and a newline. Does nothing if either is empty. Anything
+/// at `path` other than a regular file of the daemon's own user is removed first. Errors are ignored.
 void writeFile(const std::string& text, const std::string& path);
 
-/// Handles SIGINT: the first stops the daemon in order, the second ends it at once with status 1.
+/// Handles SIGINT: the first shuts the daemon down in order, the second ends it at once with status 1.
 void signalHandler(int signal);

@@ -7,7 +7,7 @@ namespace
 {
 
 constexpr useconds_t kYieldUs = 1000;
-constexpr int kLongestYield = 1000; // of these slices: a second
+constexpr int kLongestYield = 1000; // number of slices; one second
 
 } // namespace
 
@@ -32,9 +32,9 @@ void App::Lock::unlock()
     mApp.mMutex.unlock();
 }
 
-// Without this the main thread, which asks for mMutex again within microseconds, would mostly have it before
-// a handler that has waited for it. A handler that holds up the daemon for longer than a second, or an
-// interrupt, ends the waiting; what is going is then not looked up.
+// Without this the main thread, which locks mMutex again within microseconds, would usually get it before a
+// waiting handler. The wait ends after a second or at an interrupt; paths that are being removed are then not
+// looked up.
 App::Section::Section(App& app) : mApp(app), mRemovals(app.mBluez->removals())
 {
     mRemovals.hold().lock();

@@ -18,7 +18,7 @@ namespace
 
 constexpr int kNeverWait = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr mode_t kStatusFileMode = 0666; // less the umask
-constexpr int kPlantingLimit = 5;        // how often somebody may be faster at one name
+constexpr int kPlantingLimit = 5;        // how often another process may win the race for one name
 constexpr std::size_t kNumberBytes = 256;
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
@@ -74,7 +74,7 @@ int parseNumber(std::string_view text, int otherwise)
     return static_cast<int>(negative ? -number : number);
 }
 
-// With a second name it could be a file that somebody else has linked here.
+// A file with more than one hard link may have been linked here by somebody else.
 bool isOwnFile(const Descriptor& file)
 {
     struct stat info {
@@ -83,13 +83,13 @@ bool isOwnFile(const Descriptor& file)
            info.st_nlink == 1;
 }
 
-// Opens the file that the daemon has written before, or a fresh one in the place of whatever else is there.
+// Opens the file that the daemon has written before, or replaces anything else there with a new one.
 Descriptor openStatusFile(const char* path)
 {
     for (int planted = 0; planted < kPlantingLimit; ++planted) {
         Descriptor present(open(path, O_WRONLY | O_NOFOLLOW | kNeverWait));
         if (present.valid() ? isOwnFile(present) : errno == EMFILE || errno == ENFILE) {
-            return present; // with no descriptor to be had, what is there stays
+            return present; // if no descriptor is available, nothing is replaced
         }
         unlink(path);
         Descriptor fresh(open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | kNeverWait, kStatusFileMode));
@@ -148,7 +148,7 @@ std::filebuf openRegularFile(const std::string& path)
     if (!file.valid() || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         return {};
     }
-    // The very descriptor that was looked at, and not its path again: somebody may have exchanged it.
+    // Uses the checked descriptor rather than the path again, since the file may have been replaced.
     __gnu_cxx::stdio_filebuf<char> buffer(file.get(), std::ios::in | std::ios::binary);
     if (buffer.is_open()) {
         file.release(); // closed by the buffer

@@ -36,7 +36,7 @@ std::unique_ptr<Firmware> Firmware::createWithLocation(const std::string& locati
     if (!firmware->parseHeader()) {
         return nullptr;
     }
-    // The stream now stands at the payload, and the upload relies on nobody moving it.
+    // The stream is now at the payload; the upload relies on it staying there.
     return firmware;
 }
 
@@ -78,7 +78,7 @@ int Firmware::fillBuffer(std::vector<std::uint8_t>& buffer)
         buffer.clear();
         return 0;
     }
-    // Byte by byte: read() gives nothing of a block within which the disk fails.
+    // Byte by byte: read() returns nothing of a block if the disk fails within it.
     std::size_t count = 0;
     for (char byte = 0; count < buffer.size() && mStream.get(byte); ++count) {
         buffer[count] = static_cast<std::uint8_t>(byte);

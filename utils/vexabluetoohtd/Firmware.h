@@ -8,11 +8,11 @@
 #include <vector>
 
 /**
- * The reader of one firmware image for the remote: a header of 12 bytes, decoded once and kept, and behind it
- * the payload, handed out block by block as it lies in the file.
+ * Reads one firmware image for the remote: a header of 12 bytes, decoded once and kept, followed by the
+ * payload, which is returned unchanged, block by block.
  *
- * All numbers in the file are little-endian. Nothing in the header is judged here; what the daemon makes of
- * an odd image follows from streaming it. No function throws. One thread at a time may use an object.
+ * All numbers in the file are little-endian. The header isn't validated here; how the daemon treats an odd
+ * image follows from streaming it. No function throws. One thread at a time may use an object.
  */
 class Firmware
 {
@@ -22,24 +22,24 @@ public:
         std::uint16_t offset;
         std::uint16_t signature;
         std::uint16_t version;
-        std::uint16_t checksum; ///< the remote's business, never computed on this side
+        std::uint16_t checksum; ///< for the remote; never computed on this side
         std::uint16_t length;   ///< of the payload, in words of four bytes
         std::uint8_t ota_flag;
         std::uint8_t reserved;
     };
 
-    /// Opens the image at `location` and reads its header: the only way to make a Firmware. Empty on failure,
-    /// which is logged for an empty path only; a regular file of 12 bytes or more never fails. Waits for
-    /// nothing: a FIFO, a device or a folder can't be opened.
+    /// Opens the image at `location` and reads its header: the only way to create a Firmware. Empty on
+    /// failure, which is logged only for an empty path; a regular file of 12 bytes or more never fails. Never
+    /// blocks: FIFOs, devices and folders are refused.
     static std::unique_ptr<Firmware> createWithLocation(const std::string& location);
 
-    /// Decodes the 12 bytes at the stream's position into the header; false, in silence, if they can't be
-    /// had.
+    /// Decodes the 12 bytes at the stream's position into the header; false, without a log message, if they
+    /// can't be read.
     bool parseHeader();
 
-    /// Reads the next bytes of the file into `buffer`, as many as it holds on entry: 20 if it is empty, and
-    /// 20 at most. Cuts `buffer` to the bytes that came and returns their number, which is 0 from the end on,
-    /// or from an error of the disk on.
+    /// Reads the next bytes of the file into `buffer`, as many as its size on entry: 20 if it is empty, and
+    /// 20 at most. Shrinks `buffer` to the bytes read and returns their number, which is 0 at the end of the
+    /// file and after a disk error.
     int fillBuffer(std::vector<std::uint8_t>& buffer);
 
     /// Makes the stream readable again, from the first byte of the header and not of the payload.

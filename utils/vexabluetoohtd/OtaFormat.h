@@ -4,9 +4,8 @@
 #include <cstddef>
 
 /**
- * What the remote's firmware prescribes for an update: its names, its characteristics and the sizes of what
- * it takes. The daemon, the tool for images and the pairing agent have it from here. Constants alone; any
- * thread.
+ * What the remote's firmware requires for an update: its names, its characteristics and the sizes of the data
+ * it accepts. Used by the daemon, the tool for images and the pairing agent. Constants only; any thread.
  */
 namespace ota_format
 {
@@ -16,7 +15,7 @@ inline constexpr char kRemoteNamePattern[] = "^VEXA.+$";
 /// What the remote's name contains in its update mode.
 inline constexpr char kUpdateNamePart[] = "BeeTgt";
 
-/// Characteristic of its update mode that takes commands and notifies about their answers.
+/// Characteristic of its update mode that takes commands and notifies the responses.
 inline constexpr char kControlPointUuid[] = "00006487-3c17-d293-8e48-14fe2e4da212";
 /// Characteristic of its update mode that takes the image's payload.
 inline constexpr char kDataUuid[] = "00006387-3c17-d293-8e48-14fe2e4da212";
@@ -25,9 +24,9 @@ inline constexpr char kDataUuid[] = "00006387-3c17-d293-8e48-14fe2e4da212";
 inline constexpr std::size_t kHeaderBytes = 12;
 /// Bytes of a word, the unit of the length in the header.
 inline constexpr std::size_t kWordBytes = 4;
-/// Bytes of payload in one write, which the last one may fall short of.
+/// Bytes of payload in one write; the last one may have fewer.
 inline constexpr std::size_t kBlockBytes = 20;
-/// Bytes at the beginning of a block that are enciphered; a shorter block isn't.
+/// Bytes at the beginning of a block that are enciphered; a shorter block isn't enciphered.
 inline constexpr std::size_t kCipherBytes = 16;
 
 } // namespace ota_format

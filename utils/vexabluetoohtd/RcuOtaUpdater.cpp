@@ -69,7 +69,7 @@ bool isSuccess(const Bytes& response, std::size_t shortest)
     return response.size() >= shortest && response[kStatusPosition] == kStatusSuccess;
 }
 
-// Wipes what a buffer held when the function that owns it ends, on every way out.
+// Wipes a buffer whenever the function that owns it returns or throws.
 class WipedAtEnd
 {
 public:
@@ -118,11 +118,12 @@ RcuOtaUpdater::~RcuOtaUpdater()
     letGo();
 }
 
-// What no callback touches ends here.
+// Releases what no callback uses.
 void RcuOtaUpdater::letGo()
 {
     if (mBluez) {
-        // Kept: no wait for a callback that is under way; the stack client walks a copy of its listeners.
+        // Kept: doesn't wait for a callback in progress; the stack client iterates over a copy of its
+        // listeners.
         mBluez->unsubscribe(this);
     }
     mBluez.reset();
@@ -132,7 +133,7 @@ void RcuOtaUpdater::letGo()
 
 void RcuOtaUpdater::retire(std::unique_ptr<RcuOtaUpdater> updater)
 {
-    const std::shared_ptr<Bluez> client = updater->mBluez; // not the event thread's to let go of
+    const std::shared_ptr<Bluez> client = updater->mBluez; // the event thread must not release it
     updater->letGo();
     client->runAfterEvents([storage = std::shared_ptr<RcuOtaUpdater>(std::move(updater))] {});
 }
@@ -144,7 +145,7 @@ const Firmware::Header& RcuOtaUpdater::getFirmwareInfo() const
 
 bool RcuOtaUpdater::update()
 {
-    // Kept: no limit and no way to cancel; the caller is blocked until the update has ended.
+    // Kept: no timeout and no way to cancel; the caller is blocked until the update has ended.
     return std::async(std::launch::async, [this] { return run(); }).get();
 }
 
@@ -154,18 +155,18 @@ void RcuOtaUpdater::onDeviceAdded(const std::string& path)
 {
     try {
         std::string name;
-        Bluez::ofThisThread().deviceGetName(path, name); // mBluez may be let go of meanwhile
+        Bluez::ofThisThread().deviceGetName(path, name); // mBluez may be released meanwhile
         if (!mOtaDevicePath.empty()) {
             return;
         }
-        // Kept: a device whose name can't be read yet isn't looked at again, not even when it gets one.
+        // Kept: a device whose name can't be read yet isn't checked again, even when it gets one.
         if (name.find(ota_format::kUpdateNamePart) == std::string::npos) {
             return;
         }
         mOtaDevicePath = path;
         mOtaDeviceFound.set_value();
     } catch (const std::future_error&) {
-        // Kept: dropped in silence, as in the other two callbacks; the promise was set before.
+        // Kept: ignored silently, as in the other two callbacks; the promise was already set.
     }
 }
 
@@ -192,7 +193,7 @@ void RcuOtaUpdater::onGattCharacteristicChanged(const Bluez::Service::Characteri
         if (characteristic.path != mControlPointPath) {
             return;
         }
-        // Kept: a second notification overwrites the response of the first; only then the promise refuses.
+        // Kept: a second notification overwrites the response of the first; only then the promise throws.
         mResponse = value;
         mResponseReady.set_value();
     } catch (const std::future_error&) {
@@ -206,7 +207,7 @@ bool RcuOtaUpdater::run()
     try {
         return takeSteps();
     } catch (const std::future_error& error) {
-        // A second update on one updater ends here, since each future is taken once.
+        // A second update on one updater ends here, since each future can be taken only once.
         LOG_ERROR("future error %s", error.what());
         return false;
     }
@@ -216,7 +217,7 @@ bool RcuOtaUpdater::takeSteps()
 {
     struct Step {
         bool (RcuOtaUpdater::*take)();
-        const char* failure; // null where the step has said it itself
+        const char* failure; // null if the step logs it itself
     };
     static constexpr Step kSteps[] = {
         {&RcuOtaUpdater::prepareOta, nullptr},
@@ -263,7 +264,7 @@ bool RcuOtaUpdater::connectOtaDevice()
         LOG_ERROR("Setting scan to ON failed");
         return false;
     }
-    // Kept: where one of the next two steps fails, discovery stays on.
+    // Kept: if one of the next two steps fails, discovery stays on.
     auto found = mOtaDeviceFound.get_future();
     if (found.wait_for(kOtaDeviceLimit) != std::future_status::ready || mOtaDevicePath.empty()) {
         LOG_ERROR("Find RCU in OTA mode failed");
@@ -310,7 +311,7 @@ bool RcuOtaUpdater::updateConnectionParameters()
     append16(packet, 17);
     append16(packet, 0);
     append16(packet, 500);
-    // Kept: whatever comes of it, the update goes on; not every remote answers.
+    // Kept: the update continues whatever the result; not every remote answers.
     writeWithResponseWaiting(packet, kResponseLimit);
     return true;
 }
@@ -326,7 +327,7 @@ bool RcuOtaUpdater::getImageInfo()
     if (!isSuccess(response, kShortestImageInfo)) {
         return false;
     }
-    // Only logged: the transfer always begins at the first byte, there is no resuming.
+    // Only logged: the transfer always begins at the first byte and can't be resumed.
     LOG_DEBUG("image version: %x image offset: %x", little(response, 3, 2), little(response, 5, 4));
     return true;
 }
@@ -335,7 +336,7 @@ bool RcuOtaUpdater::sendStartUpdate()
 {
     const Firmware::Header& header = getFirmwareInfo();
     Bytes packet{OTA_OP_START_UPDATE};
-    packet.reserve(1 + kCipherBytes); // so that no growth leaves a copy behind
+    packet.reserve(1 + kCipherBytes); // so that no reallocation leaves a copy behind
     const WipedAtEnd wiped{packet};
     append16(packet, header.offset);
     append16(packet, header.signature);
@@ -357,7 +358,8 @@ bool RcuOtaUpdater::sendImageInfo()
     Bytes packet{OTA_OP_IMAGE_INFO};
     append16(packet, getFirmwareInfo().signature);
     append32(packet, ota_format::kHeaderBytes);
-    // Kept: the one command without a wait; an answer is stored and cleared by the next awaited write.
+    // Kept: the only command that isn't awaited; a response is stored and then cleared by the next awaited
+    // write.
     return mBluez->writeCharacteristic(mControlPointPath, packet);
 }
 
@@ -372,8 +374,8 @@ bool RcuOtaUpdater::upload()
     float published = 0.0F;
 
     LOG_DEBUG("writeFw: writing...");
-    // Kept: an image of no length sends nothing and is verified all the same, and a last block that reaches
-    // beyond the length isn't cut, so `left` can end below 0 and the percentage above 100.
+    // Kept: an image of length 0 sends nothing and is still verified, and a last block that extends beyond
+    // the length isn't cut, so `left` can end below 0 and the percentage above 100.
     while (left > 0) {
         const auto start = Clock::now();
         if (!uploadBlock(block)) {
@@ -404,7 +406,7 @@ bool RcuOtaUpdater::uploadBlock(std::vector<std::uint8_t>& block)
         LOG_WARN("Stream end");
         return false;
     }
-    // Kept: only the first 16 bytes are enciphered, and a shorter block goes in the clear, unpadded. The
+    // Kept: only the first 16 bytes are enciphered, and a shorter block is sent in the clear, unpadded. The
     // remote expects exactly this.
     if (block.size() >= kCipherBytes) {
         encipherInPlace(block, 0);
@@ -419,7 +421,7 @@ bool RcuOtaUpdater::uploadBlock(std::vector<std::uint8_t>& block)
 void RcuOtaUpdater::publishPercentage(float percentage)
 {
     if (mProgressCallback) {
-        // Kept: rounded up from single precision, so that 30 % of 1,000 bytes reads 31.
+        // Kept: rounded up from single precision, so that 30 % of 1,000 bytes shows as 31.
         mProgressCallback(kUploadingWord + std::to_string(static_cast<int>(std::ceil(percentage))));
     }
 }
@@ -438,7 +440,8 @@ bool RcuOtaUpdater::verifyAndReset()
         return false;
     }
     LOG_DEBUG("img reset");
-    // Kept: notifications end before the reset is sent, so the wait for its answer always runs out.
+    // Kept: notifications are stopped before the reset is sent, so the wait for its response always times
+    // out.
     mBluez->characteristicStopNotify(mControlPointPath);
     writeWithResponseWaiting({OTA_OP_RESET}, kResponseLimit);
     return true;
@@ -447,8 +450,8 @@ bool RcuOtaUpdater::verifyAndReset()
 bool RcuOtaUpdater::writeWithResponseWaiting(const std::vector<std::uint8_t>& data,
                                              std::chrono::milliseconds timeout)
 {
-    // Kept: no lock against a callback under way, and an answer is matched to its command by time alone; one
-    // that comes later than its limit counts for the next command.
+    // Kept: no lock against a callback in progress, and a response is matched to its command by time alone;
+    // one that arrives after the timeout counts for the next command.
     mResponse.clear();
     mResponseReady = std::promise<void>{};
     if (!mBluez->writeCharacteristic(mControlPointPath, data)) {

@@ -15,24 +15,25 @@
 #include "aes.h"
 
 /**
- * Carries out one firmware update of the remote: takes it into its update mode, finds it again under its
- * other name, streams the image, has it verified and makes it restart. Serves one update and is then
+ * Carries out one firmware update of the remote: switches it to its update mode, finds it again under its
+ * other name, streams the image, has it verified and restarts the remote. Used for one update and then
  * destroyed.
  *
- * Three threads meet here without a mutex. The caller's makes and destroys the updater and is blocked in
- * update(); the update's own thread runs run() and everything below it, the progress callback too; the event
- * thread of Bluez runs the three callbacks. A path or a response is written before its promise is set, and
- * read after its future is ready.
+ * Three threads use it without a mutex. The caller's thread creates and destroys the updater and is blocked
+ * in update(); the update's own thread executes run() and everything below it, including the progress
+ * callback; the event thread of Bluez runs the three callbacks. A path or a response is written before its
+ * promise is set, and read after its future is ready.
  */
 class RcuOtaUpdater : private Bluez::Listener
 {
 public:
-    /// Hears the words of the status file; called on the update's own thread.
+    /// Receives the words for the status file; called on the update's own thread.
     using ProgressCallback = std::function<void(const std::string&)>;
 
     /// Opens the image at `firmwareLocation` and subscribes to `bluez`; sends nothing to the remote.
-    /// `otaPath` is the characteristic that switches the remote to its update mode. Empty, in silence, if
-    /// `bluez` or one of the texts is empty or the image can't be opened; `progressCallback` may be empty.
+    /// `otaPath` is the characteristic that switches the remote to its update mode. Returns null, without a
+    /// log message, if `bluez` or one of the texts is empty or the image can't be opened; `progressCallback`
+    /// may be empty.
     static std::unique_ptr<RcuOtaUpdater> create(std::shared_ptr<Bluez> bluez, const std::string& adapterPath,
                                                  const std::string& rcAddress,
                                                  const std::string& firmwareLocation,
@@ -40,7 +41,7 @@ public:
                                                  ProgressCallback progressCallback);
     ~RcuOtaUpdater() override;
     /// Ends an updater while its client runs: unsubscribes it, wipes its keys and closes its image at once. A
-    /// callback may be under way, so the storage goes on the event thread, after it; nothing waits for that.
+    /// callback may be in progress, so the event thread frees the storage after it; nothing waits for that.
     static void retire(std::unique_ptr<RcuOtaUpdater> updater);
     RcuOtaUpdater(const RcuOtaUpdater&) = delete;
     RcuOtaUpdater& operator=(const RcuOtaUpdater&) = delete;
@@ -48,14 +49,14 @@ public:
     /// The image's header.
     const Firmware::Header& getFirmwareInfo() const;
 
-    /// Runs the update on a thread of its own and blocks until it has ended, which takes up to some four
-    /// minutes and can't be cut short. True if the remote verified the image and was told to restart; the
-    /// reason of a failure is in the log. Throws std::system_error if no thread can be started.
+    /// Runs the update on a thread of its own and blocks until it has ended, which takes up to about four
+    /// minutes and can't be cancelled. True if the remote verified the image and was told to restart; the
+    /// reason for a failure is in the log. Throws std::system_error if no thread can be started.
     bool update();
 
 private:
-    /// Shared with the remote's firmware; its definition is made at configure time. Hidden, since the daemon
-    /// exports its other symbols by name for its stack traces.
+    /// Shared with the remote's firmware; its definition is generated at configure time. Hidden, since the
+    /// daemon exports its other symbols by name for its stack traces.
     [[gnu::visibility("hidden")]] static const std::array<unsigned char, 32> AES_KEY;
 
     RcuOtaUpdater() = default;
@@ -91,7 +92,7 @@ private:
     void publishPercentage(float percentage);
 
     void aesInit();
-    /// Enciphers 16 bytes: shorter data is extended by zeros, longer is cut.
+    /// Enciphers 16 bytes: shorter data is padded with zeros, longer data is cut.
     std::vector<std::uint8_t> aesEncrypt(std::vector<std::uint8_t> data) const;
     void encipherInPlace(std::vector<std::uint8_t>& data, std::size_t position) const;
 

@@ -18,7 +18,7 @@ using WordTable = std::array<std::uint32_t, 256>;
 // One table for each row of the state, so that a column of a round is four look-ups.
 using RoundTables = std::array<WordTable, kWordsPerRound>;
 
-// --- The arithmetic of FIPS-197 from which the compiler makes the tables ---
+// --- The arithmetic of FIPS-197, from which the compiler generates the tables ---
 
 constexpr unsigned multiply(unsigned a, unsigned b)
 {
@@ -165,7 +165,7 @@ inline State addRoundKey(const State& s, const std::uint32_t* key)
     return {s.c0 ^ key[0], s.c1 ^ key[1], s.c2 ^ key[2], s.c3 ^ key[3]};
 }
 
-// Forced inline: left to itself the compiler makes a call of each round, with the state through memory.
+// Forced inline: otherwise the compiler makes each round a call and passes the state through memory.
 [[gnu::always_inline]] inline State encryptRound(const State& s, const std::uint32_t* key)
 {
     const auto& t = kEncryptTables;

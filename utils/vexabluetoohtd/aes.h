@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// AES (FIPS-197) for single blocks of 16 bytes, without a mode of operation: what calls it decides what the
+// AES (FIPS-197) for single blocks of 16 bytes, without a mode of operation: the caller decides what the
 // blocks mean. Nothing here allocates, blocks or keeps state of its own.
 
 /// The round keys of one AES key, both ways. The caller owns the record, zeroes it first and wipes it when
@@ -15,8 +15,8 @@ struct AesContext {
 };
 
 /// Computes both key schedules of `key`, which holds `keyBits` / 8 bytes (FIPS-197, 5.2 and 5.3.5). Returns
-/// 0, or 1 with the context untouched if `keyBits` is none of 128, 192 and 256. The only function that writes
-/// to the context; afterwards any number of threads may use it.
+/// 0, or 1 with the context unchanged if `keyBits` isn't 128, 192 or 256. The only function that writes to
+/// the context; afterwards any number of threads may use it.
 int aes_set_key(AesContext* context, const unsigned char* key, int keyBits);
 
 /// Enciphers the 16 bytes at `input` into the 16 bytes at `output`, which may be the same block (FIPS-197,

@@ -30,7 +30,7 @@ constexpr const char* kFirmwareLink = "/tmp/bluetooth_rc_fw";
 constexpr std::size_t kLinkBufferSize = 4096;
 
 constexpr const char* kButtonFile = "/sys/class/saradc/saradc_ch0";
-constexpr int kButtonStartLevel = 1024;   // stands when the file can't be opened: released
+constexpr int kButtonStartLevel = 1024;   // used when the file can't be opened: released
 constexpr int kButtonReleasedAbove = 900; // 900 itself is pressed
 constexpr std::time_t kButtonHoldSec = 1; // exceeded by whole seconds, so held for at least 2
 
@@ -58,7 +58,7 @@ constexpr unsigned int kUpdatePauseSec = 3;
 constexpr const char* kFwVersionUuid = "0000ffd3-0000-1000-8000-00805f9b34fb";
 constexpr const char* kOtaUuid = "0000ffd1-0000-1000-8000-00805f9b34fb";
 
-// Set by the second interrupt, whose exit handlers run while the event thread goes on.
+// Set by the second interrupt, whose exit handlers run while the event thread is still running.
 bool endingAtOnce = false;
 
 std::time_t secondsSince(const NSTime& start)
@@ -72,7 +72,7 @@ void removeFile(const char* path)
     std::remove(path);
 }
 
-// Consumes a flag of the box; tells whether it was set.
+// Consumes a flag of the box; returns whether it was set.
 bool takeFlag(const char* path)
 {
     if (!box_files::isReadable(path)) {
@@ -113,18 +113,18 @@ App::~App()
     if (!endingAtOnce) {
         return;
     }
-    // The event thread still uses the members below, may stand in a bus call for longer than the user shall
-    // wait, and the thread that was interrupted may itself be the waiter of a condition: so neither join it
-    // nor take anything from under it. App is the last of the exit handlers, nothing is lost.
+    // The event thread still uses the members below and may be in a bus call for longer than the user should
+    // wait, and the interrupted thread may itself be waiting on a condition. So don't join the event thread
+    // and don't destroy anything it uses. This is the last exit handler, so nothing is lost.
     if (mLocked) {
-        mMutex.~mutex(); // Kept: the check of a lock that is destroyed while it is held ends the process
+        mMutex.~mutex(); // Kept: destroying a mutex that is held fails its check, which ends the process
     }
     _exit(EXIT_FAILURE);
 }
 
 void App::init()
 {
-    mBluez = std::make_shared<Bluez>(this); // handlers may come before this is stored
+    mBluez = std::make_shared<Bluez>(this); // handlers may run before this is stored
     writeFile("init", kStatusFile);
     waitForAdapter();
     waitForRc();
@@ -140,12 +140,12 @@ void App::waitForAdapter()
             usleep(kAdapterPollUs);
             continue;
         }
-        // Kept: an adapter that refuses is asked again at once, paced only by the calls on the bus.
+        // Kept: if the adapter refuses, it is retried at once, paced only by the calls on the bus.
         powerAdapter(path, address);
     }
 }
 
-// The first adapter, and its address if that can be had. No adapter goes between the two.
+// The first adapter, and its address if available. No adapter is removed between the two.
 bool App::findAdapter(std::string& path, std::optional<std::string>& address)
 {
     std::string text;
@@ -153,7 +153,7 @@ bool App::findAdapter(std::string& path, std::optional<std::string>& address)
     const pthread_helper::scoped_lock hold(removals.hold());
     Lock lock(*this, Lock::MainThread);
     path = firstOf(mAdapters);
-    const bool usable = !removals.isGoing(path); // asked before a handler that waits can end the removal
+    const bool usable = !removals.isGoing(path); // checked before a waiting handler can end the removal
     lock.unlock();
     if (usable && mBluez->adapterGetAddress(path, text)) {
         address = text;
@@ -207,7 +207,7 @@ bool App::bringUpRc()
 
 void App::deinit()
 {
-    // Kept: without mMutex. The release waits for a handler that is under way.
+    // Kept: without mMutex. The reset waits for a handler in progress.
     std::shared_ptr<Bluez> client;
     client.swap(mBluez);
     client.reset();
@@ -227,13 +227,13 @@ void App::process()
     NSTime pressStart;
     while (mRunning) {
         const bool due = (NSTime::nowRelative() - lastPass).toInt64() > kPassIntervalUs;
-        mMayUpdate = due && state == State_eIdle; // before the look at mRunning, or one could be deaf
+        mMayUpdate = due && state == State_eIdle; // set before mRunning is read, lest an update miss events
         if (!due || !mRunning) {
             usleep(kPassPollUs);
             continue;
         }
         lastPass = NSTime::nowRelative();
-        // What isn't a number gives 0, which reads as pressed; an empty file changes nothing.
+        // Text that isn't a number gives 0, which means pressed; an empty file means released.
         const int buttonLevel = box_files::readNumber(kButtonFile, kButtonStartLevel);
         switch (state) {
         case State_eIdle:
@@ -260,7 +260,7 @@ State App::idle(int buttonLevel, NSTime& pressStart)
     }
     LOG_INFO("Button pressed, transiting to Activation");
     pressStart = NSTime::nowRelative();
-    return State_eActivation; // also over a pairing that was asked for in this pass
+    return State_eActivation; // overrides a pairing that was requested in this pass
 }
 
 State App::activate(int buttonLevel, const NSTime& pressStart)
@@ -316,11 +316,11 @@ Action App::whatToDo()
     return whatToDoWithRc(pairFlag);
 }
 
-// Consumes the link to an image, not the image; tells whether there was one.
+// Consumes the link to an image, not the image; returns whether there was one.
 bool App::takeFirmwareLink()
 {
     std::array<char, kLinkBufferSize> target{};
-    // Kept: a target that fills the buffer leaves no end mark; targets are to be shorter.
+    // Kept: a target that fills the buffer isn't null-terminated; targets must be shorter.
     const ssize_t length = readlink(kFirmwareLink, target.data(), target.size());
     mMayUpdate = length > 0;
     if (length <= 0) {
@@ -349,14 +349,15 @@ Action App::whatToDoWithRc(bool pairFlag)
         return Action_eRemoveDevice; // whether or not the pair flag was set
     }
     if (mRc.connected) {
-        // The pair flag is swallowed: only the reset flag makes a connected remote pair again.
+        // The pair flag is dropped: only the reset flag makes a connected remote pair again.
         mReconnectArmed = false;
         return Action_eDoNothing;
     }
     return whatToDoWithAbsentRc(pairFlag);
 }
 
-// A paired remote that has dropped out is left alone for an hour, which the pair flag skips. Under mMutex.
+// A paired remote that has disconnected is left alone for an hour, unless the pair flag is set. Called under
+// mMutex.
 Action App::whatToDoWithAbsentRc(bool pairFlag)
 {
     if (pairFlag) {
@@ -378,7 +379,7 @@ Action App::whatToDoWithAbsentRc(bool pairFlag)
 void App::connectRc()
 {
     writeFile("connecting", kStatusFile);
-    // Across the call on the bus, so that the remote stays the one that is named in the log.
+    // Held during the call on the bus, so that the remote stays the one named in the log.
     const Section section(*this);
     LOG_INFO("Trying to connect to %s", Printable(mRc.address).text());
     if (!section.isGoing(mRc.path)) {
@@ -391,7 +392,7 @@ void App::removeUnpairedRc()
     LOG_WARN("Removing failed to pair device");
     const Section section(*this);
     if (section.hasAdapter()) {
-        // mRc is blanked when BlueZ reports the removal.
+        // mRc is cleared when BlueZ reports the removal.
         mBluez->adapterRemoveDevice(mAdapters.front(), mRc.path);
     }
 }
@@ -455,7 +456,7 @@ bool App::stopScan()
         LOG_ERROR("Switching scan off failed");
         return false;
     }
-    // Kept: the test is the reverse of what it says. Readers of the log see this line after every scan.
+    // Kept: the test is reversed. Readers of the log see this line after every scan.
     if (mBluez->adapterScanOff(mAdapters.front())) {
         LOG_ERROR("Switching scan off failed");
     }
@@ -489,7 +490,7 @@ bool App::requestPairing()
 }
 
 // Waits until `reached` holds, more than `limit` whole seconds have passed since `start`, or the daemon is
-// stopped. A signal that comes while nobody waits is lost, which costs one slice at most.
+// stopped. A signal sent while nobody waits is lost, which costs one slice at most.
 void App::await(pthread_helper::cond& condition, const NSTime& start, std::time_t limit,
                 bool (App::*reached)() const)
 {
@@ -529,7 +530,7 @@ void App::reportPairing()
     }
 }
 
-// --- What BlueZ reports; event thread ---
+// --- Events from BlueZ; event thread ---
 
 void App::onAdapterAdded(const std::string& path)
 {
@@ -559,14 +560,14 @@ void App::onDeviceAdded(const std::string& path)
     client.deviceGetName(path, name);
     client.deviceGetAddress(path, address);
     if (!mRunning && !mMayUpdate) {
-        client.stopEvents(); // interrupted meanwhile: the name of the next object may stay unanswered, too
+        client.stopEvents(); // interrupted: the next name request may go unanswered, too
     }
     std::vector<std::string> groups;
     if (!pattern.match(name, groups, 0)) {
-        return; // and isn't looked at again, even if its name becomes known
+        return; // and isn't checked again, even if its name becomes known
     }
     LOG_DEBUG("RC found %s : %s", Printable(name).text(), path.c_str());
-    // The last one seen is the remote, whatever was known before.
+    // The last one added is the remote, whatever was known before.
     mRc = RcInfo();
     mRc.path = path;
     mRc.address = address;
@@ -653,13 +654,13 @@ void App::onServiceRemoved(const std::string& path)
 void App::onCharacteristicAdded(const std::string& path, const Bluez::Service::Characteristic& characteristic)
 {
     const Lock lock(*this, Lock::Handler);
-    // Any characteristic of the battery service counts as the level, and the last one stands.
+    // Any characteristic of the battery service counts as the level, and the last one wins.
     if (mRc.hasBatteryService && characteristic.parent == mRc.batteryServicePath) {
         LOG_DEBUG("Battery level characteristic resolved");
         mRc.batteryLevelPath = path;
         mBattery = BatteryInfo();
     }
-    // Kept: these two don't ask whose characteristic it is; only the remote is expected to have them.
+    // Kept: these two don't check whose characteristic it is; only the remote is expected to have them.
     if (characteristic.uuid == kFwVersionUuid) {
         mRc.fwVersionPath = characteristic.path;
     }
@@ -721,7 +722,7 @@ void App::writeStatus()
     }
 }
 
-// Asks for all three properties, whatever comes of the first.
+// Reads all three properties, even if the first fails.
 bool App::refreshRc()
 {
     const bool hasAddress = mBluez->deviceGetAddress(mRc.path, mRc.address);
@@ -740,7 +741,7 @@ void App::publishRc() const
     writeFile(mRc.connected ? "connected" : "disconnected", kStatusFile);
 }
 
-// Three hours after the last reading, or when there was none, the next one waits for its delay.
+// Schedules a reading three hours after the last one, or if there was none; it starts after its delay.
 void App::scheduleReading()
 {
     const bool never = mBattery.lastRead.toInt64() == 0;
@@ -769,10 +770,10 @@ void App::readBattery(const Section& section)
     if (section.isGoing(mRc.batteryLevelPath)) {
         return;
     }
-    // The text is one zero longer than the value, so the usual value of one byte comes as two characters.
+    // The text has a zero byte after the value, so the usual value of one byte arrives as two characters.
     const std::string text = mBluez->valueFor(mRc.batteryLevelPath);
     if (text.size() == 1 || text.size() == 2) {
-        // Kept: or-ed into the old level, which only a fresh record clears.
+        // Kept: or-ed into the old level, which only a new BatteryInfo clears.
         mBattery.level = static_cast<std::uint16_t>(mBattery.level | static_cast<std::uint8_t>(text[0]));
         if (text.size() == 2) {
             mBattery.level =
@@ -800,7 +801,7 @@ void App::readFwVersion(const Section& section)
                 version = (version << 8U) | bytes[i - 1];
             }
             LOG_DEBUG("rc fw version: %x", version);
-            mRc.fwVersion = version; // a failed read, which gives no bytes, loses the version known so far
+            mRc.fwVersion = version; // a failed read returns no bytes and so loses the known version
         }
     }
     if (mRc.fwVersion != 0) {
@@ -815,20 +816,20 @@ void App::readFwVersion(const Section& section)
 void App::processUpdate()
 {
     UpdateRequest request;
-    // Kept: this guard outlives the unlock below and releases once more at the end, which passes.
+    // Kept: this guard outlives the unlock below and unlocks once more at the end, which has no effect.
     Lock lock(*this, Lock::MainThread);
     request.adapterPath = firstOf(mAdapters);
     request.rcAddress = mRc.address;
     request.otaPath = mRc.otaPath;
-    request.firmwareLocation.swap(mFirmwarePath); // each link serves for one attempt
+    request.firmwareLocation.swap(mFirmwarePath); // each link is used for one attempt
     request.rcVersion = mRc.fwVersion;
     request.batteryLevel = mBattery.level;
-    // Not held during the update, whose events come through the handlers above.
+    // Not held during the update, whose events arrive through the handlers above.
     lock.unlock();
 
     updateRc(request);
     mMayUpdate = false;
-    sleep(kUpdatePauseSec); // so that readers see the outcome before the ordinary words come back
+    sleep(kUpdatePauseSec); // so that readers see the outcome before the normal status returns
 }
 
 void App::updateRc(const UpdateRequest& request)
@@ -840,7 +841,7 @@ void App::updateRc(const UpdateRequest& request)
         writeFile("rc_fw_update_canceled", kStatusFile);
         return;
     }
-    // Called on the update's thread. Needs no lock: nobody else writes the file meanwhile.
+    // Called on the update's thread. Needs no lock: nothing else writes the file meanwhile.
     const auto publish = [](const std::string& word) { writeFile(word, kStatusFile); };
     std::unique_ptr<RcuOtaUpdater> updater = RcuOtaUpdater::create(
         mBluez, request.adapterPath, request.rcAddress, request.firmwareLocation, request.otaPath, publish);
@@ -872,7 +873,7 @@ void App::runUpdate(RcuOtaUpdater& updater, const UpdateRequest& request)
 
 void signalHandler(int signal)
 {
-    // Kept: logs, and takes the logger's locks for it; so not while its thread is in the logger.
+    // Kept: logging takes the logger's locks, so it is deferred while this thread is in the logger.
     if (STBLogger_deferSignal(signal)) {
         return;
     }

@@ -7,21 +7,21 @@
 
 #include "Firmware.h"
 
-/// What the daemon would make of an image, found by streaming it as the update does.
+/// What the daemon would send of an image, determined by streaming it as an update does.
 struct Delivery {
     std::size_t announced = 0; ///< bytes of payload that the header announces
-    std::size_t present = 0;   ///< bytes in the file behind the header
+    std::size_t present = 0;   ///< bytes in the file after the header
     std::size_t sent = 0;      ///< bytes that the daemon would send
-    std::size_t blocks = 0;    ///< in so many writes
-    std::size_t lastBlock = 0; ///< bytes of the last one
+    std::size_t blocks = 0;    ///< number of writes
+    std::size_t lastBlock = 0; ///< bytes in the last write
     std::size_t version = 0;   ///< of the header
 
-    /// Streams `firmware`, which stands at its payload, to its end.
+    /// Streams `firmware`, which must be positioned at its payload, to its end.
     static Delivery of(Firmware& firmware);
 
-    /// The daemon would send exactly what the header says: the payload, whole and nothing more.
+    /// Whether the daemon would send exactly what the header says: the whole payload and nothing more.
     bool isExact() const { return sent == announced && version != 0; }
 
-    /// What its maker ought to know about the image, one sentence each; empty for a plain good one.
+    /// What the image's creator should know, one sentence each; empty if all is well.
     std::vector<std::string> warnings() const;
 };

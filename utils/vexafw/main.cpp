@@ -28,13 +28,13 @@ namespace
 enum ExitStatus {
     Exit_eGood = 0,
     Exit_eInexact = 1, ///< verify: the daemon would send something else, or nothing
-    Exit_eFailed = 2,  ///< the command line or a file is at fault
+    Exit_eFailed = 2,  ///< error in the command line or in a file
 };
 
 constexpr unsigned kMostWords = 65535;
 constexpr double kSecondsPerBlock = 0.013;
 
-/// A message for the user, who can do something about it.
+/// An error that the user can fix; its text is shown as it is.
 class UserError : public std::runtime_error
 {
 public:
@@ -78,7 +78,7 @@ Bytes readFile(const std::string& path)
     return bytes;
 }
 
-/// Opens an image as the daemon does, which says nothing when it can't: finds out why.
+/// Opens an image as the daemon does. On failure, which the daemon doesn't explain, finds out the reason.
 std::unique_ptr<Firmware> openImage(const std::string& path)
 {
     auto firmware = Firmware::createWithLocation(path);
@@ -168,7 +168,7 @@ Bytes makeImage(const PackOptions& options, const Bytes& payload)
     return image;
 }
 
-/// An empty file of a new name beside `path`, with the permissions that any new file gets.
+/// Creates an empty file with a unique name beside `path`, with the usual permissions of a new file.
 std::string makeFileBeside(const std::string& path)
 {
     std::string name = path + ".XXXXXX";
@@ -183,7 +183,7 @@ std::string makeFileBeside(const std::string& path)
     return name;
 }
 
-/// Writes the whole file or none of it: what stood there stays until the new one is complete.
+/// Writes the whole file or nothing: an existing file stays until the new one is complete.
 void writeFile(const std::string& path, const Bytes& bytes)
 {
     const std::string part = makeFileBeside(path);
@@ -200,7 +200,7 @@ void writeFile(const std::string& path, const Bytes& bytes)
 
 int pack(const PackOptions& options)
 {
-    std::error_code missing; // a file that isn't there is told of below
+    std::error_code missing; // a missing file is reported below
     if (std::filesystem::equivalent(options.payload, options.image, missing)) {
         throw UserError{options.image + " is the payload itself: choose another file for the image"};
     }
@@ -211,7 +211,7 @@ int pack(const PackOptions& options)
     return info(options.image);
 }
 
-/// Refuses what isn't a whole number up to `largest`; CLI11 would say of 08 that it is out of range.
+/// Accepts only whole numbers up to `largest`. CLI11's own check would call 08 out of range.
 CLI::Validator numberUpTo(unsigned largest)
 {
     const auto check = [largest](const std::string& text) {
@@ -301,7 +301,7 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    // The image's reader logs as it does in the daemon; here the user asks for that by the variable.
+    // The image reader logs as in the daemon; here the user can enable that with this variable.
     setenv("VEXA_LOG_LEVEL", "ERROR", 0);
     try {
         const int status = run(argc, argv);
