@@ -6,13 +6,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// What a message costs at the place that logs it. Standard error is /dev/null here: a terminal or a pipe to a
-// journal adds its own time to a written message, and none to a dropped one.
+// The cost of a message for the code that logs it. Standard error is /dev/null here: a terminal or a pipe to
+// a journal adds its own time to a written message, and none to a dropped one.
 
 namespace
 {
 
-// Each application has a logger of its own, made by its first message.
+// Each application has a logger of its own, created by its first message.
 STBLoggerLogParams params(const char* application, bool useColors)
 {
     STBLoggerLogParams result{};
@@ -30,7 +30,7 @@ void logTo(STBLoggerLogParams& record, STBLogLevel level)
                   "/org/bluez/hci0/dev_00_11_22_33_44_55", "connected");
 }
 
-/// Standard error goes nowhere while one of these lives.
+/// Redirects standard error to /dev/null for its lifetime.
 class SilentErrors
 {
 public:

@@ -7,7 +7,7 @@
 #include "Bluez.h"
 #include "NSRegExp.h"
 
-// How long it takes to know what a D-Bus object path stands for, and a remote by its name: the work for each
+// How long it takes to classify a D-Bus object path and to recognise a remote by its name: the work for each
 // object that BlueZ announces and each property that changes.
 
 namespace
@@ -36,13 +36,13 @@ void match(benchmark::State& state, const std::string& name)
 BENCHMARK_CAPTURE(match, remotesName, std::string("VEXA RC"));
 BENCHMARK_CAPTURE(match, otherName, std::string("Living room speaker"));
 
-/// A stack client that finds no bus; paths are told apart without one.
+/// A stack client that finds no bus; classifying paths needs none.
 const Bluez& client()
 {
     static const Bluez& bluez = []() -> const Bluez& {
         setenv("VEXA_LOG_LEVEL", "error", 1);
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-        return *new Bluez(nullptr); // left to the end of the process
+        return *new Bluez(nullptr); // never destroyed
     }();
     return bluez;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// How fast an image goes to the remote: the daemon's real binary over a real dbus-daemon, timed where the
-// calls come off the socket on the remote's side. Needs a machine that has nothing else to do; 1,000 blocks
-// take 14 seconds.
+// How fast an image is sent to the remote: the daemon's real binary over a real dbus-daemon, timed where the
+// remote's side reads the calls from the socket. Needs an otherwise idle machine; 1,000 blocks take 14
+// seconds.
 
 #include <cstdio>
 #include <fstream>
@@ -36,7 +36,7 @@ class AnUploadOnAQuietMachine : public UpdateStory
 TEST_F(AnUploadOnAQuietMachine, KeepsThePace)
 {
     ASSERT_TRUE(remoteIsRead());
-    box.sim().clearBends(); // nothing of the test stands between a block and its answer
+    box.sim().clearBends(); // no bend of the test delays the answer to a block
     std::printf("load before: %s\n", load().c_str());
 
     offer(newerImage(kWords));
