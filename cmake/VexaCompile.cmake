@@ -7,7 +7,7 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-# Position-independent executables need the linker's flag besides the compiler's.
+# Position-independent executables need the linker's flag as well as the compiler's.
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
 
@@ -19,12 +19,11 @@ set(CMAKE_CXX_FLAGS_RELEASE "-O2")
 
 add_compile_options(
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
-  # No path of the machine that builds may reach the binary or its log.
+  # No path of the build machine may get into the binary or its log.
   "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/="
   "-ffile-prefix-map=${CMAKE_BINARY_DIR}/=build/")
 
-# The hardening of a release. The sanitizers bring checks of their own, which
-# _FORTIFY_SOURCE would hide from them.
+# Hardening for release builds. The sanitizers have their own checks, which _FORTIFY_SOURCE would bypass.
 add_compile_options(
   $<$<CONFIG:Release>:-fstack-protector-strong>
   $<$<CONFIG:Release>:-U_FORTIFY_SOURCE>

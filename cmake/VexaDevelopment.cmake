@@ -14,11 +14,11 @@ endif()
 option(VEXA_DEVELOPMENT "Build the simulator, the tools and the tests" ${developmentPossible})
 
 if(VEXA_DEVELOPMENT)
-  # Asked for by name: say which package is missing instead of going on without.
+  # Explicitly enabled: fail with the name of the missing package.
   find_package(GTest REQUIRED)
   find_package(CLI11 REQUIRED)
   find_package(OpenSSL REQUIRED)
 else()
-  message(STATUS "Building the daemon alone: the simulator and the tests need GoogleTest, CLI11 and "
+  message(STATUS "Building only the daemon: the simulator and the tests need GoogleTest, CLI11 and "
     "OpenSSL (Debian: libgtest-dev libgmock-dev libcli11-dev libssl-dev)")
 endif()

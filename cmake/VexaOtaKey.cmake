@@ -1,17 +1,17 @@
 # SPDX-License-Identifier: MIT
-# The key that the daemon shares with the remote's firmware (RcuOtaUpdater::AES_KEY),
-# a secret of the product. It comes from a file outside the source tree and goes
-# into one generated source that only its owner can read. No message, cache entry
-# or command line ever holds it: keep it out of every message() and -D below.
+# The key that the daemon shares with the remote's firmware (RcuOtaUpdater::AES_KEY), a secret of the product.
+# It is read from a file outside the source tree and written to one generated source that only its owner can
+# read. No message, cache entry or command line may ever contain it: keep it out of every message() and -D
+# below.
 
-# Bytes 00 to 1f. Published, so it protects nothing: for development and tests.
+# Bytes 00 to 1f. Published, so it protects nothing; only for development and tests.
 set(VEXA_OTA_DEVELOPMENT_KEY 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f)
 
-# Reads FILE, 64 hexadecimal digits in either case with blanks and newlines around
-# them, and stores the digits, in lower case, in the variable named OUT. Anything
-# else stops with an error that names the file and never what it holds.
+# Reads FILE, 64 hexadecimal digits in either case, optionally with blanks and newlines around them, and
+# stores the digits, in lower case, in the variable named OUT. Anything else is an error, which names the file
+# but never its content.
 function(vexa_read_ota_key file out)
-  if(NOT EXISTS "${file}") # which is false too for a file that can't be read
+  if(NOT EXISTS "${file}") # also false for a file that can't be read
     message(FATAL_ERROR "Over-the-air key: ${file} doesn't exist or can't be read. VEXA_OTA_KEY_FILE must "
       "name a file that holds 64 hexadecimal digits.")
   endif()
@@ -19,24 +19,24 @@ function(vexa_read_ota_key file out)
     message(FATAL_ERROR "Over-the-air key: ${file} is a folder. VEXA_OTA_KEY_FILE must name a file "
       "that holds 64 hexadecimal digits.")
   endif()
-  # Room for blanks, and an end to reading a wrong file of any size.
+  # Leaves room for blanks and limits what is read from a wrong file.
   file(READ "${file}" content LIMIT 1024)
   string(STRIP "${content}" digits)
   string(LENGTH "${digits}" length)
   if(NOT length EQUAL 64)
-    message(FATAL_ERROR "Over-the-air key: ${file} has the wrong length, ${length} characters between its "
-      "blanks. A key is 64 hexadecimal digits.")
+    message(FATAL_ERROR "Over-the-air key: ${file} has the wrong length, ${length} characters without the "
+      "surrounding blanks. A key is 64 hexadecimal digits.")
   endif()
   if(NOT digits MATCHES "^[0-9A-Fa-f]+$")
     message(FATAL_ERROR "Over-the-air key: ${file} holds a character that isn't a hexadecimal digit. "
-      "A key is 64 of 0 to 9 and a to f.")
+      "A key is 64 digits from 0 to 9 and a to f.")
   endif()
   string(TOLOWER "${digits}" digits)
   set(${out} "${digits}" PARENT_SCOPE)
 endfunction()
 
-# Writes TEXT into FILE, readable by its owner alone from the first byte on, and
-# leaves a file that already says so untouched, so that nothing is built again.
+# Writes TEXT to FILE, which only its owner can read from the first byte on. A file that already has this
+# content is left untouched, so that nothing is rebuilt.
 function(vexa_write_secret file text)
   if(EXISTS "${file}")
     file(READ "${file}" present)
@@ -50,14 +50,14 @@ function(vexa_write_secret file text)
   file(WRITE "${file}" "${text}")
 endfunction()
 
-# Chooses the key and writes the source that defines it. KEY_FILE may be empty:
-# that is the development key, which REQUIRE_OWN refuses, by a file of its own too.
+# Chooses the key and writes the source that defines it. KEY_FILE may be empty, which selects the development
+# key. REQUIRE_OWN refuses that key, even if a key file contains it.
 function(vexa_generate_ota_key keyFile requireOwn source)
   if(NOT keyFile STREQUAL "")
     vexa_read_ota_key("${keyFile}" digits)
   elseif(requireOwn)
-    message(FATAL_ERROR "Over-the-air key: this build needs the product's own (VEXA_REQUIRE_OTA_KEY). "
-      "Set VEXA_OTA_KEY_FILE to a file that holds it as 64 hexadecimal digits.")
+    message(FATAL_ERROR "Over-the-air key: this build needs the product's own key (VEXA_REQUIRE_OTA_KEY). "
+      "Set VEXA_OTA_KEY_FILE to a file that holds the key as 64 hexadecimal digits.")
   else()
     set(digits "${VEXA_OTA_DEVELOPMENT_KEY}")
   endif()
@@ -68,8 +68,9 @@ function(vexa_generate_ota_key keyFile requireOwn source)
     message(FATAL_ERROR "Over-the-air key: ${keyFile} holds the published development key, which this "
       "build refuses (VEXA_REQUIRE_OTA_KEY).")
   else()
-    message(NOTICE "Over-the-air key: the PUBLISHED DEVELOPMENT KEY. Fit for tests and the simulator; a "
-      "product sets VEXA_OTA_KEY_FILE to a file that holds its own as 64 hexadecimal digits.")
+    message(NOTICE "Over-the-air key: the PUBLISHED DEVELOPMENT KEY. Use it only for tests and "
+      "the simulator. For a product, set VEXA_OTA_KEY_FILE to a file that holds its own key as 64 "
+      "hexadecimal digits.")
   endif()
 
   string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1, " bytes "${digits}")
@@ -83,8 +84,8 @@ const std::array<unsigned char, 32> RcuOtaUpdater::AES_KEY = {${bytes}};
 ")
 endfunction()
 
-# Nobody but its owner may read what is compiled or linked into these targets,
-# from the first byte on: each holds the key.
+# Makes the compiled and linked files of these targets readable only by their owner, from the first byte on:
+# each contains the key.
 function(vexa_keep_private)
   set(launcher "\"${CMAKE_CURRENT_FUNCTION_LIST_DIR}/privately\"")
   set_target_properties(${ARGN} PROPERTIES
@@ -92,7 +93,7 @@ function(vexa_keep_private)
     RULE_LAUNCH_LINK "${launcher}")
 endfunction()
 
-# Adds the object library TARGET that defines the key, as the options say.
+# Adds the object library TARGET that defines the key, as selected by the options.
 function(vexa_add_ota_key_library target)
   set(VEXA_OTA_KEY_FILE "" CACHE FILEPATH
     "File with the over-the-air key, 64 hexadecimal digits; empty for the published development key")
@@ -108,7 +109,7 @@ function(vexa_add_ota_key_library target)
   endif()
 
   add_library(${target} OBJECT "${source}")
-  # A compiler cache would keep a copy of the key in somebody's home.
+  # A compiler cache would keep a copy of the key in the user's home folder.
   set_target_properties(${target} PROPERTIES CXX_COMPILER_LAUNCHER "")
   vexa_keep_private(${target})
 endfunction()

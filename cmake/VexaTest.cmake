@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: MIT
-# How the tests of all rooms are built and run.
+# How all tests are built and run.
 include(GoogleTest)
 
-# A sanitizer makes everything several times slower. Its report, by whatever process of a test that shares
-# the test's streams, fails the test, also where the process is ended in a way that hides its status.
+# A sanitizer makes everything several times slower. A sanitizer report from any process that shares the
+# test's streams fails the test, even if the process ends in a way that hides its exit status.
 set(VEXA_TEST_LIMIT 300)
 set(VEXA_SANITIZER_PROPERTIES)
 if(VEXA_SANITIZE)
@@ -12,14 +12,13 @@ if(VEXA_SANITIZE)
     "(ERROR|WARNING|FATAL): (Address|Leak|Thread)Sanitizer|: runtime error: ")
 endif()
 
-# Adds the program NAME_test of NAME_test.cpp, each of its cases a test of its
-# own and so a process of its own, labelled with the name of its room.
+# Adds the program NAME_test, built from NAME_test.cpp. Each of its cases becomes a separate test, which runs
+# in its own process and is labelled with the name of the folder.
 #   vexa_test(NAME [SOURCES ...] [LIBRARIES ...] [DEFINITIONS ...] [WRAPS ...] [DEPENDS ...] [ENVIRONMENT ...])
-# SOURCES are the program's other files. WRAPS names C functions whose calls by
-# the program and its static libraries go to functions of the test: it defines
-# __wrap_X and finds the true one as __real_X. DEPENDS names the programs that
-# the cases start. Cases whose suite is called ...ForLong aren't added: they run
-# only when they are asked for.
+# SOURCES are the program's other files. WRAPS names C functions for which calls by the program and its static
+# libraries are redirected to the test: it defines __wrap_X and calls the real function as __real_X. DEPENDS
+# names the programs that the cases start. Cases in a suite named ...ForLong aren't added: they run only on
+# request.
 function(vexa_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES;DEFINITIONS;WRAPS;DEPENDS;ENVIRONMENT")
   cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME room)
