@@ -8,7 +8,7 @@
 std::atomic<int> allocations{0};
 void (*onAllocation)() = nullptr;
 
-// Out of line, or the optimiser pairs this free with the new of the caller and warns.
+// Not inlined, or the optimiser pairs this free with the caller's new and warns.
 // NOLINTBEGIN(cppcoreguidelines-no-malloc)
 [[gnu::noinline]] void* operator new(std::size_t size)
 {

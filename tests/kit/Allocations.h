@@ -3,8 +3,8 @@
 
 #include <atomic>
 
-// What a program with Allocations.cpp among its sources asks of the heap. What it frees is spoilt, so that
-// nobody goes on using it unnoticed.
+// Counts the heap allocations of a program with Allocations.cpp among its sources. Freed memory is
+// overwritten, so that any later use of it shows.
 
-extern std::atomic<int> allocations; ///< how often so far
-extern void (*onAllocation)();       ///< if set, called before each
+extern std::atomic<int> allocations; ///< number of allocations so far
+extern void (*onAllocation)();       ///< if set, called before each allocation

@@ -84,7 +84,7 @@ bool Box::startAndSkipWait()
     if (!log().await(isLog(DEBUG, "main", "Waiting RC..."))) {
         return false;
     }
-    // The daemon notes the time behind that line, perhaps only now: ask again.
+    // The daemon reads the clock after that line, perhaps only now: try again.
     const auto end = std::chrono::steady_clock::now() + kPatience;
     do {
         clock().advance(5s);
@@ -111,8 +111,8 @@ bool Box::startConnected()
 
 bool Box::awaitPasses(unsigned count)
 {
-    // The pass that is under way may have looked at things before they changed, and the next one's beginning
-    // is the end of the one before.
+    // The current pass may have checked things before they changed, and the start of the next pass is the end
+    // of the previous one.
     return log().awaitCount(passBegins(), passesBegun() + count + 1);
 }
 
@@ -123,8 +123,7 @@ std::size_t Box::passesBegun()
 
 bool Box::awaitEvents()
 {
-    // An object of which the daemon only logs the arrival; its event thread deals with one thing after the
-    // other.
+    // The daemon only logs the arrival of this object; its event thread handles one event at a time.
     std::array<char, 40> path{};
     std::snprintf(path.data(), path.size(), "/org/bluez/marker/desc%04x", ++mMarkers);
     mSimulator->addObject(path.data(), {{"org.bluez.GattDescriptor1", {{"UUID", g_variant_new_string("")}}}});
@@ -141,7 +140,7 @@ bool Box::pass(std::chrono::microseconds step)
 {
     const std::size_t begun = passesBegun();
     clock().advance(step);
-    // Between passes the loop only sleeps, so its next sleep is the pass's end.
+    // Between passes the loop only sleeps, so its next sleep marks the end of the pass.
     return log().awaitCount(passBegins(), begun + 1) && program().awaitMainThreadInUsleep();
 }
 
@@ -231,7 +230,7 @@ std::string Box::pathOf(const std::string& uuid)
 void Box::loseAdapterAlone()
 {
     const std::string path = mSimulator->adapterPath();
-    // The object stays for as long as it has an interface.
+    // The object exists for as long as it has an interface.
     for (const char* interface :
          {"org.bluez.Adapter1", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"}) {
         mSimulator->removeInterface(path, interface);
@@ -260,7 +259,7 @@ void Box::disconnectRemote()
 std::string Box::describe()
 {
     constexpr std::size_t kFirst = 20;
-    constexpr std::size_t kLast = 40; // what lies between are the blocks of an update
+    constexpr std::size_t kLast = 40; // in between are the blocks of an update
     const std::vector<std::string> calls = busCalls();
     std::string text = Room::describe() + "  the calls to BlueZ:\n";
     for (std::size_t i = 0; i < calls.size(); ++i) {

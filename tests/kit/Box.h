@@ -17,17 +17,17 @@ namespace kit
 
 struct BoxOptions {
     vexasim::SimulatorOptions simulator;
-    /// Over the daemon's defaults. The trace of "main" shows every pass.
+    /// Overrides the daemon's defaults. The trace of "main" shows every pass.
     Environment environment = {{"VEXA_LOG_TRACE_MODULES", "main"}};
 };
 
-/// With a remote that has been paired before.
+/// With a remote that is already paired.
 BoxOptions pairedRemote();
-/// With nothing on the air.
+/// With no remote.
 BoxOptions noRemote();
 
-/// A set-top box for one daemon: the room, a bus, and the simulated BlueZ with its remote. The daemon's real
-/// binary runs in it.
+/// A simulated set-top box in which the daemon's real binary runs: the room, a bus, and the simulated BlueZ
+/// with its remote.
 class Box : public Room
 {
 public:
@@ -39,27 +39,27 @@ public:
 
     /// Starts the daemon and returns at once.
     void startDaemon(const std::vector<std::string>& arguments = {});
-    /// Starts it and has its start-up behind it: returns in the main loop, after the first pass. The five
-    /// seconds for the remote pass at once.
+    /// Starts the daemon and returns after the first pass of its main loop. Skips the five seconds' wait for
+    /// the remote.
     bool startToIdle();
-    /// Starts it and lets the five seconds pass; nothing of the main loop is awaited.
+    /// Starts the daemon and skips the five seconds' wait; doesn't wait for a pass of the main loop.
     bool startAndSkipWait();
-    /// Starts it with a remote that is paired (see pairedRemote()): returns when the daemon has connected it,
+    /// Starts the daemon with a paired remote (see pairedRemote()): returns when the daemon has connected it,
     /// knows its services and publishes it.
     bool startConnected();
-    /// Until `count` idle passes have begun and ended from now on.
+    /// Waits until `count` more idle passes have begun and ended.
     bool awaitPasses(unsigned count = 2);
-    /// Until the daemon has dealt with everything that BlueZ has told so far. A line of the log may come
-    /// before what it tells of: a handler logs, and then does it.
+    /// Waits until the daemon has handled everything that BlueZ has reported so far. A log line can precede
+    /// the action that it reports: a handler first logs and then acts.
     bool awaitEvents();
-    /// Stops the daemon's clock between two passes of its main loop. From here on it makes one only when
-    /// pass() lets it.
+    /// Stops the daemon's clock between two passes of its main loop. From then on only pass() lets it make
+    /// one.
     bool stopClock();
-    /// Moves the stopped clock on and sees one pass in State_eIdle or State_eActivation through.
+    /// Advances the stopped clock and waits for one complete pass in State_eIdle or State_eActivation.
     bool pass(std::chrono::microseconds step = std::chrono::milliseconds{500});
-    /// Sees that the loop looks at the stopped clock again and makes no pass.
+    /// Whether the loop reads the stopped clock again and makes no pass.
     bool makesNoPass();
-    /// An interrupt, and the end with status 0.
+    /// Interrupts the daemon and expects it to end with status 0.
     ::testing::AssertionResult stops();
 
     bool awaitLog(Level level, const std::string& module, const std::string& text,
@@ -68,27 +68,27 @@ public:
     /// Summaries of one module's records up to a level, in order.
     std::vector<std::string> logOf(const std::string& module, Level upTo = DEBUG);
     bool awaitStatus(const std::string& word);
-    /// Until pair() has published "scanning" or "pairing" and waits behind that.
+    /// Waits until pair() has published "scanning" or "pairing" and is waiting for the result.
     bool awaitWaitAt(const std::string& word);
-    /// The course of /tmp/bluetooth_status.
+    /// The history of /tmp/bluetooth_status.
     std::vector<std::string> statusCourse() { return files().course("bluetooth_status"); }
 
-    // --- what reaches BlueZ ---
+    // --- calls to BlueZ ---
     /// The daemon's calls in order, as "hci0 Adapter1.StartDiscovery ()". Those that GDBus makes to load a
     /// proxy's properties are left out.
     std::vector<std::string> busCalls() const;
-    /// The same, of these members only.
+    /// The same for these members only.
     std::vector<std::string> busCalls(const std::vector<std::string>& members) const;
 
     // --- the remote on the bus ---
     std::string remotePath() { return mSimulator->remotePath(); }
     std::string pathOf(const std::string& uuid);
-    /// Another program of the box connects it; returns when its services are known.
+    /// Connects the remote as another program of the box; returns when its services are known.
     void connectRemote();
     void disconnectRemote();
-    /// BlueZ tells that the adapter has gone, and nothing of its devices yet.
+    /// BlueZ reports the removal of the adapter, but not yet of its devices.
     void loseAdapterAlone();
-    /// A call of another program of the box. Returns whether it was answered well.
+    /// Makes a call as another program of the box. Returns whether it succeeded.
     bool callAsAnother(const std::string& path, const std::string& interface, const std::string& member);
 
     std::string describe() override;
@@ -106,26 +106,26 @@ private:
 /// "/org/bluez/hci0/dev_X" becomes "hci0/dev_X", "org.bluez.Device1" "Device1".
 std::string shortText(const vexasim::Call& call);
 
-/// How GDBus words an error of BlueZ in the daemon's log.
+/// An error of BlueZ as GDBus words it in the daemon's log.
 std::string busError(const std::string& name, const std::string& message);
 
-/// The fixture of all cases: one box, and a report of what was seen on failure.
+/// The base fixture: one box, and a report of what was seen if a case fails.
 class InABox : public ::testing::Test
 {
 protected:
     explicit InABox(BoxOptions options = {}) : box(std::move(options)) {}
     void TearDown() override;
 
-    /// The daemon in its main loop, its clock stopped between two passes.
+    /// Starts the daemon and stops its clock between two passes of the main loop.
     void startAtRest();
-    /// The same with a remote that it has connected; see pairedRemote().
+    /// The same with a remote that the daemon has connected; see pairedRemote().
     void startConnectedAtRest();
-    /// The same with a paired remote that is away. The first pass, at which the daemon saw that, was at the
+    /// The same with a paired remote that is disconnected. The daemon noticed that in its first pass, at the
     /// time that the clock shows.
     void startDisconnectedAtRest();
 
-    /// Expects that what a handler does under the daemon's lock waits for the answer to the first call of
-    /// `member`, which the case has bent to be handled kLateAnswer late.
+    /// Expects handlers that need the daemon's lock to wait for the answer to the first call of `member`,
+    /// which the case has delayed by kLateAnswer.
     void expectHandlersToWaitFor(const std::string& member);
     static constexpr std::chrono::milliseconds kLateAnswer{1000};
 
@@ -134,10 +134,10 @@ protected:
 
 } // namespace kit
 
-/// Awaits a record behind the one awaited last.
+/// Awaits a record after the one awaited last.
 #define EXPECT_LOG(box, level, module, text)                                                                 \
     EXPECT_TRUE((box).awaitLog(kit::level, module, text)) << "no " #level " of " << (module) << ": " << (text)
 #define ASSERT_LOG(box, level, module, text)                                                                 \
     ASSERT_TRUE((box).awaitLog(kit::level, module, text)) << "no " #level " of " << (module) << ": " << (text)
-/// No such record so far; await something later first.
+/// Expects no such record so far; await a later event first.
 #define EXPECT_NO_LOG(box, level, module, text) EXPECT_EQ(0U, (box).countLog(kit::level, module, text))

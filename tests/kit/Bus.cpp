@@ -176,8 +176,8 @@ std::vector<std::string> BusClient::story() const
 BusMonitor::BusMonitor(const std::string& address) : BusConnection(address)
 {
     setFilter([this, own = uniqueName()](GDBusMessage* message) {
-        // Swallows what it sees: a monitor must not answer, and GDBus would answer a call to an object that
-        // it doesn't know.
+        // Drops the messages that it sees: a monitor must not answer, and GDBus would answer calls to unknown
+        // objects.
         const bool isForThis = orEmpty(g_dbus_message_get_destination(message)) == own;
         if (!isForThis) {
             note(message);

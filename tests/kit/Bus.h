@@ -14,9 +14,9 @@
 namespace kit
 {
 
-// A test's own connections to a bus. They share no code with the simulator but the owner of a GVariant.
+// A test's own connections to a bus. The only code they share with the simulator is the owner of a GVariant.
 
-/// What a call came to: either the reply or the error.
+/// The result of a call: either the reply or the error.
 struct Answer {
     vexasim::Variant reply;
     std::string error; ///< name of the D-Bus error, "" for a reply
@@ -50,7 +50,7 @@ public:
                   const vexasim::Variant& parameters = {}, std::chrono::milliseconds limit = kPatience) const;
 
 protected:
-    /// Sees each message that comes, on GDBus's thread; tells whether GDBus may see it, too.
+    /// Gets each incoming message, on GDBus's thread; returns whether GDBus should also process it.
     using Filter = std::function<bool(GDBusMessage*)>;
     void setFilter(const Filter& filter);
 
@@ -60,7 +60,7 @@ private:
     std::mutex mFiltering; ///< held by the filter: the thread sanitizer doesn't see GDBus's own locks
 };
 
-/// A plain client of org.bluez: its signals, too, in the order in which they came.
+/// A plain client of org.bluez, which also records its signals in the order of arrival.
 class BusClient : public BusConnection
 {
 public:
@@ -86,7 +86,7 @@ public:
     void clearSignals();
     /// Waits for a signal whose path, member and parameter text contain the words.
     bool await(const std::string& path, const std::string& member, const std::string& words);
-    /// "member path-or-object words" lines, for comparing an order.
+    /// One line "member path-or-object words" for each signal, for comparing their order.
     std::vector<std::string> story() const;
 
 private:
@@ -106,9 +106,9 @@ public:
     BusMonitor(const BusMonitor&) = delete;
     BusMonitor& operator=(const BusMonitor&) = delete;
 
-    /// One line for each message that `sender`, a unique name, has sent so far.
+    /// One line for each message sent so far by `sender`, a unique name.
     std::vector<std::string> messagesOf(const std::string& sender) const;
-    /// Of any sender.
+    /// Messages of any sender.
     std::size_t count() const;
 
 private:

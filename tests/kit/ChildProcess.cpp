@@ -25,19 +25,19 @@ constexpr int kExpectationFailed = 99;
 constexpr int kNotStarted = 127;
 constexpr auto kChildLimit = std::chrono::duration_cast<std::chrono::seconds>(2 * kPatience);
 
-/// What fits on a screen.
+/// The end of the text, as much as fits on a screen.
 std::string endOf(const std::string& text)
 {
     constexpr std::size_t kShown = 4000;
     return text.size() <= kShown ? text : "...\n" + text.substr(text.size() - kShown);
 }
 
-/// What the child `body` never returns from wrote.
+/// Runs `body`, which never returns, in a child process and collects what it wrote.
 Outcome outcomeOf(const std::function<void()>& body)
 {
     const Handle output(memfd_create("output", MFD_CLOEXEC));
     const Handle errors(memfd_create("errors", MFD_CLOEXEC));
-    std::fflush(nullptr); // what is buffered is the parent's to write
+    std::fflush(nullptr); // or the child would write the parent's buffered output, too
     const pid_t child = fork();
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -17,7 +17,7 @@ struct Exit {
 
     static Exit with(int status) { return {status, {}}; }
     static Exit by(int signal) { return {{}, signal}; }
-    /// Of the status that waitpid gives.
+    /// From the status that waitpid gives.
     static Exit of(int waitStatus);
     bool operator==(const Exit& other) const { return status == other.status && signal == other.signal; }
 };
@@ -32,18 +32,18 @@ struct Outcome {
     bool exitedWith(int status) const { return exit == Exit::with(status); }
     bool killedBy(int signal) const { return exit == Exit::by(signal); }
 };
-/// With the end of what it wrote, as much as fits on a screen.
+/// Includes the end of its output, as much as fits on a screen.
 std::ostream& operator<<(std::ostream& stream, const Outcome& outcome);
 
-/// The text's lines, without their ends.
+/// The text's lines, without their newlines.
 std::vector<std::string> linesOf(const std::string& text);
 
-/// Everything in the file behind a descriptor, wherever that stands.
+/// The whole content of the file behind a descriptor, whatever its position.
 std::string contentOf(int descriptor);
 
-/// Runs `body` in a child of its own and then the exit handlers there: for what can be done once in a
-/// process, or ends it. A failed expectation within the child gives status 99 and its text on standard
-/// output. Standard output is a file and so buffered; the child is ended after twice the patience.
+/// Runs `body` and then the exit handlers in a child process: for code that can run only once in a process,
+/// or that ends it. A failed expectation in the child gives status 99 and its text on standard output.
+/// Standard output is a file and so is buffered; the child is killed after twice kPatience.
 Outcome inChild(const std::function<void()>& body);
 
 /// Runs a program with its arguments, found along PATH if it has no slash, and waits for its end.

@@ -40,7 +40,7 @@ Bytes aesEcb(const Bytes& key, const Bytes& input, Direction direction)
 
 vexasim::UpdateKey sharedKey()
 {
-    constexpr char kKeyFile[] = VEXA_OTA_KEY_FILE; // no name if the build has no key of its own
+    constexpr char kKeyFile[] = VEXA_OTA_KEY_FILE; // empty if the build has no key of its own
     const std::string file(kKeyFile);
     return file.empty() ? vexasim::developmentKey() : vexasim::readKeyFile(file);
 }

@@ -35,7 +35,7 @@ Clock::Clock(const std::string& path)
     if (address == MAP_FAILED) {
         throw std::system_error(errno, std::generic_category(), path);
     }
-    mPage = static_cast<ClockPage*>(address); // a new file reads as zeros: nothing is moved
+    mPage = static_cast<ClockPage*>(address); // a new file reads as zeros: no offsets
 }
 
 Clock::~Clock()

@@ -9,44 +9,45 @@
 namespace kit
 {
 
-/// The clocks of the program in the box, and the places where a test holds its threads. Only what the
-/// program's own code reads is moved; GLib's timers, sleeps and waits on conditions keep the true time.
+/// Controls the clocks of the program in the box, and holds its threads at certain points. Only clock
+/// readings by the program's own code are affected; GLib's timers, sleeps and waits on conditions use real
+/// time.
 class Clock
 {
 public:
     using Duration = std::chrono::nanoseconds;
 
-    /// Makes the file `path`, which the program maps.
+    /// Creates the file `path`, which the program maps.
     explicit Clock(const std::string& path);
     ~Clock();
     Clock(const Clock&) = delete;
     Clock& operator=(const Clock&) = delete;
 
-    /// Lets the monotonic clock stand still; only advance moves it then, so a test can stop on either side of
-    /// a threshold.
+    /// Stops the monotonic clock; then only advance moves it, so a test can stop on either side of a
+    /// threshold.
     void stop();
-    /// Lets it run on from where it stands.
+    /// Lets it run on from its current value.
     void run();
     void advance(Duration duration);
-    /// The stopped clock holds the program's main thread at its next look at it: between two steps of the
-    /// daemon that nothing else tells apart.
+    /// Holds the program's main thread the next time it reads the stopped clock, between two steps of the
+    /// daemon that nothing else distinguishes.
     void hold();
-    /// Moves the stopped clock, which then holds the main thread at its `look`th look at the new time.
+    /// Advances the stopped clock and holds the main thread the `look`th time it reads the new time.
     void advanceAndHold(Duration duration, unsigned look);
-    /// Until the main thread stands there.
+    /// Waits until the main thread is held.
     bool awaitHeld() const;
     void letGo();
 
-    // With Room::slowHandlers().
-    /// Until a handler waits for a lock that the main thread holds.
+    // The next functions need Room::slowHandlers().
+    /// Waits until a handler waits for a lock that the main thread holds.
     bool awaitHandlerWaiting() const;
-    /// From now on a removal is held when it has erased its object, before anybody hears of it.
+    /// From now on a removal is held after it has erased its object and before the listeners are notified.
     void holdRemovals();
-    /// Until one stands there.
+    /// Waits until a removal is held.
     bool awaitRemovalHeld() const;
     void letRemovalsGo();
 
-    /// Steps the wall clock alone, as a correction of the time of day does.
+    /// Steps only the wall clock, as setting the time of day does.
     void stepWallClock(std::chrono::microseconds step);
 
 private:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the program in the box: moves the clocks as the test says, for calls that come from the
-// program's own code. What GLib and the C library ask on their own account is answered truly, so their timers
-// aren't moved.
+// Preloaded into the program in the box: changes the clocks as the test requests, for calls from the
+// program's own code. Calls that GLib and the C library make for themselves get the real time, so their
+// timers aren't affected.
 
 #include <ctime>
 #include <sys/time.h>
@@ -29,7 +29,7 @@ bool isMoved(const void* caller)
     return page != nullptr && program.has(caller);
 }
 
-// The main thread stands here as long as the test holds it at the time that the stopped clock shows.
+// Holds the main thread here as long as the test wants it held at the time that the stopped clock shows.
 void standIfHeld(std::int64_t stoppedAtNs)
 {
     static std::int64_t lastSeenNs = 0;
@@ -49,7 +49,7 @@ void standIfHeld(std::int64_t stoppedAtNs)
 
 } // namespace
 
-// The C library names its parameters in ways that are reserved to it.
+// The C library uses reserved names for its parameters.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept
 {

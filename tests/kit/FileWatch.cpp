@@ -22,15 +22,15 @@ namespace
 {
 
 constexpr unsigned kEvents = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM;
-constexpr const char* kSyncName = ".sync"; // made and removed to see where the queue stands
-constexpr int kPriority = -10;             // lest another process overwrites a file before it is read
+constexpr const char* kSyncName = ".sync"; // created and removed to find out how far the queue is read
+constexpr int kPriority = -10;             // so that files are read before another process overwrites them
 
 Handle openRegular(const std::string& path)
 {
     struct stat info {
     };
     if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        return {}; // a firmware link, or a fifo, which mustn't get a reader by this
+        return {}; // a firmware link, or a FIFO, which must not get a reader here
     }
     return Handle(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
 }
@@ -95,8 +95,8 @@ void FileWatch::handle(const std::string& name, unsigned mask)
     mChanged.notify_all();
 }
 
-// Whatever the event was: what is there now is the truth, and the file that was there before still shows, by
-// its open handle, what it held at its end.
+// The event's kind doesn't matter: the current file is what counts, and the previous file's last content can
+// still be read through its open handle.
 void FileWatch::look(File& file, const std::string& name)
 {
     Handle now = openRegular(mFolder + "/" + name);
@@ -115,9 +115,9 @@ void FileWatch::look(File& file, const std::string& name)
 void FileWatch::record(File& file, const std::string& content)
 {
     if (content.empty() || content.back() != '\n') {
-        return; // between the truncation and the end of the write
+        return; // read between the truncation and the end of the write
     }
-    // Behind the first line a read can find the end of a longer one that is just being written in its place.
+    // The text after the first line can be the end of a longer line that is being written in its place.
     const std::string line = content.substr(0, content.find('\n'));
     if (file.moments.empty() || file.moments.back().content != line) {
         file.moments.push_back({std::chrono::steady_clock::now(), line});

@@ -15,13 +15,13 @@
 namespace kit
 {
 
-/// Stands in a file's course for its removal.
+/// Marks a removal in a file's history.
 extern const std::string kGone;
 
-/// Watches the files of one folder and keeps the whole course of each: every other line that it came to hold,
-/// and its removals. Only a file that ends in a newline counts as written; the newline isn't kept. Two
-/// contents that follow each other within less than the time in which this side wakes up can show as the
-/// later one alone; the last one before a removal is never lost.
+/// Watches the files of one folder and keeps the whole history of each: every change of its content, which is
+/// one line, and its removals. Only a file that ends in a newline counts as written; the newline isn't kept.
+/// If two contents follow each other faster than this thread wakes up, only the later one may be seen; the
+/// last one before a removal is never lost.
 class FileWatch
 {
 public:
@@ -39,18 +39,19 @@ public:
     bool await(const std::string& name, const std::string& content,
                std::chrono::milliseconds limit = kPatience) const;
     bool awaitGone(const std::string& name, std::chrono::milliseconds limit = kPatience) const;
-    /// Waits until the file has been written so often since the watch began, also with what it held already.
+    /// Waits until the file has been written `count` times since the watch began; writes of the same content
+    /// count, too.
     bool awaitWrites(const std::string& name, std::size_t count,
                      std::chrono::milliseconds limit = kPatience) const;
-    // These first see to it that everything that has happened so far is recorded.
+    // These first make sure that everything that has happened so far is recorded.
 
     std::size_t writes(const std::string& name) const;
-    /// What a file came to hold, in order; empty if it was never there.
+    /// The file's contents, in order; empty if it never existed.
     std::vector<std::string> course(const std::string& name) const;
     std::vector<Moment> moments(const std::string& name) const;
     /// Returns when everything that has happened so far is recorded.
     void sync() const;
-    /// Forgets the courses; what the files hold now is where they begin anew.
+    /// Clears the histories, which then start with the current contents.
     void forget();
     /// One line for each file.
     std::string summary() const;

@@ -8,7 +8,7 @@
 namespace kit
 {
 
-/// A firmware image to be written into a file: any header over any payload.
+/// A firmware image to be written to a file, with any header and any payload.
 struct FirmwareImage {
     std::uint16_t offset = 0x0011;
     std::uint16_t signature = 0x1234;
@@ -19,7 +19,7 @@ struct FirmwareImage {
     std::uint8_t reserved = 0xa5;
     std::vector<std::uint8_t> payload;
 
-    /// An image of `words` words that says so.
+    /// An image of `words` words whose header announces them.
     static FirmwareImage ofWords(std::uint16_t words) { return ofBytes(words, std::size_t{4} * words); }
 
     /// An image that announces `words` words and holds `bytes` bytes of payload.
@@ -28,7 +28,7 @@ struct FirmwareImage {
         FirmwareImage image;
         image.length = words;
         for (std::size_t i = 0; i < bytes; ++i) {
-            // No two blocks alike, so that a swapped or repeated one shows.
+            // No two blocks are alike, so that a swapped or repeated one shows.
             image.payload.push_back(static_cast<std::uint8_t>(i * 7 + i / 256));
         }
         return image;

@@ -42,8 +42,8 @@ private:
     int mFd = -1;
 };
 
-/// What a file of up to 4,096 bytes holds, by one read; empty if it can't be read. The daemon writes its
-/// files in place, and a second read could find the end of another content behind the first.
+/// The content of a file of up to 4,096 bytes, read with one call; empty if it can't be read. The daemon
+/// writes its files in place, so a second read could return part of a different content.
 inline std::string readAtOnce(const Handle& file)
 {
     std::array<char, 4096> buffer{};

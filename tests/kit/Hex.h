@@ -11,8 +11,8 @@
 namespace kit
 {
 
-/// The bytes that hexadecimal digits stand for; blanks between them are skipped. Throws std::invalid_argument
-/// on anything else.
+/// Converts hexadecimal digits to bytes; skips blanks between them. Throws std::invalid_argument on anything
+/// else.
 inline std::vector<std::uint8_t> fromHex(std::string_view text)
 {
     std::string digits;
@@ -31,7 +31,7 @@ inline std::vector<std::uint8_t> fromHex(std::string_view text)
     return bytes;
 }
 
-/// Two lower-case digits for each byte, each with `separator` in front.
+/// Two lower-case digits for each byte, each byte preceded by `separator`.
 template <typename Bytes>
 std::string toHex(const Bytes& bytes, const char* separator = "")
 {

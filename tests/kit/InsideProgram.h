@@ -12,13 +12,13 @@
 
 #include "tests/kit/ClockPage.h"
 
-// What the preloaded libraries share. By bare system calls: the sanitizers replace the C library's functions
-// and aren't ready when these libraries are loaded.
+// Code shared by the preloaded libraries. It uses raw system calls: the sanitizers replace the C library's
+// functions and aren't ready when these libraries are loaded.
 
 namespace kit
 {
 
-/// The page of the test; null if there is none.
+/// Maps the test's page; null if there is none.
 inline ClockPage* mapClockPage()
 {
     const char* path = getenv(kClockVariable);
@@ -32,7 +32,7 @@ inline ClockPage* mapClockPage()
     const long address =
         syscall(SYS_mmap, nullptr, sizeof(ClockPage), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0L);
     syscall(SYS_close, file);
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel gives addresses as numbers
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel returns addresses as numbers
     return address == -1 ? nullptr : reinterpret_cast<ClockPage*>(address);
 }
 
@@ -42,7 +42,7 @@ class OwnCode
 public:
     OwnCode()
     {
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel gives addresses as numbers
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel returns addresses as numbers
         const auto* headers = reinterpret_cast<const ElfW(Phdr)*>(getauxval(AT_PHDR));
         const auto* const end = headers + getauxval(AT_PHNUM);
         std::uintptr_t base = 0;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the program in the box: interrupts it as soon as it reads the clock with its handler of
-// SIGINT installed, which is while it makes its first objects. Once in its life.
+// Preloaded into the program in the box: interrupts it once, as soon as it reads the clock with its SIGINT
+// handler installed, which is while it creates its first objects.
 //
-// By bare system calls, as the clock is; but raise(3) is the C library's, or the thread sanitizer's own,
-// which would put any other signal off.
+// Uses raw system calls, as the clock does. Only raise(3) is the C library's or the thread sanitizer's, which
+// would delay a signal sent in any other way.
 
 #include <csignal>
 #include <cstdint>
@@ -14,7 +14,7 @@
 namespace
 {
 
-/// The head of what rt_sigaction(2) writes; the rest is room for it.
+/// The start of what rt_sigaction(2) writes; `rest` is space for the remainder.
 struct KernelAction {
     std::uintptr_t handler = 0;
     unsigned char rest[64] = {};
@@ -27,7 +27,7 @@ bool handlerInstalled()
     return syscall(SYS_rt_sigaction, SIGINT, nullptr, &action, kKernelSetSize) == 0 && action.handler > 1;
 }
 
-/// A sanitizer's own thread reads the clock, too.
+/// Needed because a sanitizer's own thread reads the clock, too.
 bool inMainThread()
 {
     return syscall(SYS_gettid) == syscall(SYS_getpid);
@@ -37,7 +37,7 @@ bool interrupted = false;
 
 } // namespace
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the C library's are reserved to it
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the C library uses reserved names
 extern "C" int clock_gettime(clockid_t clock, timespec* time)
 {
     if (!interrupted && inMainThread() && handlerInstalled()) {

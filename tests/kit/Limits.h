@@ -17,10 +17,10 @@ constexpr int kSlowness = 1;
 #endif
 
 /// How long a test waits for an event before it gives up. Far longer than anything takes on a healthy
-/// machine: it decides only when a test is told to have failed, never whether.
+/// machine: it decides only when a failure is reported, never whether.
 constexpr std::chrono::milliseconds kPatience = std::chrono::seconds{30} * kSlowness;
 
-/// Looks every millisecond whether the condition holds, where no event tells of it; false at the limit.
+/// Checks every millisecond whether the condition holds, for conditions without an event; false on timeout.
 template <typename Condition>
 bool eventually(Condition condition, std::chrono::milliseconds limit = kPatience)
 {

@@ -89,14 +89,14 @@ void Log::append(std::string_view text)
     appendLocked(text);
 }
 
-// Ends when the program has closed its side, which its end does.
+// Ends when the program closes its side or exits.
 void Log::read()
 {
     pollfd watched{mSource.get(), POLLIN, 0};
     bool open = true;
     while (open) {
         poll(&watched, 1, -1);
-        // Held from the pipe to the records: what isn't in the one is in the other.
+        // Held from reading the pipe to storing the records, so that all text is in one or the other.
         const std::lock_guard<std::mutex> lock(mMutex);
         open = readSome();
         mEnded = !open;
@@ -135,12 +135,12 @@ void Log::endLine()
 {
     LogRecord record = parseLogLine(mLine);
     mLine.clear();
-    if (!record.foreign || !record.text.empty()) { // GLib begins its warnings with an empty line
+    if (!record.foreign || !record.text.empty()) { // GLib's warnings begin with an empty line
         mRecords.push_back(std::move(record));
     }
 }
 
-// Waits until all that the program has written is in the records.
+// Waits until everything that the program has written is in the records.
 std::unique_lock<std::mutex> Log::lockAfterReading() const
 {
     std::unique_lock<std::mutex> lock(mMutex);

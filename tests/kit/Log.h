@@ -23,11 +23,11 @@ enum Level : char { NONE = ' ', ERROR = 'E', WARN = 'W', INFO = 'I', DEBUG = 'D'
 /// One line of a program's output.
 struct LogRecord {
     std::chrono::steady_clock::time_point arrival;
-    bool foreign = false; ///< not the daemon's logger's: a warning of GLib, a sanitizer's report
+    bool foreign = false; ///< not from the daemon's logger: a warning of GLib, a sanitizer's report
     std::string time;     ///< "12:34:56.789"
     Level level = NONE;
-    std::string module; ///< "" without a tag
-    int line = 0;       ///< 0 without one
+    std::string module; ///< "" if there is no tag
+    int line = 0;       ///< 0 if there is none
     std::string text;
     std::string raw; ///< the bytes since the last newline, colours included
 
@@ -47,11 +47,11 @@ LogPredicate beginsLog(Level level, const std::string& module, const std::string
 /// Matches a line of any kind that contains the words.
 LogPredicate contains(const std::string& words);
 
-/// The lines of a log as they come. Every method may be called on any thread.
+/// The lines of a log as they arrive. Every method may be called on any thread.
 class Log
 {
 public:
-    /// Its owner appends to it.
+    /// A log that is filled by append().
     Log() = default;
     /// Reads the log on a thread of its own until the program has closed its side.
     explicit Log(Handle source);
@@ -61,26 +61,26 @@ public:
 
     void append(std::string_view text);
 
-    /// Waits for a record behind the one that was awaited last: a test that awaits one record after the other
-    /// proves their order.
+    /// Waits for a record after the last one awaited, so a test that awaits several records in turn proves
+    /// their order.
     bool await(const LogPredicate& predicate, std::chrono::milliseconds limit = kPatience);
-    /// Waits until there are `count` such records in the whole log; moves nothing.
+    /// Waits until there are `count` such records in the whole log; doesn't move the position of await().
     bool awaitCount(const LogPredicate& predicate, std::size_t count,
                     std::chrono::milliseconds limit = kPatience) const;
     /// Waits for the program to close its side.
     bool awaitEnd(std::chrono::milliseconds limit = kPatience) const;
-    /// Waits for the line behind the one that was awaited last, and returns it; nothing at the log's end.
+    /// Waits for the line after the one awaited last and returns it; empty at the log's end.
     std::optional<std::string> next();
 
-    /// Nothing is read while the lock lives, so the program comes to wait for its reader. Its holder may ask
-    /// this object nothing meanwhile.
+    /// Nothing is read while the lock exists, so the program blocks when its output fills up. The holder must
+    /// not call any other method meanwhile.
     std::unique_lock<std::mutex> pause() { return std::unique_lock<std::mutex>(mMutex); }
 
-    // These first see to it that all that the program has written so far is read.
+    // These first make sure that everything that the program has written so far is read.
 
-    /// Awaits what comes from now on; what came is passed over.
+    /// Skips the records so far: only later ones are awaited.
     void skip();
-    /// Forgets what came.
+    /// Removes the records so far.
     void clear();
     std::vector<LogRecord> records() const;
     std::size_t count(const LogPredicate& predicate) const;
@@ -99,7 +99,7 @@ private:
     Handle mSource;
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;
-    std::string mLine; ///< begun, not ended
+    std::string mLine; ///< the unfinished line
     std::vector<LogRecord> mRecords;
     std::size_t mCursor = 0;
     bool mEnded = false;

@@ -12,7 +12,7 @@ namespace kit
 namespace
 {
 
-// The logger's greeting isn't.
+// The logger's greeting isn't tagged.
 bool isTagged(const LogRecord& record)
 {
     return !record.foreign && (!record.module.empty() || record.line > 0);
@@ -37,7 +37,7 @@ LogPredicate is(const std::string& line)
 
 LogRecorder& LogRecorder::instance()
 {
-    static LogRecorder& recorder = *new LogRecorder; // never destroyed: there are messages at exit, too
+    static LogRecorder& recorder = *new LogRecorder; // never destroyed: messages are logged at exit, too
     return recorder;
 }
 
@@ -45,8 +45,8 @@ LogRecorder::LogRecorder()
 {
     setenv("VEXA_LOG_LEVEL", "trace", 1);
     setenv("VEXA_LOG_USE_COLORS", "0", 1);
-    // The C library lets a process replace the stream: the recorder then has a record as soon as the call
-    // that logs it returns, with no pipe in between.
+    // The C library lets a process replace the stream: without a pipe in between, the recorder has a record
+    // as soon as the call that logs it returns.
     stderr = fopencookie(this, "w", {nullptr, write, nullptr, nullptr});
     setvbuf(stderr, nullptr, _IOLBF, BUFSIZ);
 }

@@ -13,12 +13,12 @@ namespace kit
 using Lines = std::vector<std::string>;
 
 /**
- * Records what the process writes to `stderr` as records of the log, and lets a test wait for one. Everything
- * goes on to standard error. The one instance is made before the first message, since the logger reads its
- * environment then, and lives until the process has ended.
+ * Stores what the process writes to `stderr` as log records, and lets a test wait for one. Everything is also
+ * passed on to standard error. The only instance is created before the first message, when the logger reads
+ * its environment, and is never destroyed.
  *
- * A record reads "E Not connected": the letter of the level and the text. One that wasn't logged by Bluez.cpp
- * carries its module, too: "E [STBThread] ...".
+ * A record reads "E Not connected": the letter of the level and the text. One not logged by Bluez.cpp
+ * includes its module, too: "E [STBThread] ...".
  */
 class LogRecorder
 {
@@ -36,9 +36,9 @@ public:
     /// Everything since the last clear(), as it was written.
     std::string text() const;
     std::size_t count(const std::string& line) const;
-    /// Waits until the record has been there `times` times; false if the limit passed first.
+    /// Waits until the record has occurred `times` times; false on timeout.
     bool await(const std::string& line, std::size_t times = 1) const;
-    /// Waits for a record that begins so; false if the limit passed first.
+    /// Waits for a record that begins with `beginning`; false on timeout.
     bool awaitBeginning(const std::string& beginning) const;
 
 private:
@@ -49,8 +49,8 @@ private:
 };
 
 /**
- * Takes what GLib has to say (its criticals and warnings) instead of printing it, so that a test can expect
- * the ones that the design provokes. One instance for the process.
+ * Collects GLib's criticals and warnings instead of printing them, so that a test can expect those that the
+ * design provokes. One instance per process.
  */
 class GlibMessages
 {

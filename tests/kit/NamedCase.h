@@ -7,7 +7,7 @@
 namespace kit
 {
 
-/// The base of a row in a table of cases: its name, by which the row appears among the tests.
+/// The base of a row in a table of cases; `name` is part of the name of its test.
 struct NamedCase {
     const char* name;
 

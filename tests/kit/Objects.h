@@ -8,8 +8,7 @@
 namespace kit
 {
 
-// Objects for Simulator::addObject, behind which nothing stands: with the properties that the daemon looks at
-// and no methods.
+// Passive objects for Simulator::addObject, with the properties that the daemon reads and no methods.
 
 inline vexasim::InterfaceMap deviceObject(const std::string& name, const std::string& address, bool paired,
                                           bool connected)

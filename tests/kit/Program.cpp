@@ -27,9 +27,9 @@ namespace kit
 namespace
 {
 
-constexpr int kPipeSize = 1 << 20; // so that the program is never held up by a reader that is late
+constexpr int kPipeSize = 1 << 20; // so that a slow reader never holds up the program
 
-/// Which step the new process came to, told through a pipe if it fails.
+/// The steps of the new process; a step that fails is reported through a pipe.
 enum class Step { Namespace, UserMap, Private, Mount, Death, Standard, Execute };
 
 struct Failure {
@@ -52,7 +52,7 @@ std::string explain(const Failure& failure)
            std::strerror(failure.error);
 }
 
-/// What a program inherits of the test's own environment.
+/// What a program inherits from the test's environment.
 constexpr std::array kInherited = {"PATH",         "TZ",           "LD_LIBRARY_PATH",
                                    "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS",
                                    "TSAN_OPTIONS", "G_SLICE"};
@@ -93,7 +93,7 @@ bool beginsReport(const LogRecord& record)
     });
 }
 
-/// A sanitizer has found a mistake in the program: whatever the case looks at, it has failed.
+/// If a sanitizer has found an error in the program, the case fails, whatever it tests.
 void expectNoReport(const std::vector<LogRecord>& records)
 {
     auto record = std::find_if(records.begin(), records.end(), beginsReport);
@@ -107,8 +107,8 @@ void expectNoReport(const std::vector<LogRecord>& records)
     ADD_FAILURE() << "the program was caught by a sanitizer:\n" << report;
 }
 
-/// Everything that the new process needs. Made before the fork: other threads of the test may hold the
-/// allocator's lock at that moment.
+/// Everything that the new process needs. Prepared before the fork, because other threads of the test may
+/// hold the allocator's lock at that moment.
 struct Launch {
     explicit Launch(const ProgramOptions& options)
         : path(options.path),
@@ -202,7 +202,7 @@ void resetSignals()
         enterNamespace(launch);
         mountAll(launch);
     }
-    // Behind the namespace: new credentials clear it.
+    // After entering the namespace: new credentials clear this setting.
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != launch.parent) {
         fail(launch, Step::Death);
     }
@@ -236,7 +236,7 @@ std::pair<Handle, Handle> makePipe()
     return {Handle(ends[0]), Handle(ends[1])};
 }
 
-/// Reading and writing end of a terminal that passes bytes on as they are.
+/// The reading and writing ends of a terminal in raw mode.
 std::pair<Handle, Handle> makeTerminal()
 {
     Handle master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -306,7 +306,7 @@ void Program::fillErrors() const
     const Handle errors(
         open(("/proc/" + std::to_string(mPid) + "/fd/2").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     require(errors.valid(), "open standard error");
-    const std::string line = std::string(PIPE_BUF - 1, '-') + "\n"; // goes in whole or not at all
+    const std::string line = std::string(PIPE_BUF - 1, '-') + "\n"; // written as a whole or not at all
     while (write(errors.get(), line.data(), line.size()) > 0) {
     }
     require(errno == EAGAIN, "fill standard error");
@@ -334,11 +334,11 @@ bool Program::handles(int number) const
 char Program::mainThreadState() const
 {
     const std::string line = ofMainThread(mPid, "stat");
-    const std::size_t name = line.rfind(')'); // which may contain anything
+    const std::size_t name = line.rfind(')'); // the program's name may contain anything
     return name != std::string::npos && name + 2 < line.size() ? line[name + 2] : '?';
 }
 
-// The number of the system call that it is in; 0 or less if it is in none.
+// The number of the system call that the main thread is in; 0 or less if none.
 long Program::mainThreadCall() const
 {
     const std::string call = ofMainThread(mPid, "syscall");
@@ -376,7 +376,7 @@ bool Program::mainThreadIsInWrite() const
     return ofMainThread(mPid, "syscall").rfind(errors, 0) == 0;
 }
 
-// How often it has gone to wait in the kernel, for whatever reason.
+// How often the main thread has waited in the kernel, for whatever reason.
 long Program::mainThreadWaits() const
 {
     const std::string status = ofMainThread(mPid, "status");
@@ -385,7 +385,7 @@ long Program::mainThreadWaits() const
     return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + key.size(), nullptr, 10);
 }
 
-// The kernel tells of none of these by an event.
+// The kernel provides no events for these.
 bool Program::awaitHandlerOf(int number, std::chrono::milliseconds limit) const
 {
     return eventually([this, number] { return handles(number); }, limit);
@@ -414,7 +414,7 @@ bool Program::awaitMainThreadInWrite(std::chrono::milliseconds limit) const
 bool Program::awaitAnew(bool (Program::*place)() const, std::chrono::milliseconds limit) const
 {
     const long before = mainThreadWaits();
-    // Two more: the first may have been on its way there already.
+    // Two more waits: the first may already have been about to begin.
     return eventually([&] { return mainThreadWaits() >= before + 2 && (this->*place)(); }, limit);
 }
 

@@ -17,29 +17,29 @@
 namespace kit
 {
 
-/// Variables over those that every program gets.
+/// Variables in addition to those that every program gets.
 using Environment = std::map<std::string, std::string>;
 
 struct ProgramOptions {
-    std::string path; ///< as seen inside, behind the mounts
+    std::string path; ///< as seen inside the mount namespace
     std::vector<std::string> arguments;
     Environment environment;
-    /// Files and folders outside to be seen at other places inside, bound in this order.
+    /// Bind mounts in this order: the path outside and the path inside.
     std::vector<std::pair<std::string, std::string>> mounts;
 };
 
-/// A program that runs beside the test. It dies with the thread that started it. Of the test's own
-/// environment it gets only what every program needs. A sanitizer's report by it fails the case.
+/// A program that runs alongside the test. It is killed when the thread that started it ends. It inherits
+/// only the essential variables of the test's environment. A sanitizer report from it fails the case.
 ///
-/// If it has mounts it gets a mount namespace of its own; a user namespace as well where the caller may not
-/// make one without, with its own user mapped to itself so that D-Bus knows it.
+/// If it has mounts, it gets its own mount namespace. If the caller isn't allowed to create that alone, it
+/// also gets a user namespace in which its user is mapped to itself, so that D-Bus recognises it.
 ///
 /// Its standard output is a terminal, so that nothing is left in a buffer when it kills itself; its standard
 /// error is a pipe.
 class Program
 {
 public:
-    /// Throws std::runtime_error that says which step failed, and what to do.
+    /// Throws std::runtime_error that says which step failed and what to do about it.
     explicit Program(const ProgramOptions& options);
     /// Kills it if it still runs.
     ~Program();
@@ -55,26 +55,26 @@ public:
     /// Fills the pipe behind its standard error with foreign lines.
     void fillErrors() const;
     void signal(int number) const;
-    /// To the main thread alone.
+    /// Sends the signal to the main thread only.
     void signalMainThread(int number) const;
-    /// Until it has a handler of its own for the signal.
+    /// Waits until the program has installed a handler for the signal.
     bool awaitHandlerOf(int number, std::chrono::milliseconds limit = kPatience) const;
-    /// Until the main thread waits in the kernel.
+    /// Waits until the main thread waits in the kernel.
     bool awaitMainThreadAsleep(std::chrono::milliseconds limit = kPatience) const;
-    /// Until the main thread waits on a condition, or for a lock.
+    /// Waits until the main thread waits on a condition or for a lock.
     bool awaitMainThreadOnCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInUsleep(std::chrono::milliseconds limit = kPatience) const;
-    /// Until it waits for the reader of its standard error, which is full.
+    /// Waits until the main thread is blocked writing to its standard error, whose pipe is full.
     bool awaitMainThreadInWrite(std::chrono::milliseconds limit = kPatience) const;
-    /// As above, but anew: it has gone through its loop at least once since.
+    /// The same, but after the main thread has gone through its loop at least once more.
     bool awaitMainThreadOnNextCondition(std::chrono::milliseconds limit = kPatience) const;
     bool awaitMainThreadInNextSleep(std::chrono::milliseconds limit = kPatience) const;
-    /// Until it has gone to wait in the kernel so often from now on, for whatever reason.
+    /// Waits until the main thread has waited in the kernel `count` more times, for whatever reason.
     bool awaitMainThreadWaits(unsigned count, std::chrono::milliseconds limit = kPatience) const;
-    /// Stops every thread of it; returns when it stands.
+    /// Stops all its threads; returns when they have stopped.
     void freeze() const;
     void thaw() const;
-    /// Behind everything that it wrote. Nothing if it still runs at the limit.
+    /// Waits for the end of the program and of its output. Empty if it still runs at the limit.
     std::optional<Exit> awaitExit(std::chrono::milliseconds limit = kPatience);
     bool running();
 

@@ -46,8 +46,8 @@ std::string makeFolder()
     return pattern;
 }
 
-/// Starts a process that waits for the test's end, however it comes, and then removes `folder`. Returns its
-/// id and what to close when it shall begin.
+/// Starts a process that waits until the test ends, in whatever way, and then removes `folder`. Returns its
+/// ID and the handle whose closing triggers the removal.
 std::pair<pid_t, Handle> hireJanitor(const std::string& folder)
 {
     std::array<int, 2> ends{};
@@ -58,7 +58,7 @@ std::pair<pid_t, Handle> hireJanitor(const std::string& folder)
     Handle writer(ends[1]);
     const pid_t pid = fork();
     if (pid == 0) {
-        // Holds none of the test's streams: who reads them would wait for it, too.
+        // Keeps none of the test's streams open, or their readers would wait for this process, too.
         setsid();
         const int null = open("/dev/null", O_RDWR);
         dup2(reader.get(), STDIN_FILENO);
@@ -81,7 +81,7 @@ std::string nameOf(const std::string& path)
     return std::filesystem::path(path).filename().string();
 }
 
-/// Where a sanitizer's options name their file of suppressions: its first character and the one behind it.
+/// Where a sanitizer's options name their suppressions file: the start and end of its path.
 std::optional<std::pair<std::size_t, std::size_t>> placeOfSuppressions(const std::string& options)
 {
     static const std::string key = ":suppressions=";
@@ -117,7 +117,8 @@ Room::~Room()
 
 // --- the program ---
 
-// What the program finds below /run/own, since the build may lie under the /tmp that is hidden.
+// The options with the suppressions file below the program's /run/own, since the build may be under the
+// hidden /tmp.
 std::string Room::showSuppressions(const std::string& options) const
 {
     const auto place = placeOfSuppressions(options);
@@ -149,11 +150,11 @@ void Room::launch(ProgramOptions options)
         }
         options.mounts.emplace_back(mFolder + "/dev", "/dev");
     }
-    // The room's /tmp last: the room itself lies under the outer one.
+    // The room's /tmp comes last: the room itself is under the outer one.
     options.mounts.emplace_back(mFolder + "/class", "/sys/class");
     options.mounts.emplace_back(runFolder(), "/run");
     options.mounts.emplace_back(mFolder + "/tmp", "/tmp");
-    mProgram.reset(); // the one of before is ended before this one starts
+    mProgram.reset(); // ends the previous program before this one starts
     mProgram = std::make_unique<Program>(options);
 }
 
@@ -168,7 +169,7 @@ void Room::startOwn(const std::string& path, const std::vector<std::string>& arg
 {
     ProgramOptions options;
     Environment all = environment;
-    // Shown below /run, since the build may lie under the /tmp that is hidden.
+    // Mounted below /run, since the build may be under the hidden /tmp.
     const auto show = [&](const std::string& own) {
         const std::string shown = kOwnFolder + nameOf(own);
         touch(runFolder() + shown);
@@ -269,8 +270,8 @@ void Room::interrupt()
     mProgram->signal(SIGINT);
 }
 
-// One for the process and one for its main thread: two pending signals of the same number would be one.
-// Delivered together when it goes on.
+// One for the process and one for its main thread, since two pending signals of the same number would be
+// merged. Both are delivered when the program continues.
 void Room::interruptTwice()
 {
     mProgram->awaitMainThreadAsleep();

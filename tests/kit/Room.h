@@ -14,9 +14,9 @@
 namespace kit
 {
 
-/// A place with a /tmp, a /sys/class and a /run of its own for one program. Both sides see the same files in
-/// them. It vanishes with the test, however that ends. A sanitizer's report by the program fails the case,
-/// however the program ends.
+/// An environment with its own /tmp, /sys/class and /run for one program. The test and the program see the
+/// same files there. It is removed with the test, however that ends. A sanitizer report from the program
+/// fails the case, however the program ends.
 class Room
 {
 public:
@@ -25,23 +25,23 @@ public:
     Room(const Room&) = delete;
     Room& operator=(const Room&) = delete;
 
-    /// Starts a program that lies at the same place inside, such as /bin/sh.
+    /// Starts a program that has the same path inside, such as /bin/sh.
     void start(const std::string& path, const std::vector<std::string>& arguments,
                const Environment& environment = {});
-    /// Starts a program of the build, wherever it lies, with the test's clock. After the end of one another
-    /// may be started.
+    /// Starts a program of the build, wherever it is, with the test's clock. When it has ended, another may
+    /// be started.
     void startOwn(const std::string& path, const std::vector<std::string>& arguments = {},
                   const Environment& environment = {});
 
     /// Programs of the build started from now on are interrupted as soon as they have a handler for that,
-    /// while they make their first objects, and go by the true clock.
+    /// while they create their first objects, and use the real clock.
     void interruptEarly() { mInterruptedEarly = true; }
 
-    /// In programs of the build started from now on the main thread wins every race for a lock.
+    /// In programs of the build started from now on, the main thread wins every race for a lock.
     void slowHandlers() { mHandlersSlow = true; }
 
-    /// Programs started from now on have a /dev of their own, with the few devices that everybody needs.
-    /// Returns where it lies outside.
+    /// Programs started from now on have their own /dev with the few devices that every program needs.
+    /// Returns its path outside.
     std::string makeDeviceFolder();
 
     Program& program() { return *mProgram; }
@@ -52,40 +52,40 @@ public:
     Clock& clock() { return *mClock; }
 
     // --- files under /tmp ---
-    /// Where a file under the program's /tmp lies outside.
+    /// The path outside of a file in the program's /tmp.
     std::string file(const std::string& name) const;
     bool exists(const std::string& name) const;
-    /// What it holds now, the newline included; nothing if it isn't there.
+    /// Its current content, including the newline; empty if it doesn't exist.
     std::optional<std::string> content(const std::string& name) const;
     void writeText(const std::string& name, const std::string& text) const;
-    /// "pair" or "reset": makes the empty flag file.
+    /// "pair" or "reset": creates the empty flag file.
     void setFlag(const std::string& flag) const;
     bool awaitFlagTaken(const std::string& flag) const;
-    /// Offers `image`, a path as the program sees it, for the remote.
+    /// Requests an update of the remote with `image`, a path as the program sees it.
     void linkFirmware(const std::string& image) const;
 
     // --- the button ---
-    /// The file is replaced in one go: the program sees the old text or the new one.
+    /// Replaces the file atomically: the program sees either the old text or the new one.
     void writeAdc(const std::string& text) const;
     void removeAdc() const;
-    /// Where the button's file lies outside.
+    /// The path outside of the button's file.
     std::string adcFile() const;
     void pressButton() const { writeAdc("12\n"); }
     void releaseButton() const { writeAdc("1023\n"); }
 
     // --- signals ---
-    /// SIGINT, wherever the program stands.
+    /// Sends SIGINT, whatever the program is doing.
     void interrupt();
-    /// Two, of which the second comes before the main thread can go on; at a moment when it waits, since the
-    /// daemon's logger puts both off to its end.
+    /// Sends SIGINT twice, the second before the main thread can continue. Does so while the main thread
+    /// waits, because the daemon's logger would defer both.
     void interruptTwice();
     std::optional<Exit> awaitExit(std::chrono::milliseconds limit = kPatience);
 
-    /// What was seen: the end of the log, the courses of the files.
+    /// What was seen: the end of the log and the histories of the files.
     virtual std::string describe();
 
 protected:
-    /// Outside path of the folder that is the program's /run.
+    /// The path outside of the program's /run.
     std::string runFolder() const { return mFolder + "/run"; }
 
 private:
@@ -93,7 +93,7 @@ private:
     void launch(ProgramOptions options);
 
     std::string mFolder;
-    Handle mJanitor; ///< when it closes, the janitor sweeps the folder away
+    Handle mJanitor; ///< closing it makes the janitor remove the folder
     pid_t mJanitorPid = -1;
     bool mInterruptedEarly = false;
     bool mHandlersSlow = false;

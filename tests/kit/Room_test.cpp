@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The private room itself, with small commands in the daemon's place.
+// Tests the room itself, with small commands instead of the daemon.
 
 #include "tests/kit/Room.h"
 
@@ -182,7 +182,7 @@ TEST_F(ARoom, PassesOnNothingOfTheOuterEnvironment)
 
 TEST_F(ARoom, StopsAProgramWhereItStands)
 {
-    sh("trap 'echo went >&2; exit' INT; sleep 60 > /dev/null 2>&1 & wait"); // who holds no log open
+    sh("trap 'echo went >&2; exit' INT; sleep 60 > /dev/null 2>&1 & wait"); // it doesn't hold the log open
     room.program().freeze();
     room.program().signal(SIGINT);
     EXPECT_FALSE(room.log().awaitEnd(50ms));
@@ -193,7 +193,7 @@ TEST_F(ARoom, StopsAProgramWhereItStands)
 
 TEST(ARoomOfATestThatDies, IsSweptAwayWithItsProgram)
 {
-    prctl(PR_SET_CHILD_SUBREAPER, 1); // what the dead test leaves behind becomes this one's child
+    prctl(PR_SET_CHILD_SUBREAPER, 1); // orphans of the dead test become children of this process
     int report[2];
     ASSERT_EQ(pipe(report), 0);
     const pid_t test = fork();

@@ -21,7 +21,7 @@ inline std::string contentOf(const std::filesystem::path& path)
     return {std::istreambuf_iterator<char>{file}, {}};
 }
 
-/// An empty temporary folder that goes with the object.
+/// A temporary folder, empty at first, that is removed with the object.
 class ScratchFolder
 {
 public:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the program in the box: its other threads look only now and then whether a lock that is held
-// has become free, so that the main thread wins each race for one that both want. And a thread that has
-// erased an object can be held before it takes its next lock.
+// Preloaded into the program in the box: its other threads only check from time to time whether a lock has
+// become free, so that the main thread wins every race for a lock. And a thread that has erased an object can
+// be held before it takes its next lock.
 
 #include <cerrno>
 #include <ctime>
@@ -40,7 +40,7 @@ void standIfHeld()
 
 } // namespace
 
-// The C library and GLib name their parameters in ways of their own.
+// The C library and GLib use other names for their parameters.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" __attribute__((visibility("default"))) int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
@@ -63,7 +63,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_mutex_lock(pthread
     return result;
 }
 
-// The event thread drops the proxy of an object when it has erased it.
+// The event thread releases an object's proxy when it has erased the object.
 // NOLINTNEXTLINE(readability-identifier-naming): GLib's name
 extern "C" __attribute__((visibility("default"))) void g_object_unref(void* object)
 {

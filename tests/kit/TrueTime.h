@@ -11,16 +11,16 @@
 namespace kit
 {
 
-// Times of the true clock, in microseconds: how long the daemon paused, seen from outside.
+// Real times, in microseconds: how long the daemon paused, measured from outside.
 
-/// Neither much shorter nor much longer. A busy machine mostly lengthens what is measured, so the upper bound
-/// is the wider one.
+/// Neither much shorter nor much longer. A busy machine usually lengthens a measured time, so the upper bound
+/// is wider.
 inline ::testing::Matcher<std::int64_t> isAbout(std::chrono::microseconds nominal)
 {
     return ::testing::AllOf(::testing::Ge(nominal.count() * 6 / 10), ::testing::Le(nominal.count() * 3));
 }
 
-/// The same for some seconds, which a busy machine lengthens by less of themselves.
+/// The same for times of several seconds, which a busy machine lengthens by a smaller share.
 inline ::testing::Matcher<std::int64_t> isNearly(std::chrono::microseconds nominal)
 {
     return ::testing::AllOf(::testing::Ge(nominal.count() * 9 / 10),
@@ -50,7 +50,7 @@ inline std::vector<std::int64_t> arrivals(Box& box, const LogPredicate& predicat
     return times;
 }
 
-/// When such calls came off the bus.
+/// When these calls arrived from the bus.
 inline std::vector<std::int64_t> times(const std::vector<vexasim::Call>& calls)
 {
     std::vector<std::int64_t> times;
@@ -60,8 +60,8 @@ inline std::vector<std::int64_t> times(const std::vector<vexasim::Call>& calls)
     return times;
 }
 
-/// How long the next `count` waits of the daemon's main thread take together. It is to do nothing but to wait
-/// and to look whether it shall go on.
+/// The total duration of the next `count` waits of the daemon's main thread, which must do nothing but wait
+/// and check whether to continue.
 inline std::int64_t timeOfWaits(Box& box, unsigned count)
 {
     const auto start = std::chrono::steady_clock::now();
