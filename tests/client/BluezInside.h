@@ -4,9 +4,9 @@
 #include "Bluez.h"
 
 /**
- * Looks into the client's private members, for the few things that it keeps to itself: placeholders in the
- * tree and entries with an empty proxy. The daemon has no hook for its tests; C++ leaves one, since an
- * explicit instantiation may name a private member. Touch them on the event thread only.
+ * Gives access to the client's private members, for the few things that it doesn't expose: placeholders in
+ * the tree and entries with an empty proxy. The daemon has no hooks for tests, but in C++ an explicit
+ * instantiation may name a private member. Use them on the event thread only.
  */
 namespace inside
 {

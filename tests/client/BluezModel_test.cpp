@@ -106,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(
         Kind{{"AService"}, "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a", "S"},
         Kind{{"ACharacteristic"}, "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a/char000b", "C"},
         Kind{{"ADescriptor"}, "/org/bluez/hci0/dev_00_11_22_33_44_55/service000a/char000b/desc000d", "D"},
-        // What is of no kind.
+        // Paths of no kind.
         Kind{{"NothingForAnEmptyPath"}, "", ""}, Kind{{"NothingForTheRoot"}, "/", ""},
         Kind{{"NothingForBlueZItself"}, "/org/bluez", ""}, Kind{{"NothingForAPlayer"}, "/x/player0", ""},
         // Adapters.
@@ -131,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(
         Kind{{"NoDescriptorInUpperCase"}, "/x/desc00AB", ""},
         Kind{{"NoDescriptorOfThreeDigits"}, "/x/desc00a", ""},
         Kind{{"ADescriptorInTheMiddleOfAWord"}, "/x/xdesc00aby", "D"},
-        // The levels above don't matter, and one component may be of several kinds.
+        // The levels above don't matter, and one component may match several kinds.
         Kind{{"ACharacteristicWhateverStandsAbove"}, "/a/char00ff", "C"},
         Kind{
             {"OnlyTheLastComponent"}, "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF/service0001/char0002/other", ""},
@@ -353,8 +353,8 @@ struct Slot {
     std::size_t place;
 };
 
-// A pointer to a virtual operation begins with the operation's offset in the virtual table; the lowest bit
-// only says that it is one.
+// A pointer to a virtual function starts with the function's offset in the virtual table; the lowest bit only
+// marks it as virtual.
 template <typename Operation>
 Slot slotOf(const char* name, Operation operation)
 {
@@ -398,7 +398,7 @@ TEST(AListener, HasItsDestructorBehindItsOperationsAndNoData)
         bool& mDead;
     };
     static_assert(sizeof(Bluez::Listener) == sizeof(void*));
-    constexpr std::size_t kDestructor = 15; // the one that gives no storage back
+    constexpr std::size_t kDestructor = 15; // the one that doesn't free the storage
     bool dead = false;
     alignas(Mortal) unsigned char storage[sizeof(Mortal)] = {};
     auto* const mortal = new (storage) Mortal(dead);
@@ -412,7 +412,7 @@ TEST(AListener, HasItsDestructorBehindItsOperationsAndNoData)
 
 // --- Holder of a variant ---
 
-// A variant that raises `released` when its last reference goes.
+// A variant that sets `released` when its last reference is dropped.
 GVariant* makeVariant(bool& released)
 {
     static const guchar kByte = 7;

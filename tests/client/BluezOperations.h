@@ -6,9 +6,9 @@
 
 #include "tests/client/BluezTest.h"
 
-// The client's operations on a path as one table, for what holds for all of them or for all of a sort.
+// The client's operations on a path as one table, for tests that apply to all of them or to all of one kind.
 
-/// Whether an operation shares the proxy that it has found for as long as it uses it.
+/// Whether an operation holds a reference to the proxy that it has found while it uses it.
 enum class Proxy { Shared, Borrowed, None };
 
 /// The lines that an operation logs when it is refused, none where the text is empty.
@@ -29,13 +29,13 @@ struct Property {
 
 /// The one message that an operation sends.
 struct BusMessage {
-    const char* method = nullptr; ///< null for an operation that sends none or, as devicePair, several
+    const char* method = nullptr; ///< null for an operation that sends none or several (devicePair)
     const char* parameters = "()";
     const char* outcomeOfError = "refused";
-    const char* reply = "()"; ///< a good one
+    const char* reply = "()"; ///< of a successful call
     const char* outcome = "done";
-    kit::Lines errors = {};   ///< logged behind the error itself
-    bool asksForError = true; ///< without, an error isn't logged
+    kit::Lines errors = {};   ///< logged after the error itself
+    bool asksForError = true; ///< if false, an error isn't logged
 };
 
 struct Operation : kit::NamedCase {
@@ -58,7 +58,7 @@ std::vector<Operation> calls();
 /// Those that look for a proxy.
 std::vector<Operation> operationsThroughAProxy();
 
-/// A client with an object of each kind, on which each operation finds what it asks for.
+/// A client with an object of each kind, which has everything that the operations need.
 class ABusWithEverything : public ABusWithBlueZ
 {
 protected:

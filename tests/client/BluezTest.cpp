@@ -20,7 +20,7 @@ ABus::~ABus()
 {
     client.reset();
     if (mConnection != nullptr) {
-        // The bus goes now, and GDBus would end the process for it.
+        // The bus ends now, and GDBus would then end the process.
         g_dbus_connection_set_exit_on_close(mConnection, FALSE);
         g_object_unref(mConnection);
     }
@@ -30,7 +30,7 @@ ABus::~ABus()
 
 void ABus::SetUp()
 {
-    // A failed start releases nothing, and GIO hands the same connection out as long as it lives.
+    // A failed start releases nothing, and GIO returns the same connection as long as it exists.
     GDBusConnection* left = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     const bool used = left != nullptr && g_dbus_connection_is_closed(left) != FALSE;
     g_clear_object(&left);
@@ -40,7 +40,7 @@ void ABus::SetUp()
 
 void ABus::construct(Bluez::Listener* first)
 {
-    // Each client gives back one reference more than it takes.
+    // Each client drops one more reference than it takes.
     g_main_context_ref(g_main_context_default());
     client = std::make_unique<Bluez>(first);
 }
@@ -55,7 +55,7 @@ void ABus::start(Bluez::Listener* first)
 
 void ABus::onEventThread(const std::function<void()>& task)
 {
-    // Says to the thread sanitizer, which doesn't see GLib's locks, that the task is handed over.
+    // Tells the thread sanitizer, which doesn't see GLib's locks, that the task is handed over.
     static std::atomic<int> handovers{0};
     handovers.fetch_add(1, std::memory_order_release);
     const auto done = std::make_shared<std::promise<void>>();
@@ -80,7 +80,7 @@ GDBusConnection* ABus::connection()
 
 void ABus::settle()
 {
-    // The bus answers in order: with the reply everything that it sent before has been read and queued.
+    // The bus answers in order: when the reply is here, everything sent before it has been read and queued.
     GVariant* reply = g_dbus_connection_call_sync(
         connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
         nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(kit::kPatience.count()), nullptr, nullptr);

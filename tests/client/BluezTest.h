@@ -26,7 +26,7 @@ using vexasim::InterfaceMap;
 using vexasim::PropertyMap;
 using vexasim::Variant;
 
-/// Where the plain objects of the tests lie.
+/// The paths of the tests' standard objects.
 constexpr const char* kAdapter = "/org/bluez/hci0";
 constexpr const char* kDevice = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01";
 constexpr const char* kService = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01/service0010";
@@ -44,13 +44,13 @@ constexpr const char* kBatteryUuid = "0000180f-0000-1000-8000-00805f9b34fb";
 constexpr const char* kLevelUuid = "00002a19-0000-1000-8000-00805f9b34fb";
 constexpr const char* kConfigurationUuid = "00002902-0000-1000-8000-00805f9b34fb";
 
-/// A kind of object that the client tracks, with the plain object of that kind.
+/// A kind of object that the client tracks, with the standard object of that kind.
 struct Kind : kit::NamedCase {
     const char* path;
     const char* interface;
     inside::Members::ProxyMap Bluez::*proxies;
 
-    /// The event of such an object's arrival or removal.
+    /// The event for the arrival or removal of such an object.
     std::string added(const std::string& of) const { return std::string("on") + name + "Added " + of; }
     std::string removed(const std::string& of) const { return std::string("on") + name + "Removed " + of; }
     std::string added() const { return added(path); }
@@ -86,7 +86,7 @@ inline Variant int16(std::int16_t value)
 {
     return {g_variant_new_int16(value)};
 }
-/// The reply of a method without a result.
+/// The reply to a method without a result.
 inline Variant nothing()
 {
     return {g_variant_new_tuple(nullptr, 0)};
@@ -102,15 +102,15 @@ protected:
     ABus();
     void SetUp() override;
 
-    /// Builds the client. It may hear of objects before this returns.
+    /// Creates the client. `first` may get events before this returns.
     void construct(Bluez::Listener* first);
     void construct() { construct(&listener); }
-    /// Builds the client and returns when it has reported all that exists and its event loop runs.
+    /// Creates the client and returns when it has reported all existing objects and its event loop runs.
     void start(Bluez::Listener* first);
     void start() { start(&listener); }
     void destroy() { client.reset(); }
 
-    /// Runs the task on the event thread, between two events, and returns when it has.
+    /// Runs the task on the event thread, between two events, and returns when it has finished.
     void onEventThread(const std::function<void()>& task);
     /// Returns when the client has handled all that the bus has sent so far.
     virtual void settle();
@@ -120,24 +120,24 @@ protected:
     /// GLib's criticals and warnings that the case expects; any other fails it.
     void expectFromGlib(const kit::Lines& messages);
 
-    /// The client's entries for proxies, empty ones too, kind by kind: "Adapter /org/bluez/hci0".
+    /// The client's entries for proxies, including empty ones, kind by kind: "Adapter /org/bluez/hci0".
     kit::Lines known();
 
     kit::LogRecorder& log = kit::LogRecorder::instance();
     std::unique_ptr<vexasim::PrivateBus> bus;
     RecordingListener listener;
-    std::array<RecordingListener, 4> others; ///< for cases with more; their addresses ascend
+    std::array<RecordingListener, 4> others; ///< for cases with several listeners; their addresses ascend
     std::unique_ptr<Bluez> client;
 
 private:
     GDBusConnection* mConnection = nullptr;
 };
 
-/// A BlueZ in software on that bus, with nothing but the objects that a case adds to it.
+/// A simulated BlueZ on that bus, with only the objects that a case adds to it.
 class ABusWithBlueZ : public ABus
 {
 public:
-    ~ABusWithBlueZ() override { destroy(); } // before the simulator, whose end would be one more event
+    ~ABusWithBlueZ() override { destroy(); } // before the simulator, whose end would cause another event
 
 protected:
     explicit ABusWithBlueZ(const vexasim::SimulatorOptions& options = bare());
@@ -151,16 +151,16 @@ protected:
     void addService(const std::string& path = kService, const std::string& uuid = kBatteryUuid);
     void addCharacteristic(const std::string& path = kCharacteristic, const std::string& uuid = kLevelUuid);
     void addDescriptor(const std::string& path = kDescriptor, const std::string& uuid = kConfigurationUuid);
-    /// The object alone goes; what lies below it stays.
+    /// Removes only the object; the objects below it stay.
     void removeAlone(const std::string& path, const std::string& interface);
-    /// The five above in their order.
+    /// Adds the five objects above in that order.
     void addAll();
-    /// Starts the client with those five, and begins the records of events, calls and log anew.
+    /// Starts the client with those five and clears the records of events, calls and log.
     void startWithAll();
-    /// The plain object of this kind signals changes; returns when the client has handled them.
+    /// Makes the standard object of this kind signal changes; returns when the client has handled them.
     void change(const Kind& kind, const PropertyMap& properties);
 
-    /// A copy of the client's image of the GATT tree.
+    /// A copy of the client's GATT tree.
     std::map<std::string, Bluez::Service> tree();
     /// The proxy that the client holds for this object, null if its entry is empty.
     GDBusProxy* proxyOf(const Kind& kind, const std::string& path);
@@ -168,8 +168,8 @@ protected:
     /// How many proxies the log says were released.
     std::size_t unrefs() const;
 
-    /// As GIO does it when an object arrives or goes: the manager's own signal, with this path. For arrivals
-    /// that no bus brings about.
+    /// Emits the object manager's signal for this path, as GIO does when an object arrives or is removed. For
+    /// arrivals that no bus would cause.
     void emitObjectAdded(const std::string& path) { emitFromManager("object-added", path); }
     void emitObjectRemoved(const std::string& path) { emitFromManager("object-removed", path); }
 
@@ -179,7 +179,7 @@ private:
     void emitFromManager(const char* signal, const std::string& path);
 };
 
-/// Notes the methods of the messages that leave this process on the client's connection, but for those of
+/// Records the methods of the messages that this process sends on the client's connection, except those of
 /// settle().
 class OutgoingMessages
 {

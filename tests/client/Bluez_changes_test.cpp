@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What listeners hear of changed properties and values.
+// How listeners are notified of changed properties and values.
 #include <chrono>
 #include <future>
 
@@ -20,8 +20,8 @@ using ATrackedTree = ABusWithBlueZ;
 struct Change : kit::NamedCase {
     const char* property;
     const char* value;
-    const char* event;     ///< empty for a change that is passed over
-    const char* type = ""; ///< of a value that isn't of the property's
+    const char* event;     ///< empty for a change that is ignored
+    const char* type = ""; ///< of a value whose type isn't the property's
 };
 
 class AChangeOfADevice : public ATrackedTree, public testing::WithParamInterface<Change>
@@ -81,7 +81,7 @@ TEST_F(ATrackedTree, DeliversEveryChangeOfOneSignalInItsOrder)
 {
     startWithAll();
 
-    // In an order that isn't that of the names.
+    // In an order other than that of the names.
     sim->emitSignal(kDevice, "org.freedesktop.DBus.Properties", "PropertiesChanged",
                     Variant::parse("('org.bluez.Device1', {'ServicesResolved': <true>, 'RSSI': <@n -50>, "
                                    "'Alias': <'x'>, 'Paired': <true>, 'Connected': <true>}, @as [])"));
@@ -187,12 +187,13 @@ TEST_F(ATrackedTree, PassesOverOtherChangesOfACharacteristic)
     EXPECT_EQ(log.lines(), kit::Lines{std::string("D props changed: ") + kCharacteristic});
 }
 
-// A proxy that outlives its entry, since a call on it is under way, still sees the value change; the record
-// of that event asks for the path again and so leaves an entry. The entry shows whether a record was built.
+// A proxy that outlives its entry, because a call on it is in progress, still receives the value change;
+// building the record for that event looks up the path again and so leaves an entry. The entry shows whether
+// a record was built.
 class AValueOfACharacteristicThatHasGone : public ATrackedTree
 {
 protected:
-    // Changes the value while a call keeps the proxy alive; returns what stands in the map afterwards.
+    // Changes the value while a call keeps the proxy alive; returns the map's entries afterwards.
     kit::Lines entriesAfterTheChange()
     {
         addCharacteristic();
@@ -242,7 +243,7 @@ TEST_F(AValueThatNobodyHears, CostsNoRecord)
 
 TEST_F(ATrackedTree, SharesTheBytesOfAValueAmongTheListeners)
 {
-    // Only the address tells a shared vector from a copy.
+    // Only the address distinguishes a shared vector from a copy.
     struct Shared : Bluez::Listener {
         const Bytes* bytes = nullptr;
         void onGattCharacteristicChanged(const Characteristic& /*characteristic*/,
@@ -270,7 +271,7 @@ TEST_F(ATrackedTree, BuildsARecordOfAValueForEachListenerWhenItsTurnComes)
 {
     RecordingListener& first = others.front();
     RecordingListener& second = others.back();
-    // What the proxy knows changes between the two.
+    // The proxy's cached value changes between the two.
     first.onEvent = [&](const std::string& event) {
         if (event.rfind("onGattCharacteristicChanged", 0) == 0) {
             GDBusProxy* proxy = ((*client).*kCharacteristicKind.proxies).at(kCharacteristic).get();

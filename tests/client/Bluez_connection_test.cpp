@@ -90,7 +90,7 @@ TEST_F(AClient, ReportsWhatExistsInAscendingOrderOfThePaths)
     const std::string second = "/org/bluez/hci1";
     const std::string device2 = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02";
     const std::string service0 = std::string(kDevice) + "/service000a";
-    // Published in an order in which nothing is sorted.
+    // Published in an order that isn't sorted in any way.
     addAdapter(second);
     addDescriptor();
     addDevice(device2);
@@ -197,7 +197,8 @@ TEST_F(AClientWithoutABus, StillTellsOfARemovalButNotOfAnArrival)
 {
     log.clear();
 
-    // No signal can come without a connection: the two steps behind the signals are called by themselves.
+    // No signal can arrive without a connection, so the two steps that the signals trigger are called
+    // directly.
     ((*client).*inside::kMembers.onObjectAdded)(kDevice);
     ((*client).*inside::kMembers.onObjectRemoved)(kDevice);
 
@@ -255,7 +256,7 @@ TEST_F(AClientWithoutAnObjectManager, RefusesWhatNeedsAProxy)
         EXPECT_EQ(log.lines(),
                   complaint.empty() ? kit::Lines{} : kit::Lines{complaint + operation.kind->path});
     }
-    kit::GlibMessages::instance().take(); // of the reads that don't look at their proxy
+    kit::GlibMessages::instance().take(); // of the reads that don't check their proxy
 }
 
 TEST_F(AClientWithoutAnObjectManager, StillReachesTheBusWithWhatNeedsNone)
@@ -267,7 +268,7 @@ TEST_F(AClientWithoutAnObjectManager, StillReachesTheBusWithWhatNeedsNone)
     }
 }
 
-// --- A bus that goes ---
+// --- A bus that closes ---
 
 TEST_F(AClient, SaysThatTheBusClosedTheConnection)
 {
@@ -278,7 +279,7 @@ TEST_F(AClient, SaysThatTheBusClosedTheConnection)
     log.clear();
 
     bus->stop();
-    // Whether BlueZ is still seen to go before is up to the bus.
+    // The bus may or may not report the end of BlueZ first.
     ASSERT_TRUE(log.awaitBeginning("E System bus connection closed: "));
     onEventThread([] {});
 
@@ -298,7 +299,7 @@ TEST_F(AClientDeathTest, EndsTheProcessWhenTheBusCloses)
         {
             start();
             bus->stop();
-            std::this_thread::sleep_for(std::chrono::seconds{20}); // not reached, but for a limit
+            std::this_thread::sleep_for(std::chrono::seconds{20}); // only reached if the signal doesn't come
         },
         testing::KilledBySignal(SIGTERM), "System bus connection closed: ");
 }

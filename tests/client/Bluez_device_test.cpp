@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The name, the trust and the pairing of devices, and their removal, beyond what BluezOperations.h says.
+// The name, the trust and the pairing of devices, and their removal, beyond the cases in BluezOperations.h.
 #include <chrono>
 #include <future>
 
@@ -19,7 +19,7 @@ constexpr std::size_t kPolls = 30;
 class ADevice : public ABusWithBlueZ
 {
 protected:
-    /// Starts the client with one device, and begins the record of calls anew.
+    /// Starts the client with one device and clears the record of calls.
     void startWith(const PropertyMap& properties = {})
     {
         addDevice(kDevice, properties);
@@ -84,7 +84,7 @@ protected:
         ADevice::startWith({{"Paired", paired}});
         sim->bend(Bend::silence("Pair"));
     }
-    /// Begins to pair and returns when that polls.
+    /// Starts pairing and returns when it is polling.
     void begin()
     {
         startWith(boolean(false));
@@ -139,7 +139,7 @@ TEST_F(APairing, PollsTheLiveStateAndNotTheProxys)
     EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
-// This takes the 15 seconds that it says.
+// This takes the full 15 seconds.
 TEST_F(APairing, ThatIsRefusedIsPolledToTheEnd)
 {
     startWith(boolean(false));
@@ -201,8 +201,8 @@ TEST_F(APairing, PollsWithoutPauseOnceTheThreadIsStopped)
     begin();
     const auto before = std::chrono::steady_clock::now();
 
-    // The thread ends as the destructor ends it, but the client stays for the call that is under way.
-    g_object_ref((*client).*inside::kMembers.cancellable); // what the thread gives back is read once more
+    // Ends the thread as the destructor does, but keeps the client for the call in progress.
+    g_object_ref((*client).*inside::kMembers.cancellable); // still read after the thread drops its own
     onEventThread([&] { quit_task((*client).*inside::kMembers.loop); });
     client->stopThread();
 

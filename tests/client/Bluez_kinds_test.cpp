@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Paths whose last component is of several kinds: each step tests the kinds in an order of its own.
+// Paths whose last component matches several kinds: each step checks the kinds in its own order.
 #include <algorithm>
 
 #include "Bluez.h"
@@ -47,7 +47,7 @@ TEST_P(APathOfSeveralKinds, IsLookedUpAsTheFirst)
     EXPECT_EQ(known(), kit::Lines{arrivesAs.entry(path)});
 }
 
-// The kind on arrival decides whether it is watched, too.
+// The kind on arrival also decides whether it is watched.
 TEST_P(APathOfSeveralKinds, ChangesAsTheFirst)
 {
     addObject(path, arrivesAs.interface);

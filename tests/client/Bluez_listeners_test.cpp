@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Who hears of an event.
+// Which listeners get an event.
 #include <thread>
 
 #include "Bluez.h"

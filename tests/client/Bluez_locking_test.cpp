@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The client's one lock: which operations wait for it, which don't, and how long an operation that takes none
-// keeps the proxy that it has found.
+// The client's one lock: which operations wait for it, which don't, and how long an operation that doesn't
+// lock it keeps the proxy that it has found.
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -28,7 +28,7 @@ constexpr const char* kOtherDevice = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_02";
 std::atomic<const void*> watchedLock{nullptr};
 std::atomic<int> refusedReleases{0};
 
-/// Whether an operation has met the lock while another thread held it, or has ended.
+/// Whether an operation has tried to take the lock while another thread held it, or has ended.
 struct Race {
     std::mutex mutex;
     std::condition_variable news;
@@ -38,7 +38,7 @@ struct Race {
 
 Race& theRace()
 {
-    static Race& race = *new Race; // its users may outlive a case
+    static Race& race = *new Race; // its users may live longer than a case
     return race;
 }
 
@@ -83,7 +83,7 @@ public:
     ~WithAWatchedLock() override { watchedLock = nullptr; }
 
 protected:
-    /// Starts the client with whatever exists and watches its lock from then on.
+    /// Starts the client with the objects that exist and then watches its lock.
     void startWatched()
     {
         Fixture::start();
@@ -108,9 +108,9 @@ protected:
     const Operation& operation = GetParam();
 };
 
-// --- While a proxy is made ---
+// --- While a proxy is created ---
 
-/// The event thread stands in the making of a device's proxy, which it does under the lock.
+/// Holds the event thread while it creates a device's proxy, which it does under the lock.
 class TheMakingOfAProxy
 {
 public:
@@ -127,7 +127,7 @@ public:
     bool awaitBegin() { return mBegun.get_future().wait_for(kit::kPatience) == kReady; }
     void goOn() { mMayGoOn.set_value(); }
 
-    /// Runs `task` on a thread of its own. True if it meets the lock on its way, false if it ends before.
+    /// Runs `task` on a thread of its own. True if it has to wait for the lock, false if it ends without.
     bool makesWait(const std::function<void()>& task)
     {
         mTask = std::async(std::launch::async, [task] {
@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
         Lister{{"AsDebugPrintProxies"}, [](Bluez& client, Bluez::Listener&) { client.debugPrintProxies(); }}),
     kit::named);
 
-// --- When an object goes in the middle of an operation ---
+// --- When an object is removed during an operation ---
 
 class AnOperationThroughAProxy : public AnOperation
 {
@@ -209,7 +209,7 @@ protected:
     void SetUp() override
     {
         AnOperation::SetUp();
-        // So that GLib gets a living object from an operation that has let go of its own.
+        // So that GLib still gets a valid object from an operation that has dropped its reference.
         mKept = proxyOf(*operation.kind);
         ASSERT_NE(mKept, nullptr);
         g_object_ref(mKept);
@@ -258,7 +258,7 @@ TEST_F(AClientWhoseLockIsWatched, LetsAListenerAskForTheLockInEveryCallback)
         client->getAdapters();
         client->getDevices();
         client->debugPrintProxies();
-        asked += client->adapterSetPowered(kAdapter, true) ? 1 : 0; // and for what the bus answers
+        asked += client->adapterSetPowered(kAdapter, true) ? 1 : 0; // also a call over the bus
     };
     sim->bend(Bend::answer("Set", nothing()));
     startWatched();

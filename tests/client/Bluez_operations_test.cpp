@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What holds for each of the client's operations on a path, by the table of BluezOperations.h.
+// Common behaviour of the client's operations on a path, tested with the table in BluezOperations.h.
 #include <algorithm>
 
 #include "Bluez.h"
@@ -76,7 +76,7 @@ TEST_P(AnOperationThroughAProxy, IsRefusedForAnUnknownPathAndLeavesAnEntry)
 INSTANTIATE_TEST_SUITE_P(OnAPath, AnOperationThroughAProxy, testing::ValuesIn(operationsThroughAProxy()),
                          kit::named);
 
-// --- What the proxy last saw ---
+// --- Cached properties ---
 
 class AReadOfTheCache : public ABusWithBlueZ, public testing::WithParamInterface<Operation>
 {
@@ -156,7 +156,7 @@ class ACall : public AnOperation
 {
 protected:
     bool isThroughAProxy() const { return operation.proxy != Proxy::None; }
-    /// How the call ends that this error meets.
+    /// Expects how the call ends if it gets this error.
     void expectFailure(const std::string& error)
     {
         EXPECT_EQ(call(), operation.message.outcomeOfError);

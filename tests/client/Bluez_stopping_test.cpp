@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How the client and its event thread come to their end, and what they give back.
+// How the client and its event thread end, and which resources they release.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -21,10 +21,10 @@ namespace
 
 constexpr unsigned int kLongMs = 600000;
 
-// The library's own limit for a call is 25 s: a client that ends well before hasn't waited for it.
+// The library's timeout for a call is 25 s: a client that ends well before that hasn't waited for it.
 constexpr auto kSoon = std::chrono::seconds{20};
 
-// A sanitizer makes a start, with the reading of all objects, and an event far longer.
+// With a sanitizer, a start, which reads all objects, and an event take far longer.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kManyStarts = 20;
 constexpr std::size_t kManyEvents = 50;
@@ -48,11 +48,11 @@ TEST_F(AClient, LogsItsEndStepByStep)
     EXPECT_EQ(kit::Lines(lines.begin(), lines.begin() + 4),
               (kit::Lines{"T Posting stopping task", "D Stopping loop task", "D Deiniting Bluez..",
                           "D Deiniting Bluez completed"}));
-    // The proxies go last, when the connection has been given back.
+    // The proxies are released last, after the connection.
     EXPECT_EQ(lines.back().rfind("T Unref object 0x", 0), 0U) << lines.back();
 }
 
-// The context is never taken a reference on, and given one back all the same.
+// The client takes no reference to the context, but drops one.
 TEST_F(AClient, GivesBackWhatItTookAndOneReferenceMoreOnTheContextAndItsProxiesLast)
 {
     addAll();
@@ -94,7 +94,7 @@ TEST_F(AClient, CanBeDestroyedAtEveryStepOfItsStart)
 TEST_F(AClient, LeavesItsLoopWhenItIsDestroyedWhileItReportsWhatExists)
 {
     addAdapter();
-    // Holds the sweep until the destructor has posted its task.
+    // Holds the initial reporting of objects until the destructor has posted its task.
     listener.onEvent = [&](const std::string&) { EXPECT_TRUE(log.await("T Posting stopping task")); };
     construct();
     ASSERT_TRUE(listener.await(kAdapterKind.added()));
@@ -195,7 +195,7 @@ class AClientThatIsDestroyed : public ABusWithBlueZ
 {
 protected:
     /// Holds the event thread at the next event until the destructor of `theClient` has posted its task and
-    /// has cleared the mark; `before` runs first.
+    /// has cleared the running flag; `before` runs first.
     void holdTheNextEvent(const std::function<void()>& before = [] {})
     {
         listener.onEvent = [this, before](const std::string&) {
@@ -229,7 +229,7 @@ TEST_F(AClientThatIsDestroyed, DoesntEnterItsLoopIfThatComesBefore)
     EXPECT_EQ(log.count("D Deiniting Bluez completed"), 1U);
 }
 
-/// A source that runs once and notes it.
+/// A source that runs once and records that.
 class OneTask
 {
 public:
@@ -260,7 +260,8 @@ private:
     std::atomic<bool> mHasRun{false};
 };
 
-// The stopping task is as urgent as an event: what was queued before comes first, what is less urgent never.
+// The stopping task has the priority of an event: tasks queued before it run first, and tasks of lower
+// priority never run.
 TEST_F(AClientThatIsDestroyed, StopsBehindTheQueuedEventsAndBeforeAllElse)
 {
     OneTask event(G_PRIORITY_DEFAULT);
@@ -309,7 +310,7 @@ TEST_F(AClientWithoutABus, CanBeDestroyedRightAfterItsConstruction)
     EXPECT_EQ(log.count("E Connection failed"), 100U);
 }
 
-// A socket that takes a client and never says a word, or none after the authentication.
+// A socket that accepts a client and never answers, or not after the authentication.
 class AMuteBus
 {
 public:
@@ -331,14 +332,14 @@ public:
     AMuteBus(const AMuteBus&) = delete;
     AMuteBus& operator=(const AMuteBus&) = delete;
 
-    /// Returns when a client has come and has begun to speak.
+    /// Returns when a client has connected and has begun to send.
     void awaitClient()
     {
         mClient = accept(mSocket, nullptr, nullptr);
         char byte = 0;
         EXPECT_EQ(read(mClient, &byte, 1), 1);
     }
-    /// Authenticates a client and returns when it has said Hello.
+    /// Authenticates a client and returns when it has sent Hello.
     void awaitHello()
     {
         awaitClient();
@@ -401,7 +402,7 @@ TEST_F(AClientWithoutABus, CanBeDestroyedRightAfterItsConstructionWhileTheBusIsM
     EXPECT_EQ(log.count("E Connection failed"), 50U);
 }
 
-// The D-Bus library's own limit: it doesn't let its greeting be cancelled.
+// 25 s is the D-Bus library's timeout: its greeting can't be cancelled.
 TEST_F(AClientWithoutABus, CanBeDestroyedWithin25SecondsWhileTheBusIgnoresItsGreeting)
 {
     AMuteBus mute(bus->socketPath());
@@ -429,7 +430,7 @@ TEST_F(AClientWithoutAnObjectManager, PostsATaskThatNeverRunsAndGivesNothingBack
     destroy();
 
     EXPECT_EQ(log.lines(), kit::Lines{"T Posting stopping task"});
-    // The simulator gives its own connection and messages back meanwhile.
+    // The simulator releases its own connection and messages meanwhile.
     const kit::Lines releases = spy.releases();
     for (const char* type : {"GCancellable", "GMainLoop", "GMainContext"}) {
         EXPECT_EQ(std::count(releases.begin(), releases.end(), type), 0) << type;

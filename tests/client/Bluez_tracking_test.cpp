@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Objects that arrive and go: what the client keeps of them, and what its listeners hear.
+// Objects that arrive and are removed: what the client stores, and what it reports to its listeners.
 #include <algorithm>
 
 #include "Bluez.h"
@@ -56,7 +56,7 @@ TEST_P(AnObject, GetsOneProxyOfItsInterfaceAndIsReported)
     EXPECT_FALSE(made[0].error);
 }
 
-// The interfaces that the object offers play no part: here it offers one of a wrong kind.
+// The interfaces that the object offers don't matter: here it offers a wrong one.
 TEST_P(AnObject, IsReportedByThePathWhateverItOffers)
 {
     start();
@@ -81,7 +81,7 @@ TEST_P(AnObject, IsReportedInTheSameWayAtTheStart)
     EXPECT_EQ(log.count("T + " + path), 0U);
 }
 
-// What an operation has asked for in vain stands in the way of the object.
+// The empty entry of an earlier failed lookup blocks the object's proxy.
 TEST_P(AnObject, LosesItsProxyIfItsPathIsTaken)
 {
     start();
@@ -177,7 +177,7 @@ TEST_F(ATrackedTree, ErasesAPathFromEveryMapThatHoldsIt)
     start();
     addDescriptor();
     settle();
-    client->valueFor(kDescriptor); // looks among the characteristics
+    client->valueFor(kDescriptor); // searches the characteristics
     kit::GlibMessages::instance().take();
     ASSERT_EQ(known(), (kit::Lines{kCharacteristicKind.entry(kDescriptor), kDescriptorKind.entry()}));
 
@@ -233,7 +233,7 @@ TEST_F(ATrackedTree, ReportsEveryChangeOfAnObjectThatArrivedTwiceTwice)
     EXPECT_EQ(log.count(std::string("D props changed: ") + kDevice), 2U);
 }
 
-// --- Proxies that can't be made ---
+// --- Proxies that can't be created ---
 
 class AnObjectWithoutAProxy : public ATrackedTree
 {
@@ -295,7 +295,7 @@ TEST_F(AnObjectWithoutAProxy, RefusesTheOperationsOfACharacteristic)
     kit::GlibMessages::instance().take(); // as for the device
 }
 
-// --- Making a proxy ---
+// --- Creating a proxy ---
 
 class ASharedProxy : public ATrackedTree
 {
@@ -325,7 +325,7 @@ TEST_F(ASharedProxy, IsNotMadeWithoutAName)
     EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
-// Whether the client is connected counts, not what the caller gives.
+// What counts is whether the client is connected, not the connection that the caller passes.
 TEST_F(ASharedProxy, IsTriedForOnAConnectionThatIsNone)
 {
     GioSpy spy;

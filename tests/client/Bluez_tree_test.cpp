@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The client's image of the GATT tree: records, and placeholders for what hasn't arrived.
+// The client's copy of the GATT tree: records, and placeholders for objects that haven't arrived.
 #include "Bluez.h"
 #include "tests/client/BluezTest.h"
 
@@ -166,7 +166,7 @@ TEST_F(ATrackedTree, MakesPlaceholdersForADescriptorWhoseCharacteristicHasAProxy
     addService();
     addCharacteristic();
     settle();
-    removeAlone(kService, kServiceInterface); // takes the record of the characteristic along
+    removeAlone(kService, kServiceInterface); // also removes the record of the characteristic
     settle();
     ASSERT_TRUE(tree().empty());
     ASSERT_EQ(known(), kit::Lines{kCharacteristicKind.entry()});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The values of characteristics, beyond what BluezOperations.h says of their reading and writing.
+// The values of characteristics, beyond the cases for reading and writing in BluezOperations.h.
 #include <algorithm>
 
 #include "Bluez.h"
@@ -28,7 +28,7 @@ Bytes everyByteTwice()
     return bytes;
 }
 
-/// The reply of ReadValue.
+/// The reply to ReadValue.
 Variant reply(const Bytes& bytes)
 {
     return {g_variant_new("(@ay)", Variant::bytes(bytes).get())};
@@ -87,7 +87,7 @@ TEST_F(ACharacteristic, TakesEveryByteThatIsWritten)
     EXPECT_TRUE(g_variant_equal(calls[0].parameters.get(), expected.get()));
 }
 
-// A read gives the builder of its empty options back, a write doesn't.
+// A read releases the builder of its empty options, a write doesn't.
 TEST_F(ACharacteristic, KeepsTheBuilderOfEachWriteButNotOfARead)
 {
     answerOnTheSpot("ReadValue");
@@ -105,7 +105,7 @@ TEST_F(ACharacteristic, KeepsTheBuilderOfEachWriteButNotOfARead)
     EXPECT_EQ(builders(), 2);
 }
 
-// The path isn't classified: what counts is the map.
+// The path isn't classified: only the map counts.
 TEST_F(ACharacteristic, IsNotMistakenForItsDescriptor)
 {
     EXPECT_FALSE(client->characteristicStartNotify(kDescriptor));
@@ -162,7 +162,7 @@ TEST_F(ACharacteristic, IsNotReadByAPathOfAnotherKind)
     EXPECT_TRUE(sim->calls().empty());
 }
 
-// --- Replies that aren't as they should be ---
+// --- Malformed replies ---
 
 TEST_F(ACharacteristic, IsDoneIfNeitherAReplyNorAnErrorCame)
 {
@@ -177,7 +177,7 @@ TEST_F(ACharacteristic, IsDoneIfNeitherAReplyNorAnErrorCame)
     EXPECT_EQ(log.lines(), kit::Lines{});
 }
 
-// A bus answers with a tuple, always; a proxy of GIO's might not.
+// A bus always answers with a tuple, but a GIO proxy might not.
 TEST_F(ACharacteristic, IsReadIntoAVectorFromAReplyThatIsABareArray)
 {
     spy.answer("ReadValue", [](GError**) {
@@ -231,7 +231,7 @@ INSTANTIATE_TEST_SUITE_P(
         WrongReply{{"AsAVariant"}, "(<[byte 1]>,)", "E Not an array", {"E Not an array of bytes: v"}}),
     kit::named);
 
-// --- Taking bytes out of a variant ---
+// --- Extracting bytes from a variant ---
 
 struct Content : kit::NamedCase {
     const char* variant; ///< null for none

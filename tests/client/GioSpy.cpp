@@ -10,7 +10,7 @@ namespace
 {
 
 struct Record {
-    /// What a spy has asked for.
+    /// What a spy has requested.
     struct Wishes {
         std::map<std::string, GioSpy::Stand> stands;
         std::function<void(const GioSpy::Call&)> hook;
@@ -26,7 +26,7 @@ struct Record {
     std::vector<GMainLoop*> loops;
 };
 
-/// The one record, as long as this lives.
+/// Holds the lock of the only record while it exists.
 class Locked
 {
 public:
@@ -36,7 +36,7 @@ public:
 private:
     static Record& theOne()
     {
-        static Record& record = *new Record; // calls come until the process has ended
+        static Record& record = *new Record; // calls arrive until the process has ended
         return record;
     }
 
@@ -173,13 +173,13 @@ void GioSpy::failNewProxies()
     Locked()->wishes.failNewProxies = true;
 }
 
-// --- In the place of GIO's own ---
+// --- Replacements for GIO's functions ---
 
 // The linker's names.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
 extern "C" {
 
-// GIO's own, as the linker names it for a program in which calls of it are wrapped.
+// GIO's own function, as the linker names it in a program that wraps it.
 decltype(g_dbus_proxy_call_sync) __real_g_dbus_proxy_call_sync;
 decltype(g_dbus_proxy_call) __real_g_dbus_proxy_call;
 decltype(g_dbus_connection_call_sync) __real_g_dbus_connection_call_sync;
@@ -230,7 +230,7 @@ GVariant* __wrap_g_dbus_connection_call_sync(GDBusConnection* connection, const 
                                              GError** error)
 {
     int limit = timeout;
-    if (orEmpty(bus) == "org.bluez") { // the simulator's own calls are none of our business
+    if (orEmpty(bus) == "org.bluez") { // the simulator's own calls aren't recorded
         note({"g_dbus_connection_call_sync", orEmpty(path), orEmpty(interface), orEmpty(method),
               textOf(parameters), static_cast<int>(flags), timeout, cancellable != nullptr,
               error != nullptr});
@@ -256,7 +256,7 @@ GDBusProxy* __wrap_g_dbus_proxy_new_sync(GDBusConnection* connection, GDBusProxy
 
 GVariant* __wrap_g_dbus_proxy_get_cached_property(GDBusProxy* proxy, const gchar* property)
 {
-    runHook(callOn(proxy, "g_dbus_proxy_get_cached_property", "", property)); // no call: not noted
+    runHook(callOn(proxy, "g_dbus_proxy_get_cached_property", "", property)); // not a call, so not recorded
     return __real_g_dbus_proxy_get_cached_property(proxy, property);
 }
 
@@ -278,9 +278,9 @@ void __wrap_g_variant_builder_unref(GVariantBuilder* builder)
     __real_g_variant_builder_unref(builder);
 }
 
-// Loops of this program's own live on. A stopping task that nobody needed any more stays in the context and
-// points to its loop. The daemon, with its one client, never looks there again; a test with a second one
-// does.
+// Loops of this program's own code are kept alive. A stopping task that wasn't needed any more stays in the
+// context and points to its loop. The daemon, which has one client, never runs that context again; a test
+// with a second client does.
 void __wrap_g_main_loop_unref(GMainLoop* loop)
 {
     noteRelease("GMainLoop", loop);

@@ -15,8 +15,8 @@
 #include "tests/kit/LogRecorder.h"
 
 /**
- * Writes down every callback as one line of text, "onDeviceRSSIChanged /org/bluez/... -40", and lets a test
- * wait for one. Copies of the records that it was given are kept beside. Any thread may ask it.
+ * Records every callback as one line of text, "onDeviceRSSIChanged /org/bluez/... -40", and lets a test wait
+ * for one. It also keeps copies of the records that it was given. Any thread may call it.
  */
 class RecordingListener : public Bluez::Listener
 {
@@ -43,13 +43,13 @@ public:
         const std::lock_guard lock(mMutex);
         return countLocked(event);
     }
-    /// Waits until the event has come `times` times; false if the limit passed first.
+    /// Waits until the event has come `times` times; false on timeout.
     bool await(const std::string& event, std::size_t times = 1) const
     {
         std::unique_lock lock(mMutex);
         return mNews.wait_for(lock, kit::kPatience, [&] { return countLocked(event) >= times; });
     }
-    /// Waits until there are so many events of any kind.
+    /// Waits until there are `times` events of any kind.
     bool awaitAny(std::size_t times) const
     {
         std::unique_lock lock(mMutex);
@@ -69,7 +69,7 @@ public:
     std::vector<Characteristic> characteristics() const { return copyOf(mCharacteristics); }
     std::vector<Descriptor> descriptors() const { return copyOf(mDescriptors); }
     std::vector<Value> values() const { return copyOf(mValues); }
-    /// The threads that callbacks came on.
+    /// The threads on which callbacks ran.
     std::set<std::thread::id> threads() const { return copyOf(mThreads); }
 
     void onAdapterAdded(const std::string& path) override { record("onAdapterAdded " + path); }
