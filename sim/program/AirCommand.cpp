@@ -15,36 +15,39 @@ namespace vexasim::air
 namespace
 {
 
-// The answer to a command that ends the link needs a connection event to get through, and an interval can be
-// long.
+// The answer to a command that ends the link needs a connection event before the link ends, and the interval
+// can be long.
 constexpr std::chrono::milliseconds kSwitchTime{300};
 
 } // namespace
 
 AirCommand::AirCommand(CLI::App& program)
     : mCommand(*program.add_subcommand(
-          "air", "The remote on the virtual air of this machine, for its kernel and its bluetoothd:\n"
-                 "opens /dev/vhci and is the Bluetooth adapter with the remote in range. Needs the\n"
-                 "kernel's module hci_vhci, and root."))
+          "air", "Simulates an adapter and a remote control for the bluetoothd of this machine: opens\n"
+                 "/dev/vhci and acts as a Bluetooth adapter with the remote in its range. Needs root\n"
+                 "and the kernel module hci_vhci."))
 {
     addRemoteOptions(mCommand, mSettings);
     addBoxOptions(mCommand, mSettings);
-    mCommand.add_option("--device", mBox.device, "the kernel's virtual controller")->capture_default_str();
+    mCommand.add_option("--device", mBox.device, "device file of the kernel's virtual controller")
+        ->capture_default_str();
     mCommand.add_option("--adapter-address", mBox.address, "Bluetooth address of the adapter")
         ->capture_default_str();
     mCommand.add_option("--address", mBusAddress,
-                        "D-Bus address of the bus to be driven by; without it a private one");
-    mCommand.add_option("--bus-dir", mBusDirectory, "folder for the private bus's socket");
+                        "D-Bus address of the bus for the control object (default: a private bus)");
+    mCommand.add_option("--bus-dir", mBusDirectory,
+                        "folder for the private bus's socket (default: a temporary one)");
 
     mCommand.option_defaults()->group("Radio");
-    mCommand.add_flag("--hurried", mHurried, "links don't keep the time of their intervals, but go at once");
-    mCommand.add_flag("--legacy-pairing", mLegacyPairing, "the remote knows no secure connections");
+    mCommand.add_flag("--hurried", mHurried,
+                      "send packets at once, without waiting for connection intervals");
+    mCommand.add_flag("--legacy-pairing", mLegacyPairing, "the remote doesn't support LE Secure Connections");
     mCommand.add_flag("--name-in-scan-response", mBox.radio.nameInScanResponse,
-                      "the advertisement itself carries no name");
+                      "the remote sends its name in the scan response, not in the advertisement");
     mCommand.add_flag("--private-address", mBox.radio.privateAddress,
-                      "the remote hides behind a private address");
+                      "the remote uses a resolvable private address, new for each link");
     mCommand.add_flag("--asks-for-security", mBox.radio.asksForSecurity,
-                      "the remote has the box pair or encrypt after each connection");
+                      "the remote sends a security request after each connection");
 }
 
 bool AirCommand::chosen() const
@@ -63,7 +66,7 @@ void AirCommand::run()
     Narrator narrator(mSettings.quiet);
     const MainLoop loop;
     std::string lost;
-    auto options = mBox; // a copy, which refers to what stands above
+    auto options = mBox; // a copy, since the callbacks refer to the locals above
     options.onEvent = [&narrator](const std::string& what) { narrator.tell(what); };
     options.onLost = [&lost, &loop](const std::string& why) {
         lost = why;

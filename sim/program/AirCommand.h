@@ -21,11 +21,11 @@ public:
     /// Adds the subcommand and its options; must outlive the parsing.
     explicit AirCommand(CLI::App& program);
 
-    /// The command line asks for it.
+    /// Whether the command line names the subcommand.
     bool chosen() const;
 
-    /// Plays until a signal or the control interface ends it. Throws std::runtime_error or
-    /// std::invalid_argument with what to do about it.
+    /// Runs until a signal or the control interface ends it. Throws std::runtime_error or
+    /// std::invalid_argument with a message that says what to do.
     void run();
 
 private:

@@ -12,8 +12,7 @@ namespace vexasim::air
 namespace
 {
 
-// The update personality of a remote that was added by address alone gets the same address with one bit
-// flipped.
+// An added remote's address in update mode is its address with this bit flipped.
 constexpr std::uint8_t kUpdateAddressBit = 0x80;
 
 RemoteOptions remoteOf(const std::string& address, const std::string& name)
@@ -72,11 +71,11 @@ void AirControl::addAirMethods()
                    });
     mObject.method("RemoveDevice", {"address"}, [this](const std::string& address) {
         if (address == mBox.remotes().front().remote->options().address) {
-            throw std::invalid_argument("the remote itself stays; let it leave or sleep");
+            throw std::invalid_argument("the remote itself can't be removed: use Leave or Sleep");
         }
         mBox.removeRemote(address);
     });
-    // There is one adapter, whose name is the kernel's choice.
+    // There is one adapter, and the kernel chooses its name.
     mObject.method("AddAdapter", {"name", "address"},
                    [this](const std::string&, const std::string&) { mBox.plug(); });
     mObject.method("RemoveAdapter", {"name"}, [this](const std::string&) { mBox.unplug(); });

@@ -7,8 +7,8 @@
 
 #include "sim/bluez/Variant.h"
 
-/// How the C++ types of the control methods' parameters look on the bus: `kType` is the D-Bus type, and
-/// `read` takes a value of that type, which GDBus has checked.
+/// Maps the C++ types of the control methods' parameters to D-Bus: `kType` is the D-Bus type, and `read`
+/// takes a value of that type, which GDBus has checked.
 namespace vexasim::control
 {
 

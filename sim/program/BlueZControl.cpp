@@ -50,14 +50,14 @@ void BlueZControl::addAirMethods()
                        }
                        const auto device = std::make_shared<Peripheral>(options);
                        if (!mOthers.emplace(address, device).second) {
-                           throw std::invalid_argument(address + " is on the air already");
+                           throw std::invalid_argument(address + " was already added");
                        }
                        mSimulator.addPeripheral(device);
                    });
     mObject.method("RemoveDevice", {"address"}, [this](const std::string& address) {
         const auto found = mOthers.find(address);
         if (found == mOthers.end()) {
-            throw std::invalid_argument("no such device was added");
+            throw std::invalid_argument(address + " is not an added device");
         }
         mSimulator.removePeripheral(found->second);
         mOthers.erase(found);
@@ -107,7 +107,7 @@ void BlueZControl::addObjectMethods()
                           const Variant& parameters) {
                        if (g_variant_is_of_type(parameters.get(), G_VARIANT_TYPE_TUPLE) == FALSE) {
                            throw std::invalid_argument(
-                               "the parameters of a signal are a tuple, such as <('a', 1)>");
+                               "signal parameters must be a tuple, such as <('a', 1)>");
                        }
                        mSimulator.emitSignal(object.text, interface, member, parameters);
                    });

@@ -10,7 +10,7 @@ namespace vexasim
 
 namespace
 {
-constexpr const char* kName = "org.vexabluetoohtd.Sim"; ///< of the bus name and of the interface
+constexpr const char* kName = "org.vexabluetoohtd.Sim"; ///< bus name and interface
 constexpr const char* kPath = "/sim";
 constexpr const char* kError = "org.vexabluetoohtd.Sim.Error.Failed";
 constexpr const char* kSignal = "Happened";

@@ -15,8 +15,8 @@
 namespace vexasim
 {
 
-/// The object /sim on a bus, by which a person or a script controls the program; for people it is described
-/// in docs/simulator.md. Lives on the thread of the default main context, which must be iterated.
+/// The object /sim, by which users and scripts control the program; its methods are documented in
+/// docs/simulator.md. Lives on the thread of the default main context, which must be iterated.
 class ControlObject
 {
 public:
@@ -26,14 +26,15 @@ public:
         std::string type;
     };
 
-    /// What the narrator tells from `publish` on is also emitted as the signal Happened.
+    /// From `publish` on, the narrator's lines are also emitted as the signal Happened.
     explicit ControlObject(Narrator& narrator) : mNarrator(narrator) {}
     ~ControlObject();
     ControlObject(const ControlObject&) = delete;
     ControlObject& operator=(const ControlObject&) = delete;
 
-    /// Adds a method, before publish. The parameters of `function` are those of the method, called `names`.
-    /// With a result it returns a Variant. What it throws becomes a D-Bus error.
+    /// Adds a method; call it before `publish`. The method has the parameters of `function`, named by
+    /// `names`. If `result` is given, `function` returns a Variant. An exception from it becomes a D-Bus
+    /// error.
     template <typename Function>
     void method(const std::string& member, const Names& names, Function function, const Result& result = {})
     {
@@ -78,7 +79,7 @@ private:
                        GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self);
 
     Narrator& mNarrator;
-    std::string mDescriptions; ///< of the methods, in the form of introspection
+    std::string mDescriptions; ///< introspection XML of the methods
     std::map<std::string, Method> mMethods;
     GDBusConnection* mConnection = nullptr;
 };

@@ -16,7 +16,7 @@ namespace
 using Setter = std::function<void(const Variant&)>;
 using Setters = std::map<std::string, Setter>;
 
-/// The words of a table, for the one who used another.
+/// The words of a table, for error messages.
 template <typename Table>
 std::string list(const Table& table)
 {
@@ -32,13 +32,13 @@ void apply(const PropertyMap& source, const Setters& setters)
     for (const auto& [key, value] : source) {
         const auto setter = setters.find(key);
         if (setter == setters.end()) {
-            throw std::invalid_argument("\"" + key + "\" is unknown here; known are " + list(setters));
+            throw std::invalid_argument("unknown key \"" + key + "\": use one of " + list(setters));
         }
         setter->second(value);
     }
 }
 
-/// Any integer type, since gdbus writes 5 as an int32 unless told otherwise.
+/// Accepts any integer type, since gdbus sends 5 as an int32 by default.
 std::int64_t integer(const Variant& value)
 {
     GVariant* number = value.get();
@@ -58,7 +58,7 @@ std::int64_t integer(const Variant& value)
     case G_VARIANT_CLASS_UINT64:
         return static_cast<std::int64_t>(g_variant_get_uint64(number));
     default:
-        throw std::invalid_argument("a number is wanted, not " + value.text());
+        throw std::invalid_argument("expected a number, got " + value.text());
     }
 }
 
@@ -75,7 +75,7 @@ Integer inRange(const Variant& value)
 bool boolean(const Variant& value)
 {
     if (value.type() != "b") {
-        throw std::invalid_argument("true or false is wanted, not " + value.text());
+        throw std::invalid_argument("expected true or false, got " + value.text());
     }
     return g_variant_get_boolean(value.get()) != FALSE;
 }
@@ -83,7 +83,7 @@ bool boolean(const Variant& value)
 std::string text(const Variant& value)
 {
     if (value.type() != "s" && value.type() != "o") {
-        throw std::invalid_argument("a text is wanted, not " + value.text());
+        throw std::invalid_argument("expected a string, got " + value.text());
     }
     return g_variant_get_string(value.get(), nullptr);
 }
@@ -93,7 +93,7 @@ std::chrono::milliseconds milliseconds(const Variant& value)
     return std::chrono::milliseconds{inRange<std::uint32_t>(value)};
 }
 
-// What a key of a dictionary sets.
+// Setters for the keys of a dictionary.
 
 Setter to(bool& target)
 {
@@ -131,8 +131,8 @@ std::string errorName(const Variant& value)
 {
     const std::string name = text(value);
     if (g_dbus_is_interface_name(name.c_str()) == FALSE) {
-        throw std::invalid_argument("\"" + name +
-                                    "\" is no name of an error; one is \"org.bluez.Error.Failed\"");
+        throw std::invalid_argument("invalid error name \"" + name +
+                                    "\": expected one like \"org.bluez.Error.Failed\"");
     }
     return name;
 }
@@ -148,7 +148,7 @@ Value meaning(const std::string& word, const Words<Value>& known)
             return value;
         }
     }
-    throw std::invalid_argument("\"" + word + "\" is none of " + list(known));
+    throw std::invalid_argument("unknown word \"" + word + "\": use one of " + list(known));
 }
 } // namespace
 

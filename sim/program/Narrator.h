@@ -9,19 +9,18 @@
 namespace vexasim
 {
 
-/// Prints what happens, one line each, and passes it on to one more receiver. Any thread.
+/// Prints each event as one line and also passes it to a receiver, if there is one. Any thread.
 class Narrator
 {
 public:
     explicit Narrator(bool quiet) : mQuiet(quiet) {}
 
-    /// Null for nobody. After the return the earlier receiver isn't called any more.
+    /// Null for none. Once this returns, the previous receiver is no longer called.
     void forwardTo(std::function<void(const std::string&)> receiver);
 
     void tell(const std::string& what);
 
-    /// Prints a line of its own before all others, even if quiet, for scripts that read one line and go on;
-    /// then what has happened so far.
+    /// Prints `firstLine`, even if quiet, for scripts that read only one line; then the events so far.
     void begin(const std::string& firstLine);
 
 private:

@@ -110,7 +110,7 @@ void RemoteMethods::pressButton(bool pressed) const
     if (mFiles.adcFile.empty()) {
         throw std::runtime_error("no button: start vexasim with --adc-file");
     }
-    // Written aside and moved, so that no reader finds it empty.
+    // Written to another file and renamed, so that no reader finds it empty.
     const std::string aside = mFiles.adcFile + ".new";
     std::ofstream file(aside);
     file << (pressed ? kButtonPressed : kButtonReleased) << '\n';
@@ -141,14 +141,14 @@ void RemoteMethods::holdButton(unsigned milliseconds)
 void RemoteMethods::setFlag(const std::string& flag) const
 {
     if (flag != "pair" && flag != "reset") {
-        throw std::invalid_argument("\"" + flag + "\" is no flag; flags are pair and reset");
+        throw std::invalid_argument("unknown flag \"" + flag + "\": use pair or reset");
     }
     if (mFiles.tmpDirectory.empty()) {
         throw std::runtime_error("no folder for flags: start vexasim with --tmp");
     }
     std::ofstream file(mFiles.tmpDirectory + kFlagPrefix + flag);
     if (!file) {
-        throw std::runtime_error("can't make the flag in " + mFiles.tmpDirectory);
+        throw std::runtime_error("can't create the flag in " + mFiles.tmpDirectory);
     }
 }
 
@@ -206,15 +206,14 @@ void RemoteMethods::addUpdateMethods()
     mObject.method("ExpectImage", {"file"}, [this](const std::string& file) {
         mRemote().receiver().setExpectedImage(readFile(file));
     });
-    mObject.method("SetUpdateFault", {"step", "fault"},
-                   [this](const std::string& word, const PropertyMap& fault) {
-                       const auto step = updateStepFrom(word);
-                       if (!step) {
-                           throw std::invalid_argument("\"" + word +
-                                                       "\" is no step of an update; see docs/simulator.md");
-                       }
-                       mRemote().receiver().setFault(*step, control::updateFault(fault));
-                   });
+    mObject.method(
+        "SetUpdateFault", {"step", "fault"}, [this](const std::string& word, const PropertyMap& fault) {
+            const auto step = updateStepFrom(word);
+            if (!step) {
+                throw std::invalid_argument("unknown step \"" + word + "\": see docs/simulator.md");
+            }
+            mRemote().receiver().setFault(*step, control::updateFault(fault));
+        });
     mObject.method("ClearUpdateFaults", {}, [this] { mRemote().receiver().clearFaults(); });
     mObject.method("SetUpdateAppearance", {"appearance"}, [this](const PropertyMap& appearance) {
         mRemote().setUpdateAppearance(control::updateAppearance(appearance));

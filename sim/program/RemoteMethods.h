@@ -10,18 +10,18 @@
 namespace vexasim
 {
 
-/// What of the box the program may touch.
+/// The box's files that the program writes.
 struct BoxFiles {
     std::string adcFile;      ///< the button; "" for none
     std::string tmpDirectory; ///< where flags and the firmware link go; "" for none
 };
 
-/// The methods of the control object that concern the box around the daemon, the remote and its update: the
-/// same for the simulated BlueZ and for the air.
+/// The control object's methods for the box, the remote and its update, which the simulated BlueZ and the air
+/// share.
 class RemoteMethods
 {
 public:
-    /// `remote` is asked at each call. The object must live as long as this.
+    /// `remote` is called at each method call. `object` must outlive this.
     RemoteMethods(ControlObject& object, std::function<Remote&()> remote, BoxFiles files);
     ~RemoteMethods();
     RemoteMethods(const RemoteMethods&) = delete;
@@ -40,7 +40,7 @@ private:
     ControlObject& mObject;
     std::function<Remote&()> mRemote;
     BoxFiles mFiles;
-    unsigned mRelease = 0; ///< source that lets the button go
+    unsigned mRelease = 0; ///< GLib source that releases the button; 0 for none
 };
 
 /// Reads a whole file. Throws std::runtime_error.

@@ -14,8 +14,7 @@ class App;
 namespace vexasim
 {
 
-/// What the command line says of the remote and of the box around the daemon, for the simulated BlueZ as for
-/// the air.
+/// The command line's settings for the remote and the box, which the simulated BlueZ and the air share.
 struct RemoteSettings {
     RemoteOptions remote;
     BoxFiles files;
@@ -34,10 +33,11 @@ void addBoxOptions(CLI::App& app, RemoteSettings& settings);
 /// The whole text as a number of that base. Throws std::invalid_argument with `complaint`.
 unsigned long wholeNumber(const std::string& text, int base, const std::string& complaint);
 
-/// Fills in `remote` what the options only say in words. Throws std::invalid_argument or std::runtime_error.
+/// Fills in the fields of `remote` that need parsing or a file. Throws std::invalid_argument or
+/// std::runtime_error.
 void complete(RemoteSettings& settings);
 
-/// Brings the remote where the story begins. Throws std::runtime_error.
+/// Puts the remote into its initial state. Throws std::runtime_error.
 void prepare(Remote& remote, const RemoteSettings& settings);
 
 } // namespace vexasim

@@ -24,7 +24,7 @@ using vexasim::Timings;
 constexpr int kFailure = 1;
 constexpr const char* kDefaultAdapter = "hci0";
 
-/// What the command line says.
+/// The settings from the command line.
 struct Settings : vexasim::RemoteSettings {
     SimulatorOptions simulator;
     std::vector<std::string> adapters = {kDefaultAdapter};
@@ -41,25 +41,26 @@ void addStackOptions(CLI::App& app, Settings& settings)
     SimulatorOptions& simulator = settings.simulator;
     app.option_defaults()->group("Bus");
     app.add_option("--address", simulator.busAddress,
-                   "D-Bus address of a bus to join; without it a private dbus-daemon is started");
+                   "D-Bus address of the bus to join (default: start a private dbus-daemon)");
     app.add_option("--bus-dir", simulator.busDirectory,
-                   "folder for the private bus's socket; without it a temporary one");
+                   "folder for the private bus's socket (default: a temporary one)");
     app.option_defaults()->group("BlueZ");
-    app.add_option("--adapter", settings.adapters, "name of an adapter, may be repeated")
+    app.add_option("--adapter", settings.adapters, "name of an adapter; may be repeated")
         ->capture_default_str();
-    app.add_flag("--no-adapter", settings.noAdapter, "start without any adapter");
-    app.add_flag("--unpowered", settings.unpowered, "the adapters start without power");
+    app.add_flag("--no-adapter", settings.noAdapter, "start without an adapter");
+    app.add_flag("--unpowered", settings.unpowered, "start with the adapters powered off");
     app.add_flag("--no-auto-enable", settings.noAutoEnable,
-                 "adapters stay without power when the service comes back");
+                 "keep the adapters powered off when the service starts again");
     app.add_flag("--require-agent", simulator.requireAgent,
-                 "pairing fails unless some program registered an agent");
-    app.add_flag("--realistic", settings.realistic, "take as long as a real stack and a real remote");
-    app.add_option("--timing", settings.timings,
-                   "NAME=MILLISECONDS of: discovery, connect, resolve, pair, connect-timeout, pair-timeout, "
-                   "resolve-timeout, remove-connected, power-change, temporary, rssi; may be repeated");
+                 "pairing fails unless a program has registered an agent");
+    app.add_flag("--realistic", settings.realistic, "use the delays of a real stack and a real remote");
+    app.add_option(
+        "--timing", settings.timings,
+        "NAME=MILLISECONDS, where NAME is discovery, connect, resolve, pair, connect-timeout, pair-timeout, "
+        "resolve-timeout, remove-connected, power-change, temporary or rssi; may be repeated");
     app.option_defaults()->group("Remote");
-    app.add_flag("--paired", settings.remote.paired, "it is paired already");
-    app.add_flag("--no-remote", settings.noRemote, "there is no remote");
+    app.add_flag("--paired", settings.remote.paired, "start with the remote paired");
+    app.add_flag("--no-remote", settings.noRemote, "start without a remote");
 }
 
 void setTiming(Timings& timings, const std::string& text)
@@ -77,7 +78,7 @@ void setTiming(Timings& timings, const std::string& text)
         {"temporary", &Timings::temporary},
         {"rssi", &Timings::rssi},
     };
-    const std::string complaint = "--timing " + text + ": NAME=MILLISECONDS is wanted, see --help";
+    const std::string complaint = "--timing " + text + ": expected NAME=MILLISECONDS; see --help";
     const auto equals = text.find('=');
     for (const auto& [name, member] : known) {
         if (equals != std::string::npos && text.substr(0, equals) == name) {
@@ -89,7 +90,7 @@ void setTiming(Timings& timings, const std::string& text)
     throw std::invalid_argument(complaint);
 }
 
-/// "00:1A:7D:DA:71:13" for the first adapter, one more for each next.
+/// "00:1A:7D:DA:71:13" for the first adapter, counting up for the next ones.
 std::string adapterAddress(std::size_t index)
 {
     std::array<char, 18> text{};
@@ -139,9 +140,9 @@ void play(Settings& settings)
 
 int run(int argc, char** argv)
 {
-    CLI::App app("A BlueZ and a remote control in software: owns org.bluez on a bus of its own, behaves as\n"
-                 "bluetoothd does, and does on request what a test or a developer wants to see.\n"
-                 "Drive it with gdbus or busctl: name org.vexabluetoohtd.Sim, object /sim.");
+    CLI::App app("Simulates BlueZ and a remote control: owns org.bluez on a bus, behaves like bluetoothd,\n"
+                 "and on request produces the events and faults that a test or a developer needs.\n"
+                 "Control it with gdbus or busctl: name org.vexabluetoohtd.Sim, object /sim.");
     Settings settings;
     addStackOptions(app, settings);
     addRemoteOptions(app, settings);
