@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// The attribute table of a simulated peripheral: plain records that know nothing of D-Bus or of the air.
+/// The attribute table of a simulated peripheral: plain records, independent of D-Bus and the radio.
 /// Handles are those of the attribute protocol.
 namespace vexasim
 {
@@ -30,16 +30,16 @@ struct GattDescriptor {
     std::uint16_t handle = 0;
     std::string uuid; ///< 128-bit form, lower case
     Bytes value;
-    std::vector<std::string> flags; ///< BlueZ's words: "read", "write"
+    std::vector<std::string> flags; ///< as BlueZ names them: "read", "write"
 };
 
 struct GattCharacteristic {
     std::uint16_t handle = 0;      ///< of the declaration; BlueZ names the object after it
     std::uint16_t valueHandle = 0; ///< where reads, writes and notifications go
     std::string uuid;              ///< 128-bit form, lower case
-    /// BlueZ's words: "read", "write", "write-without-response", "notify", "indicate".
+    /// As BlueZ names them: "read", "write", "write-without-response", "notify", "indicate".
     std::vector<std::string> flags;
-    Bytes value; ///< as it stood when the table was asked for
+    Bytes value; ///< at the time the table was requested
     std::vector<GattDescriptor> descriptors;
 
     bool has(const std::string& flag) const;

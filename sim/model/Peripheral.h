@@ -20,35 +20,35 @@ namespace vexasim
 
 class Peripheral;
 
-/// Hears of a peripheral what a radio would. Called without any lock held, on the thread that caused the
-/// event; may call the peripheral back.
+/// Receives the events of a peripheral that a radio would. Called without any lock held, on the thread that
+/// caused the event; may call the peripheral.
 class PeripheralListener
 {
 public:
     virtual ~PeripheralListener() = default;
-    /// It began or ceased to advertise, or advertises another name.
+    /// It started or stopped advertising, or its advertised name changed.
     virtual void onAdvertisingChanged(Peripheral&) {}
     virtual void onRssiChanged(Peripheral&) {}
-    /// The link ended on the peripheral's side or by distance, not by Peripheral::disconnect.
+    /// The peripheral ended the link or went out of range; not called for Peripheral::disconnect.
     virtual void onLinkLost(Peripheral&) {}
     /// A notification to a subscribed peer, by value handle.
     virtual void onNotification(Peripheral&, std::uint16_t, const Bytes&) {}
 };
 
-/// What a peripheral is before anything happens to it.
+/// The initial state of a peripheral.
 struct PeripheralOptions {
     std::string address = "C0:FF:EE:00:00:01"; ///< upper case, with colons
     bool randomAddress = false;                ///< AddressType "random" instead of "public"
     std::optional<std::string> name;           ///< none: the advertisement carries no name
     std::uint16_t appearance = 0x0180;         ///< generic remote control
     std::int16_t rssi = -52;                   ///< dBm
-    bool paired = false;                       ///< bonded before the story begins
+    bool paired = false;                       ///< bonded from the start
     GattTable services;
 };
 
-/// One Bluetooth Low Energy peripheral as the air shows it: address, name, signal strength, link, bond and
-/// attribute table. It has no D-Bus, no thread and no clock: the simulated BlueZ and the virtual controller
-/// ask it and hear of it as PeripheralListener. Every method may be called on any thread.
+/// One Bluetooth Low Energy peripheral as seen over the air: address, name, signal strength, link, bond and
+/// attribute table. It uses no D-Bus, thread or clock: the simulated BlueZ and the virtual controller call it
+/// and receive its events as PeripheralListener. Every method may be called on any thread.
 class Peripheral
 {
 public:
@@ -65,7 +65,7 @@ public:
 
     explicit Peripheral(PeripheralOptions options);
 
-    // --- who it is ---
+    // --- identity and signal ---
     std::string address() const { return mOptions.address; }
     bool randomAddress() const { return mOptions.randomAddress; }
     /// The name in the advertisement, none if it carries none.
@@ -77,9 +77,9 @@ public:
     std::int16_t rssi() const { return get(mOptions.rssi); }
     void setRssi(std::int16_t dBm);
 
-    // --- where it is and what it does; each ends the link if that follows ---
-    void leave() { change(&Condition::inRange, false); }      ///< walks out of range
-    void comeBack() { change(&Condition::inRange, true); }    ///< walks into range
+    // --- state; a change that makes it unreachable ends the link ---
+    void leave() { change(&Condition::inRange, false); }      ///< goes out of range
+    void comeBack() { change(&Condition::inRange, true); }    ///< returns into range
     void sleep() { change(&Condition::asleep, true); }        ///< radio off to save the battery
     void wake() { change(&Condition::asleep, false); }        ///< a key was pressed
     void loseLink() { change(&Condition::connected, false); } ///< the link ends, nothing else changes
@@ -99,20 +99,19 @@ public:
     /// Every answer (connection, pairing, attributes) comes this much later.
     void setAnswerDelay(std::chrono::milliseconds delay) { set(mAnswerDelay, delay); }
     std::chrono::milliseconds answerDelay() const { return get(mAnswerDelay); }
-    /// The attribute server answers nothing any more, service discovery included.
+    /// The attribute server stops answering, service discovery included.
     void setMute(bool mute) { set(mMute, mute); }
     bool mute() const { return get(mMute); }
-    /// A stack announces it as soon as it advertises, without anyone scanning (as if some other program
-    /// were).
+    /// A stack announces it as soon as it advertises, even if no client scans (as if another program did).
     void setAnnouncesUnasked(bool announces) { set(mAnnouncesUnasked, announces); }
     bool announcesUnasked() const { return get(mAnnouncesUnasked); }
 
-    // --- what a stack or a controller asks ---
+    // --- for the stack or the controller ---
     /// Present, in range and awake.
     bool reachable() const;
     /// Reachable and not connected.
     bool advertising() const;
-    /// False if it can't be reached or has a link already.
+    /// False if it is unreachable or already connected.
     bool connect();
     /// The peer ends the link.
     void disconnect();
@@ -124,23 +123,22 @@ public:
     /// `handle` is a value or descriptor handle. Not connected answers LinkLost.
     AttReply read(std::uint16_t handle);
     AttReply write(std::uint16_t handle, const Bytes& value, WriteKind kind = WriteKind::Request);
-    /// Switches notifications of a characteristic by its value handle, as a write of its client configuration
-    /// does.
+    /// Turns a characteristic's notifications on or off, as a write to its client configuration does.
     AttReply subscribe(std::uint16_t valueHandle, bool on);
     bool subscribed(std::uint16_t valueHandle) const;
 
-    // --- what the firmware behind it does ---
+    // --- for its firmware ---
     /// Value handle of the first characteristic of that UUID, 0 if there is none.
     std::uint16_t handleOf(const std::string& uuid) const;
     Bytes value(std::uint16_t handle) const;
     void setValue(std::uint16_t handle, Bytes value);
     /// Sets the value and, if a peer is subscribed, notifies it.
     void notify(std::uint16_t valueHandle, const Bytes& value);
-    /// Answer instead of the stored value; an empty hook restores it.
+    /// Called to answer instead of the stored value; an empty hook restores that.
     void onRead(std::uint16_t handle, ReadHook hook) { setHook(mReadHooks, handle, std::move(hook)); }
     /// Called instead of storing the value; an empty hook restores that.
     void onWrite(std::uint16_t handle, WriteHook hook) { setHook(mWriteHooks, handle, std::move(hook)); }
-    /// Called when notifications are switched; a refusal leaves them as they are.
+    /// Called when notifications are turned on or off; a refusal leaves them unchanged.
     void onSubscribe(std::uint16_t valueHandle, SubscribeHook hook)
     {
         setHook(mSubscribeHooks, valueHandle, std::move(hook));
@@ -186,11 +184,11 @@ private:
     }
 
     void change(bool Condition::*member, bool value);
-    /// Edits the condition, and tells the listeners what follows.
+    /// Edits the condition and notifies the listeners of what changed.
     void change(const std::function<void(Condition&)>& edit);
     void tell(const Notice& notice);
     bool reachableLocked() const;
-    /// What is common to a characteristic and a descriptor; null if there is none of that handle.
+    /// What characteristics and descriptors have in common; null if nothing has that handle.
     struct Attribute {
         std::vector<std::string>* flags = nullptr;
         Bytes* value = nullptr;

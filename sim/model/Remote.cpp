@@ -26,7 +26,7 @@ namespace
 constexpr std::uint16_t kAppearanceUuid = 0x2a01;
 constexpr std::uint16_t kRemoteControlAppearance = 0x0180;
 
-// The handles of the remote's attributes. Those of the battery give the object names service0010, char0011
+// The handles of the remote's attributes. The battery's give the object names service0010, char0011
 // and desc0013.
 constexpr std::uint16_t kGenericAccessHandle = 0x0001;
 constexpr std::uint16_t kBatteryHandle = 0x0010;
@@ -268,7 +268,7 @@ AttReply Remote::onSwitch(const Bytes& bytes)
         return followUp(*mNormal, outcome);
     }
     if (appearance().beforeScan) {
-        // Before the answer, so that no scan of the peer can come first.
+        // Before the answer, so that the peer can't scan first.
         mUpdate->setPresent(!appearance().never);
         mReceiver.begin();
         after(mOptions.switchTime, [](Remote& remote) { remote.mNormal->setPresent(false); });
@@ -300,7 +300,7 @@ AttReply Remote::followUp(Peripheral& written, const UpdateReceiver::Outcome& ou
         return AttReply::lost();
     }
     const std::chrono::milliseconds slow = written.answerDelay();
-    // Behind the answer to the write, also when that takes its time.
+    // After the answer to the write, even when that is delayed.
     const std::chrono::milliseconds behind{slow.count() > 0 ? 1 : 0};
     if (!outcome.answers.empty()) {
         after(outcome.answerDelay + slow + behind,

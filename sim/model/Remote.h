@@ -31,7 +31,7 @@ extern const std::string kDeviceName;          ///< 0x2a00
 extern const std::string kClientConfiguration; ///< 0x2902
 } // namespace uuid
 
-/// How the remote shows itself after the switch.
+/// How the remote appears after the switch to update mode.
 struct UpdateAppearance {
     bool never = false;               ///< it stays off the air
     bool nameless = false;            ///< its advertisement carries no name
@@ -43,7 +43,7 @@ struct UpdateAppearance {
 struct RemoteOptions {
     std::string name = "VEXA RC";
     std::string address = "C0:FF:EE:00:00:01";
-    std::string updateName = "BeeTgt"; ///< not VEXA..., or the box takes it for a remote
+    std::string updateName = "BeeTgt"; ///< mustn't begin with VEXA, or the box takes it for a remote
     std::string updateAddress = "C0:FF:EE:00:00:02";
     std::int16_t rssi = -52;
     bool paired = false;
@@ -51,18 +51,18 @@ struct RemoteOptions {
     Bytes version = {0xa3, 0x01}; ///< little-endian, so 0x1a3
     bool batteryService = true;
     bool vendorService = true;
-    /// BlueZ's words for the data characteristic; with "write-without-response" alone BlueZ answers a write
-    /// before the remote has it.
+    /// BlueZ's flags of the data characteristic; with "write-without-response" alone BlueZ answers a write
+    /// before the remote has received it.
     std::vector<std::string> dataFlags = {"write"};
     UpdateKey key = developmentKey();
     std::chrono::milliseconds switchTime{20}; ///< from the switch write to the end of the normal link
     std::chrono::milliseconds bootTime{50};   ///< off the air between the two personalities
 };
 
-/// The remote control: one device in the hand, two peripherals on the air. In normal mode normal() is
-/// present, with battery level, version and update switch; after the switch byte it goes and update()
-/// appears, which takes the image; a reset brings normal() back, with the new version if the image was
-/// verified. Every method may be called on any thread.
+/// The remote control: one device that appears as two peripherals. In normal mode normal() is present, with
+/// battery level, version and update switch. After the switch byte, update() replaces it and receives the
+/// image. A reset brings normal() back, with the new version if the image was verified. Every method may be
+/// called on any thread.
 class Remote : public std::enable_shared_from_this<Remote>
 {
 public:
@@ -72,8 +72,8 @@ public:
     Remote(const Remote&) = delete;
     Remote& operator=(const Remote&) = delete;
 
-    /// How the remote lets time pass; set by the one that has a scheduler. Without one everything happens at
-    /// once.
+    /// Sets how the remote delays its actions; called by the owner of a scheduler. Without it everything
+    /// happens at once.
     void setSchedule(Schedule schedule);
 
     const std::shared_ptr<Peripheral>& normal() const { return mNormal; }
@@ -81,7 +81,7 @@ public:
     UpdateReceiver& receiver() { return mReceiver; }
     const RemoteOptions& options() const { return mOptions; }
 
-    // --- stories; of whichever personality is on the air ---
+    // --- events and settings, of both personalities ---
     void leave() { both(&Peripheral::leave); }
     void comeBack() { both(&Peripheral::comeBack); }
     void sleep() { both(&Peripheral::sleep); }
@@ -103,9 +103,9 @@ public:
     // --- the update ---
     void setUpdateAppearance(const UpdateAppearance& appearance);
     bool inUpdateMode() const;
-    /// As the switch byte does, at once.
+    /// Like the switch byte, but at once.
     void enterUpdateMode();
-    /// As the reset command does, at once; `version` replaces the old one if given.
+    /// Like the reset command, but at once; `version`, if given, replaces the old one.
     void leaveUpdateMode(std::optional<std::uint16_t> version = {});
 
 private:

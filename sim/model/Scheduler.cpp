@@ -23,7 +23,7 @@ Scheduler::TaskId Scheduler::at(Time time, Task task)
 
 void Scheduler::cancel(TaskId id)
 {
-    Task dropped; // destroyed without the lock, since its captures may use the scheduler
+    Task dropped; // destroyed after the unlock, since its captures may use the scheduler
     const std::lock_guard lock(mMutex);
     const auto found =
         std::find_if(mQueue.begin(), mQueue.end(), [id](const auto& entry) { return entry.second.id == id; });
@@ -89,7 +89,7 @@ gboolean MainLoopScheduler::dispatch(GSource* source, GSourceFunc, gpointer)
 
 MainLoopScheduler::MainLoopScheduler(GMainContext* context)
 {
-    // Its ready time alone makes the source due, so it neither prepares nor checks.
+    // The source becomes due by its ready time alone, so it needs neither prepare nor check.
     static GSourceFuncs functions = {nullptr, nullptr, &MainLoopScheduler::dispatch,
                                      nullptr, nullptr, nullptr};
     mSource = g_source_new(&functions, sizeof(Source));

@@ -13,9 +13,9 @@
 namespace vexasim
 {
 
-/// The simulator's one clock, and tasks to be run later by it. The program's runs on a GLib main context
-/// (MainLoopScheduler), a test's may be moved by hand. Tasks may be added and cancelled on any thread; they
-/// run on one, without any lock held.
+/// The simulator's only clock, and the tasks to run at a later time. The program uses a GLib main context
+/// (MainLoopScheduler); a test may advance the time itself. Tasks may be added and cancelled on any thread;
+/// they run on one, without any lock held.
 class Scheduler
 {
 public:
@@ -32,14 +32,14 @@ public:
 
     virtual Time now() const = 0;
 
-    /// Arranges for `task` at `time`, or as soon as possible if that has passed, but never before the return.
-    /// Tasks of the same time run in the order in which they were added. Returns an id other than 0.
+    /// Schedules `task` for `time`, or as soon as possible if that has passed, but never before this returns.
+    /// Tasks with the same time run in the order in which they were added. Returns an id other than 0.
     TaskId at(Time time, Task task);
     TaskId after(Duration delay, Task task) { return at(now() + delay, std::move(task)); }
     TaskId post(Task task) { return at(now(), std::move(task)); }
-    /// Takes a task back; an id that isn't pending is ignored.
+    /// Cancels a task; an id that isn't pending is ignored.
     void cancel(TaskId id);
-    /// Drops what is pending and whatever is added from now on.
+    /// Drops pending tasks and all that are added later.
     void close();
 
 protected:
@@ -47,7 +47,7 @@ protected:
     std::optional<Time> nextTime() const;
     /// Runs the tasks that are due at `time`.
     void runDue(Time time);
-    /// Called after the answer of nextTime may have changed, on any thread.
+    /// Called after the result of nextTime may have changed, on any thread.
     virtual void rescheduled() = 0;
 
 private:
@@ -66,7 +66,7 @@ private:
     bool mClosed = false;
 };
 
-/// One task to come, cancelled when its owner goes. Used on the scheduler's thread.
+/// One pending task, cancelled on destruction. Used on the scheduler's thread.
 class Timer
 {
 public:
@@ -75,7 +75,7 @@ public:
     Timer& operator=(const Timer&) = delete;
     ~Timer() { stop(); }
 
-    /// Runs `task` once after `delay`, instead of what was pending.
+    /// Runs `task` once after `delay`; replaces a pending task.
     void start(Scheduler::Duration delay, Scheduler::Task task)
     {
         startAt(mScheduler.now() + delay, std::move(task));
@@ -93,7 +93,7 @@ private:
 class MainLoopScheduler : public Scheduler
 {
 public:
-    /// Without a context by the one that is the thread's default.
+    /// By default on the thread's default context.
     explicit MainLoopScheduler(GMainContext* context = g_main_context_get_thread_default());
     ~MainLoopScheduler() override;
 
@@ -107,7 +107,7 @@ private:
     static gboolean dispatch(GSource* source, GSourceFunc, gpointer);
 
     GSource* mSource;
-    std::mutex mReadyMutex; ///< what the source is set to is what the queue says last
+    std::mutex mReadyMutex; ///< keeps the source's ready time in step with the queue
 };
 
 } // namespace vexasim

@@ -26,7 +26,7 @@ struct Command {
     std::uint8_t opcode;
     UpdateStep step;
     std::size_t length; ///< of the whole packet
-    bool answered;      ///< a good remote notifies an answer
+    bool answered;      ///< a correct remote answers by notification
 };
 
 constexpr std::array<Command, 6> kCommands = {{
@@ -257,7 +257,7 @@ UpdateReceiver::Outcome UpdateReceiver::dataWritten(const Bytes& bytes)
     if (bytes.empty() || bytes.size() > kDataBlock) {
         complain("data: a block has 1 to 20 bytes");
     }
-    // A block shorter than a cipher block comes in the clear, and so does what follows the first 16 bytes.
+    // A block shorter than a cipher block is unencrypted, and so is everything after the first 16 bytes.
     std::size_t clear = 0;
     if (bytes.size() >= kCipherBlock) {
         const Bytes plain = decipher(bytes.data());
@@ -279,7 +279,7 @@ bool UpdateReceiver::verify(const Bytes& bytes)
     if (littleEndian16(&bytes[1]) != mSession.header->signature) {
         return complain("verify: not the signature that was announced");
     }
-    // The sender doesn't cut its last block at the announced length.
+    // The sender doesn't cut its last block to the announced length.
     const std::size_t announced = mSession.header->payloadBytes();
     if (mSession.payload.size() < announced || mSession.payload.size() >= announced + kDataBlock) {
         return complain("verify: " + std::to_string(mSession.payload.size()) + " bytes came, " +

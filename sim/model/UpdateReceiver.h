@@ -43,11 +43,11 @@ enum class UpdateStep {
 std::string toString(UpdateStep step);
 std::optional<UpdateStep> updateStepFrom(const std::string& word);
 
-/// What goes wrong at one step. Everything unset is as a good remote does it.
+/// What goes wrong at one step. By default nothing does.
 struct UpdateFault {
     bool silent = false;                ///< the command is carried out but not answered
     std::chrono::milliseconds late{0};  ///< the answer comes this much later
-    std::optional<std::uint8_t> status; ///< in place of the status byte
+    std::optional<std::uint8_t> status; ///< replaces the status byte
     std::optional<std::size_t> length;  ///< the answer is cut, or filled with zeros, to this many bytes
     unsigned copies = 1;                ///< how many times the answer is sent
     std::vector<Bytes> answers;         ///< if not empty, these are sent instead
@@ -84,41 +84,41 @@ struct ImageHeader {
     std::size_t payloadBytes() const { return std::size_t{length} * 4; }
 };
 
-/// The receiving side of the update protocol: takes the writes, deciphers and reassembles the image, and says
-/// what is to be answered. No D-Bus, no timers. Every method may be called on any thread.
+/// The receiving side of the update protocol: takes the writes, deciphers and reassembles the image, and
+/// determines the answers. No D-Bus, no timers. Every method may be called on any thread.
 class UpdateReceiver
 {
 public:
-    /// What follows from a write.
+    /// The result of a write.
     struct Outcome {
         AttReply reply;             ///< to the write itself
         std::vector<Bytes> answers; ///< notifications of the control point, in order
         std::chrono::milliseconds answerDelay{0};
-        bool vanish = false; ///< the link ends and the remote goes
+        bool vanish = false; ///< the link ends and the remote goes off the air
         bool reset = false;  ///< the remote restarts, into the new image if it was verified
     };
 
     explicit UpdateReceiver(const UpdateKey& key);
 
     void setKey(const UpdateKey& key) { set(mKey, key); }
-    /// The whole image file, header included, to which Verify compares what came; empty: only the announced
-    /// length is checked.
+    /// The whole image file, header included, with which Verify compares the received image. If it is empty,
+    /// only the announced length is checked.
     void setExpectedImage(const Bytes& image) { set(mExpected, image); }
     /// What GetImageInfo answers.
     void setRunningImage(std::uint16_t version, std::uint32_t offset);
     void setFault(UpdateStep step, const UpdateFault& fault);
     void clearFaults() { set(mFaults, {}); }
 
-    /// A new session: forgets what came, but neither the faults nor the record.
+    /// Starts a new session: clears the received data, but neither the faults nor the recorded packets.
     void begin() { set(mSession, {}); }
     Outcome switchWritten(const Bytes& bytes);
     Outcome commandWritten(const Bytes& bytes);
     Outcome dataWritten(const Bytes& bytes);
     Outcome notifySwitched(bool on);
-    /// Records an answer that was really sent.
+    /// Records an answer that was actually sent.
     void answered(const Bytes& bytes);
 
-    // --- what came ---
+    // --- received so far ---
     std::optional<ImageHeader> header() const
     {
         return get(mSession.header);
@@ -138,7 +138,7 @@ public:
     void clearPackets() { set(mPackets, {}); }
 
 private:
-    /// What came since `begin`.
+    /// Received since `begin`.
     struct Session {
         std::optional<ImageHeader> header;
         Bytes startBlock;
