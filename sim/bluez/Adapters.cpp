@@ -65,7 +65,7 @@ void Adapters::onMethod(const std::string& member, void (Adapters::*handler)(con
 {
     mCore.dispatcher.onMethod(names::kAdapter, member, [this, handler](const RequestPtr& request) {
         if (find(request->call().path) == nullptr) {
-            return fail(request, errors::kNotAvailable); // a raw object of a test
+            return fail(request, errors::kNotAvailable); // an object added by a test
         }
         if (!powered(request->call().path)) {
             return fail(request, errors::kNotReady);
@@ -88,11 +88,11 @@ Adapters::Adapter* Adapters::find(const std::string& path)
 bool Adapters::powered(const std::string& path) const
 {
     const Variant value = mCore.tree.get(path, names::kAdapter, "Powered");
-    // A test that gave the property a wrong type wants the method to work still.
+    // A test may have given the property a wrong type; the method must still work.
     return value.type() != "b" || g_variant_get_boolean(value.get()) != FALSE;
 }
 
-// --- coming and going ---
+// --- adding and removing ---
 
 void Adapters::publish(const std::string& path, Adapter& adapter)
 {
@@ -155,7 +155,7 @@ void Adapters::onSetPowered(const RequestPtr& request, const Variant& value)
     const bool on = g_variant_get_boolean(value.get()) != FALSE;
     const std::string path = request->call().path;
     mCore.scheduler->after(mCore.timings.powerChange, [this, request, path, on] {
-        // Without power BlueZ forgets what isn't paired; then it answers, then tells.
+        // On power-off BlueZ first removes unpaired devices, then answers, then emits the signal.
         if (!on) {
             mDevices.forgetUnpaired(path);
         }
@@ -188,7 +188,7 @@ void Adapters::startDiscovery(const RequestPtr& request)
     if (!adapter.discoverers.insert(request->call().sender).second) {
         return fail(request, errors::kBusy);
     }
-    // BlueZ answers, then tells that it discovers.
+    // BlueZ answers first, then announces Discovering.
     request->reply();
     beginDiscovery(request->call().path);
 }

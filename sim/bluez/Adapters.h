@@ -14,7 +14,7 @@
 namespace vexasim
 {
 
-/// The adapters, discovery, and what is on the air for them to hear. Used on the scheduler's thread.
+/// The adapters, discovery, and the peripherals in range. Used on the scheduler's thread.
 class Adapters
 {
 public:
@@ -22,21 +22,21 @@ public:
 
     static std::string pathFor(const std::string& name);
 
-    /// Puts an adapter on the bus, with the devices that are paired.
+    /// Adds an adapter to the bus, with the paired devices.
     std::string add(const AdapterOptions& options);
-    /// Takes it off the bus with its devices, children first.
+    /// Removes it from the bus with its devices, children first.
     void remove(const std::string& path);
     void setPowered(const std::string& path, bool on);
     bool discovering(const std::string& path) const;
 
     void addPeripheral(const std::shared_ptr<Peripheral>& peripheral);
     void removePeripheral(const std::shared_ptr<Peripheral>& peripheral);
-    /// Adverts are heard, or end, or carry another name or strength.
+    /// Advertising started or stopped, or the name or signal strength changed.
     void onAdvertising(Peripheral& peripheral);
     void clientGone(const std::string& sender);
 
-    // --- bluetoothd comes and goes ---
-    /// Publishes the adapters that are plugged in, powered as given or as they were.
+    // --- bluetoothd starts and stops ---
+    /// Publishes the adapters that are plugged in, powered as given or, if empty, as before.
     void serviceStarted(std::optional<bool> powered);
     void serviceStopped(bool announce);
 
@@ -45,7 +45,7 @@ private:
         AdapterOptions options;
         std::set<std::string> discoverers; ///< unique names
         bool discovering = false;
-        unsigned discovery = 0; ///< counts the ends of discoveries: a report of an older one is void
+        unsigned discovery = 0; ///< counts ended discoveries; reports of earlier ones are dropped
         bool onBus = false;
     };
 

@@ -13,7 +13,7 @@ void BatteryProfile::begin(const DevicePtr& device)
     if (handle == 0) {
         return;
     }
-    // Not by read(): what a test bends there is meant for BlueZ's clients.
+    // Not by read(): the faults that a test sets there are meant for BlueZ's clients.
     const Bytes level = peripheral.value(handle);
     if (level.empty()) {
         return;
@@ -41,7 +41,7 @@ void BatteryProfile::tell(const DevicePtr& device, std::uint8_t percentage)
 {
     constexpr std::uint8_t kFull = 100;
     if (percentage > kFull) {
-        return; // bluetoothd takes it for an error of the remote
+        return; // bluetoothd treats it as an error of the remote
     }
     const PropertyMap properties = {{"Percentage", g_variant_new_byte(percentage)}};
     const Variant known = mCore.tree.get(device->path, names::kBattery, "Percentage");

@@ -9,16 +9,16 @@
 namespace vexasim
 {
 
-/// bluetoothd's own use of the battery service: what it reads there it tells as Battery1 (org.bluez.Battery1)
-/// on the device's object, as long as the link lasts. Used on the scheduler's thread.
+/// bluetoothd's own use of the battery service: shows the level as org.bluez.Battery1 on the device's object
+/// for as long as the link lasts. Used on the scheduler's thread.
 class BatteryProfile
 {
 public:
     explicit BatteryProfile(Core& core) : mCore(core) {}
 
-    /// The services are resolved: reads the level and has itself told of another one.
+    /// The services are resolved: reads the level and enables its notifications.
     void begin(const DevicePtr& device);
-    /// A notification came; of another characteristic it means nothing.
+    /// A notification arrived; ignored if it is of another characteristic.
     void notified(const DevicePtr& device, std::uint16_t handle, const Bytes& value);
     /// The link is gone.
     void end(const DevicePtr& device);

@@ -14,8 +14,8 @@ namespace vexasim
 
 struct Call;
 
-/// A departure from how BlueZ answers a method. The first bend that matches a call applies; bends are tried
-/// newest first. Build one by its named makers:
+/// Changes how BlueZ answers a method. If several bends match a call, the newest applies. Make one by its
+/// named functions:
 ///
 ///     sim.bend(Bend::error("Pair", "org.bluez.Error.AuthenticationFailed").on(path).times(2));
 ///     sim.bend(Bend::answer("ReadValue", g_variant_new("(s)", "no bytes")).on(characteristic));
@@ -31,7 +31,7 @@ struct Bend {
 
     static Bend error(const std::string& member, const std::string& name,
                       const std::string& message = "bent");
-    /// `parameters` is a tuple, of any type; it needn't be the method's.
+    /// `parameters` is a tuple of any type, not necessarily the method's.
     static Bend answer(const std::string& member, Variant parameters);
     static Bend silence(const std::string& member);
     static Bend late(const std::string& member, std::chrono::milliseconds delay);
@@ -41,7 +41,7 @@ struct Bend {
     Bend& of(const std::string& name) { return with(&Bend::interfaceName, name); } ///< only of this interface
     /// Only calls of org.freedesktop.DBus.Properties about this property.
     Bend& property(const std::string& name) { return with(&Bend::propertyName, name); }
-    /// Only so many calls, then the bend is gone.
+    /// Only this many calls; then the bend is removed.
     Bend& times(int times) { return with(&Bend::count, times); }
     bool matches(const Call& call) const;
 
@@ -69,7 +69,7 @@ using BendId = std::uint64_t;
 
 /// One method call that reached the simulator.
 struct Call {
-    std::int64_t timeUs = 0; ///< monotonic clock, when it came off the socket
+    std::int64_t timeUs = 0; ///< monotonic clock, when it was read from the socket
     std::string sender;      ///< unique name
     std::string path;
     std::string interface;

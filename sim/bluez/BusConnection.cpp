@@ -96,7 +96,7 @@ void Request::send(GDBusMessage* answer)
     const std::shared_ptr<GDBusConnection> connection(G_DBUS_CONNECTION(g_object_ref(mConnection)),
                                                       g_object_unref);
     const auto deliver = [connection, owned] {
-        // Fails only on a connection that has gone, where nobody waits.
+        // Fails only on a closed connection, where nobody waits.
         g_dbus_connection_send_message(connection.get(), owned.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
                                        nullptr);
     };
@@ -107,8 +107,8 @@ void Request::send(GDBusMessage* answer)
     }
 }
 
-/// What GDBus's thread calls. By its lock the thread sanitizer, which doesn't see GDBus's own, follows the
-/// order of the two threads.
+/// What GDBus's thread calls. Its lock shows the thread sanitizer, which doesn't see GDBus's own, the order
+/// of the two threads.
 struct BusConnection::Handlers {
     std::mutex mutex;
     MessageHandler onCall;
@@ -213,7 +213,7 @@ void BusConnection::roundTrip()
     try {
         callBus(mConnection, "GetId");
     } catch (const std::runtime_error&) {
-        // A bus that went away has nothing left to route.
+        // A closed connection has nothing left to route.
         if (g_dbus_connection_is_closed(mConnection) == FALSE) {
             throw;
         }

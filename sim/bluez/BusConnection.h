@@ -19,11 +19,11 @@ class Scheduler;
 GDBusConnection* connectToBus(const std::string& address);
 /// Calls a method of the bus itself. Throws std::runtime_error.
 Variant callBus(GDBusConnection* connection, const char* method, const Variant& parameters = {});
-/// The error's text, which it frees.
+/// Returns the error's text and frees the error.
 std::string takeMessage(GError* error);
 
-/// One method call on its way to an answer. Answered at most once; further answers are dropped, and so is one
-/// to a connection that has gone.
+/// One method call that waits for its answer. It is answered at most once; further answers are dropped, and
+/// so is one to a closed connection.
 class Request
 {
 public:
@@ -40,7 +40,7 @@ public:
     /// An empty variant answers with no values.
     void reply(const Variant& parameters = {});
     void fail(const std::string& name, const std::string& message);
-    /// Whatever answer comes is sent this much later; several delays add up.
+    /// Sends the answer this much later; several delays add up.
     void delayAnswer(std::chrono::milliseconds delay) { mDelay += delay; }
 
 private:
@@ -56,10 +56,10 @@ private:
 
 using RequestPtr = std::shared_ptr<Request>;
 
-/// The simulator's connection to the bus and its well-known name. Used on the scheduler's thread, but for the
+/// The simulator's connection to the bus and its well-known name. Used on the scheduler's thread, except the
 /// handlers, which GDBus calls on its own thread.
 ///
-/// Calls come through a message filter, not through objects registered with GDBus: a bend may answer a call
+/// Calls arrive through a message filter, not through objects registered with GDBus: a bend may answer a call
 /// with any type, late or never, objects may have any interface and property, and the errors are BlueZ's.
 class BusConnection
 {
@@ -77,7 +77,7 @@ public:
     void open(const std::string& address, MessageHandler onCall, NameHandler onNameGone);
     void close();
     bool isOpen() const { return mConnection != nullptr; }
-    /// Throws std::runtime_error if somebody else owns it.
+    /// Throws std::runtime_error if it has another owner.
     void requestName(const std::string& name);
     void releaseName(const std::string& name);
     void emit(const std::string& path, const std::string& interface, const std::string& member,

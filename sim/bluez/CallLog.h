@@ -13,7 +13,7 @@
 namespace vexasim
 {
 
-/// The record of method calls. Any thread.
+/// The recorded method calls. Any thread.
 class CallLog
 {
 public:
@@ -28,14 +28,14 @@ private:
     std::vector<Call> mCalls;
 };
 
-/// The departures in force. Any thread.
+/// The active bends. Any thread.
 class BendTable
 {
 public:
     BendId add(const Bend& bend);
     void remove(BendId id);
     void clear();
-    /// The newest bend that matches, counted down.
+    /// Returns the newest bend that matches, and lowers its count.
     std::optional<Bend> take(const Call& call);
 
 private:

@@ -30,8 +30,8 @@ Call callFrom(GDBusMessage* message)
 }
 } // namespace
 
-/// Passes on what happens on the air, on whatever thread a test causes it, and has it handled before the test
-/// goes on. Outlives the core harmlessly.
+/// Passes on the peripherals' events, whichever thread causes them, and returns once they are handled. May
+/// outlive the core.
 class Core::Observer : public PeripheralListener
 {
 public:
@@ -138,7 +138,7 @@ void Core::startService()
     }
     say("org.bluez is on the bus");
     publishRoot();
-    // As AutoEnable has it; bluetoothd killed leaves the controller as it is.
+    // As with AutoEnable; a killed bluetoothd leaves the controller as it is.
     std::optional<bool> powered;
     if (std::exchange(mStartedOnce, true) && (mAutoEnable || !mWasKilled)) {
         powered = mAutoEnable;
@@ -154,7 +154,7 @@ void Core::stopService(ServiceStop how)
     }
     mWasKilled = how == ServiceStop::Kill;
     if (mWasKilled) {
-        bus.close(); // from here on nothing that follows is told
+        bus.close(); // from here on nothing is announced
     }
     mAdapters->serviceStopped(!mWasKilled);
     tree.clear();
@@ -185,7 +185,7 @@ void Core::onCall(GDBusConnection* connection, GDBusMessage* message)
     const Call call = callFrom(message);
     const auto request = std::make_shared<Request>(*scheduler, connection, message, call);
     scheduler->post([this, request] { take(request); });
-    // Behind the post: who awaits the call and then changes something finds the call handled before the
+    // After the post: if a test awaits the call and then changes something, the call is handled before the
     // change.
     callLog.add(call);
 }

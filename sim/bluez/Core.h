@@ -21,24 +21,24 @@ namespace vexasim
 class Adapters;
 class Devices;
 
-/// The simulated bluetoothd: its parts, what they share, and the life of the process. Used on the scheduler's
-/// thread, but for the members that say otherwise.
+/// The simulated bluetoothd: its parts, what they share, and the start and stop of the process. Used on the
+/// scheduler's thread, except for members that say otherwise.
 class Core
 {
 public:
     Core(const SimulatorOptions& options, std::string busAddress);
-    /// On the thread that made it.
+    /// On the thread that constructed it.
     ~Core();
     Core(const Core&) = delete;
     Core& operator=(const Core&) = delete;
 
     void addRemote(const std::shared_ptr<Remote>& remote);
     void addPeripheral(const std::shared_ptr<Peripheral>& peripheral);
-    /// Joins the bus. Throws std::runtime_error. Nothing happens if it is there.
+    /// Joins the bus, unless it already has. Throws std::runtime_error.
     void startService();
     void stopService(ServiceStop how);
     void say(const std::string& text) const;
-    /// Goes on with a step after the delay, if the device and its link are still the same then.
+    /// Runs `step` after the delay, if the device and its link are still the same then.
     Scheduler::TaskId later(const DevicePtr& device, std::chrono::milliseconds delay,
                             std::function<void(const DevicePtr&)> step) const;
 

@@ -25,13 +25,13 @@ struct Device {
     bool connected = false;
     bool resolved = false; ///< the attribute client is ready
     bool exported = false; ///< GATT objects are on the bus
-    unsigned link = 0;     ///< counts the ends of links, and of the device: a step of an older link is void
+    unsigned link = 0; ///< counts ended links, and the device's removal; steps of an earlier link are dropped
 
-    /// The link that is being made: who waits for it, and until when.
+    /// The link being established: who waits for it, and until when.
     std::function<void(bool)> onLinked;
-    bool linkUnderway = false; ///< the peripheral was heard, the link comes
+    bool linkUnderway = false; ///< the peripheral was found and is being connected
     Scheduler::TaskId linkTimer = 0;
-    Scheduler::TaskId temporaryTimer = 0; ///< 0 while the device is to stay
+    Scheduler::TaskId temporaryTimer = 0; ///< 0 while the device is kept
 
     RequestPtr pairing;
     RequestPtr connecting;
@@ -41,7 +41,7 @@ struct Device {
     std::map<std::uint16_t, std::vector<RequestPtr>> reads; ///< by value handle
     std::map<std::uint16_t, RequestPtr> writes;
     std::map<std::uint16_t, std::set<std::string>> notifyClients; ///< unique names by value handle
-    std::set<std::uint16_t> ownNotifications; ///< value handles that bluetoothd itself listens to
+    std::set<std::uint16_t> ownNotifications; ///< value handles to which bluetoothd itself has subscribed
 };
 
 using DevicePtr = std::shared_ptr<Device>;

@@ -209,7 +209,7 @@ void Devices::removeByMethod(const RequestPtr& request)
     }
     const DevicePtr device = find(path);
     if (device == nullptr) {
-        mCore.tree.remove(path); // a raw object of a test
+        mCore.tree.remove(path); // an object added by a test
         return request->reply();
     }
     if (device->connected) {

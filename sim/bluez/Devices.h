@@ -18,7 +18,7 @@ class BatteryProfile;
 class GattObjects;
 class Links;
 
-/// The Device1 objects: how they come, change with what is heard on the air, and go. Used on the scheduler's
+/// The Device1 objects: adds them, updates them by advertisements, and removes them. Used on the scheduler's
 /// thread.
 class Devices
 {
@@ -28,21 +28,21 @@ public:
 
     static std::string pathFor(const std::string& adapterPath, const std::string& address);
 
-    /// An advertisement was heard (or claimed): makes the object or renews it.
+    /// An advertisement was received (or is assumed): adds or updates the object.
     DevicePtr seen(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral);
-    /// A bond from earlier: the object is there before anything is heard.
+    /// An earlier bond: adds the object before any advertisement is received.
     void restore(const std::string& adapterPath, const std::shared_ptr<Peripheral>& peripheral);
-    /// Takes the object off the bus, children first, and forgets the bond.
+    /// Removes the object from the bus, children first, and the bond.
     void remove(const DevicePtr& device);
-    /// Handles Adapter1.RemoveDevice, also of raw objects.
+    /// Handles Adapter1.RemoveDevice, also for objects added by a test.
     void removeByMethod(const RequestPtr& request);
-    /// The RSSI is invalid once nobody scans.
+    /// Invalidates RSSI, as nobody scans any more.
     void discoveryEnded(const std::string& adapterPath);
-    /// Links of this adapter end.
+    /// Ends the links of this adapter.
     void powerOff(const std::string& adapterPath);
-    /// Forgets the devices of an adapter; their objects are taken off by the caller. By signals; those
-    /// without a link.
+    /// Removes the adapter's unpaired devices that have no link, with signals.
     void forgetUnpaired(const std::string& adapterPath);
+    /// Forgets all devices of an adapter; the caller removes their objects.
     void forgetAll(const std::string& adapterPath);
     void clientGone(const std::string& sender);
 
@@ -51,14 +51,14 @@ public:
     void onNotification(const Peripheral& peripheral, std::uint16_t handle, const Bytes& value);
 
     DevicePtr find(const std::string& path) const;
-    /// The devices of a peripheral, one on each adapter at most.
+    /// The devices of a peripheral, at most one per adapter.
     std::vector<DevicePtr> of(const Peripheral& peripheral) const;
-    /// Path of an attribute's object, "" if there is none of that UUID.
+    /// Path of an attribute's object, "" if none has that UUID.
     static std::string attributePath(const std::string& devicePath, const Peripheral& peripheral,
                                      const std::string& uuid);
-    /// Called after a device was taken away, since it may be heard again.
+    /// Called after a device was removed, since it may still advertise.
     void setOnRemoved(std::function<void(const DevicePtr&)> onRemoved) { mOnRemoved = std::move(onRemoved); }
-    /// An unpaired device goes when it wasn't seen for a while.
+    /// Removes an unpaired device once it hasn't been seen for a while.
     void keepForAWhile(const DevicePtr& device);
     void keep(const DevicePtr& device);
     void learnName(const DevicePtr& device, const std::optional<std::string>& name);
@@ -77,7 +77,7 @@ private:
     std::unique_ptr<BatteryProfile> mBattery;
     std::unique_ptr<Links> mLinks;
     std::map<std::string, DevicePtr> mDevices; ///< by path
-    std::map<std::string, std::string> mNames; ///< once seen, by address; outlives the object
+    std::map<std::string, std::string> mNames; ///< every name received, by address; outlives the object
     std::function<void(const DevicePtr&)> mOnRemoved;
 };
 

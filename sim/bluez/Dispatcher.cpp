@@ -29,7 +29,7 @@ void failUnknown(const RequestPtr& request, const char* error)
                              "\" on interface \"" + call.interface + "\" doesn't exist\n");
 }
 
-/// The first component below `path` of `other`, "" if it doesn't lie below.
+/// The first component below `path` of `other`, "" if it isn't below.
 std::string childName(const std::string& path, const std::string& other)
 {
     const std::string prefix = path == "/" ? path : path + "/";
@@ -101,7 +101,7 @@ void Dispatcher::handle(const RequestPtr& request)
     }
     const auto handler = mMethods.find({call.interface, call.member});
     const GDBusMethodInfo* method = introspection::findMethod(call.interface, call.member);
-    // Properties are served on raw objects too, which don't list the interface.
+    // Properties is also served on objects added by a test, which don't list the interface.
     const bool offered = call.interface == names::kProperties || mTree.has(call.path, call.interface);
     if (!offered || handler == mMethods.end() || method == nullptr ||
         introspection::inSignature(method) != request->signature()) {
@@ -181,7 +181,7 @@ void Dispatcher::set(const RequestPtr& request)
     if (setter != mSetters.end()) {
         return setter->second(request, value);
     }
-    // The signal goes out before the reply, as BlueZ flushes what is pending.
+    // The signal precedes the reply, since BlueZ flushes pending signals first.
     mTree.change(path, interface, {{name, value}});
     request->reply();
 }

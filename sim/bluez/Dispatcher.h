@@ -13,11 +13,11 @@
 namespace vexasim
 {
 
-/// Takes a method call to its handler and answers what has none. Used on the scheduler's thread.
+/// Passes each method call to its handler and answers those without one. Used on the scheduler's thread.
 ///
-/// It serves Properties, ObjectManager, Introspectable and Peer itself, because GDBus answers with other
-/// errors than BlueZ's D-Bus layer, knows only properties that were declared, with their types, and answers
-/// before a bend could.
+/// It implements Properties, ObjectManager, Introspectable and Peer itself, because GDBus returns other
+/// errors than BlueZ's D-Bus layer, supports only declared properties with their types, and answers before a
+/// bend can.
 class Dispatcher
 {
 public:

@@ -23,7 +23,7 @@ std::string child(const std::string& parent, const char* kind, std::uint16_t han
     return parent + name.data();
 }
 
-/// bluetoothd keeps Generic Access to itself.
+/// bluetoothd doesn't export Generic Access.
 bool isHidden(const GattService& service)
 {
     return service.uuid == uuid::kGenericAccess;
@@ -88,7 +88,7 @@ void GattObjects::onMethod(const char* interface, const std::string& member, Ope
         const auto found = mAttributes.find(request->call().path);
         const DevicePtr device = found != mAttributes.end() ? found->second.device.lock() : nullptr;
         if (device == nullptr) {
-            return fail(request, errors::kNotAvailable); // a raw object of a test
+            return fail(request, errors::kNotAvailable); // an object added by a test
         }
         (this->*operation)(device, Attribute(found->second), request);
     });
@@ -228,7 +228,7 @@ void GattObjects::read(const DevicePtr& device, const Attribute& attribute, cons
     }
     const auto finish = [this, path = request->call().path, handle = attribute.handle,
                          reply](const DevicePtr& same) { finishRead(same, path, handle, reply); };
-    // At once if it can be: a notification that follows comes behind the answer.
+    // At once if possible, so that a following notification comes after the answer.
     if (reply.delay.count() > 0) {
         mCore.later(device, reply.delay, finish);
     } else {
@@ -242,7 +242,7 @@ void GattObjects::finishRead(const DevicePtr& device, const std::string& path, s
     const std::vector<RequestPtr> waiting = std::exchange(device->reads[handle], {});
     const auto attribute = mAttributes.find(path);
     if (reply.error == att::kOk && attribute != mAttributes.end()) {
-        // BlueZ keeps what was read, and tells of it before it answers.
+        // BlueZ stores the value and announces it before it answers.
         mCore.tree.change(path, attribute->second.interface(), {{"Value", Variant::bytes(reply.value)}});
     }
     for (const RequestPtr& request : waiting) {
@@ -276,11 +276,11 @@ void GattObjects::write(const DevicePtr& device, const Attribute& attribute, con
         device->peripheral->write(attribute.handle, toBytes(value.get()), Peripheral::WriteKind::Command);
         return request->reply();
     }
-    // Noted first: the write itself may end the link.
+    // Stored first, since the write itself may end the link.
     device->writes[attribute.handle] = request;
     const unsigned link = device->link;
     const AttReply reply = device->peripheral->write(attribute.handle, toBytes(value.get()));
-    // A remote that wants a better bond gets none from BlueZ, and the caller no answer.
+    // If the remote requires a more secure bond, BlueZ doesn't make one, and the caller gets no answer.
     if (reply.kind == AttReply::Kind::NoAnswer || reply.error == att::kInsufficientAuthentication ||
         device->link != link) {
         return;
@@ -315,13 +315,13 @@ void GattObjects::startNotify(const DevicePtr& device, const Attribute& attribut
     std::set<std::string>& clients = device->notifyClients[attribute.handle];
     const bool first = clients.empty();
     if (!first || !device->resolved) {
-        // Shared with another session, or made true with the next connection.
+        // Shared with another session, or enabled at the next connection.
         clients.insert(request->call().sender);
         return request->reply();
     }
     const AttReply reply = device->peripheral->subscribe(attribute.handle, true);
     if (reply.kind == AttReply::Kind::NoAnswer) {
-        device->reads[attribute.handle].push_back(request); // answered by the end of the link
+        device->reads[attribute.handle].push_back(request); // answered when the link ends
         return;
     }
     if (reply.error != att::kOk) {
@@ -347,7 +347,7 @@ void GattObjects::stopNotify(const DevicePtr& device, const Attribute& attribute
 
 void GattObjects::endSession(const DevicePtr& device, std::uint16_t handle)
 {
-    // BlueZ doesn't wait for the remote here, and doesn't mind what it says.
+    // BlueZ doesn't wait for the remote's answer here, and ignores it.
     if (device->ownNotifications.count(handle) == 0) {
         device->peripheral->subscribe(handle, false);
     }
@@ -367,7 +367,7 @@ void GattObjects::notified(const DevicePtr& device, std::uint16_t handle, const 
 {
     const auto clients = device->notifyClients.find(handle);
     if (clients == device->notifyClients.end() || clients->second.empty()) {
-        return; // bluetoothd keeps it to itself
+        return; // only bluetoothd itself subscribed
     }
     const std::string path = pathOfValue(device, handle);
     if (!path.empty()) {

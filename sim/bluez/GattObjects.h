@@ -19,10 +19,10 @@ class GattObjects
 public:
     explicit GattObjects(Core& core);
 
-    /// Puts the objects on the bus, if they aren't there from an earlier link, and renews the notifications
-    /// that clients still want.
+    /// Adds the objects to the bus, unless they are there from an earlier link, and re-enables the
+    /// notifications that clients still want.
     void publish(const DevicePtr& device);
-    /// Forgets the objects; the caller takes them off the bus with the device.
+    /// Forgets the objects; the caller removes them from the bus with the device.
     void withdraw(const DevicePtr& device);
     void linkLost(const DevicePtr& device);
     void notified(const DevicePtr& device, std::uint16_t handle, const Bytes& value);

@@ -146,7 +146,7 @@ constexpr const char* kXml = R"(<node>
 
 GDBusNodeInfo* node()
 {
-    // Lives as long as the process, like the text it is made of.
+    // Lives as long as the process, like the text from which it is parsed.
     static GDBusNodeInfo* const info = [] {
         GError* error = nullptr;
         GDBusNodeInfo* parsed = g_dbus_node_info_new_for_xml(kXml, &error);

@@ -4,7 +4,7 @@
 #include <gio/gio.h>
 #include <string>
 
-/// What is known of BlueZ's interfaces: members, signatures, access. Immutable, any thread.
+/// The definitions of BlueZ's interfaces: members, signatures, access. Immutable, any thread.
 namespace vexasim::introspection
 {
 
@@ -15,6 +15,6 @@ const GDBusMethodInfo* findMethod(const std::string& interface, const std::strin
 const GDBusPropertyInfo* findProperty(const std::string& interface, const std::string& property);
 /// "sa{sv}" for a method that takes a string and a dictionary.
 std::string inSignature(const GDBusMethodInfo* method);
-/// "<interface ...>...</interface>", empty of members if it isn't BlueZ's.
+/// "<interface ...>...</interface>", without members if it isn't BlueZ's.
 std::string xml(const std::string& interface);
 } // namespace vexasim::introspection

@@ -35,7 +35,7 @@ void Links::onMethod(const std::string& member, void (Links::*handler)(const Dev
     mCore.dispatcher.onMethod(names::kDevice, member, [this, handler](const RequestPtr& request) {
         const DevicePtr device = mDevices.find(request->call().path);
         if (device == nullptr) {
-            return fail(request, errors::kNotAvailable); // a raw object of a test
+            return fail(request, errors::kNotAvailable); // an object added by a test
         }
         (this->*handler)(device, request);
     });
@@ -52,7 +52,7 @@ void Links::later(const DevicePtr& device, std::chrono::milliseconds delay, Step
     mCore.later(device, delay, [this, step](const DevicePtr& same) { (this->*step)(same); });
 }
 
-// --- making a link ---
+// --- connecting ---
 
 void Links::connect(const DevicePtr& device, const RequestPtr& request)
 {
@@ -72,7 +72,7 @@ void Links::connect(const DevicePtr& device, const RequestPtr& request)
             mDevices.keepForAWhile(device);
             return waiting->fail(errors::kFailed, kAbortedByLocal);
         }
-        // BlueZ answers with the link, not with the services.
+        // BlueZ answers when the link is up, before the services are resolved.
         waiting->reply();
         resolve(device);
     });
@@ -113,7 +113,7 @@ void Links::linked(const DevicePtr& device, bool success)
     }
     mCore.scheduler->cancel(std::exchange(device->linkTimer, 0));
     if (!success) {
-        ++device->link; // whatever was under way is void
+        ++device->link; // drops the steps under way
     }
     device->connected = success;
     if (success) {
@@ -127,7 +127,7 @@ void Links::linked(const DevicePtr& device, bool success)
 
 void Links::pair(const DevicePtr& device, const RequestPtr& request)
 {
-    // BlueZ tries BR/EDR with one that is paired over LE, in vain.
+    // For a device paired over LE, BlueZ tries BR/EDR, which fails.
     if (device->paired) {
         return fail(request, errors::kAuthenticationFailed);
     }
@@ -176,7 +176,7 @@ void Links::exchangeKeys(const DevicePtr& device)
     case Peripheral::Pairing::Silent:
         return later(device, mCore.timings.pairTimeout, &Links::end);
     case Peripheral::Pairing::DropsLink:
-        return; // the end of the link has answered
+        return; // answered when the link ended
     }
 }
 
@@ -185,7 +185,7 @@ void Links::bonded(const DevicePtr& device)
     device->paired = true;
     mDevices.keep(device);
     mCore.tree.change(device->path, names::kDevice, {{"Bonded", toVariant(true)}});
-    // BlueZ knows it from here on, but tells it only with the services.
+    // BlueZ knows it from here on, but announces it only with the services.
     mCore.tree.set(device->path, names::kDevice, "Paired", toVariant(true));
     if (!device->resolved) {
         return resolve(device);
@@ -221,7 +221,7 @@ void Links::resolve(const DevicePtr& device)
 {
     const Peripheral& peripheral = *device->peripheral;
     if (device->paired && peripheral.forgotBond()) {
-        // Encryption fails with the first request, and the remote hangs up.
+        // Encryption fails at the first request, and the remote ends the link.
         mCore.scheduler->post([peripheral = device->peripheral] { peripheral->loseLink(); });
         return;
     }
@@ -236,7 +236,7 @@ void Links::resolved(const DevicePtr& device)
     if (!device->peripheral->mute()) {
         mDevices.learnName(device, device->peripheral->ownName());
         device->resolved = true;
-        // After a pairing BlueZ tells the objects only when it has told of them.
+        // After pairing, BlueZ announces the objects only after ServicesResolved.
         if (!device->pairing) {
             mGatt.publish(device);
         }
@@ -271,7 +271,7 @@ void Links::readBattery(const DevicePtr& device)
     mBattery.begin(device);
 }
 
-// --- the end of a link ---
+// --- disconnecting ---
 
 void Links::disconnect(const DevicePtr& device, const RequestPtr& request)
 {
@@ -320,8 +320,8 @@ void Links::lost(const DevicePtr& device)
         changed["ServicesResolved"] = toVariant(false);
     }
     const RequestPtr removing = std::exchange(device->removing, nullptr);
-    // BlueZ answers those who wait before it tells that the link is gone, and before an answer it tells what
-    // it has to tell.
+    // BlueZ answers waiting calls before it announces the end of the link, and sends pending signals before
+    // each answer.
     if ((removing || !device->disconnecting.empty() || device->pairing) && !changed.empty()) {
         tellTheEnd(device, std::exchange(changed, {}));
     }
@@ -343,7 +343,7 @@ void Links::lost(const DevicePtr& device)
 
 void Links::tellTheEnd(const DevicePtr& device, const PropertyMap& changed)
 {
-    // An object's changes come before an interface of it goes.
+    // An object's changes are announced before one of its interfaces is removed.
     mCore.tree.change(device->path, names::kDevice, changed);
     mBattery.end(device);
 }

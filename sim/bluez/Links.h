@@ -21,15 +21,15 @@ class Links
 public:
     Links(Core& core, Devices& devices, GattObjects& gatt, BatteryProfile& battery);
 
-    /// It advertises: an attempt to connect may go on.
+    /// It advertises: a pending connection attempt may continue.
     void heard(const DevicePtr& device);
-    /// The link is gone on the air; what hung on it fails.
+    /// The link is lost: operations that depend on it fail.
     void lost(const DevicePtr& device);
     /// This side ends the link, if there is one.
     void end(const DevicePtr& device);
     /// RemoveDevice of a connected device: the link ends first.
     void endForRemoval(const DevicePtr& device, const RequestPtr& request);
-    /// The device goes: what is under way fails, and nothing is signalled.
+    /// The device is removed: pending operations fail, without signals.
     void abandon(const DevicePtr& device);
 
 private:
@@ -52,7 +52,7 @@ private:
     void startEnding(const DevicePtr& device);
     void tellTheEnd(const DevicePtr& device, const PropertyMap& changed);
 
-    /// Goes on with a step if the device and its link are still the same then.
+    /// Runs `step` after the delay, if the device and its link are still the same then.
     void later(const DevicePtr& device, std::chrono::milliseconds delay, Step step);
     bool powered(const DevicePtr& device) const;
     void onMethod(const std::string& member, void (Links::*handler)(const DevicePtr&, const RequestPtr&));

@@ -12,8 +12,7 @@ namespace vexasim
 {
 
 /// The objects on the bus: paths, interfaces and properties as plain data, with the signals of the object
-/// manager and of Properties. It allows what BlueZ wouldn't do, since tests want it. Used on the scheduler's
-/// thread.
+/// manager and of Properties. For tests it allows what BlueZ wouldn't do. Used on the scheduler's thread.
 class ObjectTree
 {
 public:
@@ -25,9 +24,9 @@ public:
 
     /// Adds the interfaces to an object, new or not, and announces them.
     void add(const std::string& path, const InterfaceMap& interfaces, bool announce = true);
-    /// With everything below it, children first, object by object.
+    /// Removes it with everything below it, children first, object by object.
     void remove(const std::string& path, bool announce = true);
-    /// The object becomes poorer by one interface, and goes with the last one.
+    /// Removes one interface, and the object with its last one.
     void removeInterface(const std::string& path, const std::string& interface, bool announce = true);
     void clear();
 
@@ -46,11 +45,11 @@ public:
     const PropertyMap* properties(const std::string& path, const std::string& interface) const;
     const InterfaceMap* interfaces(const std::string& path) const;
     Variant get(const std::string& path, const std::string& interface, const std::string& property) const;
-    /// In the order of arrival.
+    /// In the order in which they were added.
     const std::vector<std::string>& paths() const { return mOrder; }
     /// The object and all below it in the order of their removal.
     std::vector<std::string> removalOrder(const std::string& path) const;
-    /// "a{oa{sa{sv}}}", the object at "/" left out as BlueZ does.
+    /// "a{oa{sa{sv}}}", without the object at "/", as in BlueZ.
     Variant managedObjects() const;
 
     void setChildrenFirst(bool childrenFirst) { mChildrenFirst = childrenFirst; }

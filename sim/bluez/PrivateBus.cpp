@@ -25,10 +25,10 @@ namespace
 {
 constexpr const char* kSocketName = "bus";
 constexpr const char* kConfigName = "bus.conf";
-constexpr const char* kLogName = "bus.log"; ///< what dbus-daemon says on standard error
+constexpr const char* kLogName = "bus.log"; ///< dbus-daemon's standard error
 constexpr int kReportDescriptor = 3;        ///< where dbus-daemon writes its address
 
-// ANONYMOUS lets in a client from another user namespace, whose idea of its user id the bus doesn't share.
+// ANONYMOUS admits a client from another user namespace, which claims a user id that the bus doesn't see.
 constexpr const char* kConfigHead =
     R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -64,7 +64,7 @@ std::string makeTemporaryDirectory()
     return pattern;
 }
 
-/// Runs in the child: nothing but calls that are safe after fork.
+/// Runs in the child; makes only calls that are safe after fork.
 [[noreturn]] void becomeBus(pid_t parent, const char* configuration, int report, int log)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -133,7 +133,7 @@ private:
     {
         const int log = open(mLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         const pid_t parent = getpid();
-        // The bus may be up, and be told to stop, before fork has returned here.
+        // The bus may be up, and asked to stop, before fork returns here.
         std::unique_lock starting(mMutex);
         const pid_t child = fork();
         if (child == 0) {
@@ -146,7 +146,7 @@ private:
         if (child < 0) {
             return;
         }
-        // Not reaped before its id is forgotten, so that kill can't hit another process.
+        // Reaped only after its id is cleared, so that kill can't hit another process.
         siginfo_t info{};
         while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
         }
@@ -219,7 +219,7 @@ void PrivateBus::start()
     if (mKeeper != nullptr) {
         return;
     }
-    unlink(socketPath().c_str()); // one left behind would keep dbus-daemon from listening
+    unlink(socketPath().c_str()); // a leftover socket would keep dbus-daemon from listening
     mKeeper = std::make_unique<Keeper>(mDirectory);
 }
 

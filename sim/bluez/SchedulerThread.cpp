@@ -39,7 +39,7 @@ bool SchedulerThread::run(const Task& task)
     try {
         done.get();
     } catch (const std::future_error&) {
-        return false; // the job was dropped
+        return false; // the task was dropped
     }
     return true;
 }

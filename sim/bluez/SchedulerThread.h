@@ -9,18 +9,18 @@
 namespace vexasim
 {
 
-/// The thread of the simulated BlueZ, on which alone its state is touched: runs the scheduler's tasks on a
-/// GMainContext of its own. That is the thread's default, so that GDBus never uses the process's.
+/// The thread of the simulated BlueZ, the only one that uses its state: runs the scheduler's tasks on its own
+/// GMainContext. That is the thread's default, so that GDBus never uses the process's.
 class SchedulerThread : public MainLoopScheduler
 {
 public:
     SchedulerThread();
     ~SchedulerThread() override;
 
-    /// Runs the task on the thread and waits for it; called on that thread, at once. An exception comes
-    /// through. False if the thread has ended.
+    /// Runs the task on the thread and waits for it; on that thread itself, runs it at once. Passes on an
+    /// exception. False if the thread has ended.
     bool run(const Task& task);
-    /// Ends the thread; what is still pending is dropped.
+    /// Ends the thread; pending tasks are dropped.
     void stop();
 
 private:

@@ -20,7 +20,7 @@ namespace
 constexpr std::chrono::milliseconds kPollInterval{2};
 } // namespace
 
-/// Runs on the simulator's thread and returns what came of it.
+/// Runs `function` on the simulator's thread and returns its result.
 template <typename Function>
 auto Simulator::run(Function function) const
 {
@@ -34,7 +34,7 @@ auto Simulator::run(Function function) const
     }
 }
 
-/// Runs on the simulator's thread and returns when what it emitted is on the bus.
+/// Runs `function` on the simulator's thread and returns when its signals are on the bus.
 template <typename Function>
 void Simulator::change(Function function)
 {
@@ -69,7 +69,7 @@ PrivateBus* Simulator::bus()
     return mBus.get();
 }
 
-// --- on the air ---
+// --- the remote and other devices ---
 
 Remote& Simulator::remote()
 {
@@ -101,7 +101,7 @@ std::string Simulator::announce(const std::shared_ptr<Peripheral>& peripheral, c
     return run([&] { return mCore->devices().seen(adapterPath(adapter), peripheral)->path; });
 }
 
-// --- where things are ---
+// --- object paths ---
 
 std::string Simulator::adapterPath(const std::string& adapter) const
 {
@@ -174,7 +174,7 @@ void Simulator::takeName()
     run([&] { mCore->bus.requestName(names::kBlueZ); });
 }
 
-// --- objects ---
+// --- changing objects ---
 
 void Simulator::addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects)
 {
@@ -253,7 +253,7 @@ void Simulator::setChildrenFirst(bool childrenFirst)
     run([&] { mCore->tree.setChildrenFirst(childrenFirst); });
 }
 
-// --- methods ---
+// --- bending methods ---
 
 BendId Simulator::bend(const Bend& bend)
 {
@@ -270,7 +270,7 @@ void Simulator::clearBends()
     mCore->bends.clear();
 }
 
-// --- the record ---
+// --- recorded calls ---
 
 std::vector<Call> Simulator::calls() const
 {

@@ -19,12 +19,12 @@ namespace vexasim
 
 class Core;
 
-/// The simulated BlueZ: owns org.bluez on a bus and behaves as bluetoothd 5.66 does, until it is bent. It has
-/// a thread with a GMainContext of its own, so a client on the default context of the same process isn't
-/// disturbed.
+/// The simulated BlueZ: owns org.bluez on a bus and behaves like bluetoothd 5.66, except where a bend changes
+/// it. It has its own thread and GMainContext, so it doesn't disturb a client on the default context of the
+/// same process.
 ///
-/// Every method may be called on any thread but the simulator's own, and returns when what it asks for is
-/// done and its signals are on the bus (the receiver may still have to read them).
+/// Every method may be called on any thread but the simulator's own, and returns when its work is done and
+/// the signals are on the bus (the receivers may not have read them yet).
 class Simulator
 {
 public:
@@ -35,24 +35,24 @@ public:
     Simulator& operator=(const Simulator&) = delete;
 
     std::string busAddress() const;
-    /// The bus that it started; null if it was given an address.
+    /// The bus that it started; null if the options gave an address.
     PrivateBus* bus();
 
-    // --- the remote and other things on the air ---
+    // --- the remote and other devices ---
     /// The first remote; only with SimulatorOptions::withRemote or after addRemote.
     Remote& remote();
     void addRemote(const std::shared_ptr<Remote>& remote);
     void addPeripheral(const std::shared_ptr<Peripheral>& peripheral);
     /// Takes it off the air and its objects off the bus.
     void removePeripheral(const std::shared_ptr<Peripheral>& peripheral);
-    /// Puts its device on the bus now, whether anyone scans or not. Returns the path.
+    /// Adds its device to the bus now, even if no client scans. Returns the path.
     std::string announce(const std::shared_ptr<Peripheral>& peripheral, const std::string& adapter = "hci0");
 
-    // --- where things are on the bus ---
+    // --- object paths ---
     std::string adapterPath(const std::string& adapter = "hci0") const;
     std::string devicePath(const Peripheral& peripheral, const std::string& adapter = "hci0") const;
-    /// Path of the first service, characteristic or descriptor of that UUID below the device, whether it is
-    /// on the bus now or not; "" if there is none.
+    /// Path of the first service, characteristic or descriptor with that UUID below the device, even if it
+    /// isn't on the bus now; "" if there is none.
     std::string pathOf(const Peripheral& peripheral, const std::string& uuid,
                        const std::string& adapter = "hci0") const;
     std::string remotePath() const;       ///< device of the first remote in normal mode
@@ -60,53 +60,52 @@ public:
 
     // --- adapters ---
     std::string addAdapter(const AdapterOptions& adapter);
-    /// Unplugged: its devices go first, children before parents.
+    /// Unplugs it: its devices are removed first, children before parents.
     void removeAdapter(const std::string& adapter = "hci0");
-    /// As rfkill or the kernel does it: discovery and links end.
+    /// Switches the power as rfkill or the kernel does: without power, discovery and links end.
     void setPowered(bool powered, const std::string& adapter = "hci0");
     bool discovering(const std::string& adapter = "hci0") const;
 
     // --- bluetoothd as a process ---
     using Stop = ServiceStop;
-    /// Leaves the bus; a link ends. Nothing happens if it isn't there.
+    /// Leaves the bus and ends all links. Does nothing if the service isn't running.
     void stopService(Stop how);
-    /// Comes back under another unique name, with adapters and paired devices.
+    /// Returns under another unique name, with adapters and paired devices.
     void startService();
-    /// Gives up the name org.bluez but stays on the bus and goes on serving, to oddness.
+    /// Releases the name org.bluez but, unlike bluetoothd, stays on the bus and goes on serving.
     void releaseName();
     void takeName();
 
-    // --- bending objects ---
+    // --- changing objects ---
     void addObject(const std::string& path, const InterfaceMap& interfaces)
     {
         addObjects({{path, interfaces}});
     }
-    /// Several objects in one go, in this order: for arrivals of a child before its parent.
+    /// Adds several objects at once, in this order, for instance a child before its parent.
     void addObjects(const std::vector<std::pair<std::string, InterfaceMap>>& objects);
-    /// With everything below it, children first. `announce` false: no InterfacesRemoved.
+    /// Removes it with everything below it, children first; without InterfacesRemoved if `announce` is false.
     void removeObject(const std::string& path, bool announce = true);
-    /// This object or interface alone; children stay.
+    /// Removes one interface, and the object with its last one; children stay.
     void removeInterface(const std::string& path, const std::string& interface, bool announce = true);
     enum class Emit { Yes, No };
-    /// Any property of any object to any value, also of a wrong type.
+    /// Sets any property of any object to any value, even of a wrong type.
     void setProperty(const std::string& path, const std::string& interface, const std::string& property,
                      const Variant& value, Emit emit = Emit::Yes);
-    /// The object ceases to have the property, as before a name is known.
+    /// Removes a property from the object, for instance Name, as before it is known.
     void dropProperty(const std::string& path, const std::string& interface, const std::string& property,
                       Emit emit = Emit::No);
     /// Empty if there is none.
     Variant property(const std::string& path, const std::string& interface,
                      const std::string& property) const;
-    /// All object paths on the bus, in the order of their arrival.
+    /// All object paths on the bus, in the order in which they were added.
     std::vector<std::string> objects() const;
-    /// PropertiesChanged as given, whatever the properties are; may be empty.
+    /// Emits PropertiesChanged as given, whatever the properties are; may be empty.
     void emitPropertiesChanged(const std::string& path, const std::string& interface,
                                const PropertyMap& changed, const std::vector<std::string>& invalidated = {});
-    /// Any signal with any parameters (a tuple).
+    /// Emits any signal with any parameters (a tuple).
     void emitSignal(const std::string& path, const std::string& interface, const std::string& member,
                     const Variant& parameters);
-    /// Announces and withdraws GATT objects in the opposite order: descriptor, characteristic, service on
-    /// arrival.
+    /// Adds and removes GATT objects in the opposite order: descriptor, characteristic, service when adding.
     void setChildrenFirst(bool childrenFirst);
 
     // --- bending methods ---
@@ -114,30 +113,30 @@ public:
     void unbend(BendId id);
     void clearBends();
 
-    // --- the record ---
+    // --- recorded calls ---
     std::vector<Call> calls() const;
     std::vector<Call> calls(const std::string& member, const std::string& path = "") const;
     void clearCalls();
-    /// Waits until at least `count` recorded calls match; false if the limit passed first. Calls that came
-    /// before count too.
+    /// Waits until at least `count` recorded calls match; false if the limit passes first. Earlier calls are
+    /// counted too.
     bool awaitCall(const CallPredicate& predicate, unsigned count = 1,
                    std::chrono::milliseconds limit = std::chrono::seconds{10}) const;
-    /// By member; "" for path is any.
+    /// Matches by member and path; "" matches any path.
     bool awaitCall(const std::string& member, const std::string& path = "", unsigned count = 1,
                    std::chrono::milliseconds limit = std::chrono::seconds{10}) const;
     /// Waits until a property on the bus has a value, for steps that take time in the simulator (for instance
-    /// a connection made by the daemon).
+    /// a connection by the daemon).
     bool awaitProperty(const std::string& path, const std::string& interface, const std::string& name,
                        const Variant& value,
                        std::chrono::milliseconds limit = std::chrono::seconds{10}) const;
 
-    /// Returns when everything asked for before, also through Remote and Peripheral, has been handed to the
-    /// bus and routed by it.
+    /// Returns when the bus has routed everything that earlier calls caused, including those of Remote and
+    /// Peripheral.
     void sync() const;
 
     Timings timings() const;
     void setTimings(const Timings& timings);
-    /// From now on Pair needs an agent (or doesn't).
+    /// Sets whether Pair needs an agent from now on.
     void setRequireAgent(bool required);
 
 private:

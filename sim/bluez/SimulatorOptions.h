@@ -11,11 +11,11 @@
 namespace vexasim
 {
 
-/// How long things take. The default suits tests; realistic() is a real stack.
+/// How long things take. The default suits tests; realistic() matches a real stack.
 struct Timings {
     std::chrono::milliseconds discovery{
         20};                               ///< from StartDiscovery, or the first advertisement, to the object
-    std::chrono::milliseconds connect{20}; ///< until a link stands
+    std::chrono::milliseconds connect{20}; ///< until a link is up
     std::chrono::milliseconds resolve{20}; ///< until its services are known
     std::chrono::milliseconds pair{20};    ///< until keys are exchanged
     std::chrono::milliseconds connectTimeout{500}; ///< Connect to an absent device
@@ -45,14 +45,14 @@ struct SimulatorOptions {
     bool autoEnable = true;    ///< adapters come up powered after a start, as with bluetoothd's AutoEnable
     bool requireAgent = false; ///< Pair fails without a registered agent, as with bluetoothd
     bool startService = true;  ///< false: org.bluez isn't there until startService()
-    /// Hears one line of text for each thing that happens; on the simulator's thread.
+    /// Called with one line of text for each event, on the simulator's thread.
     std::function<void(const std::string&)> onEvent;
 };
 
 /// How the simulated bluetoothd ends.
 enum class ServiceStop {
-    Terminate, ///< SIGTERM: every object is removed by signal, then the owner goes
-    Kill,      ///< SIGKILL: the owner goes, nothing is announced
+    Terminate, ///< SIGTERM: a signal removes each object, then the name goes
+    Kill,      ///< SIGKILL: the name goes, without any signal
 };
 
 } // namespace vexasim

@@ -10,8 +10,8 @@
 namespace vexasim
 {
 
-/// Owner of one GVariant reference. Made from a floating GVariant it sinks it, so that a freshly built value
-/// can be handed over as it is: `setProperty(path, iface, "RSSI", g_variant_new_int16(-40))`.
+/// Owner of one GVariant reference. It sinks a floating GVariant, so that a newly built value can be passed
+/// directly: `setProperty(path, iface, "RSSI", g_variant_new_int16(-40))`.
 class Variant
 {
 public:
@@ -44,7 +44,7 @@ using InterfaceMap = std::map<std::string, PropertyMap>; ///< interface name to 
 Variant toVariant(bool value);
 Variant toVariant(std::int16_t value);
 Variant toVariant(const std::string& value);
-Variant toVariant(const char* value);              ///< without it a literal would become a boolean
+Variant toVariant(const char* value);              ///< without it a literal would convert to bool
 Variant toVariant(const PropertyMap& properties);  ///< "a{sv}"
 Variant toVariant(const InterfaceMap& interfaces); ///< "a{sa{sv}}"
 Variant toObjectPath(const std::string& value);
