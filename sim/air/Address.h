@@ -18,7 +18,7 @@ enum class AddressKind : std::uint8_t {
 /// The least significant octet first.
 using AddressOctets = std::array<std::uint8_t, 6>;
 
-/// A Bluetooth device address as it travels: its kind, and six octets. Bluetooth Core 5.3, Vol 6, B 1.3.
+/// A Bluetooth device address as it is sent: its kind, and six octets. Bluetooth Core 5.3, Vol 6, B 1.3.
 struct Address {
     AddressKind kind = AddressKind::Public;
     AddressOctets octets{};

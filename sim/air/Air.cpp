@@ -9,8 +9,8 @@ namespace vexasim::air
 namespace
 {
 
-// Advertising events are spread by up to this much so that two devices of the same interval don't collide for
-// ever.
+// Advertising events are delayed by up to this much, so that two devices with the same interval don't collide
+// for ever.
 constexpr std::uint32_t kMaximumJitterUs = 10'000;
 
 } // namespace
@@ -53,8 +53,8 @@ void Air::remove(RadioDevice& device)
 
 void Air::scheduleNext(Advertiser& advertiser)
 {
-    // The classic linear congruential step: the spread need not be unforeseeable, and a test sees the same
-    // one each time.
+    // A linear congruential generator: the delay needn't be unpredictable, and tests see the same one each
+    // time.
     mJitter = mJitter * 1664525U + 1013904223U;
     const std::chrono::microseconds jitter{(mJitter >> 8) % kMaximumJitterUs};
     advertiser.timer.start(advertiser.device->advertisingInterval() + jitter,

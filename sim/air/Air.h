@@ -19,11 +19,11 @@ class Link;
 /// What a device sends on the advertising channels.
 struct Advertisement {
     Bytes data;         ///< at most 31 bytes
-    Bytes scanResponse; ///< at most 31 bytes, sent to those who ask
+    Bytes scanResponse; ///< at most 31 bytes, sent on request
 };
 
-/// A peripheral's radio: what the air asks of it and tells it. It is owned by whoever put it on the air.
-/// Everything on the air's one thread.
+/// A peripheral's radio: what the air requests from it and reports to it. It is owned by whoever put it on
+/// the air. Everything on the air's one thread.
 class RadioDevice
 {
 public:
@@ -40,17 +40,17 @@ public:
     /// Signal strength at the box in dBm.
     virtual std::int8_t rssi() const = 0;
 
-    /// The longest link packet that it takes, 27 to 251 bytes.
+    /// The longest link packet that it accepts, 27 to 251 bytes.
     virtual std::uint16_t maximumPayload() const = 0;
 
-    /// A central connects. False leaves the request unheard.
+    /// A central connects. False ignores the request.
     virtual bool linkOpened(Link& link) = 0;
 
     /// A data packet arrived.
     virtual void linkReceived(const LinkPacket& packet) = 0;
 
-    /// The central starts encryption and names the key by these two numbers;
-    /// empty if the device knows no such key.
+    /// The central starts encryption with the key that these two numbers identify; empty if the device has no
+    /// such key.
     virtual std::optional<Key128> longTermKey(std::uint64_t random, std::uint16_t diversifier) = 0;
 
     /// Encryption is on from here.
@@ -59,12 +59,12 @@ public:
     /// Interval, latency or timeout of the link have changed.
     virtual void linkParametersChanged() = 0;
 
-    /// The link is gone, and the Link object right behind it.
+    /// The link is closed, and the Link object about to be destroyed.
     virtual void linkClosed() = 0;
 };
 
-/// The space between the box and the devices around it: carries advertisements to whoever listens. Costs
-/// nothing while nobody does. One thread.
+/// The medium between the box and the devices around it: delivers advertisements to the listener. Idle while
+/// nobody listens. One thread.
 class Air
 {
 public:
@@ -74,7 +74,7 @@ public:
     public:
         virtual ~Listener() = default;
         virtual void advertised(RadioDevice& device, const Advertisement& advertisement) = 0;
-        /// The device is about to go for good; nobody may touch it afterwards.
+        /// The device is about to be destroyed; nobody may use it afterwards.
         virtual void removed(RadioDevice& device) = 0;
     };
 

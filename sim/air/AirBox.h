@@ -21,16 +21,16 @@ struct AirBoxOptions {
     std::string address = "00:1A:7D:DA:71:13"; ///< of the box's adapter
     Pace pace = Pace::RealTime;
     RemoteOptions remote;
-    RadioOptions radio; ///< of every remote at its beginning
-    /// Called with one line of text for each thing that happens.
+    RadioOptions radio; ///< the initial ones of every remote
+    /// Called with one line of text for each event.
     std::function<void(const std::string&)> onEvent;
-    /// The kernel gave up the controller without being asked to.
+    /// The kernel dropped the controller unexpectedly.
     std::function<void(const std::string&)> onLost;
 };
 
-/// A box's Bluetooth adapter with remotes around it, for the kernel of the machine it runs on. Lives on the
-/// GLib main context that is the thread's default when it is made; the remotes must be used on that thread
-/// too.
+/// A box's Bluetooth adapter with remotes around it, for the kernel of the machine on which it runs. Lives on
+/// the GLib main context that is the thread's default at construction; the remotes must be used on that
+/// thread too.
 class AirBox
 {
 public:
@@ -41,27 +41,27 @@ public:
         std::shared_ptr<PeripheralRadio> update;
     };
 
-    /// Without the adapter at first. Throws std::invalid_argument for options that make no sense.
+    /// The adapter is unplugged at first. Throws std::invalid_argument for invalid options.
     explicit AirBox(AirBoxOptions options);
     ~AirBox();
     AirBox(const AirBox&) = delete;
     AirBox& operator=(const AirBox&) = delete;
 
-    /// The first is the one of the options.
+    /// The first is the one from the options.
     const std::vector<RemoteOnAir>& remotes() const { return mRemotes; }
     /// Throws std::invalid_argument if its address is malformed or taken.
     const RemoteOnAir& addRemote(const RemoteOptions& options);
-    /// Off the air for good; throws std::invalid_argument if none has that address.
+    /// Removes it from the air; throws std::invalid_argument if none has that address.
     void removeRemote(const std::string& address);
 
-    /// Takes the adapter away, links and all, as one pulls a dongle. The remotes stay where they are.
+    /// Removes the adapter with its links, as when a dongle is pulled. The remotes stay.
     void unplug();
-    /// Puts it in; nothing happens if it is there. The main context must run from then on, since the kernel
-    /// waits only two seconds for an answer. Throws std::runtime_error if the kernel gives no controller.
+    /// Plugs it in, unless it already is. The main context must run from then on, since the kernel waits only
+    /// two seconds for an answer. Throws std::runtime_error if the kernel provides no controller.
     void plug();
     bool plugged() const { return mTransport != nullptr; }
 
-    /// The number in hciN; empty until the kernel has told it.
+    /// The number in hciN; empty until the kernel has assigned it.
     std::optional<unsigned> index() const;
 
 private:

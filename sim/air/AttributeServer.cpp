@@ -11,7 +11,7 @@ namespace vexasim::air
 namespace
 {
 
-// What every device takes at least, and this one at most: an exchange of MTUs is answered and changes
+// The minimum that every device accepts, and the maximum of this one: an MTU exchange is answered but changes
 // nothing.
 constexpr std::uint16_t kMtu = 23;
 
@@ -102,7 +102,8 @@ void AttributeServer::received(const Bytes& packet)
     }
 }
 
-// The box is a server, too, and may indicate unasked. It takes an error for the answer to its own request.
+// The box is a server too, and may send indications unrequested. It would take an error response for the
+// answer to its own request.
 void AttributeServer::confirm(const Bytes& /*indication*/)
 {
     respond(encode(Op::Confirmation));
@@ -189,7 +190,7 @@ void AttributeServer::readByType(std::uint16_t first, std::uint16_t last, const 
         }
         return sendEntries(Op::ReadByTypeResponse, entries, first);
     }
-    // Values one at a time: whoever wants more asks on.
+    // One value per response; for more, the client sends further requests.
     const Attribute& row = *rows.front();
     fetch(row.handle, [this, handle = row.handle](const Bytes& value) {
         sendEntries(Op::ReadByTypeResponse, {encode(handle, cut(value, kMtu - 4))}, handle);
@@ -204,7 +205,7 @@ void AttributeServer::sendEntries(Op response, const std::vector<Bytes>& entries
     respondWith(encode(response, static_cast<std::uint8_t>(entries.front().size())), entries);
 }
 
-// Entries of one response have one size; the rest is for the next request.
+// All entries of a response have the same size; the rest is left for the next request.
 void AttributeServer::respondWith(Bytes packet, const std::vector<Bytes>& entries)
 {
     for (const auto& entry : entries) {
@@ -307,7 +308,7 @@ AttReply AttributeServer::configure(const Attribute& row, const Bytes& value) co
     return mContext.peripheral->subscribe(row.valueHandle, (value.front() & kNotifyBit) != 0);
 }
 
-// A range of handles that runs backwards, or from zero, is the asker's mistake.
+// A range of handles that is reversed or starts at zero is the client's error.
 bool AttributeServer::wellFormed(std::uint16_t first, std::uint16_t last)
 {
     if (first != 0 && first <= last) {

@@ -12,7 +12,7 @@ namespace vexasim::air
 {
 
 /// The attribute server of a peripheral on one link: discovery, reads, writes and notifications, Bluetooth
-/// Core 5.3, Vol 3, F and G. What an attribute holds and how it answers is the peripheral's. One thread.
+/// Core 5.3, Vol 3, F and G. The peripheral provides the values and the answers. One thread.
 class AttributeServer
 {
 public:
@@ -29,13 +29,13 @@ public:
 
     void received(const Bytes& packet);
 
-    /// Sends a notification, cut to what the link's packets hold.
+    /// Sends a notification, cut to what fits into the MTU.
     void notify(std::uint16_t valueHandle, const Bytes& value);
 
 private:
     enum class Op : std::uint8_t;
 
-    // The handlers name what their packets carry behind the code.
+    // The handlers' parameters are the fields of their packets after the code.
     void confirm(const Bytes& indication);
     void exchangeMtu(std::uint16_t mtu);
     void findInformation(std::uint16_t first, std::uint16_t last);

@@ -25,7 +25,7 @@ constexpr size_t kShortUuidAt = 12;
 const Bytes kBaseUuid = {0xfb, 0x34, 0x9b, 0x5f, 0x80, 0x00, 0x00, 0x80,
                          0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
 
-// Properties of a characteristic, Bluetooth Core 5.3, Vol 3, G 3.3.1.1, and the words for them.
+// Properties of a characteristic, Bluetooth Core 5.3, Vol 3, G 3.3.1.1, and their names.
 const std::vector<std::pair<std::string, std::uint8_t>> kProperties = {
     {"read", 0x02}, {"write-without-response", 0x04}, {"write", 0x08}, {"notify", 0x10}, {"indicate", 0x20}};
 

@@ -11,8 +11,8 @@
 namespace vexasim::air
 {
 
-/// A UUID as the attribute protocol sends it: 2 bytes if it is one of the Bluetooth base, else 16, the least
-/// significant first. Throws std::invalid_argument if the text isn't the 36 characters of a UUID.
+/// A UUID as the attribute protocol sends it: 2 bytes if it is based on the Bluetooth base UUID, else 16, the
+/// least significant first. Throws std::invalid_argument if the text isn't the 36 characters of a UUID.
 Bytes uuidBytes(const std::string& text);
 
 /// The 16-byte form of either.
@@ -23,9 +23,9 @@ struct Attribute {
     enum class Kind {
         Service,        ///< the value is the service's UUID
         Characteristic, ///< the declaration: properties, value handle, UUID
-        Value,          ///< to be asked of the peripheral
+        Value,          ///< provided by the peripheral
         Configuration,  ///< of a characteristic's notifications
-        Descriptor,     ///< any other, to be asked of the peripheral
+        Descriptor,     ///< any other, provided by the peripheral
     };
 
     std::uint16_t handle = 0;
@@ -40,7 +40,7 @@ struct Attribute {
     bool declaration() const { return kind == Kind::Service || kind == Kind::Characteristic; }
 };
 
-/// A peripheral's services as the attribute protocol sees them: rows in the order of their handles. Made anew
+/// A peripheral's services as the attribute protocol sees them: rows in the order of their handles. Rebuilt
 /// when the services change. Any thread.
 class AttributeTable
 {

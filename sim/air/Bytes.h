@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-// How packets become bytes and bytes packets. A field is an integer, an enumerator, an array of octets, a
-// byte string, or a structure whose member function `fields` ties its members in the order in which they
-// travel. Everything on the air is little-endian.
+// Encodes and decodes packets. A field is an integer, an enumerator, an array of octets, a byte string, or a
+// structure whose member function `fields` ties its members in the order in which they are sent. Everything
+// on the air is little-endian.
 
 namespace vexasim::air
 {
@@ -44,21 +44,21 @@ public:
         mBytes.insert(mBytes.end(), bytes.begin(), bytes.end());
     }
 
-    /// Gives away what was written.
+    /// Moves out the bytes written.
     Bytes take() { return std::move(mBytes); }
 
 private:
     Bytes mBytes;
 };
 
-/// Takes fields off the front of a byte string; past the end it yields zeroes and remembers the failure. Any
+/// Reads fields from the front of a byte string; past the end it yields zeroes and records the failure. Any
 /// thread; the bytes must outlive it.
 class Decoder
 {
 public:
     explicit Decoder(const Bytes& bytes) : mBytes(bytes) {}
 
-    /// Reads the fields in order. A Bytes field takes all that is left.
+    /// Reads the fields in order. A Bytes field takes all remaining bytes.
     template <class... Field>
     void operator()(Field&... field)
     {
@@ -79,7 +79,7 @@ public:
 
     std::size_t left() const { return mBytes.size() - mAt; }
 
-    /// True while no field has reached past the end.
+    /// True while no read has gone past the end.
     bool ok() const { return mOk; }
 
 private:
@@ -122,7 +122,7 @@ private:
     bool mOk = true;
 };
 
-/// The fields as they travel, one behind the other.
+/// The encoded fields, one after the other.
 template <class... Field>
 Bytes encode(const Field&... fields)
 {
@@ -131,7 +131,7 @@ Bytes encode(const Field&... fields)
     return encoder.take();
 }
 
-/// The fields in the bytes; empty if they are too few or too many for them.
+/// Decodes the fields; empty if the bytes are too few or too many.
 template <class... Field>
 std::optional<std::tuple<Field...>> decodeFields(const Bytes& bytes)
 {
@@ -144,7 +144,7 @@ std::optional<std::tuple<Field...>> decodeFields(const Bytes& bytes)
     return fields;
 }
 
-/// The one field, usually a packet's structure, in the bytes; empty if they are too few or too many for it.
+/// Decodes a single field, usually a packet's structure; empty if the bytes are too few or too many.
 template <class Field>
 std::optional<Field> decode(const Bytes& bytes)
 {
@@ -152,8 +152,8 @@ std::optional<Field> decode(const Bytes& bytes)
     return fields ? std::optional(std::get<0>(*fields)) : std::nullopt;
 }
 
-/// Calls a member function with the fields that its parameters name; false, without a call, if the bytes are
-/// too few or too many for them.
+/// Calls a member function with its parameters decoded from the bytes; false, without a call, if the bytes
+/// are too few or too many.
 template <class Object, class... Parameter>
 bool callDecoded(Object& object, void (Object::*method)(Parameter...), const Bytes& bytes)
 {
@@ -171,7 +171,7 @@ bool callDecoded(Object& object, const Bytes& bytes)
     return callDecoded(object, method, bytes);
 }
 
-/// One byte string behind the other.
+/// Concatenates two byte strings.
 inline Bytes operator+(Bytes left, const Bytes& right)
 {
     left.insert(left.end(), right.begin(), right.end());

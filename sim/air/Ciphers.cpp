@@ -18,12 +18,12 @@ constexpr size_t kTagSize = 4;
 constexpr std::uint8_t kUncompressedPoint = 4;
 constexpr const char* kCurve = "P-256";
 
-// What stands around a private key of P-256 in DER (RFC 5915) without its public one, which libcrypto
+// The DER encoding (RFC 5915) around a private key of P-256; without the public key, which libcrypto
 // computes.
 const Bytes kDerBeforeKey = {0x30, 0x31, 0x02, 0x01, 0x01, 0x04, 0x20};
 const Bytes kDerAfterKey = {0xa0, 0x0a, 0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07};
 
-// libcrypto fails here only when it is broken or out of memory.
+// libcrypto fails here only if it is broken or out of memory.
 void require(bool ok, const char* what)
 {
     if (!ok) {
@@ -36,7 +36,7 @@ int length(size_t size)
     return static_cast<int>(size);
 }
 
-// Seals, or opens with a tag; false if the text doesn't fit the tag. CCM wants the text's length first.
+// Seals, or opens if there is a tag; false if the tag doesn't match. CCM needs the text's length first.
 bool ccm(EVP_CIPHER_CTX* context, const Block& key, const std::array<std::uint8_t, 13>& nonce,
          std::uint8_t associated, const std::uint8_t* in, int size, std::uint8_t* out,
          const std::uint8_t* tag)

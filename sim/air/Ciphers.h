@@ -7,8 +7,8 @@
 
 struct evp_pkey_st; // libcrypto's EVP_PKEY
 
-// The ciphers of the air, by libcrypto. Here, and only here, byte strings stand with the most significant
-// octet first, as FIPS-197, RFC 4493 and FIPS 186-4 write them.
+// The ciphers of the air, by libcrypto. Here, and only here, byte strings have the most significant octet
+// first, as in FIPS-197, RFC 4493 and FIPS 186-4.
 
 namespace vexasim::air
 {
@@ -22,15 +22,15 @@ Block aes128(const Block& key, const Block& block);
 /// AES-CMAC with a key of 128 bits (RFC 4493).
 Block aesCmac(const Block& key, const Bytes& message);
 
-/// AES-CCM with a nonce of 13 bytes and a tag of 4 (RFC 3610): the ciphertext with the tag behind it.
+/// AES-CCM with a nonce of 13 bytes and a tag of 4 (RFC 3610): the ciphertext followed by the tag.
 Bytes aesCcmSeal(const Block& key, const std::array<std::uint8_t, 13>& nonce, std::uint8_t associated,
                  const Bytes& plain);
 
-/// The reverse; empty if the tag doesn't fit.
+/// The reverse; empty if the tag doesn't match.
 std::optional<Bytes> aesCcmOpen(const Block& key, const std::array<std::uint8_t, 13>& nonce,
                                 std::uint8_t associated, const Bytes& sealed);
 
-/// Bytes that nobody can foretell.
+/// Fills in unpredictable bytes.
 void fillRandomly(std::uint8_t* bytes, std::size_t size);
 
 template <std::size_t size>
@@ -56,13 +56,13 @@ public:
     /// A new random pair.
     KeyPair();
 
-    /// The pair of a known private key; throws std::runtime_error if the number is no private key of the
+    /// The pair of a known private key; throws std::runtime_error if the number isn't a private key of the
     /// curve.
     explicit KeyPair(const Scalar& privateKey);
 
     Point publicKey() const { return mPublic; }
 
-    /// The shared secret with the owner of `peer`; empty if `peer` is no point of the curve.
+    /// The shared secret with the owner of `peer`; empty if `peer` isn't a point of the curve.
     std::optional<Scalar> agree(const Point& peer) const;
 
 private:

@@ -11,7 +11,7 @@ namespace
 
 // LMP features: no BR/EDR, LE.
 constexpr std::uint64_t kLocalFeatures = 0x0000006000000000;
-// Every combination of scanning, initiating and being central that legacy controllers list.
+// All combinations of scanning, initiating and the central role that legacy controllers list.
 constexpr std::uint64_t kSupportedStates = 0x000003ffffffffff;
 
 constexpr std::uint16_t kBufferLength = 251;
@@ -272,7 +272,7 @@ Link* Controller::startOn(std::uint16_t handle)
 
 void Controller::send(hci::EventCode code, const Bytes& parameters)
 {
-    // The answers to commands and the flow control can't be masked.
+    // Answers to commands and flow control events can't be masked.
     const bool always = code == hci::EventCode::CommandComplete || code == hci::EventCode::CommandStatus ||
                         code == hci::EventCode::NumberOfCompletedPackets;
     const std::uint64_t bit = std::uint64_t{1} << (static_cast<unsigned>(code) - 1);

@@ -22,8 +22,8 @@ struct ControllerOptions {
 };
 
 /// The box's Bluetooth controller: LE only, Bluetooth 5.0, central role, legacy advertising and connection
-/// commands, eight buffers of 251 bytes. The host talks to it in HCI packets; the devices are those on the
-/// air. Advertising of the box itself is accepted and heard by nobody. One thread.
+/// commands, eight buffers of 251 bytes. The host exchanges HCI packets with it; the devices are those on the
+/// air. Advertising by the box is accepted, but nobody receives it. One thread.
 class Controller : private Air::Listener, private Link::Central
 {
 public:
@@ -33,27 +33,27 @@ public:
     Controller(Scheduler& scheduler, Air& air, const ControllerOptions& options, ToHost toHost);
     ~Controller() override;
 
-    /// A packet from the host, with its type byte in front. What can't be understood is answered with an
-    /// error where HCI has one, else dropped.
+    /// A packet from the host, with its type byte in front. An invalid one is answered with an error if HCI
+    /// defines one, else dropped.
     void receive(const Bytes& packet);
 
 private:
     using Run = std::function<void(Controller&, const Bytes& parameters)>;
     struct Command {
         hci::Opcode opcode;
-        std::uint8_t octet; ///< its place in the map of supported commands
+        std::uint8_t octet; ///< its position in the map of supported commands
         std::uint8_t bit;
         Run run;
     };
     static const std::vector<Command> kCommands;
 
-    /// Runs a command by a member function that names its parameters.
+    /// Runs a command by a member function that takes its parameters.
     template <auto method>
     static void handle(Controller& controller, const Bytes& parameters);
-    /// Answers a command without parameters with what is always the same.
+    /// Answers a command without parameters with constant values.
     template <class... Field>
     static Run answering(const Field&... fields);
-    /// Accepts a command that changes nothing here.
+    /// Accepts a command that has no effect here.
     template <std::size_t size>
     static void accept(Controller& controller, const Bytes& parameters);
 
@@ -103,7 +103,7 @@ private:
     }
     void complete(const Bytes& returned) { event(hci::CommandComplete{1, mCurrent, returned}); }
     void commandStatus(hci::Status status) { event(hci::CommandStatus{status, 1, mCurrent}); }
-    /// The link, if there is one of that handle; the command's status either way.
+    /// The link with that handle, or null; sends the command's status either way.
     Link* startOn(std::uint16_t handle);
     /// Sends an event unless the host masks it.
     template <class Packet>
@@ -129,20 +129,20 @@ private:
 
     static constexpr std::uint64_t kDefaultEventMask = 0x00001fffffffffff;
     static constexpr std::uint64_t kDefaultLeEventMask = 0x1f;
-    /// Bytes in a packet of the link, and how long the shortest takes.
+    /// Bytes in a link packet, and how long the shortest takes.
     static constexpr std::uint16_t kMinimumPayload = 27;
     static constexpr std::uint16_t kMaximumPayload = 251;
     static constexpr std::uint16_t kMinimumPayloadTimeUs = 328;
     static constexpr std::uint16_t kFirstHandle = 0x0040;
     static constexpr std::uint16_t kLastHandle = 0x0eff;
-    /// What this controller says of itself, and of the devices on the air.
+    /// What this controller reports about itself and the devices on the air.
     static constexpr std::uint8_t kBluetooth50 = 0x09;
-    static constexpr std::uint16_t kNoManufacturer = 0xffff; ///< set aside for what isn't on sale
+    static constexpr std::uint16_t kNoManufacturer = 0xffff; ///< reserved for products that aren't for sale
     /// Features of the link layer, Vol 6, B 4.6.
     static constexpr std::uint64_t kLeEncryption = 0x01;
     static constexpr std::uint64_t kLeDataLength = 0x20;
 
-    /// Null if there is no such link.
+    /// Null if no link has that handle.
     Link* find(std::uint16_t handle) const;
     bool connectedTo(const Address& address) const;
     bool acceptListInUse() const;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The controller's second half: links, and what comes from the air.
+// The controller's second half: links, and events from the air.
 #include <algorithm>
 
 #include "sim/air/Controller.h"
@@ -23,7 +23,7 @@ bool valid(const hci::ConnectionParameters& wanted)
     const bool inRange = wanted.minimumInterval >= 6 && wanted.minimumInterval <= wanted.maximumInterval &&
                          wanted.maximumInterval <= 3200 && wanted.latency <= 499 && wanted.timeout >= 10 &&
                          wanted.timeout <= 3200;
-    // In units of 1.25 ms: the timeout outlasts two rounds of silence.
+    // In units of 1.25 ms: the timeout must exceed twice the longest silence that the latency allows.
     return inRange && std::uint32_t{wanted.timeout} * 8 >
                           std::uint32_t{wanted.maximumInterval} * (wanted.latency + 1U) * 2;
 }
@@ -120,7 +120,7 @@ void Controller::startEncryption(std::uint16_t handle, std::uint64_t random, std
     }
 }
 
-// The box is central on all its links, so no key is ever asked of its host.
+// The box is central on all its links, so its host is never asked for a key.
 void Controller::replyWithKey(std::uint16_t /*handle*/, const Key128& /*key*/)
 {
     done(hci::Status::CommandDisallowed);

@@ -8,13 +8,13 @@
 namespace vexasim::air
 {
 
-/// Delayed tasks that are cancelled when their owner goes. One thread.
+/// Delayed tasks that are cancelled on destruction. One thread.
 class DelayedTasks
 {
 public:
     explicit DelayedTasks(Scheduler& scheduler) : mScheduler(scheduler) {}
 
-    /// Runs the task at once without a delay, else later.
+    /// Runs the task after `delay`, at once if it is zero.
     void after(std::chrono::milliseconds delay, Scheduler::Task task)
     {
         mTimers.remove_if([](const Timer& timer) { return !timer.running(); });

@@ -4,13 +4,13 @@
 #include "sim/air/Address.h"
 #include "sim/air/Bytes.h"
 
-// The packets between the host and its controller: Bluetooth Core 5.0, Vol 2, E 7, of which an LE-only
-// controller with legacy advertising needs these.
+// The packets between the host and its controller, Bluetooth Core 5.0, Vol 2, E 7: those that an LE-only
+// controller with legacy advertising needs.
 
 namespace vexasim::air::hci
 {
 
-/// The byte before every packet on the host's transport.
+/// The byte in front of every packet on the host's transport.
 enum class PacketType : std::uint8_t {
     Command = 0x01,
     AclData = 0x02,
@@ -133,12 +133,12 @@ struct AclPacket {
     auto fields() { return std::tie(handleAndFlags, length, data); }
 };
 
-// --- parameters of commands, where they are more than a few ---
+// --- parameters of commands with more than a few ---
 
 struct ConnectionParameters {
     std::uint16_t minimumInterval = 0; ///< units of 1.25 ms
     std::uint16_t maximumInterval = 0;
-    std::uint16_t latency = 0; ///< connection events that the peripheral may sleep through
+    std::uint16_t latency = 0; ///< connection events that the peripheral may skip
     std::uint16_t timeout = 0; ///< units of 10 ms
     std::uint16_t minimumEventLength = 0;
     std::uint16_t maximumEventLength = 0;
@@ -168,7 +168,7 @@ struct CommandComplete {
     static constexpr auto kCode = EventCode::CommandComplete;
     std::uint8_t commandsAllowed = 1;
     Opcode opcode{};
-    Bytes returned; ///< the status, and behind it what the command asked for
+    Bytes returned; ///< the status, then the command's results
     auto fields() { return std::tie(commandsAllowed, opcode, returned); }
 };
 
@@ -243,7 +243,7 @@ struct AdvertisingReport {
     Type type{};
     Address address;
     std::uint8_t length = 0;
-    /// The data, and behind it the signal strength in dBm.
+    /// The data, then the signal strength in dBm.
     Bytes dataAndRssi;
     auto fields() { return std::tie(count, type, address, length, dataAndRssi); }
 };

@@ -70,7 +70,7 @@ std::vector<LinkPacket> fragment(Channel channel, const Bytes& payload, size_t m
 void Signaling::requestParameters(std::uint16_t minimum, std::uint16_t maximum, std::uint16_t latency,
                                   std::uint16_t timeout)
 {
-    // Zero is no identifier.
+    // Zero isn't a valid identifier.
     mIdentifier = mIdentifier == 0xff ? std::uint8_t{1} : static_cast<std::uint8_t>(mIdentifier + 1);
     mSend(Channel::Signaling,
           command(Code::ParameterUpdateRequest, mIdentifier, encode(minimum, maximum, latency, timeout)));

@@ -23,7 +23,7 @@ struct L2capHeader {
     auto fields() { return std::tie(length, channel); }
 };
 
-/// Puts packets together that come over a link in pieces.
+/// Reassembles packets that arrive over a link in fragments.
 class Reassembler
 {
 public:
@@ -32,19 +32,19 @@ public:
         Bytes payload;
     };
 
-    /// Takes the next piece; returns a packet when it is complete. A piece that doesn't fit the announced
-    /// length is dropped with what came before it.
+    /// Adds the next fragment; returns a packet when it is complete. A fragment that doesn't fit the
+    /// announced length is dropped with the earlier ones.
     std::optional<Packet> add(const LinkPacket& piece);
 
 private:
     Bytes mSoFar;
 };
 
-/// The frame of one packet, in pieces that fit the link.
+/// The frame of one packet, in fragments that fit the link.
 std::vector<LinkPacket> fragment(Channel channel, const Bytes& payload, size_t maximumPiece);
 
-/// The peripheral's side of the signaling channel: asks for connection parameters, rejects everything that it
-/// is asked. Vol 3, A 4. One thread.
+/// The peripheral's side of the signaling channel: requests connection parameters, and rejects every request
+/// that it receives. Vol 3, A 4. One thread.
 class Signaling
 {
 public:
@@ -53,14 +53,14 @@ public:
 
     explicit Signaling(Send send) : mSend(std::move(send)) {}
 
-    /// Asks the central for an interval between `minimum` and `maximum` (units of 1.25 ms), a latency and a
-    /// timeout (units of 10 ms).
+    /// Requests from the central an interval between `minimum` and `maximum` (units of 1.25 ms), a latency
+    /// and a timeout (units of 10 ms).
     void requestParameters(std::uint16_t minimum, std::uint16_t maximum, std::uint16_t latency,
                            std::uint16_t timeout);
 
     void received(const Bytes& packet);
 
-    /// Called with what the central said to the last request.
+    /// `answer` is called with the central's answer to the last request.
     void onAnswer(Answer answer) { mAnswer = std::move(answer); }
 
 private:

@@ -15,15 +15,15 @@ constexpr std::chrono::milliseconds kHurriedInterval{1};
 constexpr std::uint16_t kDefaultPayload = 27;
 constexpr size_t kPacketsPerEvent = 4;
 
-// How many connection events the procedures of the link layer take.
+// How many connection events the link layer's procedures take.
 constexpr unsigned kExchangeEvents = 2;
 constexpr unsigned kEncryptionEvents = 3;
 constexpr unsigned kUpdateEvents = 6;
 constexpr unsigned kTerminateEvents = 1;
-// A link of which nothing was heard in so many events never came to be.
+// A link on which nothing was received in this many events was never established.
 constexpr unsigned kEstablishEvents = 6;
 
-// The control packet by which each end shows the other that it has the key.
+// The control packet by which each end proves to the other that it has the key.
 const LinkPacket kStartEncryptionResponse{LinkPacket::Control, {0x06}};
 
 } // namespace
@@ -97,7 +97,7 @@ void Link::exchange(std::function<void()> answered)
 
 void Link::endFromCentral()
 {
-    // With nobody there to acknowledge, the end waits for the supervision timeout.
+    // If nobody acknowledges, the link ends at the supervision timeout.
     mLossReason = hci::Status::LocalHostEnded;
     after(kTerminateEvents, [this] { close(hci::Status::LocalHostEnded); });
 }
@@ -148,8 +148,8 @@ void Link::scheduleEvent()
     if (mEventTimer.running() || mClosing || mDevice == nullptr) {
         return;
     }
-    // The next anchor point strictly behind now: events stay on the grid of the interval however long the
-    // link had nothing to say.
+    // The next anchor point strictly after now: events stay at multiples of the interval, however long the
+    // link was idle.
     const auto passed = (mScheduler.now() - mAnchor) / interval();
     mEventTimer.startAt(mAnchor + interval() * (passed + 1), [this] { connectionEvent(); });
 }
@@ -157,7 +157,7 @@ void Link::scheduleEvent()
 void Link::connectionEvent()
 {
     ++mEvents;
-    // What is answered to these packets travels with the next event.
+    // Answers to these packets are sent at the next event.
     size_t fromCentral = std::min(mFromCentral.size(), kPacketsPerEvent);
     size_t fromDevice = std::min(mFromDevice.size(), kPacketsPerEvent);
     for (; fromCentral > 0 && !mFromCentral.empty(); --fromCentral) {
@@ -178,7 +178,7 @@ void Link::connectionEvent()
 
 void Link::deliverToDevice(Outgoing outgoing)
 {
-    // The device may vanish over what it receives.
+    // A received packet may make the device disappear.
     if (mClosing || mDevice == nullptr) {
         return;
     }
@@ -220,7 +220,7 @@ void Link::after(unsigned events, std::function<void()> finish)
 
 void Link::advanceProcedures()
 {
-    // One at a time, as the link layer does. A link about to end runs none.
+    // One at a time, as in the link layer. A link about to end runs none.
     if (mClosing || mDevice == nullptr || mProcedures.empty()) {
         return;
     }
@@ -265,7 +265,7 @@ void Link::close(hci::Status reason)
     }
     mClosing = true;
     mEventTimer.stop();
-    // Not at once: the callers above are still at work on this object.
+    // Not at once: the callers still use this object.
     mEndTimer.start(Scheduler::Duration{0}, [this, reason] {
         if (mDevice != nullptr) {
             mDevice->linkClosed();

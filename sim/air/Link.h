@@ -25,12 +25,12 @@ struct LinkParameters {
 /// How fast links run.
 enum class Pace {
     RealTime, ///< packets wait for the connection events of the link's interval
-    Hurried,  ///< events come every millisecond, whatever the interval says
+    Hurried,  ///< events occur every millisecond, whatever the interval
 };
 
-/// The link layer of one connection, both of its ends in one object: packets wait for the next connection
-/// event, are sealed and opened when encryption is on, and control procedures take their events. A link with
-/// nothing to carry costs nothing. Bluetooth Core 5.0, Vol 6, B 4.5 and 5. One thread.
+/// The link layer of one connection, both ends in one object: packets wait for the next connection event, are
+/// encrypted and decrypted when encryption is on, and control procedures take as many events as real ones. An
+/// idle link schedules nothing. Bluetooth Core 5.0, Vol 6, B 4.5 and 5. One thread.
 class Link
 {
 public:
@@ -40,13 +40,13 @@ public:
     public:
         virtual ~Central() = default;
         virtual void linkReceived(Link& link, const LinkPacket& packet) = 0;
-        /// One packet given to sendFromCentral has arrived whole.
+        /// One packet given to sendFromCentral has arrived completely.
         virtual void linkDelivered(Link& link) = 0;
-        /// `refreshed`: it was encrypted before, with another key.
+        /// `refreshed`: it was already encrypted, with another key.
         virtual void linkEncrypted(Link& link, hci::Status status, bool refreshed) = 0;
         virtual void linkUpdated(Link& link) = 0;
         virtual void linkLengthChanged(Link& link) = 0;
-        /// The last call; the link must be given up here.
+        /// The last call; the link must be released here.
         virtual void linkClosed(Link& link, hci::Status reason) = 0;
     };
 
@@ -59,29 +59,29 @@ public:
     const Address& centralAddress() const { return mCentralAddress; }
     const Address& deviceAddress() const { return mDeviceAddress; }
     const LinkParameters& parameters() const { return mParameters; }
-    /// The longest payload of a packet, either way.
+    /// The longest payload of a packet in either direction.
     std::uint16_t maximumPayload() const { return mMaximumPayload; }
     bool encrypted() const { return mCentralCipher.has_value(); }
 
     // --- the controller's end ---
-    /// Sends a packet of the host's, in pieces if it is longer than a payload.
+    /// Sends a packet from the host, in fragments if it is longer than a payload.
     void sendFromCentral(LinkPacket packet);
     void startEncryption(std::uint64_t random, std::uint16_t diversifier, const Key128& key);
     void update(const LinkParameters& parameters);
     void setMaximumPayload(std::uint16_t octets);
-    /// Has the device asked something that needs one exchange.
+    /// Runs a request to the device that takes one exchange.
     void exchange(std::function<void()> answered);
     void endFromCentral();
-    /// The controller is reset: the device loses the link, the host isn't told.
+    /// The controller is reset: the device loses the link, the host isn't notified.
     void cut();
 
     // --- the device's end ---
     /// A packet of at most maximumPayload bytes.
     void sendFromDevice(LinkPacket packet);
-    /// Ends the link politely; the device hears linkClosed.
+    /// Ends the link in order; the device gets linkClosed.
     void endFromDevice(hci::Status reason);
-    /// The device is suddenly no more to be heard: out of range, or without power. It hears nothing further;
-    /// the controller notices when the supervision timeout is over.
+    /// The device suddenly falls silent: out of range, or without power. It gets no further calls; the
+    /// controller notices at the supervision timeout.
     void abandon();
 
 private:

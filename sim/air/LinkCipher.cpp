@@ -16,7 +16,7 @@ constexpr std::uint64_t kFromCentral = std::uint64_t{1} << 39;
 LinkCipher::LinkCipher(End end, const Key128& longTermKey, const EncryptionHalves& halves)
     : mEnd(end), mKey(sessionKey(longTermKey, halves.centralDiversifier, halves.peripheralDiversifier))
 {
-    // The cipher below takes its key with the most significant octet first.
+    // The underlying cipher takes its key with the most significant octet first.
     std::reverse(mKey.begin(), mKey.end());
     std::copy(halves.centralVector.begin(), halves.centralVector.end(), mVector.begin());
     std::copy(halves.peripheralVector.begin(), halves.peripheralVector.end(),

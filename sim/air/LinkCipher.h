@@ -6,7 +6,7 @@
 namespace vexasim::air
 {
 
-/// One packet of a link: whether it begins an upper packet (or is a link control packet) and what it carries.
+/// One packet of a link: whether it starts an upper packet (or is a link control packet), and its payload.
 /// Bluetooth Core 5.3, Vol 6, B 2.4.
 struct LinkPacket {
     enum Kind : std::uint8_t {
@@ -27,8 +27,8 @@ struct EncryptionHalves {
     std::array<std::uint8_t, 4> peripheralVector{};
 };
 
-/// The cipher of one end of an encrypted link, Vol 6, E 2: it seals what this end sends, opens what the other
-/// sent, and counts both.
+/// The cipher of one end of an encrypted link, Vol 6, E 2: encrypts sent packets, decrypts received ones, and
+/// counts both.
 class LinkCipher
 {
 public:
@@ -36,11 +36,11 @@ public:
 
     LinkCipher(End end, const Key128& longTermKey, const EncryptionHalves& halves);
 
-    /// The payload as it goes on the air.
+    /// The payload as sent over the air.
     Bytes seal(const LinkPacket& packet);
 
-    /// The payload that was sealed; empty if it was sealed with another key, changed under way, or a packet
-    /// before it was lost.
+    /// The decrypted payload; empty if it was encrypted with another key or altered, or if an earlier packet
+    /// was lost.
     std::optional<Bytes> open(const LinkPacket& packet);
 
 private:

@@ -9,13 +9,13 @@ namespace vexasim::air
 namespace
 {
 
-// "btle" and the salt of f5, as the standard prints them.
+// "btle" and the salt of f5, in the byte order of the standard.
 constexpr std::uint32_t kKeyId = 0x62746c65;
 constexpr Block kSalt = {0x6c, 0x88, 0x83, 0x91, 0xaa, 0xf5, 0xa5, 0x38,
                          0x60, 0x37, 0x0b, 0xdb, 0x5a, 0x60, 0x83, 0xbe};
 constexpr std::uint16_t kKeyBits = 256;
 
-// From the order of the air to that of the ciphers, and back.
+// Converts between the byte orders of the air and of the ciphers.
 template <size_t size>
 std::array<std::uint8_t, size> reversed(std::array<std::uint8_t, size> bytes)
 {
@@ -23,7 +23,7 @@ std::array<std::uint8_t, size> reversed(std::array<std::uint8_t, size> bytes)
     return bytes;
 }
 
-// AES-CMAC of fields, given in the order of the air: the standard's last one first.
+// AES-CMAC of fields in the byte order of the air: the standard's last field comes first.
 template <class... Field>
 Key128 cmac(const Key128& key, const Field&... fields)
 {

@@ -5,8 +5,8 @@
 #include "sim/air/Ciphers.h"
 
 // The cryptographic toolbox of pairing and of the encrypted link, Bluetooth Core 5.3, Vol 3, H 2.2, and Vol
-// 6, B 5.1.3. Every byte string stands as it travels on the air, the least significant octet first, results
-// included. Pure functions; any thread.
+// 6, B 5.1.3. Every byte string, results included, is as sent over the air: the least significant octet
+// first. Pure functions; any thread.
 
 namespace vexasim::air
 {
@@ -44,7 +44,7 @@ SecureKeys f5(const Scalar& w, const Key128& n1, const Key128& n2, const Address
 Key128 f6(const Key128& w, const Key128& n1, const Key128& n2, const Key128& r,
           const std::array<std::uint8_t, 3>& capabilities, const Address& a1, const Address& a2);
 
-/// The key of an encrypted link, from both ends' halves of the diversifier.
+/// The key of an encrypted link, made from both ends' halves of the diversifier.
 Key128 sessionKey(const Key128& longTermKey, const std::array<std::uint8_t, 8>& centralHalf,
                   const std::array<std::uint8_t, 8>& peripheralHalf);
 

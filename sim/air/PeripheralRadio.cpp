@@ -24,7 +24,7 @@ constexpr std::uint8_t kAppearancePart = 0x19;
 constexpr std::uint8_t kDiscoverableWithoutClassic = 0x06;
 constexpr size_t kAdvertisementSize = 31;
 
-// The remote's own command for other connection parameters.
+// The remote's own command that requests other connection parameters.
 constexpr std::uint8_t kConnectionParametersCommand = 0x07;
 
 Bytes part(std::uint8_t kind, const Bytes& content)
@@ -32,7 +32,7 @@ Bytes part(std::uint8_t kind, const Bytes& content)
     return Bytes{static_cast<std::uint8_t>(content.size() + 1), kind} + content;
 }
 
-// A name that is too long for what is left of an advertisement is cut, and marked so.
+// A name that doesn't fit into the rest of an advertisement is cut, and marked as shortened.
 Bytes namePart(const std::string& name, size_t room)
 {
     constexpr size_t kFrame = 2;
@@ -63,7 +63,7 @@ std::string milliseconds(unsigned units, double unit)
 
 } // namespace
 
-// What lives as long as one link.
+// The state of one link.
 struct PeripheralRadio::Session {
     Session(Scheduler& scheduler, Signaling::Send send, SecurityManager::Context forSecurity,
             AttributeServer::Context forAttributes)
@@ -103,7 +103,7 @@ PeripheralRadio::PeripheralRadio(Scheduler& scheduler, Air& air, std::shared_ptr
       mIdentityKey(randomArray<16>()),
       mSessionEnd(scheduler)
 {
-    // A malformed UUID is found here and not by the first central.
+    // Finds a malformed UUID here, not when the first central connects.
     static_cast<void>(AttributeTable(mPeripheral->services()));
     renewAddress();
 }
@@ -135,7 +135,7 @@ void PeripheralRadio::hangUp()
     }
 }
 
-// --- what the controller's radio asks ---
+// --- RadioDevice ---
 
 std::optional<Advertisement> PeripheralRadio::advertisement() const
 {
@@ -293,7 +293,7 @@ void PeripheralRadio::linkClosed()
     mPeripheral->disconnect();
 }
 
-// --- what the model tells ---
+// --- PeripheralListener ---
 
 void PeripheralRadio::onLinkLost(Peripheral&)
 {
@@ -304,7 +304,7 @@ void PeripheralRadio::onLinkLost(Peripheral&)
     mLink->abandon();
     mLink = nullptr;
     renewAddress();
-    // The session may be the one that led here.
+    // Not at once: the session may be among the callers.
     mSessionEnd.start(Scheduler::Duration{0}, [this] { mSession.reset(); });
 }
 
@@ -315,7 +315,7 @@ void PeripheralRadio::onNotification(Peripheral&, std::uint16_t valueHandle, con
     }
 }
 
-// --- inside ---
+// --- helpers ---
 
 void PeripheralRadio::request(const PreferredParameters& parameters)
 {
@@ -335,8 +335,7 @@ void PeripheralRadio::send(Channel channel, const Bytes& packet)
 
 void PeripheralRadio::written(std::uint16_t valueHandle, const Bytes& value)
 {
-    // The update personality's firmware turns this command into a request to the central; the model knows no
-    // links.
+    // The firmware in update mode turns this command into a request to the central; the model has no links.
     const auto command = decodeFields<std::uint8_t, PreferredParameters>(value);
     const bool toControlPoint = mPeripheral->handleOf(uuid::kControlPoint) == valueHandle;
     if (command && std::get<0>(*command) == kConnectionParametersCommand && toControlPoint) {

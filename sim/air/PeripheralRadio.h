@@ -15,7 +15,7 @@
 namespace vexasim::air
 {
 
-/// What a peripheral asks its central to change about the link.
+/// The connection parameters that a peripheral requests from its central.
 struct PreferredParameters {
     std::uint16_t minimumInterval = 0; ///< units of 1.25 ms
     std::uint16_t maximumInterval = 0;
@@ -26,15 +26,15 @@ struct PreferredParameters {
 
 /// How a peripheral behaves on the air. May be changed while it runs.
 struct RadioOptions {
-    bool nameInScanResponse = false; ///< else in the advertisement itself
+    bool nameInScanResponse = false; ///< else in the advertisement
     std::chrono::milliseconds advertisingInterval{100};
     std::uint16_t maximumPayload = 27; ///< bytes of a link packet; up to 251
-    bool secureConnections = true;     ///< else it knows legacy pairing alone
-    bool refusesRepeated = false;      ///< won't pair again with a central that it knows
-    bool failsConfirm = false;         ///< agrees to pair and then finds the proof wrong
-    bool asksForSecurity = false;      ///< has the central pair or encrypt after each connection
-    bool privateAddress = false;       ///< a resolvable private one, new for each link
-    /// Asked for a second after each connection.
+    bool secureConnections = true;     ///< else only legacy pairing
+    bool refusesRepeated = false;      ///< won't pair again with a bonded central
+    bool failsConfirm = false;         ///< agrees to pair, then rejects the confirm or check value
+    bool asksForSecurity = false;      ///< sends a security request after each connection
+    bool privateAddress = false;       ///< a resolvable one, new for each link
+    /// Requested one second after each connection.
     std::optional<PreferredParameters> preferredParameters;
 };
 
@@ -45,10 +45,10 @@ class PeripheralRadio : public RadioDevice,
                         public std::enable_shared_from_this<PeripheralRadio>
 {
 public:
-    /// Called with one line of text for each thing that happens.
+    /// Called with one line of text for each event.
     using OnEvent = std::function<void(const std::string&)>;
 
-    /// On the air from here to the destructor. Throws std::invalid_argument if the peripheral's address or
+    /// On the air from here until the destructor. Throws std::invalid_argument if the peripheral's address or
     /// one of its UUIDs is malformed.
     static std::shared_ptr<PeripheralRadio> create(Scheduler& scheduler, Air& air,
                                                    const std::shared_ptr<Peripheral>& peripheral,
@@ -56,7 +56,7 @@ public:
     ~PeripheralRadio() override;
 
     const RadioOptions& options() const { return mOptions; }
-    /// The next advertisement, link or pairing goes by them.
+    /// They apply from the next advertisement, link or pairing on.
     void setOptions(const RadioOptions& options) { mOptions = options; }
 
     /// Forgets all keys at once; Peripheral::setForgotBond does so at the next use.

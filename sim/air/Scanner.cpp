@@ -24,7 +24,7 @@ bool Scanner::wants(const hci::AdvertisingReport& report)
         return true;
     }
     Bytes data = report.dataAndRssi;
-    // The same data at another signal strength is a duplicate.
+    // The same data with another signal strength is a duplicate.
     data.pop_back();
     const auto now = mScheduler->now();
     const auto [entry, fresh] = mReported.try_emplace({report.address, report.type, data}, now);

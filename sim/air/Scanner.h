@@ -10,7 +10,7 @@
 namespace vexasim::air
 {
 
-/// The controller's scanner: decides which advertisements the host hears of. One thread.
+/// The controller's scanner: decides which advertisements are reported to the host. One thread.
 class Scanner
 {
 public:
@@ -25,12 +25,12 @@ public:
 
     bool enabled() const { return mEnabled; }
     bool active() const { return mActive; }
-    /// Only devices of the accept list are reported.
+    /// Whether only devices of the accept list are reported.
     bool acceptListOnly() const { return mAcceptListOnly; }
 
-    /// Whether a report goes to the host; one that does is a duplicate for the next second. Real controllers
-    /// forget duplicates too, having little memory for them, and BlueZ waits for a fresh report when it
-    /// connects while discovering.
+    /// Whether a report goes to the host. If so, the same one is a duplicate for the next second. Real
+    /// controllers also forget duplicates, having little memory for them, and BlueZ waits for a new report
+    /// when it connects during discovery.
     bool wants(const hci::AdvertisingReport& report);
 
 private:

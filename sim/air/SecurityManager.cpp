@@ -11,7 +11,7 @@ namespace vexasim::air
 namespace
 {
 
-// The security manager's own limit for the whole of a pairing.
+// The security manager's own limit for a whole pairing.
 constexpr std::chrono::seconds kPairingLimit{30};
 
 namespace code
@@ -49,7 +49,7 @@ constexpr std::uint8_t kKeySize = 16;
 constexpr std::uint8_t kEncryptionKey = 0x01;
 constexpr std::uint8_t kIdentityKey = 0x02;
 
-// Nothing is shown and nothing typed: "just works" has zeroes for both.
+// No passkey is displayed or entered, so "just works" uses zeroes for both.
 constexpr Key128 kTemporaryKey{};
 constexpr Key128 kNoPasskey{};
 
@@ -67,7 +67,7 @@ struct PairingParameters {
     }
 };
 
-// The ciphers have the most significant octet first, the air the least.
+// The ciphers use the most significant octet first, the air the least.
 Scalar swapped(Scalar scalar)
 {
     std::reverse(scalar.begin(), scalar.end());
@@ -132,7 +132,7 @@ void SecurityManager::received(const Bytes& packet)
     }
 }
 
-// The request and what the peripheral makes of it.
+// The request and its response.
 
 void SecurityManager::onRequest(const Bytes& packet)
 {
@@ -177,7 +177,7 @@ void SecurityManager::onRequest(const Bytes& packet)
     send(response);
 }
 
-// Legacy pairing: commitments first, then what was committed to.
+// Legacy pairing: the confirm values first, then the random numbers that they commit to.
 
 void SecurityManager::onLegacyConfirm(const Value& confirm)
 {
@@ -198,8 +198,8 @@ void SecurityManager::onLegacyRandom(const Value& random)
     send(code::kRandom, mOwnRandom);
 }
 
-// Secure connections: public keys, the peripheral's commitment, random numbers, and the proof that both have
-// the same key.
+// Secure connections: public keys, the peripheral's confirm value, random numbers, and the check that both
+// have the same key.
 
 void SecurityManager::onPublicKey(const Scalar& x, const Scalar& y)
 {
@@ -240,7 +240,7 @@ void SecurityManager::onSecureCheck(const Value& check)
          f6(mMacKey, mOwnRandom, mCentralRandom, kNoPasskey, capabilities(mResponse), self, central));
 }
 
-// Encryption, and the keys for the next time.
+// Encryption, and the keys for later links.
 
 std::optional<Key128> SecurityManager::longTermKey(std::uint64_t random, std::uint16_t diversifier) const
 {
@@ -276,7 +276,7 @@ void SecurityManager::distributeKeys()
         send(code::kIdentityInformation, mContext.identity->key);
         send(code::kIdentityAddress, mContext.identity->address);
     }
-    // A short-term key is worth nothing to the next link.
+    // A short-term key is of no use to the next link.
     const bool lasting = mSecure || (ours & kEncryptionKey) != 0;
     if (mBonding && lasting) {
         (*mContext.bonds)[mContext.central] = bond;
@@ -289,8 +289,7 @@ void SecurityManager::distributeKeys()
 
 void SecurityManager::onCentralKey(std::uint8_t code)
 {
-    // The central's identity is of no use to a peripheral that advertises to everybody; it only has to wait
-    // for it.
+    // A peripheral that advertises to everybody doesn't need the central's identity; it only has to await it.
     if (code == code::kIdentityAddress) {
         mKeysToCome = static_cast<std::uint8_t>(mKeysToCome & ~kIdentityKey);
     }

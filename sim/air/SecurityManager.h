@@ -12,37 +12,37 @@
 namespace vexasim::air
 {
 
-/// The keys that a peripheral keeps of one central.
+/// The keys that a peripheral keeps for one central.
 struct Bond {
     Key128 key{};
     std::uint64_t random = 0;
     std::uint16_t diversifier = 0;
 };
 
-/// What a peripheral remembers from pairing to pairing, by the central's address.
+/// A peripheral's bonds, by the central's address.
 using BondStore = std::map<Address, Bond>;
 
 /// How the peripheral pairs.
 struct PairingPolicy {
     enum class Behavior {
         Willing,
-        Refuses,         ///< answers the request with a failure
-        RefusesRepeated, ///< does so to centrals to which it is bonded
+        Refuses,         ///< answers the request with Pairing Failed
+        RefusesRepeated, ///< does so only to bonded centrals
         Silent,          ///< never answers the request
-        FailsConfirm,    ///< agrees, and then finds the central's proof wrong
+        FailsConfirm,    ///< agrees, then rejects the confirm or check value
     };
     Behavior behavior = Behavior::Willing;
-    bool secureConnections = true; ///< else legacy pairing alone
+    bool secureConnections = true; ///< else only legacy pairing
 };
 
-/// What a peripheral with a private address gives to those that it pairs with.
+/// What a peripheral with a private address sends to centrals that it pairs with.
 struct Identity {
     Key128 key{};
     Address address;
 };
 
-/// The security manager of a peripheral without keys or display: answers pairing, legacy or with secure
-/// connections, always "just works"; hands out and takes keys; knows the key when the link is to be
+/// The security manager of a peripheral without keyboard or display: answers pairing, legacy or with secure
+/// connections, always "just works"; sends and receives keys; provides the key when the link is to be
 /// encrypted. One per link. Bluetooth Core 5.3, Vol 3, H 2 and 3. One thread.
 class SecurityManager
 {
@@ -53,7 +53,7 @@ public:
         Address self;                          ///< as the link knows it
         BondStore* bonds = nullptr;            ///< outlives this object
         std::optional<Identity> identity;      ///< only with a private address
-        std::function<PairingPolicy()> policy; ///< asked at every pairing request
+        std::function<PairingPolicy()> policy; ///< called at every pairing request
         std::function<void(Channel, const Bytes&)> send;
         std::function<void(bool secure)> paired; ///< after the last key is exchanged
     };
@@ -62,7 +62,7 @@ public:
 
     void received(const Bytes& packet);
 
-    /// The key that the central means by these two numbers; empty if unknown.
+    /// The key that these two numbers identify; empty if unknown.
     std::optional<Key128> longTermKey(std::uint64_t random, std::uint16_t diversifier) const;
 
     /// The link is encrypted from here.
@@ -84,7 +84,7 @@ private:
         CentralKeys,
     };
 
-    // The handlers name what their packets carry behind the code.
+    // The handlers' parameters are the fields of their packets after the code.
     void onRequest(const Bytes& packet);
     void onLegacyConfirm(const Value& confirm);
     void onLegacyRandom(const Value& random);

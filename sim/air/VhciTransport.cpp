@@ -17,9 +17,9 @@ namespace vexasim::air
 namespace
 {
 
-// The largest packet is one of data: its type, its header and a full buffer.
+// The largest packet is a data packet: its type, its header and a full buffer.
 constexpr size_t kLargestPacket = 2048;
-// The vendor packet by which a controller is asked for and announced.
+// The vendor packet that requests a controller and announces it.
 constexpr std::uint8_t kPrimaryController = 0x00;
 
 std::string advice(int error)
@@ -83,7 +83,7 @@ void VhciTransport::send(const Bytes& packet)
     do {
         written = ::write(mFile, packet.data(), packet.size());
     } while (written < 0 && errno == EINTR);
-    // The kernel has taken the controller down; what a real one still sends then is lost too.
+    // The kernel has taken the controller down; what a real one then sends is lost too.
     if (written < 0 && errno == ENXIO) {
         return;
     }

@@ -11,13 +11,13 @@
 namespace vexasim::air
 {
 
-/// The way to the host's kernel: a file on which each read and each write is one HCI packet. Read on the GLib
-/// main context that was the thread's default when it was made; one thread.
+/// The transport to the host's kernel: a file on which each read and each write is one HCI packet. It is read
+/// on the GLib main context that is the thread's default at construction; one thread.
 class VhciTransport
 {
 public:
     using Receive = std::function<void(const Bytes&)>;
-    /// The kernel's end is gone; nothing more comes.
+    /// The kernel's end is closed; nothing more arrives.
     using Closed = std::function<void(const std::string& why)>;
 
     /// Opens the kernel's virtual controller, usually "/dev/vhci". Throws std::runtime_error that says what
@@ -30,17 +30,17 @@ public:
     VhciTransport& operator=(const VhciTransport&) = delete;
     ~VhciTransport();
 
-    /// Asks the kernel to put up the controller.
+    /// Asks the kernel to create the controller.
     void createController();
 
-    /// The number in hciN, once the kernel has told it.
+    /// The number in hciN, once the kernel has assigned it.
     std::optional<unsigned> index() const { return mIndex; }
 
-    /// Hands a packet to the kernel. One that comes as the kernel has taken the controller down is dropped;
-    /// anything else that it refuses ends the transport.
+    /// Passes a packet to the kernel. It is dropped if the kernel has taken the controller down; any other
+    /// error ends the transport.
     void send(const Bytes& packet);
 
-    /// For the GLib source alone.
+    /// Only for the GLib source.
     void readPackets();
 
 private:
