@@ -18,13 +18,13 @@
 namespace vexasim::air
 {
 
-/// Time that passes only when a test says so.
+/// A clock that a test advances.
 class ManualScheduler : public Scheduler
 {
 public:
     Time now() const override { return mNow; }
 
-    /// Goes to the next call, but not beyond `limit`; false if none is due till then.
+    /// Advances to the next task, but not beyond `limit`; false if none is due until then.
     bool step(Time limit)
     {
         const auto next = nextTime();
@@ -44,7 +44,7 @@ private:
     Time mNow{1'000'000};
 };
 
-/// The host of a controller, played by the test: it sends HCI packets and keeps what comes back.
+/// The controller's host, controlled by the test: sends HCI packets and keeps the answers.
 class ScriptedHost
 {
 public:
@@ -68,16 +68,16 @@ public:
     ManualScheduler& scheduler() { return mScheduler; }
     Air& air() { return mAir; }
 
-    /// Sends a packet as it stands, with its type byte in front.
+    /// Sends a packet as given, with its type byte in front.
     void send(const Bytes& packet) { mController.receive(packet); }
 
-    /// Lets time pass.
+    /// Advances the time.
     void pass(Scheduler::Duration duration)
     {
         until([] { return false; }, duration);
     }
 
-    /// Lets time pass until `happened` says so; false when the limit comes first.
+    /// Advances the time until `happened` returns true; false if the limit is reached first.
     template <class Condition>
     bool until(Condition happened, Scheduler::Duration limit = kDefaultLimit)
     {
@@ -91,7 +91,7 @@ public:
     }
 
     // --- commands ---
-    /// What command complete returned behind its status, which must be success.
+    /// What command complete returned after its status, which must be success.
     template <class... Parameter>
     Bytes command(Opcode opcode, const Parameter&... parameters)
     {
@@ -128,7 +128,7 @@ public:
         return mComplete->returned;
     }
 
-    /// As the kernel sets up a controller before it uses it.
+    /// Sets up the controller as the kernel does before it uses one.
     void setUp()
     {
         command(Opcode::Reset);
@@ -150,7 +150,7 @@ public:
         return {0x60, 0x30, 0, peer, 0, {0x18, 0x28, 0, 0x2a, 0, 0}};
     }
 
-    /// The handle of the new link.
+    /// Returns the handle of the new link.
     std::uint16_t connect(const Address& peer)
     {
         EXPECT_EQ(status(Opcode::LeCreateConnection, connectionTo(peer)), Status::Success);
@@ -163,14 +163,14 @@ public:
 
     Status disconnect() { return status(Opcode::Disconnect, mHandle, Status::RemoteUserEnded); }
 
-    /// The reason why the link ended; empty if it hasn't in time.
+    /// The reason why the link ended; empty if it didn't within `limit`.
     std::optional<Status> linkEnd(Scheduler::Duration limit = kDefaultLimit)
     {
         const auto end = await<hci::DisconnectionComplete>(limit);
         return end ? std::optional(end->reason) : std::nullopt;
     }
 
-    // --- events, each given out once ---
+    // --- events, each returned once ---
     template <class Packet>
     std::optional<Packet> take()
     {

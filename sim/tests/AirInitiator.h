@@ -11,8 +11,8 @@
 namespace vexasim::air
 {
 
-/// The box's security manager, played by the test: the initiator of a pairing, packet by packet, so that a
-/// test can go wrong at any of them.
+/// The box's security manager, controlled by the test: the initiator of a pairing, packet by packet, so that
+/// a test can introduce an error at any of them.
 class Initiator
 {
 public:
@@ -21,7 +21,7 @@ public:
 
     explicit Initiator(ScriptedHost& host) : mHost(host) {}
 
-    /// What the peripheral sent, in hexadecimal; "silence" if nothing came.
+    /// Returns what the peripheral sent, in hexadecimal; "silence" if it sent nothing.
     std::string exchange(const Bytes& packet)
     {
         mHost.sendOn(Channel::Security, packet);
@@ -34,7 +34,7 @@ public:
         return answer ? kit::toHex(*answer) : "silence";
     }
 
-    // --- both ways of pairing begin alike ---
+    // --- both pairing methods start alike ---
     /// "Just works", bonding, keys of 16 bytes.
     std::string request(bool secure, std::uint8_t ownKeys = kIdentityKey,
                         std::uint8_t theirKeys = kEncryptionKey | kIdentityKey)
@@ -49,14 +49,14 @@ public:
     }
 
     // --- legacy ---
-    /// Commits; true if the peripheral commits in turn.
+    /// Sends the confirm value; true if the peripheral sends its own.
     bool commit()
     {
         mRandom = randomArray<16>();
         exchange(packet(0x03, c1({}, mRandom, mRequest, mResponse, mHost.self(), mHost.peer())));
         return takeValue(0x03, mTheirConfirm);
     }
-    /// Opens the commitment; true if the peripheral's opens too.
+    /// Exchanges the random numbers; true if the peripheral's matches its confirm value.
     bool open()
     {
         exchange(packet(0x04, mRandom));
@@ -68,7 +68,7 @@ public:
     }
 
     // --- secure connections ---
-    /// Exchanges public keys; true if the peripheral sent a good one and a commitment.
+    /// Exchanges public keys; true if the peripheral sent a valid one and a confirm value.
     bool exchangeKeys()
     {
         const Point own = mPair.publicKey();
@@ -85,7 +85,7 @@ public:
         next();
         return secret && takeValue(0x03, mTheirConfirm);
     }
-    /// Exchanges the random numbers; true if the commitment opens.
+    /// Exchanges the random numbers; true if the peripheral's matches its confirm value.
     bool exchangeRandoms()
     {
         mRandom = randomArray<16>();
@@ -98,7 +98,7 @@ public:
         key = keys.longTermKey;
         return f4(mTheirX, mOwnX, mTheirRandom, 0) == mTheirConfirm;
     }
-    /// Exchanges the proofs; true if the peripheral's is good.
+    /// Exchanges the check values; true if the peripheral's is correct.
     bool prove()
     {
         const auto proof = f6(mMacKey, mRandom, mTheirRandom, {}, {mRequest[1], mRequest[2], mRequest[3]},
@@ -110,13 +110,13 @@ public:
                             mHost.peer(), mHost.self());
     }
 
-    // --- the end, and what comes of it ---
+    // --- encryption and keys ---
     void startEncryption()
     {
         EXPECT_EQ(mHost.status(hci::Opcode::LeStartEncryption, mHost.handle(), random, diversifier, key),
                   hci::Status::Success);
     }
-    /// The status of the attempt to encrypt.
+    /// Returns the status of the attempt to encrypt.
     hci::Status encrypt()
     {
         startEncryption();
@@ -124,7 +124,7 @@ public:
         return change ? change->status : hci::Status{0xff};
     }
 
-    /// Takes the keys that the peripheral agreed to send, and sends ours.
+    /// Receives the keys that the peripheral agreed to send, and sends ours.
     void exchangeBondingKeys()
     {
         if ((mResponse[6] & kEncryptionKey) != 0) {

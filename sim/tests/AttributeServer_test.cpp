@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The peripheral's attribute server, asked in the bytes of the protocol over a whole link.
+// The peripheral's attribute server, queried with raw packets of the protocol over a complete link.
 #include "sim/air/AttributeTable.h"
 #include "sim/tests/AirBench.h"
 #include "sim/tests/AirInitiator.h"
@@ -52,7 +52,7 @@ protected:
 
 } // namespace
 
-// --- what it answers as it stands, without a bond or a subscription ---
+// --- answers without a bond or a subscription ---
 
 namespace
 {
@@ -227,7 +227,7 @@ TEST_F(AnAttributeServer, ForgetsSubscriptionsWithTheLink)
     EXPECT_EQ(host.ask("0a 1300"), "0b0000");
 }
 
-// --- how it behaves ---
+// --- behaviour ---
 
 TEST_F(AnAttributeServer, DemandsEncryptionWhereItIsNeeded)
 {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The simulated BlueZ bent in every way that tests of a client want.
+// The simulated BlueZ with every kind of bend that a client's tests need.
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -78,7 +78,7 @@ TEST_F(ABentBlueZ, DoesAtOnceButAnswersLate)
     EXPECT_EQ(start.get(), "");
 }
 
-// The remote has a delay of its own here, which must not replace the bend's.
+// The remote has its own delay here, which must not replace the bend's.
 TEST_F(ABentBlueZ, AnswersLateThatNotificationsAreOnOrOff)
 {
     ASSERT_EQ(client.call(kAdapter, kStart).error, "");
@@ -231,7 +231,7 @@ TEST_F(ABentBlueZ, HasRoomForOtherDevices)
     EXPECT_TRUE(client.await("/", "InterfacesRemoved", "AA_BB_CC_DD_EE_FF"));
 }
 
-// --- the record ---
+// --- recorded calls ---
 
 TEST_F(ABentBlueZ, RecordsEveryCall)
 {
@@ -257,7 +257,7 @@ TEST_F(ABentBlueZ, AwaitsCallsToAGivenNumberAndLimit)
 
 TEST(ASimulator, LeavesTheDefaultContextAlone)
 {
-    // What the clients of earlier tests left there.
+    // Drains what the clients of earlier tests left there.
     while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
     }
     Simulator sim;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The box's controller, driven by a scripted host, and its transport to the kernel.
+// The box's controller, controlled by a scripted host, and its transport to the kernel.
 #include <algorithm>
 #include <array>
 #include <bitset>
@@ -48,7 +48,7 @@ protected:
         return addPeripheral(kRemote.text(), "VEXA RC", radio);
     }
 
-    /// All advertising reports within `duration`, in short: type, data, strength.
+    /// All advertising reports within `duration`, abbreviated: type, data, signal strength.
     std::vector<std::string> reportsWithin(Scheduler::Duration duration)
     {
         std::vector<std::string> reports;
@@ -428,13 +428,13 @@ TEST_F(AController, GivesBackEachBufferWhenItsPacketHasArrived)
 {
     addRemote();
     const std::uint16_t handle = host.connect(kRemote);
-    // Nothing that the peripheral would answer: only the buffers matter.
+    // The peripheral doesn't answer these: only the buffers matter.
     const Bytes packet = encode(hci::PacketType::AclData, handle, std::uint16_t{100}, Bytes(100));
     for (int i = 0; i < 8; ++i) {
         host.send(packet);
     }
     EXPECT_EQ(host.completedPackets(), 0U);
-    // Four pieces of 27 bytes each, four pieces to the event of 30 ms.
+    // Four fragments of 27 bytes each, four fragments per connection event, one event every 30 ms.
     host.pass(std::chrono::milliseconds(35));
     EXPECT_EQ(host.completedPackets(), 1U);
     EXPECT_TRUE(host.until([&] { return host.completedPackets() == 8; }));
@@ -445,7 +445,7 @@ TEST_F(AController, GivesBackEachBufferWhenItsPacketHasArrived)
 namespace
 {
 
-/// From now on what the calling thread writes into the file fails; see seccomp(2).
+/// Makes all later writes of the calling thread to the file fail; see seccomp(2).
 void refuseWrites(int file, unsigned error)
 {
     std::array<sock_filter, 6> steps{{
@@ -495,7 +495,7 @@ protected:
 
     void sendRefused(unsigned error)
     {
-        // The filter lasts as long as its thread.
+        // In a thread of its own, since the filter lasts as long as the thread.
         std::thread([&] {
             refuseWrites(mController, error);
             mTransport->send(kit::fromHex("0400"));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The ciphers of the air against the sample data of the Bluetooth core documents and of the standards they
-// stand on.
+// The ciphers of the air with the sample data of the Bluetooth core documents and of the standards on which
+// they build.
 #include "sim/air/PairingToolbox.h"
 
 #include <algorithm>
@@ -30,7 +30,7 @@ Array printed(const std::string& hex)
     return array;
 }
 
-/// The same number as it travels: the least significant octet first.
+/// The same number as sent over the air: the least significant octet first.
 template <class Array>
 Array onAir(const std::string& hex)
 {

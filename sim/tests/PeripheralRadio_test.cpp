@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Whole stories of a remote on the air, as a box lives through them.
+// A remote on the air, from a box's point of view, in complete procedures.
 #include <set>
 
 #include "sim/air/L2cap.h"
@@ -129,7 +129,7 @@ TEST_F(ARemoteOnTheAir, KeepsTheIntervalOfItsLink)
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(host.ask("0a 1200"), "0b50");
     }
-    // A request with one event, its answer with the next, 30 ms apart.
+    // A request in one event, its answer in the next, 30 ms apart.
     EXPECT_GE(host.scheduler().now() - begin, std::chrono::milliseconds(570));
     EXPECT_LE(host.scheduler().now() - begin, std::chrono::milliseconds(630));
 }
@@ -202,7 +202,7 @@ TEST(AHurriedAir, AnswersWithinMilliseconds)
     EXPECT_LE(host.scheduler().now() - begin, std::chrono::milliseconds(3));
 }
 
-// --- packets in pieces ---
+// --- fragmented packets ---
 
 TEST(APacketInPieces, IsPutTogether)
 {

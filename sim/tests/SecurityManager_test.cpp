@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The peripheral's security manager against an initiator played by the test, over a whole link: HCI,
+// The peripheral's security manager with an initiator controlled by the test, over a complete link: HCI,
 // connection events, channels.
 #include "sim/tests/AirBench.h"
 #include "sim/tests/AirInitiator.h"
@@ -41,7 +41,7 @@ protected:
         putOnAir(options);
     }
 
-    /// A fresh link, with what is remembered of the last one.
+    /// A new link, which keeps the bonds of the last one.
     void reconnect()
     {
         if (remote->connected()) {
@@ -60,7 +60,7 @@ protected:
 
 } // namespace
 
-// --- the two ways ---
+// --- the two pairing methods ---
 
 TEST_F(APairing, WorksTheLegacyWay)
 {
@@ -144,7 +144,7 @@ TEST_F(APairing, IsForgottenByARemoteThatLosesItsBond)
     remote->setForgotBond(true);
     reconnect();
     EXPECT_EQ(initiator.encrypt(), Status::KeyMissing);
-    // It is willing to pair anew, and remembers that.
+    // It accepts a new pairing and keeps the new bond.
     Initiator again(host);
     again.pairSecurely();
     reconnect();
@@ -170,7 +170,7 @@ TEST_F(APairing, IsUnknownUnderOtherNumbers)
     EXPECT_EQ(initiator.encrypt(), Status::KeyMissing);
 }
 
-// --- how the peripheral behaves ---
+// --- the peripheral's behaviour ---
 
 TEST_F(APairing, IsRefused)
 {
@@ -246,7 +246,7 @@ TEST_F(APairing, IsAskedForByARemoteThatWantsIt)
     EXPECT_EQ(initiator.next(), "0b09");
 }
 
-// --- the initiator's mistakes ---
+// --- the initiator's errors ---
 
 TEST_F(APairing, FailsWhenTheInitiatorsCommitmentDoesNotOpen)
 {

@@ -84,7 +84,7 @@ protected:
         sim.setTimings(timings);
     }
 
-    /// Everything the simulator sent so far has reached the client.
+    /// Returns when everything that the simulator sent so far has reached the client.
     void settle()
     {
         sim.sync();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How the simulated BlueZ behaves to a plain client when nobody bends it: links, removal, attributes.
+// How the simulated BlueZ behaves towards a plain client without bends: links, removal, attributes.
 #include <future>
 
 #include "sim/tests/SimulatorTest.h"
@@ -131,7 +131,7 @@ TEST_F(ABoxWithARemoteInRange, StaysWhilePairedHoweverLongItIsAway)
     pair();
     setTiming(&vexasim::Timings::temporary, std::chrono::milliseconds{50});
     sim.remote().leave();
-    // The other device's time begins later and ends later.
+    // The other device's time starts later, so it also ends later.
     sim.announce(sim.remote().update());
     ASSERT_TRUE(client.await("/", "InterfacesRemoved", sim.updateDevicePath()));
     EXPECT_EQ(device("Paired"), "(<true>,)");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How the simulated BlueZ behaves to a plain client when nobody bends it: calls, discovery, pairing, the
+// How the simulated BlueZ behaves towards a plain client without bends: calls, discovery, pairing, the
 // process.
 #include <future>
 
@@ -13,16 +13,16 @@ using vexasim::Peripheral;
 using vexasim::Simulator;
 using vexasim::SimulatorOptions;
 
-// --- refusals ---
+// --- refused calls ---
 
-/// What was done before the call that is refused.
+/// What happened before the refused call.
 enum class Before { Nothing, Discovery, Pairing, PowerOff, PairingAndPowerOff };
 
 struct Refusal : kit::NamedCase {
     Before before;
     const char* path;
     const char* method;
-    const char* error; ///< its name and its message, or the beginning of that
+    const char* error; ///< its name and its message, or the start of the message
     const char* arguments = "()";
 };
 
@@ -307,7 +307,7 @@ TEST_F(ABoxWithARemoteInRange, SaysNothingWhenKilledAndComesBackPaired)
     pair();
     client.clearSignals();
     sim.stopService(Simulator::Stop::Kill);
-    // Behind whatever the service may have sent.
+    // Returns after anything that the service may have sent.
     client.callOn("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.GetId");
     EXPECT_TRUE(client.signals().empty());
     sim.startService();

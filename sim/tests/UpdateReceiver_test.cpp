@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The receiving side of the update, with packets made by hand.
+// The receiving side of the update, with packets built by the test.
 #include <deque>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -51,7 +51,7 @@ Bytes imageOf(std::size_t words, std::size_t payloadBytes)
     return image;
 }
 
-/// Hears what the remote shows of itself.
+/// Records the remote's events.
 class Air : public vexasim::PeripheralListener
 {
 public:
@@ -76,7 +76,7 @@ const Bytes kGetImageInfo = {0x06, 0x34, 0x12};
 const Bytes kImageInfo = {0x02, 0x34, 0x12, 12, 0, 0, 0};
 const Bytes kConnectionParameters = {0x07, 0x06, 0x00, 0x11, 0x00, 0x00, 0x00, 0xf4, 0x01};
 
-/// Time passes only by the test's hand.
+/// The test runs the remote's delayed actions itself.
 class ARemoteInTheHand : public testing::Test
 {
 protected:
@@ -413,7 +413,7 @@ TEST_F(ARemoteWithAFault, RefusesNotifications)
     EXPECT_FALSE(remote->update()->subscribed(controlPoint()));
 }
 
-// --- how it appears ---
+// --- appearance in update mode ---
 
 TEST_F(ARemoteInTheHand, CanFailToAppear)
 {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The program vexasim as a person or a script uses it: command line, first line of output, the control
-// interface, the ends.
+// The program vexasim as a user or a script runs it: command line, first line of output, control interface,
+// exit.
 #include <csignal>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -21,7 +21,7 @@ constexpr const char* kAdapter = "/org/bluez/hci0";
 constexpr const char* kDevice = "/org/bluez/hci0/dev_C0_FF_EE_00_00_01";
 constexpr const char* kAddressLine = "DBUS_SYSTEM_BUS_ADDRESS=";
 
-/// The program; it says what happens on its output, and why it ends on its log.
+/// The program; it prints events on standard output, and errors to its log.
 class Simulator : public kit::Program
 {
 public:
@@ -32,7 +32,7 @@ public:
 
     std::string line() { return output().next().value_or(""); }
 
-    /// Everything that it prints until its end.
+    /// Everything else that it prints until it ends.
     std::string rest()
     {
         std::string text;
@@ -42,7 +42,7 @@ public:
         return text;
     }
 
-    /// What it says to its standard error, once it has ended.
+    /// Its standard error, once it has ended.
     std::string errors()
     {
         awaitExit();
