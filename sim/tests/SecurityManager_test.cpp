@@ -20,7 +20,7 @@ protected:
     APairing()
     {
         host.setUp();
-        putOnAir({});
+        putOnAir(RadioOptions{});
     }
 
     void putOnAir(const RadioOptions& options)
