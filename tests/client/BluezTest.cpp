@@ -55,17 +55,31 @@ void ABus::start(Bluez::Listener* first)
 
 void ABus::onEventThread(const std::function<void()>& task)
 {
-    // Tells the thread sanitizer, which doesn't see GLib's locks, that the task is handed over.
+    struct Errand {
+        std::function<void()> task;
+        std::promise<void> done;
+    };
+    auto* const errand = new Errand{task, {}};
+    std::future<void> done = errand->done.get_future();
+    // Tells the thread sanitizer, which doesn't see GLib's locks, that the errand is handed over. The
+    // client's own runAfterEvents would read it before.
     static std::atomic<int> handovers{0};
     handovers.fetch_add(1, std::memory_order_release);
-    const auto done = std::make_shared<std::promise<void>>();
-    std::future<void> outcome = done->get_future();
-    client->runAfterEvents([task, done] {
-        handovers.load(std::memory_order_acquire);
-        task();
-        done->set_value();
-    });
-    if (outcome.wait_for(kit::kPatience) != std::future_status::ready) {
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT); // behind the signals that are queued, not behind all
+    g_source_set_callback(
+        source,
+        [](gpointer data) -> gboolean {
+            handovers.load(std::memory_order_acquire);
+            auto& job = *static_cast<Errand*>(data);
+            job.task();
+            job.done.set_value();
+            return G_SOURCE_REMOVE;
+        },
+        errand, [](gpointer data) { delete static_cast<Errand*>(data); });
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
+    if (done.wait_for(kit::kPatience) != std::future_status::ready) {
         throw std::runtime_error("the event thread doesn't run its loop");
     }
 }
